@@ -1,0 +1,21 @@
+// The fitting input file (.qpi): a title, KEYWD settings, J_VALUE, SPIN_ON_SITE, INTERACTION
+// and T_CHI statements, one per line, keywords in any case, "!" anywhere making a comment.
+#pragma once
+
+#include <string>
+
+namespace corvane {
+
+// Reads the input file at inputPath into fitDocument as calculation 1 and, on success, writes
+// the engine input file to engineInputPath and the data exchange file to chiPath (chi data) or
+// chitPath (chiT data).
+//
+// The file is read into a copy of the document that replaces fitDocument only when the whole
+// file has been read, so a failed read leaves the document as it was. Failures are shown as
+// messages: a file that cannot be opened, a count above its limit, a J or site number below 1,
+// an exchange file that cannot be written. Returns false after any of them; no exchange file
+// is written after a failed read.
+bool readInputFile(const std::string& inputPath, const std::string& engineInputPath,
+                   const std::string& chiPath, const std::string& chitPath);
+
+} // namespace corvane

@@ -1,0 +1,26 @@
+// Every fixed limit of a fitting problem and of the files that carry it, in one place.
+// Readers and writers alike use these; nothing else spells the numbers.
+#pragma once
+
+namespace corvane {
+
+inline constexpr int maxSites = 20;          // spin sites of a problem (SPIN_ON_SITE1..20)
+inline constexpr int maxInteractions = 100;  // exchange paths between pairs of sites
+inline constexpr int maxJValues = 10;        // distinct J values the paths use (J1..J10)
+inline constexpr int maxPairs = 1000;        // experimental (T, chi) or (T, chiT) pairs
+inline constexpr int maxCalculations = 10;   // calculations (fitted curves "# 1".."# 10") held
+inline constexpr int maxTitleLength = 119;   // characters of a title that are kept
+
+// Engine parameter numbers: 1 g, 2 C, 3 zJ, 4 Xtip, then J1..J10 as 5..14.
+inline constexpr int fixedParameterCount = 4;
+inline constexpr int firstJParameter = fixedParameterCount + 1;
+inline constexpr int maxParameters = fixedParameterCount + maxJValues;
+
+// Line pieces: the input file and the report are read in pieces of at most this many
+// characters, the ending newline counted; a longer line becomes several pieces, each handled
+// as a line of its own.
+inline constexpr int inputLineLength = 131;
+// The same for the engine's output file.
+inline constexpr int engineLineLength = 254;
+
+} // namespace corvane

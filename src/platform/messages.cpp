@@ -1,0 +1,32 @@
+#include "platform/messages.h"
+
+#include <cstdio>
+
+namespace corvane {
+
+namespace {
+
+class HeadlessMessagePort final : public MessagePort {
+public:
+    int messageBox(const std::string& text, const std::string& caption, unsigned style) override {
+        std::fprintf(stderr, "%s: %s\n", caption.c_str(), text.c_str());
+        std::fflush(stderr);
+        return (style & 0x0F) == mbYesNo ? idYes : idOk;
+    }
+    void beep(unsigned) override {}
+};
+
+HeadlessMessagePort headlessPort;
+MessagePort* currentPort = &headlessPort;
+
+} // namespace
+
+void setMessagePort(MessagePort* port) { currentPort = port != nullptr ? port : &headlessPort; }
+
+int messageBox(const std::string& text, const std::string& caption, unsigned style) {
+    return currentPort->messageBox(text, caption, style);
+}
+
+void messageBeep(unsigned type) { currentPort->beep(type); }
+
+} // namespace corvane

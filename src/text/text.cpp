@@ -1,0 +1,137 @@
+#include "text/text.h"
+
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <locale.h>
+
+namespace corvane {
+
+namespace {
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// The check of isInteger (allowPoint false) and isReal (allowPoint true).
+bool allDigitsWithSign(const char* s, bool allowPoint) {
+    if (s == nullptr || *s == '\0') return false;
+    bool pointSeen = false;
+    for (const char* p = s; *p != '\0'; ++p) {
+        if (isDigit(*p)) continue;
+        if (p == s && (*p == '+' || *p == '-')) continue;
+        if (allowPoint && *p == '.' && !pointSeen) {
+            pointSeen = true;
+            continue;
+        }
+        return false;
+    }
+    return true;
+}
+
+// The process-wide "C" locale object used by formatC; created once, never freed.
+locale_t cLocale() {
+    static const locale_t locale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
+    return locale;
+}
+
+} // namespace
+
+void trimLeft(char* s) {
+    if (s == nullptr) return;
+    std::size_t skip = 0;
+    while (s[skip] == ' ') ++skip;
+    if (skip > 0) std::memmove(s, s + skip, std::strlen(s + skip) + 1);
+}
+
+void trimLeft(std::string& s) { s.erase(0, s.find_first_not_of(' ')); }
+
+void trimRight(char* s) {
+    if (s == nullptr) return;
+    std::size_t n = std::strlen(s);
+    while (n > 0 && s[n - 1] == ' ') --n;
+    s[n] = '\0';
+}
+
+void trimRight(std::string& s) {
+    const std::size_t last = s.find_last_not_of(' ');
+    s.erase(last == std::string::npos ? 0 : last + 1);
+}
+
+bool isInteger(const char* s) { return allDigitsWithSign(s, false); }
+
+bool isReal(const char* s) { return allDigitsWithSign(s, true); }
+
+std::string upperCopy(std::string_view text) {
+    std::string copy(text);
+    for (char& c : copy) {
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    }
+    return copy;
+}
+
+double readLeadingReal(std::string_view text) {
+    std::size_t i = text.find_first_not_of(" \t\n\v\f\r");
+    if (i == std::string_view::npos) return 0.0;
+    const std::size_t start = i;
+    if (text[i] == '+' || text[i] == '-') ++i;
+    const std::size_t intStart = i;
+    while (i < text.size() && isDigit(text[i])) ++i;
+    std::size_t digits = i - intStart;
+    if (i < text.size() && text[i] == '.') {
+        const std::size_t fracStart = ++i;
+        while (i < text.size() && isDigit(text[i])) ++i;
+        digits += i - fracStart;
+    }
+    if (digits == 0) return 0.0;
+    if (i < text.size() && (text[i] == 'e' || text[i] == 'E')) {
+        std::size_t e = i + 1;
+        if (e < text.size() && (text[e] == '+' || text[e] == '-')) ++e;
+        const std::size_t expStart = e;
+        while (e < text.size() && isDigit(text[e])) ++e;
+        if (e > expStart) i = e;
+    }
+    // The prefix is known to be a plain decimal number; strtod_l converts it, overflow giving an
+    // infinity and underflow zero, in the "C" locale whatever the process locale is.
+    const std::string number(text.substr(start, i - start));
+    return strtod_l(number.c_str(), nullptr, cLocale());
+}
+
+int readLeadingInteger(std::string_view text) {
+    std::size_t i = text.find_first_not_of(" \t\n\v\f\r");
+    if (i == std::string_view::npos) return 0;
+    bool negative = false;
+    if (text[i] == '+' || text[i] == '-') negative = text[i++] == '-';
+    long long value = 0;
+    for (; i < text.size() && isDigit(text[i]); ++i) {
+        value = value * 10 + (text[i] - '0');
+        if (value > static_cast<long long>(INT_MAX) + 1) value = static_cast<long long>(INT_MAX) + 1;
+    }
+    if (negative) value = -value;
+    if (value > INT_MAX) return INT_MAX;
+    if (value < INT_MIN) return INT_MIN;
+    return static_cast<int>(value);
+}
+
+std::string formatC(const char* format, ...) {
+    const locale_t previous = uselocale(cLocale());
+    va_list args;
+    va_start(args, format);
+    va_list again;
+    va_copy(again, args);
+    char small[128];
+    const int needed = std::vsnprintf(small, sizeof small, format, args);
+    va_end(args);
+    std::string result;
+    if (needed >= 0 && static_cast<std::size_t>(needed) < sizeof small) {
+        result.assign(small, static_cast<std::size_t>(needed));
+    } else if (needed >= 0) {
+        result.resize(static_cast<std::size_t>(needed));
+        std::vsnprintf(result.data(), result.size() + 1, format, again);
+    }
+    va_end(again);
+    uselocale(previous);
+    return result;
+}
+
+} // namespace corvane

@@ -1,0 +1,43 @@
+// Text helpers shared by the readers, the writers, the dialogs and the axis numbers.
+//
+// The checks and trims work on NUL-terminated strings (the dialogs keep their field texts in
+// fixed buffers); the std::string overloads do the same on a string. None of them depends on
+// the process locale.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace corvane {
+
+// Removes leading blanks (the space character only; tabs stay), in place.
+void trimLeft(char* s);
+void trimLeft(std::string& s);
+
+// Removes trailing blanks (space only), in place.
+void trimRight(char* s);
+void trimRight(std::string& s);
+
+// True when s is not empty and every character is a decimal digit, except that "+" or "-" may
+// stand first. A sign alone passes.
+bool isInteger(const char* s);
+
+// As isInteger, and in addition at most one "." may stand anywhere. A sign alone, a point alone
+// and "-." pass; an exponent does not.
+bool isReal(const char* s);
+
+// A copy of text in which a..z become A..Z and every other character stays as it is.
+std::string upperCopy(std::string_view text);
+
+// The decimal number at the start of text: leading blanks are skipped, reading stops at the
+// first character that cannot continue the number, and text without a number gives 0.
+// A real is [sign] digits [. digits] [e|E [sign] digits]; hexadecimal, "inf" and "nan" are
+// not numbers. An integer beyond the int range saturates at INT_MIN or INT_MAX.
+double readLeadingReal(std::string_view text);
+int readLeadingInteger(std::string_view text);
+
+// printf-style formatting that always uses the "C" locale, whatever the process locale is:
+// formatC("%f", 2.0) is "2.000000" on a German desktop too.
+std::string formatC(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+} // namespace corvane
