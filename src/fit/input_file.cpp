@@ -174,8 +174,9 @@ private:
 
     bool readJValues() {
         doc_.jCount = 0;
-        return forEachStatement("J_VALUE", [&](const Piece& piece, std::size_t at) {
-            const int n = numberAfterKeyword(piece.upper, at + 7);
+        constexpr std::string_view keyword = "J_VALUE";
+        return forEachStatement(keyword, [&](const Piece& piece, std::size_t at) {
+            const int n = numberAfterKeyword(piece.upper, at + keyword.size());
             doc_.jCount = n;
             if (n > maxJValues) return fail("Maximum J values are 10 !");
             if (n < 1) return failNumberedFromOne(piece, "J values", n);
@@ -188,8 +189,9 @@ private:
 
     bool readSites() {
         doc_.siteCount = 0;
-        return forEachStatement("SPIN_ON_SITE", [&](const Piece& piece, std::size_t at) {
-            const int n = numberAfterKeyword(piece.upper, at + 12);
+        constexpr std::string_view keyword = "SPIN_ON_SITE";
+        return forEachStatement(keyword, [&](const Piece& piece, std::size_t at) {
+            const int n = numberAfterKeyword(piece.upper, at + keyword.size());
             doc_.siteCount = n;
             if (n > maxSites) return fail("Maximum spin sites are 20 !");
             if (n < 1) return failNumberedFromOne(piece, "spin sites", n);
