@@ -1,4 +1,4 @@
-// A fresh directory under the system's temporary directory, removed with everything in it.
+// Test helpers: a message port that records instead of showing, and a scratch directory.
 #pragma once
 
 #include <algorithm>
@@ -9,8 +9,30 @@
 #include <string>
 #include <vector>
 
+#include "platform/messages.h"
+
 namespace corvane::testing {
 
+struct ShownMessage {
+    std::string text, caption;
+    unsigned style;
+};
+
+// Installed for its lifetime: keeps every message box and beep.
+class RecordingPort final : public MessagePort {
+public:
+    RecordingPort() { setMessagePort(this); }
+    ~RecordingPort() override { setMessagePort(nullptr); }
+    int messageBox(const std::string& text, const std::string& caption, unsigned style) override {
+        messages.push_back({text, caption, style});
+        return idOk;
+    }
+    void beep(unsigned type) override { beeps.push_back(type); }
+    std::vector<ShownMessage> messages;
+    std::vector<unsigned> beeps;
+};
+
+// A fresh directory under the system's temporary directory, removed with all it holds.
 class ScratchDir {
 public:
     ScratchDir() {
@@ -22,26 +44,17 @@ public:
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
     }
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
-
-    const std::string& path() const { return path_; }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
     bool has(const std::string& name) const { return std::filesystem::exists(file(name)); }
-
-    // Writes text to the named file and returns its path.
     std::string write(const std::string& name, const std::string& text) const {
         std::ofstream(file(name), std::ios::binary) << text;
         return file(name);
     }
-
-    // The whole content of the named file ("" when it does not exist).
-    std::string read(const std::string& name) const {
+    std::string read(const std::string& name) const { // "" when there is no such file
         std::ifstream in(file(name), std::ios::binary);
         return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     }
-
-    // Names of the entries of the directory, sorted, joined with blanks.
+    // The names in the directory, sorted and joined by blanks: shows stray temporaries too.
     std::string listing() const {
         std::vector<std::string> names;
         for (const auto& entry : std::filesystem::directory_iterator(path_))
@@ -51,6 +64,7 @@ public:
         for (const auto& name : names) joined += (joined.empty() ? "" : " ") + name;
         return joined;
     }
+    const std::string& path() const { return path_; }
 
 private:
     std::string path_;
