@@ -44,18 +44,11 @@ void trimLeft(char* s) {
     if (skip > 0) std::memmove(s, s + skip, std::strlen(s + skip) + 1);
 }
 
-void trimLeft(std::string& s) { s.erase(0, s.find_first_not_of(' ')); }
-
 void trimRight(char* s) {
     if (s == nullptr) return;
     std::size_t n = std::strlen(s);
     while (n > 0 && s[n - 1] == ' ') --n;
     s[n] = '\0';
-}
-
-void trimRight(std::string& s) {
-    const std::size_t last = s.find_last_not_of(' ');
-    s.erase(last == std::string::npos ? 0 : last + 1);
 }
 
 bool isInteger(const char* s) { return allDigitsWithSign(s, false); }

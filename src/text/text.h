@@ -1,8 +1,7 @@
 // Text helpers shared by the readers, the writers, the dialogs and the axis numbers.
 //
-// The checks and trims work on NUL-terminated strings (the dialogs keep their field texts in
-// fixed buffers); the std::string overloads do the same on a string. None of them depends on
-// the process locale.
+// The checks and trims work on NUL-terminated strings, as the dialogs keep their field texts
+// in fixed buffers. Nothing here depends on the process locale.
 #pragma once
 
 #include <string>
@@ -12,11 +11,9 @@ namespace corvane {
 
 // Removes leading blanks (the space character only; tabs stay), in place.
 void trimLeft(char* s);
-void trimLeft(std::string& s);
 
 // Removes trailing blanks (space only), in place.
 void trimRight(char* s);
-void trimRight(std::string& s);
 
 // True when s is not empty and every character is a decimal digit, except that "+" or "-" may
 // stand first. A sign alone passes.

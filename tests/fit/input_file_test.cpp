@@ -153,13 +153,5 @@ TEST_F(InputFileTest, LimitsStopTheReadWithTheirMessageAndChangeNothing) {
     EXPECT_EQ(first().lastPair, 1000);
 }
 
-TEST_F(InputFileTest, AFileThatCannotBeOpenedIsNamedWithTheReason) {
-    EXPECT_FALSE(prepareRun(dir.file("missing.qpi")));
-    ASSERT_EQ(port.messages.size(), 1u);
-    EXPECT_EQ(port.messages[0].text,
-              "Cannot open " + dir.file("missing.qpi") + ": No such file or directory");
-    EXPECT_EQ(fitDocument.calculationCount, 0);
-}
-
 } // namespace
 } // namespace corvane
