@@ -47,8 +47,8 @@ std::string directoryOf(const std::string& path) {
 
 std::string engineInputText(const FitDocument& doc, int c) {
     const Calculation& calc = doc.calculations[slot(c)];
-    std::string text = formatC("0, %d, %d\n", static_cast<int>(doc.energyUnit),
-                               static_cast<int>(doc.dataKind));
+    std::string text =
+        formatC("0, %d, %d\n", static_cast<int>(doc.energyUnit), static_cast<int>(doc.dataKind));
     text += formatC("%d\n", doc.siteCount);
     for (int n = 1; n <= doc.siteCount; ++n) text += formatC("%d\n", doc.sites[slot(n)].spin);
     text += formatC("%d, %f\n", doc.jCount + fixedParameterCount, calc.tolerance);

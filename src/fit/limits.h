@@ -4,12 +4,12 @@
 
 namespace corvane {
 
-inline constexpr int maxSites = 20;          // spin sites of a problem (SPIN_ON_SITE1..20)
-inline constexpr int maxInteractions = 100;  // exchange paths between pairs of sites
-inline constexpr int maxJValues = 10;        // distinct J values the paths use (J1..J10)
-inline constexpr int maxPairs = 1000;        // experimental (T, chi) or (T, chiT) pairs
-inline constexpr int maxCalculations = 10;   // calculations (fitted curves "# 1".."# 10") held
-inline constexpr int maxTitleLength = 119;   // characters of a title that are kept
+inline constexpr int maxSites = 20;         // spin sites of a problem (SPIN_ON_SITE1..20)
+inline constexpr int maxInteractions = 100; // exchange paths between pairs of sites
+inline constexpr int maxJValues = 10;       // distinct J values the paths use (J1..J10)
+inline constexpr int maxPairs = 1000;       // experimental (T, chi) or (T, chiT) pairs
+inline constexpr int maxCalculations = 10;  // calculations (fitted curves "# 1".."# 10") held
+inline constexpr int maxTitleLength = 119;  // characters of a title that are kept
 
 // Engine parameter numbers: 1 g, 2 C, 3 zJ, 4 Xtip, then J1..J10 as 5..14.
 inline constexpr int fixedParameterCount = 4;

@@ -15,7 +15,7 @@ enum MessageStyle : unsigned {
     mbOk = 0x00,
     mbOkCancel = 0x01,
     mbYesNo = 0x04,
-    mbIconHand = 0x10,        // stop sign: errors
+    mbIconHand = 0x10, // stop sign: errors
     mbIconQuestion = 0x20,
     mbIconExclamation = 0x30, // warnings
     mbIconAsterisk = 0x40,    // information
@@ -28,8 +28,7 @@ class MessagePort {
 public:
     virtual ~MessagePort() = default;
     // Shows text with caption and waits for a button; returns the MessageResult of the button.
-    virtual int messageBox(const std::string& text, const std::string& caption,
-                           unsigned style) = 0;
+    virtual int messageBox(const std::string& text, const std::string& caption, unsigned style) = 0;
     // The system sound of the given type (0 is the default sound).
     virtual void beep(unsigned type) = 0;
 };

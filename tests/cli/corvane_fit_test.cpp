@@ -20,7 +20,8 @@ Outcome run(const testing::ScratchDir& dir, std::initializer_list<std::string> a
     for (const std::string& argument : arguments) command += " '" + argument + "'";
     command += " >'" + dir.file(".out") + "' 2>'" + dir.file(".err") + "'";
     const int status = std::system(command.c_str());
-    Outcome outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1, dir.read(".out"), dir.read(".err")};
+    Outcome outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1, dir.read(".out"),
+                    dir.read(".err")};
     std::filesystem::remove(dir.file(".out"));
     std::filesystem::remove(dir.file(".err"));
     return outcome;
@@ -34,8 +35,9 @@ TEST(CorvaneFit, PrepareWritesTheExchangeFilesAndSaysWhere) {
     const Outcome outcome = run(dir, {"prepare", input});
     EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
     EXPECT_EQ(outcome.err, "");
-    EXPECT_NE(outcome.out.find("2 sites, 1 interaction, 1 J value, 50 chiT pairs, energies in cm-1"),
-              std::string::npos)
+    EXPECT_NE(
+        outcome.out.find("2 sites, 1 interaction, 1 J value, 50 chiT pairs, energies in cm-1"),
+        std::string::npos)
         << outcome.out;
     EXPECT_NE(outcome.out.find("Wrote " + dir.file("my data/chit.txt") + "\n"), std::string::npos);
     EXPECT_TRUE(dir.has("my data/input.txt") && dir.has("my data/chit.txt"));

@@ -64,16 +64,18 @@ TEST_F(InputFileTest, CommentsAreWholeLinesButRunsTestOnlyTheirKeyword) {
 
 TEST_F(InputFileTest, SettingsFollowTheirOwnMatchingRules) {
     const std::pair<const char*, DataKind> kinds[] = {
-        {"DATA_FILE=XTT", DataKind::ChiT}, {"DATA_FILE=XT", DataKind::Chi},
+        {"DATA_FILE=XTT", DataKind::ChiT},
+        {"DATA_FILE=XT", DataKind::Chi},
         {"ENERGY_UNIT=K", DataKind::Chi}, // no DATA_FILE: left as it was
         {"DATA_FILE=CHI NOTE=XTT", DataKind::ChiT}};
     for (const auto& [setting, kind] : kinds) {
         ASSERT_TRUE(read(std::string("KEYWD ") + setting + "\n"));
         EXPECT_EQ(fitDocument.dataKind, kind) << setting;
     }
-    const std::pair<const char*, EnergyUnit> units[] = {{"ENERGY_UNIT=MEV", EnergyUnit::MeV},
-                                                        {"ENERGY_UNIT=JOULE", EnergyUnit::Cm1},
-                                                        {"ENERGY_UNIT=CM-1 A=K", EnergyUnit::Kelvin}};
+    const std::pair<const char*, EnergyUnit> units[] = {
+        {"ENERGY_UNIT=MEV", EnergyUnit::MeV},
+        {"ENERGY_UNIT=JOULE", EnergyUnit::Cm1},
+        {"ENERGY_UNIT=CM-1 A=K", EnergyUnit::Kelvin}};
     for (const auto& [setting, unit] : units) {
         ASSERT_TRUE(read(std::string("KEYWD ") + setting + "\n"));
         EXPECT_EQ(fitDocument.energyUnit, unit) << setting;
@@ -149,7 +151,8 @@ TEST_F(InputFileTest, LimitsStopTheReadWithTheirMessageAndChangeNothing) {
         EXPECT_EQ(fitDocument.jCount + fitDocument.siteCount + fitDocument.pairCount, 4);
         EXPECT_EQ(dir.listing(), "problem.qpi") << message;
     }
-    EXPECT_TRUE(read(repeated("T_CHI 1 1\n", 1000) + repeated("INTERACTION a 1 b 2 c d J1\n", 100)));
+    EXPECT_TRUE(
+        read(repeated("T_CHI 1 1\n", 1000) + repeated("INTERACTION a 1 b 2 c d J1\n", 100)));
     EXPECT_EQ(first().lastPair, 1000);
 }
 

@@ -21,9 +21,12 @@ TEST(Text, TrimsRemoveOnlySpaces) {
 
 TEST(Text, NumberChecksAllowOneLeadingSignAndForRealsOnePoint) {
     for (const char* yes : {"0", "-7", "+7", "+", "-", "007"}) EXPECT_TRUE(isInteger(yes)) << yes;
-    for (const char* no : {"", " 1", "1-", "--1", "1.0", "1e3", "a"}) EXPECT_FALSE(isInteger(no)) << no;
-    for (const char* yes : {"1.5", ".5", "5.", ".", "-.", "+.", "-", "12"}) EXPECT_TRUE(isReal(yes)) << yes;
-    for (const char* no : {"", "1.2.3", "1e5", "1,5", " 1.0", ".-1"}) EXPECT_FALSE(isReal(no)) << no;
+    for (const char* no : {"", " 1", "1-", "--1", "1.0", "1e3", "a"})
+        EXPECT_FALSE(isInteger(no)) << no;
+    for (const char* yes : {"1.5", ".5", "5.", ".", "-.", "+.", "-", "12"})
+        EXPECT_TRUE(isReal(yes)) << yes;
+    for (const char* no : {"", "1.2.3", "1e5", "1,5", " 1.0", ".-1"})
+        EXPECT_FALSE(isReal(no)) << no;
 }
 
 TEST(Text, LeadingNumbersStopAtTheFirstCharacterThatCannotContinueThem) {
