@@ -22,16 +22,13 @@ void appendParameter(std::string& text, const FitParameter& p) {
 bool writeExchangeFile(const std::string& path, const std::string& text) {
     std::string reason;
     if (writeWholeFile(path, text, reason)) return true;
-    messageBeep(0);
-    messageBox(formatC("Cannot write %s: %s", path.c_str(), reason.c_str()), "Error",
-               mbOk | mbIconHand);
+    showError(formatC("Cannot write %s: %s", path.c_str(), reason.c_str()));
     return false;
 }
 
 bool writeCalculationInput(const std::string& path, int c) {
     if (c < 1 || c > fitDocument.calculationCount || c > maxCalculations) {
-        messageBox(formatC("Cannot write %s: there is no calculation to fit.", path.c_str()),
-                   "Error", mbOk | mbIconHand);
+        showError(formatC("Cannot write %s: there is no calculation to fit.", path.c_str()));
         return false;
     }
     return writeExchangeFile(path, engineInputText(fitDocument, c));

@@ -148,8 +148,7 @@ private:
     }
 
     bool fail(const std::string& message) {
-        messageBeep(0);
-        messageBox(message, "Error", mbOk);
+        showError(message, mbOk);
         return false;
     }
 
@@ -239,9 +238,7 @@ bool readInputFile(const std::string& inputPath, const std::string& engineInputP
     std::string contents;
     std::string reason;
     if (!readWholeFile(inputPath, contents, reason)) {
-        messageBeep(0);
-        messageBox(formatC("Cannot open %s: %s", inputPath.c_str(), reason.c_str()), "Error",
-                   mbOk | mbIconHand);
+        showError(formatC("Cannot open %s: %s", inputPath.c_str(), reason.c_str()));
         return false;
     }
     // Read into a copy, so that no half-read problem or count above its limit is ever seen.

@@ -29,4 +29,9 @@ int messageBox(const std::string& text, const std::string& caption, unsigned sty
 
 void messageBeep(unsigned type) { currentPort->beep(type); }
 
+void showError(const std::string& text, unsigned style) {
+    messageBeep(0);
+    messageBox(text, "Error", style);
+}
+
 } // namespace corvane

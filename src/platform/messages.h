@@ -42,4 +42,7 @@ void setMessagePort(MessagePort* port);
 int messageBox(const std::string& text, const std::string& caption, unsigned style = mbOk);
 void messageBeep(unsigned type = 0);
 
+// The default beep, then text in a message box with the caption "Error".
+void showError(const std::string& text, unsigned style = mbOk | mbIconHand);
+
 } // namespace corvane

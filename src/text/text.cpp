@@ -1,5 +1,6 @@
 #include "text/text.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -95,16 +96,12 @@ int readLeadingInteger(std::string_view text) {
     if (i == std::string_view::npos) return 0;
     bool negative = false;
     if (text[i] == '+' || text[i] == '-') negative = text[i++] == '-';
+    constexpr long long beyond = static_cast<long long>(INT_MAX) + 1; // saturates here
     long long value = 0;
-    for (; i < text.size() && isDigit(text[i]); ++i) {
-        value = value * 10 + (text[i] - '0');
-        if (value > static_cast<long long>(INT_MAX) + 1)
-            value = static_cast<long long>(INT_MAX) + 1;
-    }
-    if (negative) value = -value;
-    if (value > INT_MAX) return INT_MAX;
-    if (value < INT_MIN) return INT_MIN;
-    return static_cast<int>(value);
+    for (; i < text.size() && isDigit(text[i]); ++i)
+        value = std::min(value * 10 + (text[i] - '0'), beyond);
+    return static_cast<int>(std::clamp(negative ? -value : value, static_cast<long long>(INT_MIN),
+                                       static_cast<long long>(INT_MAX)));
 }
 
 std::string formatC(const char* format, ...) {
