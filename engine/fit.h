@@ -1,0 +1,65 @@
+// Nonlinear least squares over a parameter vector of which some entries are free.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <Eigen/Dense>
+
+#include "problem.h"
+
+namespace corefit {
+
+// A model with residuals r_i(p) = calculated_i(p) - observed_i over the fitted points.
+class LeastSquaresModel {
+public:
+    virtual ~LeastSquaresModel() = default;
+    virtual int residualCount() const = 0;
+    // Fills the residuals at p (the full parameter vector). With a jacobian, also fills it
+    // (residualCount rows, one column per entry of freeIndices: d r_i / d p_freeIndices[k]).
+    // Returns false when p lies outside the model's domain (the step that led there is rejected).
+    virtual bool evaluate(const std::vector<double>& p, Eigen::VectorXd& residuals,
+                          Eigen::MatrixXd* jacobian, const std::vector<int>& freeIndices) = 0;
+};
+
+struct IterationReport {
+    int iteration = 0;
+    double deviation = 0;
+    const std::vector<double>* parameters = nullptr;
+};
+
+struct FitOptions {
+    double tolerance = defaultTolerance; // relative decrease of D below which the fit has converged
+    int maxIterations = 200;
+    const std::atomic<bool>* stop = nullptr; // set from a signal handler: stop at the next safe point
+    std::function<void(const IterationReport&)> onIteration; // after the start and every accepted step
+};
+
+enum class FitStatus {
+    Evaluated,      // no free parameter: the model at the start values
+    Converged,      // D fell by less than tolerance * D, or no step could lower it any more
+    IterationLimit, // maxIterations accepted steps without converging
+    Interrupted,    // stop was set; the best parameters so far are returned
+    Failed          // the start values lie outside the model's domain
+};
+
+struct FitResult {
+    FitStatus status = FitStatus::Failed;
+    std::vector<double> parameters;    // all parameters, best found
+    double deviation = 0;              // D at those parameters
+    int iterations = 0;                // accepted steps
+    int evaluations = 0;               // calls of evaluate
+    std::vector<int> freeIndices;      // which parameters were free
+    std::vector<double> uncertainties; // per parameter; 0 for fixed ones and when n <= free count
+    Eigen::MatrixXd correlation;       // free x free; empty when not estimable
+    std::string message;               // why it failed, when it did
+};
+
+// Fits the free parameters (step != 0) from their start values, using each step as the
+// parameter's scale. The uncertainties come from covariance = D / (n - p) * (J^T J)^-1 at the end.
+FitResult fitLeastSquares(LeastSquaresModel& model, const std::vector<Parameter>& parameters,
+                          const FitOptions& options);
+
+} // namespace corefit

@@ -1,0 +1,75 @@
+// The problem the engine solves: the spin cluster, the parameters and the data, as read from
+// input.txt and chi.txt / chit.txt.
+#pragma once
+
+#include <array>
+#include <string>
+#include <vector>
+
+namespace corefit {
+
+enum class EnergyUnit { Cm1 = 0, MeV = 1, Kelvin = 2 };
+enum class DataKind { ChiT = 0, Chi = 1 };
+
+// Kelvin per unit of energy, indexed by EnergyUnit.
+inline constexpr double kelvinPerCm1 = 1.4387768775;
+inline constexpr double kelvinPerMeV = 11.6045181216;
+double kelvinPer(EnergyUnit unit);
+const char* unitName(EnergyUnit unit); // "cm-1", "meV", "K"
+
+// N_A mu_B^2 / k_B in cm3 K mol-1.
+inline constexpr double curieConstant = 0.375148096;
+
+inline constexpr int maxSites = 20;
+inline constexpr int maxJValues = 10;
+inline constexpr int maxPoints = 1000;
+inline constexpr double defaultTolerance = 1e-6;
+
+// Parameter order everywhere: g, C, zJ, Xtip, then J1..Jn.
+enum FixedParameter { gIndex = 0, cIndex = 1, zjIndex = 2, tipIndex = 3, firstJIndex = 4 };
+
+struct Parameter {
+    double start = 0;
+    double step = 0; // 0 keeps the parameter fixed at its start
+    bool free() const { return step != 0; }
+};
+
+// One exchange path: sites a and b (0-based) coupled by J value j (0-based).
+struct Bond {
+    int a = 0, b = 0, j = 0;
+};
+
+struct Point {
+    double temperature = 0; // K
+    double observed = 0;    // chi (cm3 mol-1) or chiT (cm3 K mol-1), by the data kind
+};
+
+struct Problem {
+    std::string inputPath, dataPath;
+    EnergyUnit unit = EnergyUnit::Cm1;
+    DataKind kind = DataKind::ChiT;
+    std::vector<int> twiceSpin;          // 2S of every site, each >= 1
+    double tolerance = defaultTolerance; // as given, or the default when it was <= 0
+    bool toleranceDefaulted = false;
+    std::vector<Parameter> parameters; // g, C, zJ, Xtip, J1..Jn (energies in the file's unit)
+    std::vector<Bond> bonds;
+    std::vector<Point> points;
+    int first = 1, last = 1; // fitted range, 1-based and inclusive, as in the data file
+
+    int jCount() const { return static_cast<int>(parameters.size()) - firstJIndex; }
+    int siteCount() const { return static_cast<int>(twiceSpin.size()); }
+};
+
+} // namespace corefit
+
+namespace corefit {
+
+// What the engine writes to output.txt: values in the file's energy unit.
+struct Outcome {
+    double deviation = 0;               // sum of squared deviations over the fitted range
+    std::vector<double> values;         // g, C, zJ, Xtip, J1..Jn
+    std::vector<double> uncertainties;  // standard uncertainties, 0 for fixed parameters
+    std::vector<double> calculated;     // the model at every point, also outside the fitted range
+};
+
+} // namespace corefit

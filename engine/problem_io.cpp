@@ -1,0 +1,1 @@
+#include "problem_io.h"
