@@ -1,1 +1,114 @@
 #include "model.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace corefit {
+
+ThermalMoment thermalMoment(const Levels& levels, double t) {
+    ThermalMoment out;
+    out.slope.assign(levels.slope.size(), 0.0);
+    if (levels.energy.empty()) return out;
+    const double lowest = *std::min_element(levels.energy.begin(), levels.energy.end());
+    double z = 0, m = 0;
+    std::vector<double> zSlope(levels.slope.size(), 0.0), mSlope(levels.slope.size(), 0.0);
+    for (std::size_t n = 0; n < levels.energy.size(); ++n) {
+        const double boltzmann = std::exp(-(levels.energy[n] - lowest) / t);
+        const double zn = levels.weight[n] * boltzmann, mn = levels.moment[n] * boltzmann;
+        z += zn;
+        m += mn;
+        for (std::size_t k = 0; k < levels.slope.size(); ++k) {
+            if (levels.slope[k].empty()) continue;
+            zSlope[k] += zn * levels.slope[k][n];
+            mSlope[k] += mn * levels.slope[k][n];
+        }
+    }
+    out.value = m / z;
+    // d/dJ of sum m e^(-E/T) / sum w e^(-E/T) = -(1/T) (<m E'> - <M^2> <w E'>)
+    for (std::size_t k = 0; k < levels.slope.size(); ++k)
+        if (!levels.slope[k].empty()) out.slope[k] = -(mSlope[k] - out.value * zSlope[k]) / (z * t);
+    return out;
+}
+
+bool susceptibility(double t, double moment, double g, double c, double zjKelvin, double tip,
+                    Susceptibility& out) {
+    const double denominator = t - 2 * zjKelvin * moment;
+    if (!(g > 0) || !(denominator > 0)) return false;
+    const double cluster = curieConstant * g * g * moment / denominator; // chi' with mean field
+    out.chi = cluster + c / t + tip;
+    out.dChiDg = 2 * cluster / g;
+    out.dChiDC = 1 / t;
+    out.dChiDzJ = cluster * 2 * moment / denominator;
+    out.dChiDtip = 1;
+    out.dChiDMoment = curieConstant * g * g * t / (denominator * denominator);
+    return true;
+}
+
+SusceptibilityModel::SusceptibilityModel(const Problem& problem, Spectrum& spectrum)
+    : problem_(problem), spectrum_(spectrum), toKelvin_(kelvinPer(problem.unit)) {}
+
+bool SusceptibilityModel::compute(const std::vector<double>& p,
+                                  const std::vector<int>* freeIndices,
+                                  std::vector<double>& values, Eigen::MatrixXd* derivatives) {
+    const auto jCount = static_cast<std::size_t>(problem_.jCount());
+    std::vector<double> jKelvin(jCount);
+    for (std::size_t k = 0; k < jCount; ++k) jKelvin[k] = p[firstJIndex + k] * toKelvin_;
+    std::vector<bool> slopeFor(jCount, false);
+    if (derivatives)
+        for (int index : *freeIndices)
+            if (index >= firstJIndex) slopeFor[static_cast<std::size_t>(index - firstJIndex)] = true;
+    const Levels& levels = spectrum_.levels(jKelvin, slopeFor);
+
+    const bool chiT = problem_.kind == DataKind::ChiT;
+    const double zjKelvin = p[zjIndex] * toKelvin_;
+    values.resize(problem_.points.size());
+    for (std::size_t i = 0; i < problem_.points.size(); ++i) {
+        const double t = problem_.points[i].temperature;
+        const ThermalMoment moment = thermalMoment(levels, t);
+        Susceptibility s;
+        if (!susceptibility(t, moment.value, p[gIndex], p[cIndex], zjKelvin, p[tipIndex], s))
+            return false;
+        const double factor = chiT ? t : 1.0;
+        values[i] = s.chi * factor;
+        if (!derivatives) continue;
+        const auto row = static_cast<Eigen::Index>(i);
+        for (std::size_t column = 0; column < freeIndices->size(); ++column) {
+            const int index = (*freeIndices)[column];
+            double d = 0;
+            switch (index) {
+            case gIndex: d = s.dChiDg; break;
+            case cIndex: d = s.dChiDC; break;
+            case zjIndex: d = s.dChiDzJ * toKelvin_; break;
+            case tipIndex: d = s.dChiDtip; break;
+            default:
+                d = s.dChiDMoment * moment.slope[static_cast<std::size_t>(index - firstJIndex)] *
+                    toKelvin_;
+            }
+            (*derivatives)(row, static_cast<Eigen::Index>(column)) = d * factor;
+        }
+    }
+    return std::all_of(values.begin(), values.end(), [](double v) { return std::isfinite(v); });
+}
+
+bool SusceptibilityModel::evaluate(const std::vector<double>& p, Eigen::VectorXd& residuals,
+                                   Eigen::MatrixXd* jacobian, const std::vector<int>& freeIndices) {
+    std::vector<double> values;
+    Eigen::MatrixXd all;
+    if (jacobian) all.resize(static_cast<Eigen::Index>(problem_.points.size()),
+                             static_cast<Eigen::Index>(freeIndices.size()));
+    if (!compute(p, &freeIndices, values, jacobian ? &all : nullptr)) return false;
+    const auto first = static_cast<Eigen::Index>(problem_.first - 1);
+    const auto count = static_cast<Eigen::Index>(residualCount());
+    residuals.resize(count);
+    for (Eigen::Index i = 0; i < count; ++i)
+        residuals[i] = values[static_cast<std::size_t>(first + i)] -
+                       problem_.points[static_cast<std::size_t>(first + i)].observed;
+    if (jacobian) *jacobian = all.middleRows(first, count);
+    return true;
+}
+
+bool SusceptibilityModel::predict(const std::vector<double>& p, std::vector<double>& values) {
+    return compute(p, nullptr, values, nullptr);
+}
+
+} // namespace corefit

@@ -1,1 +1,612 @@
 #include "spectrum.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <cstdio>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <unordered_map>
+
+#include <gsl/gsl_sf_coupling.h>
+
+extern "C" {
+void dsyevd_(const char* jobz, const char* uplo, const int* n, double* a, const int* lda, double* w,
+             double* work, const int* lwork, int* iwork, const int* liwork, int* info);
+void dgemm_(const char* transa, const char* transb, const int* m, const int* n, const int* k,
+            const double* alpha, const double* a, const int* lda, const double* b, const int* ldb,
+            const double* beta, double* c, const int* ldc);
+void openblas_set_num_threads(int threads);
+}
+
+namespace corefit {
+
+const char* methodName(Method method) {
+    switch (method) {
+    case Method::Automatic: return "automatic";
+    case Method::Full: return "full";
+    case Method::MBlocks: return "M blocks";
+    case Method::SBlocks: break;
+    }
+    return "S blocks";
+}
+
+void setBlasThreads(int threads) { openblas_set_num_threads(std::max(1, threads)); }
+
+void symmetricEigen(Eigen::MatrixXd& matrix, Eigen::VectorXd& values, bool vectors) {
+    const int n = static_cast<int>(matrix.rows());
+    values.resize(n);
+    if (n == 0) return;
+    const char jobz = vectors ? 'V' : 'N', uplo = 'L';
+    int info = 0, lwork = -1, liwork = -1, iworkSize = 0;
+    double workSize = 0;
+    dsyevd_(&jobz, &uplo, &n, matrix.data(), &n, values.data(), &workSize, &lwork, &iworkSize,
+            &liwork, &info);
+    lwork = static_cast<int>(workSize) + 1;
+    liwork = std::max(1, iworkSize);
+    std::vector<double> work(static_cast<std::size_t>(lwork));
+    std::vector<int> iwork(static_cast<std::size_t>(liwork));
+    dsyevd_(&jobz, &uplo, &n, matrix.data(), &n, values.data(), work.data(), &lwork, iwork.data(),
+            &liwork, &info);
+    if (info != 0)
+        throw std::runtime_error("LAPACK dsyevd failed with info " + std::to_string(info));
+}
+
+namespace {
+
+using Index = Eigen::Index;
+
+// How many product states have each total 2M, by 2M + sum of 2S (an index from 0).
+std::vector<double> momentCounts(const std::vector<int>& twiceSpin) {
+    std::vector<double> counts{1};
+    for (int s : twiceSpin) {
+        std::vector<double> next(counts.size() + static_cast<std::size_t>(s), 0.0);
+        for (std::size_t m = 0; m < counts.size(); ++m)
+            for (std::size_t k = 0; k <= static_cast<std::size_t>(s); ++k) next[m + k] += counts[m];
+        counts = std::move(next);
+    }
+    return counts; // counts[i]: states with 2M = 2i - sum of 2S
+}
+
+int sumTwiceSpin(const std::vector<int>& twiceSpin) {
+    int sum = 0;
+    for (int s : twiceSpin) sum += s;
+    return sum;
+}
+
+std::vector<int> usedJValues(const SpinSystem& system) {
+    std::vector<int> used;
+    for (const Bond& bond : system.bonds)
+        if (std::find(used.begin(), used.end(), bond.j) == used.end()) used.push_back(bond.j);
+    std::sort(used.begin(), used.end());
+    return used;
+}
+
+// Description of one block before it is built: its label and size, and how a level counts.
+struct BlockSpec {
+    int twiceLabel = 0; // 2M for M blocks, 2S for S blocks, unused for the full basis
+    long size = 0;
+    double weight = 1, moment = 0;
+};
+
+std::vector<BlockSpec> blockSpecs(const SpinSystem& system, Method method) {
+    const std::vector<double> counts = momentCounts(system.twiceSpin);
+    const int total = sumTwiceSpin(system.twiceSpin);
+    std::vector<BlockSpec> specs;
+    if (method == Method::Full) {
+        double dimension = 0;
+        for (double c : counts) dimension += c;
+        specs.push_back({0, static_cast<long>(dimension), 1, 0});
+        return specs;
+    }
+    // counts index i holds 2M = 2i - total; M >= 0 from i = ceil(total / 2).
+    for (int twiceM = total % 2; twiceM <= total; twiceM += 2) {
+        const auto i = static_cast<std::size_t>((twiceM + total) / 2);
+        const double here = counts[i], above = i + 1 < counts.size() ? counts[i + 1] : 0;
+        const double m = twiceM / 2.0;
+        if (method == Method::MBlocks) {
+            const double weight = twiceM > 0 ? 2 : 1;
+            specs.push_back({twiceM, static_cast<long>(here), weight, weight * m * m});
+        } else if (here - above > 0) {
+            const double multiplicity = twiceM + 1;
+            specs.push_back({twiceM, static_cast<long>(here - above), multiplicity,
+                             m * (m + 1) * multiplicity / 3});
+        }
+    }
+    return specs;
+}
+
+// Bytes of a dense n x n matrix of doubles.
+double squareBytes(double n) { return n * n * 8; }
+
+// Seconds for dsyevd on an n x n matrix, two threads, from measurements on 2-core machines.
+double eigenSeconds(double n, bool vectors) {
+    const double valuesOnly = 4.2e-11 * n * n * n;
+    return vectors ? 2.6 * valuesOnly : valuesOnly;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Product basis: a state is a mixed-radix code of site digits d (m = d - S, 0 <= d <= 2S).
+
+struct ProductBasis {
+    std::vector<int> twiceSpin;
+    std::vector<long> stride;
+    long dimension = 1;
+
+    explicit ProductBasis(const std::vector<int>& spins) : twiceSpin(spins) {
+        for (int s : spins) {
+            stride.push_back(dimension);
+            dimension *= s + 1;
+        }
+    }
+    int digit(long code, std::size_t site) const {
+        return static_cast<int>(code / stride[site] % (twiceSpin[site] + 1));
+    }
+    int twiceM(long code) const {
+        int sum = 0;
+        for (std::size_t site = 0; site < twiceSpin.size(); ++site)
+            sum += 2 * digit(code, site) - twiceSpin[site];
+        return sum;
+    }
+};
+
+// Fills matrices[slot of J] of the product states `states` (all of one total M, or all states).
+void buildProductBlock(const SpinSystem& system, const std::vector<int>& jSlot,
+                       const std::vector<long>& states, std::vector<Eigen::MatrixXd>& matrices,
+                       std::vector<double>* stateMoment) {
+    const ProductBasis basis(system.twiceSpin);
+    const Index n = static_cast<Index>(states.size());
+    std::unordered_map<long, Index> position;
+    position.reserve(states.size());
+    for (Index i = 0; i < n; ++i) position.emplace(states[static_cast<std::size_t>(i)], i);
+    for (auto& matrix : matrices) matrix.setZero(n, n);
+    if (stateMoment) stateMoment->resize(states.size());
+
+    for (Index col = 0; col < n; ++col) {
+        const long code = states[static_cast<std::size_t>(col)];
+        if (stateMoment) {
+            const double m = basis.twiceM(code) / 2.0;
+            (*stateMoment)[static_cast<std::size_t>(col)] = m * m;
+        }
+        for (const Bond& bond : system.bonds) {
+            Eigen::MatrixXd& h = matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])];
+            const auto a = static_cast<std::size_t>(bond.a), b = static_cast<std::size_t>(bond.b);
+            const double sa = system.twiceSpin[a] / 2.0, sb = system.twiceSpin[b] / 2.0;
+            const int da = basis.digit(code, a), db = basis.digit(code, b);
+            const double ma = da - sa, mb = db - sb;
+            h(col, col) += -2 * ma * mb;
+            // -2 * (1/2) (S+_a S-_b + S-_a S+_b)
+            if (da < system.twiceSpin[a] && db > 0) {
+                const long target = code + basis.stride[a] - basis.stride[b];
+                const double value =
+                    -std::sqrt((sa * (sa + 1) - ma * (ma + 1)) * (sb * (sb + 1) - mb * (mb - 1)));
+                h(position.at(target), col) += value;
+            }
+            if (da > 0 && db < system.twiceSpin[b]) {
+                const long target = code - basis.stride[a] + basis.stride[b];
+                const double value =
+                    -std::sqrt((sa * (sa + 1) - ma * (ma - 1)) * (sb * (sb + 1) - mb * (mb + 1)));
+                h(position.at(target), col) += value;
+            }
+        }
+    }
+}
+
+std::vector<long> productStates(const SpinSystem& system, const BlockSpec& spec, Method method) {
+    const ProductBasis basis(system.twiceSpin);
+    std::vector<long> states;
+    states.reserve(static_cast<std::size_t>(spec.size));
+    for (long code = 0; code < basis.dimension; ++code)
+        if (method == Method::Full || basis.twiceM(code) == spec.twiceLabel) states.push_back(code);
+    return states;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Spin-coupled basis. A state is a chain t[0..N-1] of 2S values: t[0] = 2s_0 and t[i] is the
+// total spin of sites 0..i, coupled from t[i-1] and site i. A block holds the chains ending in T.
+
+class CoupledBlock {
+public:
+    CoupledBlock(const std::vector<int>& twiceSpin, int twiceTotal)
+        : spins_(twiceSpin), sites_(twiceSpin.size()), top_(sumTwiceSpin(twiceSpin)) {
+        // completions_[i][t]: chains from t at step i to twiceTotal at the last step.
+        completions_.assign(sites_, std::vector<long>(static_cast<std::size_t>(top_) + 1, 0));
+        completions_[sites_ - 1][static_cast<std::size_t>(twiceTotal)] = 1;
+        for (std::size_t i = sites_ - 1; i-- > 0;)
+            for (int t = 0; t <= top_; ++t) {
+                long sum = 0;
+                forEachCoupled(t, spins_[i + 1], [&](int next) {
+                    sum += completions_[i + 1][static_cast<std::size_t>(next)];
+                });
+                completions_[i][static_cast<std::size_t>(t)] = sum;
+            }
+        size_ = completions_[0][static_cast<std::size_t>(spins_[0])];
+        chains_.reserve(static_cast<std::size_t>(size_) * sites_);
+        std::vector<int> chain(sites_);
+        chain[0] = spins_[0];
+        enumerate(chain, 1);
+    }
+
+    long size() const { return size_; }
+    const int* chain(long index) const {
+        return chains_.data() + static_cast<std::size_t>(index) * sites_;
+    }
+
+    // The index of a chain of this block (chains are enumerated in ascending order).
+    long rank(const int* chain) const {
+        long index = 0;
+        for (std::size_t i = 1; i < sites_; ++i) {
+            const int low = std::abs(chain[i - 1] - spins_[i]);
+            for (int t = low; t < chain[i]; t += 2) index += completions_[i][static_cast<std::size_t>(t)];
+        }
+        return index;
+    }
+
+    template <class F> static void forEachCoupled(int t, int s, F&& f) {
+        for (int next = std::abs(t - s); next <= t + s; next += 2) f(next);
+    }
+
+private:
+    void enumerate(std::vector<int>& chain, std::size_t i) {
+        if (i == sites_) {
+            chains_.insert(chains_.end(), chain.begin(), chain.end());
+            return;
+        }
+        forEachCoupled(chain[i - 1], spins_[i], [&](int next) {
+            if (completions_[i][static_cast<std::size_t>(next)] == 0) return;
+            chain[i] = next;
+            enumerate(chain, i + 1);
+        });
+    }
+
+    std::vector<int> spins_;
+    std::size_t sites_;
+    int top_;
+    long size_ = 0;
+    std::vector<std::vector<long>> completions_;
+    std::vector<int> chains_;
+};
+
+bool triangle(int a, int b, int c) { return c >= std::abs(a - b) && c <= a + b && (a + b + c) % 2 == 0; }
+
+double sign(int twicePhase) { return (twicePhase / 2) % 2 == 0 ? 1.0 : -1.0; }
+
+// Reduced matrix elements (Edmonds' convention) of a rank-1 operator on a coupled pair, memoised:
+// second(j1, j2, J, J'): <j1 j2 J || U(2) || j1 j2 J'> / <j2||U||j2>
+// first(j1, j1', j2, J, J'): <j1 j2 J || T(1) || j1' j2 J'> / <j1||T||j1'>
+class Recoupling {
+public:
+    double second(int j1, int j2, int J, int Jp) {
+        const std::uint64_t key = pack(0, j1, j2, J, Jp, 0);
+        auto found = memo_.find(key);
+        if (found != memo_.end()) return found->second;
+        double value = 0;
+        if (triangle(j1, j2, J) && triangle(j1, j2, Jp) && triangle(J, Jp, 2))
+            value = sign(j1 + j2 + J + 2) * std::sqrt((J + 1.0) * (Jp + 1.0)) *
+                    gsl_sf_coupling_6j(j2, J, j1, Jp, j2, 2);
+        memo_.emplace(key, value);
+        return value;
+    }
+    double first(int j1, int j1p, int j2, int J, int Jp) {
+        const std::uint64_t key = pack(1, j1, j1p, j2, J, Jp);
+        auto found = memo_.find(key);
+        if (found != memo_.end()) return found->second;
+        double value = 0;
+        if (triangle(j1, j2, J) && triangle(j1p, j2, Jp) && triangle(J, Jp, 2) &&
+            triangle(j1, j1p, 2))
+            value = sign(j1 + j2 + Jp + 2) * std::sqrt((J + 1.0) * (Jp + 1.0)) *
+                    gsl_sf_coupling_6j(j1, J, j2, Jp, j1p, 2);
+        memo_.emplace(key, value);
+        return value;
+    }
+
+private:
+    static std::uint64_t pack(int kind, int a, int b, int c, int d, int e) {
+        auto u = [](int v) { return static_cast<std::uint64_t>(v) & 0xfff; };
+        return (static_cast<std::uint64_t>(kind) << 60) | (u(a) << 48) | (u(b) << 36) |
+               (u(c) << 24) | (u(d) << 12) | u(e);
+    }
+    std::unordered_map<std::uint64_t, double> memo_;
+};
+
+double reducedSpin(int twiceS) {
+    const double s = twiceS / 2.0;
+    return std::sqrt(s * (s + 1) * (2 * s + 1));
+}
+
+// Adds -2 J-free matrix elements of S_a . S_b (a < b) between the chains of one block:
+// <c| S_a.S_b |c'> = 1/(2S_b+1) sum_X (-1)^(X - S_b) <c..S_b||s_a||c'..X> <c'..X||s_b||c'..S_b>,
+// where S_b is the spin of sites 0..b and c' differs from c only in t[a..b-1].
+void addCoupledBond(const CoupledBlock& block, const std::vector<int>& spins, int a, int b,
+                    Recoupling& recoupling, Eigen::MatrixXd& h) {
+    const std::size_t sites = spins.size();
+    std::vector<int> other(sites);
+    for (long row = 0; row < block.size(); ++row) {
+        const int* c = block.chain(row);
+        std::copy(c, c + sites, other.begin());
+        const int tb = c[b];
+        const double start = reducedSpin(spins[static_cast<std::size_t>(a)]);
+        // Walk t'[a..b-1]; amplitude: the reduced element of s_a up to step i.
+        std::function<void(int, double)> walk = [&](int i, double amplitude) {
+            if (i == b) {
+                const int before = other[static_cast<std::size_t>(b - 1)];
+                if (!triangle(before, spins[static_cast<std::size_t>(b)], tb)) return;
+                double element = 0;
+                for (int x = tb >= 2 ? tb - 2 : tb; x <= tb + 2; x += 2) {
+                    const double first = recoupling.first(c[b - 1], before,
+                                                          spins[static_cast<std::size_t>(b)], tb, x);
+                    if (first == 0) continue;
+                    const double second = recoupling.second(before, spins[static_cast<std::size_t>(b)], x, tb);
+                    element += sign(x - tb) * first * second;
+                }
+                element *= amplitude * reducedSpin(spins[static_cast<std::size_t>(b)]) / (tb + 1);
+                if (element != 0) h(block.rank(other.data()), row) += -2 * element;
+                return;
+            }
+            const auto si = static_cast<std::size_t>(i);
+            if (i == a) {
+                if (a == 0) {
+                    other[0] = c[0];
+                    walk(1, amplitude);
+                    return;
+                }
+                CoupledBlock::forEachCoupled(c[a - 1], spins[si], [&](int t) {
+                    if (std::abs(t - c[a]) > 2) return;
+                    const double factor = recoupling.second(c[a - 1], spins[si], c[a], t);
+                    if (factor == 0) return;
+                    other[si] = t;
+                    walk(i + 1, amplitude * factor);
+                });
+                other[si] = c[si];
+                return;
+            }
+            CoupledBlock::forEachCoupled(other[si - 1], spins[si], [&](int t) {
+                if (std::abs(t - c[i]) > 2) return;
+                const double factor = recoupling.first(c[i - 1], other[si - 1], spins[si], c[i], t);
+                if (factor == 0) return;
+                other[si] = t;
+                walk(i + 1, amplitude * factor);
+            });
+            other[si] = c[si];
+        };
+        walk(a, start);
+    }
+}
+
+void buildCoupledBlock(const SpinSystem& system, const std::vector<int>& jSlot, int twiceTotal,
+                       std::vector<Eigen::MatrixXd>& matrices) {
+    const CoupledBlock block(system.twiceSpin, twiceTotal);
+    for (auto& matrix : matrices) matrix.setZero(block.size(), block.size());
+    Recoupling recoupling;
+    for (const Bond& bond : system.bonds) {
+        Eigen::MatrixXd& h = matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])];
+        addCoupledBond(block, system.twiceSpin, std::min(bond.a, bond.b), std::max(bond.a, bond.b),
+                       recoupling, h);
+    }
+}
+
+// Runs body(i) for i in [0, count) on up to `threads` threads.
+void parallelFor(long count, int threads, const std::function<void(long)>& body) {
+    if (threads <= 1 || count <= 1) {
+        for (long i = 0; i < count; ++i) body(i);
+        return;
+    }
+    std::atomic<long> next{0};
+    std::exception_ptr failure;
+    std::mutex failureMutex;
+    std::vector<std::thread> pool;
+    for (int t = 0; t < std::min<long>(threads, count); ++t)
+        pool.emplace_back([&] {
+            for (long i; (i = next++) < count;) {
+                try {
+                    body(i);
+                } catch (...) {
+                    std::lock_guard lock(failureMutex);
+                    if (!failure) failure = std::current_exception();
+                }
+            }
+        });
+    for (auto& thread : pool) thread.join();
+    if (failure) std::rethrow_exception(failure);
+}
+
+// Blocks at least this large are diagonalised one at a time with all BLAS threads; smaller ones
+// run side by side, one block per thread.
+constexpr long largeBlock = 700;
+
+} // namespace
+
+std::string Plan::describe() const {
+    char text[200];
+    std::snprintf(text, sizeof text, "%s: dimension %.0f, %zu block%s, largest %ld%s",
+                  methodName(method), dimension, blockSizes.size(),
+                  blockSizes.size() == 1 ? "" : "s", largestBlock,
+                  scaled ? ", one J: spectrum scaled" : "");
+    return text;
+}
+
+Plan planSpectrum(const SpinSystem& system, Method method) {
+    Plan plan;
+    plan.method = method == Method::Automatic ? Method::SBlocks : method;
+    const std::vector<int> used = usedJValues(system);
+    plan.scaled = used.size() <= 1;
+    for (double c : momentCounts(system.twiceSpin)) plan.dimension += c;
+    const double k = static_cast<double>(std::max<std::size_t>(used.size(), 1));
+    double stored = 0;
+    for (const BlockSpec& spec : blockSpecs(system, plan.method)) {
+        plan.blockSizes.push_back(spec.size);
+        plan.largestBlock = std::max(plan.largestBlock, spec.size);
+        const auto n = static_cast<double>(spec.size);
+        stored += squareBytes(n);
+        plan.secondsPerSpectrum += eigenSeconds(n, plan.method == Method::Full);
+        // eigenvectors, then one product per J for the slopes
+        plan.secondsPerSlopes += eigenSeconds(n, true) + k * 1.0e-10 * n * n * n;
+    }
+    const double largest = static_cast<double>(plan.largestBlock);
+    // Scaled: one block matrix at a time per thread (built, diagonalised, dropped).
+    // Otherwise: one matrix per J for every block, plus the working copy, eigenvectors and
+    // dsyevd's workspace of the largest.
+    plan.bytes = plan.scaled ? 2 * 3.2 * squareBytes(largest) : k * stored + 4.2 * squareBytes(largest);
+    if (plan.scaled) plan.secondsPerSlopes = plan.secondsPerSpectrum;
+    return plan;
+}
+
+struct Spectrum::Block {
+    BlockSpec spec;
+    std::vector<Eigen::MatrixXd> perJ; // one per used J (not kept when the spectrum is scaled)
+    std::vector<double> stateMoment;   // full basis: M^2 of every product state
+    Eigen::VectorXd unitValues;        // scaled: eigenvalues of the one J's matrix at J = 1
+    Eigen::VectorXd unitMoments;       // scaled, full basis: M^2 of each eigenvector
+    Eigen::VectorXd values, moments;   // at the current J values
+    std::vector<Eigen::VectorXd> slopes;
+};
+
+Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads)
+    : system_(system), plan_(plan), threads_(std::max(1, threads)), usedJ_(usedJValues(system)) {
+    std::vector<int> jSlot(static_cast<std::size_t>(std::max(system.jCount, 1)), 0);
+    for (std::size_t slot = 0; slot < usedJ_.size(); ++slot)
+        jSlot[static_cast<std::size_t>(usedJ_[slot])] = static_cast<int>(slot);
+
+    for (const BlockSpec& spec : blockSpecs(system, plan.method)) {
+        blocks_.push_back(std::make_unique<Block>());
+        blocks_.back()->spec = spec;
+    }
+    // Largest first, so that the pool ends with the small ones.
+    std::stable_sort(blocks_.begin(), blocks_.end(),
+                     [](const auto& x, const auto& y) { return x->spec.size > y->spec.size; });
+
+    auto build = [&](Block& block) {
+        block.perJ.resize(usedJ_.size());
+        if (plan.method == Method::SBlocks) {
+            buildCoupledBlock(system, jSlot, block.spec.twiceLabel, block.perJ);
+        } else {
+            const auto states = productStates(system, block.spec, plan.method);
+            buildProductBlock(system, jSlot, states, block.perJ,
+                              plan.method == Method::Full ? &block.stateMoment : nullptr);
+        }
+        if (!plan_.scaled) return;
+        // One J (or none): diagonalise once at J = 1 and keep only the levels.
+        const auto n = static_cast<Index>(block.spec.size);
+        Eigen::MatrixXd matrix = block.perJ.empty() ? Eigen::MatrixXd::Zero(n, n) : std::move(block.perJ[0]);
+        block.perJ.clear();
+        const bool vectors = plan.method == Method::Full;
+        symmetricEigen(matrix, block.unitValues, vectors);
+        if (vectors) {
+            const Eigen::Map<const Eigen::VectorXd> m2(block.stateMoment.data(), n);
+            block.unitMoments = matrix.array().square().matrix().transpose() * m2;
+        }
+    };
+    long large = 0;
+    while (large < static_cast<long>(blocks_.size()) && blocks_[static_cast<std::size_t>(large)]->spec.size >= largeBlock)
+        ++large;
+    setBlasThreads(threads_);
+    for (long i = 0; i < large; ++i) build(*blocks_[static_cast<std::size_t>(i)]);
+    setBlasThreads(1);
+    parallelFor(static_cast<long>(blocks_.size()) - large, threads_, [&](long i) {
+        build(*blocks_[static_cast<std::size_t>(large + i)]);
+    });
+    setBlasThreads(threads_);
+    if (plan_.scaled) diagonalisations_ = 1;
+}
+
+Spectrum::~Spectrum() = default;
+
+void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
+                           const std::vector<bool>& slopeFor, int blasThreads) {
+    const auto n = static_cast<Index>(block.spec.size);
+    const std::size_t used = usedJ_.size();
+    auto wanted = [&](std::size_t slot) {
+        const auto j = static_cast<std::size_t>(usedJ_[slot]);
+        return j < slopeFor.size() && slopeFor[j];
+    };
+    block.slopes.assign(used, Eigen::VectorXd());
+    if (plan_.scaled) {
+        const double j = used == 1 ? jKelvin[static_cast<std::size_t>(usedJ_[0])] : 0.0;
+        block.values = j * block.unitValues;
+        if (plan_.method == Method::Full) block.moments = block.unitMoments;
+        if (used == 1 && wanted(0)) block.slopes[0] = block.unitValues;
+        return;
+    }
+    Eigen::MatrixXd matrix = Eigen::MatrixXd::Zero(n, n);
+    for (std::size_t slot = 0; slot < used; ++slot)
+        matrix += jKelvin[static_cast<std::size_t>(usedJ_[slot])] * block.perJ[slot];
+    bool anySlope = false;
+    for (std::size_t slot = 0; slot < used; ++slot) anySlope = anySlope || wanted(slot);
+    const bool vectors = anySlope || plan_.method == Method::Full;
+    (void)blasThreads;
+    symmetricEigen(matrix, block.values, vectors);
+    if (plan_.method == Method::Full) {
+        const Eigen::Map<const Eigen::VectorXd> m2(block.stateMoment.data(), n);
+        block.moments = matrix.array().square().matrix().transpose() * m2;
+    }
+    if (!anySlope) return;
+    // Hellmann-Feynman: dE_n/dJ_k = <n| H_k |n> = sum_i U_in (H_k U)_in.
+    Eigen::MatrixXd product(n, n);
+    const int size = static_cast<int>(n);
+    const double one = 1, zero = 0;
+    const char none = 'N';
+    for (std::size_t slot = 0; slot < used; ++slot) {
+        if (!wanted(slot)) continue;
+        dgemm_(&none, &none, &size, &size, &size, &one, block.perJ[slot].data(), &size,
+               matrix.data(), &size, &zero, product.data(), &size);
+        block.slopes[slot] = (matrix.array() * product.array()).colwise().sum().transpose();
+    }
+}
+
+void Spectrum::diagonaliseAll(const std::vector<double>& jKelvin,
+                              const std::vector<bool>& slopeFor) {
+    long large = 0;
+    while (large < static_cast<long>(blocks_.size()) && blocks_[static_cast<std::size_t>(large)]->spec.size >= largeBlock)
+        ++large;
+    setBlasThreads(threads_);
+    for (long i = 0; i < large; ++i) diagonalise(*blocks_[static_cast<std::size_t>(i)], jKelvin, slopeFor, threads_);
+    setBlasThreads(1);
+    parallelFor(static_cast<long>(blocks_.size()) - large, threads_, [&](long i) {
+        diagonalise(*blocks_[static_cast<std::size_t>(large + i)], jKelvin, slopeFor, 1);
+    });
+    setBlasThreads(threads_);
+    if (!plan_.scaled) diagonalisations_ += 1;
+}
+
+const Levels& Spectrum::levels(const std::vector<double>& jKelvin,
+                               const std::vector<bool>& slopeFor) {
+    auto covers = [&](const std::vector<bool>& have) {
+        for (std::size_t k = 0; k < slopeFor.size(); ++k)
+            if (slopeFor[k] && (k >= have.size() || !have[k])) return false;
+        return true;
+    };
+    if (cached_ && cachedJ_ == jKelvin && covers(cachedSlopes_)) return levels_;
+
+    diagonaliseAll(jKelvin, slopeFor);
+    Levels& out = levels_;
+    out.energy.clear();
+    out.weight.clear();
+    out.moment.clear();
+    out.slope.assign(static_cast<std::size_t>(system_.jCount), {});
+    std::vector<bool> has(static_cast<std::size_t>(system_.jCount), false);
+    for (std::size_t k = 0; k < has.size(); ++k) has[k] = k < slopeFor.size() && slopeFor[k];
+    for (const auto& blockPointer : blocks_) {
+        const Block& block = *blockPointer;
+        for (Index i = 0; i < block.values.size(); ++i) {
+            out.energy.push_back(block.values[i]);
+            out.weight.push_back(block.spec.weight);
+            out.moment.push_back(plan_.method == Method::Full ? block.moments[i] : block.spec.moment);
+        }
+        for (std::size_t k = 0; k < has.size(); ++k) {
+            if (!has[k]) continue;
+            auto slot = std::find(usedJ_.begin(), usedJ_.end(), static_cast<int>(k));
+            std::vector<double>& slope = out.slope[k];
+            for (Index i = 0; i < block.values.size(); ++i)
+                slope.push_back(slot == usedJ_.end() ? 0.0 : block.slopes[static_cast<std::size_t>(slot - usedJ_.begin())][i]);
+        }
+    }
+    cachedJ_ = jKelvin;
+    cachedSlopes_ = has;
+    cached_ = true;
+    return levels_;
+}
+
+} // namespace corefit
