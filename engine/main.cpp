@@ -257,9 +257,9 @@ int run(const Options& options) {
         return fail(log, exitInternal, "the fitted parameters give no finite susceptibility");
 
     // Log: values, uncertainties, correlations, agreement factor.
-    log.line("result: %s after %d iteration%s, %d evaluations, %d spectra", statusText(result.status),
-             result.iterations, result.iterations == 1 ? "" : "s", result.evaluations,
-             spectrum.diagonalisations());
+    log.line("result: %s after %d iteration%s; %d evaluations, spectra computed: %d",
+             statusText(result.status), result.iterations, result.iterations == 1 ? "" : "s",
+             result.evaluations, spectrum.diagonalisations());
     log.line("deviation D = %.10g", result.deviation);
     double observedSquares = 0;
     for (int i = problem.first; i <= problem.last; ++i)
@@ -267,9 +267,12 @@ int run(const Options& options) {
     if (observedSquares > 0) log.line("agreement factor R = %.6g", result.deviation / observedSquares);
     for (std::size_t i = 0; i < outcome.values.size(); ++i) {
         const bool free = problem.parameters[i].free();
-        log.line("  %-4s = %.10g%s%s", parameterName(static_cast<int>(i)).c_str(), outcome.values[i],
-                 free ? " +/- " : " (fixed)",
-                 free ? std::to_string(outcome.uncertainties[i]).c_str() : "");
+        if (free)
+            log.line("  %-4s = %.10g +/- %.4g", parameterName(static_cast<int>(i)).c_str(),
+                     outcome.values[i], outcome.uncertainties[i]);
+        else
+            log.line("  %-4s = %.10g (fixed)", parameterName(static_cast<int>(i)).c_str(),
+                     outcome.values[i]);
     }
     if (result.correlation.size() > 0) {
         log.line("correlations of the free parameters:");

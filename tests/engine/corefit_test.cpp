@@ -1,1 +1,127 @@
+// corefit as a program: a real measurement, the interrupt, the size limits.
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <fstream>
+#include <sstream>
+
+#include "support/corefit_run.h"
+#include "support/fixtures.h"
+
+using corvane::testing::CorefitRun;
+using corvane::testing::runCorefit;
+using corvane::testing::ScratchDir;
+
+namespace {
+
+// The numbers of every line of output.txt ("#" lines included, without the "#").
+std::vector<std::vector<double>> readOutput(const ScratchDir& dir) {
+    std::vector<std::vector<double>> lines;
+    std::istringstream text(dir.read("output.txt"));
+    for (std::string line; std::getline(text, line);) {
+        if (!line.empty() && line[0] == '#') line.erase(0, 1);
+        std::istringstream numbers(line);
+        lines.emplace_back();
+        for (double value; numbers >> value;) lines.back().push_back(value);
+    }
+    return lines;
+}
+
+// input.txt for identical sites in a ring (or a pair), J values alternating along the ring.
+std::string ringInput(int sites, int twiceSpin, const std::vector<std::pair<double, double>>& g,
+                      const std::vector<std::pair<double, double>>& j, const char* unitAndKind) {
+    std::ostringstream text;
+    text << "0, " << unitAndKind << "\n" << sites << "\n";
+    for (int i = 0; i < sites; ++i) text << twiceSpin << "\n";
+    text << 4 + j.size() << ", 0.000000\n";
+    for (auto [start, step] : g) text << start << ", " << step << "\n";
+    for (auto [start, step] : j) text << start << ", " << step << "\n";
+    const int bonds = sites == 2 ? 1 : sites;
+    for (int i = 0; i < bonds; ++i)
+        text << i + 1 << ", " << (i + 1) % sites + 1 << ", " << 5 + i % static_cast<int>(j.size()) << "\n";
+    return text.str();
+}
+
+} // namespace
+
+TEST(Corefit, FitsTheDNit2MeasurementsAsPublished) {
+    // Two S = 1/2 radicals, chiT in kelvin units; g and J free, C, zJ and Xtip fixed at 0.
+    std::ifstream example(CORVANE_SOURCE_DIR "/examples/d-nit2.qpi");
+    std::ostringstream data;
+    int count = 0;
+    for (std::string line; std::getline(example, line);)
+        if (line.rfind("T_CHI ", 0) == 0) {
+            data << line.substr(6) << "\n";
+            ++count;
+        }
+    ASSERT_GT(count, 20);
+    ScratchDir dir;
+    dir.write("chit.txt", std::to_string(count) + ", 1, " + std::to_string(count) + "\n" + data.str());
+    const std::string input = dir.write(
+        "input.txt", ringInput(2, 1, {{2.0, 0.01}, {0, 0}, {0, 0}, {0, 0}}, {{-200, 2}}, "2, 0"));
+    const CorefitRun run = runCorefit(input);
+    ASSERT_EQ(run.exitCode, 0) << run.errors;
+    const auto output = readOutput(dir);
+    ASSERT_EQ(output.size(), static_cast<std::size_t>(6 + count));
+    const double g = output[0][1], j = output[3][1];
+    // Published: J = -230 K (chiT fit); J = -229.9 K with g = 1.984 (weighted least squares).
+    EXPECT_NEAR(j, -229.9, 0.5);
+    EXPECT_NEAR(g, 1.984, 0.002);
+    EXPECT_GT(output[4][0], 0) << "an uncertainty for J";
+    EXPECT_EQ(output[0][2], 0) << "C stays fixed";
+    EXPECT_NE(dir.read("corefit.log").find("agreement factor R"), std::string::npos);
+}
+
+TEST(Corefit, InterruptWritesTheBestParametersSoFarAndExits3) {
+    // A 14-site ring with two J, started well off, so that the fit takes several iterations.
+    ScratchDir dir;
+    std::ostringstream data;
+    for (int i = 1; i <= 60; ++i) data << 5.0 * i << "  " << 0.3 + 0.002 * i << "\n";
+    dir.write("chit.txt", "60, 1, 60\n" + data.str());
+    const std::string input = dir.write(
+        "input.txt",
+        ringInput(14, 1, {{2.3, 0.01}, {0, 0}, {0, 0}, {0, 0}}, {{-3, 0.1}, {-2, 0.1}}, "2, 0"));
+    std::string lastIteration;
+    bool signalled = false;
+    const CorefitRun run = runCorefit(input, {}, [&](const std::string& line, pid_t pid) {
+        if (line.rfind("iteration ", 0) != 0) return;
+        lastIteration = line;
+        if (!signalled) signalled = ::kill(pid, SIGTERM) == 0;
+    });
+    ASSERT_TRUE(signalled);
+    ASSERT_EQ(run.exitCode, 3) << run.out << run.errors;
+    // output.txt holds the parameters of the last iteration reported.
+    const auto output = readOutput(dir);
+    ASSERT_EQ(output.size(), 66u);
+    std::ostringstream expected;
+    expected.precision(10);
+    expected << "g=" << output[0][1] << " ";
+    EXPECT_NE(lastIteration.find(expected.str()), std::string::npos) << lastIteration;
+    expected.str("");
+    expected << "J1=" << output[3][1] << " J2=" << output[3][2];
+    EXPECT_NE(lastIteration.find(expected.str()), std::string::npos) << lastIteration;
+    EXPECT_NE(dir.read("corefit.log").find("interrupted"), std::string::npos);
+}
+
+TEST(Corefit, RefusesProblemsBeyondItsLimitsAtOnce) {
+    ScratchDir dir;
+    dir.write("chit.txt", "2, 1, 2\n10  1\n300  3\n");
+    // Twenty S = 5/2 sites: 3.7e15 states.
+    const std::string input = dir.write(
+        "input.txt", ringInput(20, 5, {{2, 0.01}, {0, 0}, {0, 0}, {0, 0}}, {{-5, 0.1}}, "2, 0"));
+    const CorefitRun huge = runCorefit(input);
+    EXPECT_EQ(huge.exitCode, 4);
+    EXPECT_NE(huge.errors.find("dimension 3656158440062976"), std::string::npos) << huge.errors;
+    EXPECT_NE(huge.errors.find("the limit is"), std::string::npos) << huge.errors;
+    EXPECT_FALSE(dir.has("output.txt"));
+
+    // A small problem under a tiny memory limit is refused the same way; with none, it runs.
+    dir.write("input.txt",
+              ringInput(6, 5, {{2, 0}, {0, 0}, {0, 0}, {0, 0}}, {{-5, 0}, {-3, 0}}, "2, 0"));
+    const CorefitRun limited = runCorefit(input, {"--max-memory", "0.001"});
+    EXPECT_EQ(limited.exitCode, 4);
+    EXPECT_NE(limited.errors.find("--max-memory"), std::string::npos) << limited.errors;
+    const CorefitRun evaluated = runCorefit(input);
+    EXPECT_EQ(evaluated.exitCode, 0) << evaluated.errors;
+    EXPECT_EQ(readOutput(dir).size(), 8u);
+}

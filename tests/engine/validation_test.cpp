@@ -1,24 +1,21 @@
 // Every malformed input the engine must refuse: the message from readProblem, and corefit's exit
 // code, one-line message and untouched directory.
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "problem_io.h"
+#include "support/corefit_run.h"
 #include "support/fixtures.h"
 
 namespace corefit {
 namespace {
 
+using corvane::testing::CorefitRun;
+using corvane::testing::runCorefit;
 using corvane::testing::ScratchDir;
 
 // Two S = 1 sites coupled by J1 in cm-1, fitted to three chiT points.
@@ -152,42 +149,11 @@ TEST(Validation, ReadProblemRefusesEveryMalformedFileWithOneLineNamingFileAndLin
     }
 }
 
-struct Exit {
-    int exitCode = -1;
-    std::string errors; // what it wrote to the standard error stream
-};
-
-Exit runCorefit(const std::string& inputPath, const ScratchDir& capture) {
-    std::string program = CORVANE_BIN_DIR "/corefit";
-    std::string argument = inputPath;
-    const std::string errorsPath = capture.file("stderr");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, errorsPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0644);
-    char* argv[] = {program.data(), argument.data(), nullptr};
-    pid_t pid = 0;
-    const int spawned = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    Exit run;
-    if (spawned != 0) {
-        run.errors = "cannot start " + program + ": " + std::strerror(spawned);
-        return run;
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (WIFEXITED(status)) run.exitCode = WEXITSTATUS(status);
-    run.errors = capture.read("stderr");
-    return run;
-}
-
 TEST(Validation, CorefitExitsWithCode2AndWritesNoOutput) {
     for (const Case& c : cases()) {
         SCOPED_TRACE(c.what);
-        ScratchDir scratch, capture;
-        const Exit run = runCorefit(prepare(scratch, c), capture);
+        ScratchDir scratch;
+        const CorefitRun run = runCorefit(prepare(scratch, c));
         EXPECT_EQ(run.exitCode, 2) << run.errors;
         EXPECT_NE(run.errors.find(c.fragment), std::string::npos) << run.errors;
         EXPECT_EQ(std::count(run.errors.begin(), run.errors.end(), '\n'), 1) << run.errors;
