@@ -20,6 +20,7 @@
 #include <string>
 #include <thread>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -293,7 +294,10 @@ int run(const Options& options) {
 
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    log.line("wrote %s; %.3f s in all", outputPath.c_str(), seconds);
+    struct rusage usage {};
+    ::getrusage(RUSAGE_SELF, &usage);
+    log.line("wrote %s; %.3f s in all; peak memory %s (estimated %s)", outputPath.c_str(), seconds,
+             gib(static_cast<double>(usage.ru_maxrss) * 1024).c_str(), gib(plan.bytes).c_str());
     progress("%s: deviation %.10g after %d iteration%s, %.2f s", statusText(result.status),
              result.deviation, result.iterations, result.iterations == 1 ? "" : "s", seconds);
     switch (result.status) {

@@ -119,6 +119,12 @@ std::vector<BlockSpec> blockSpecs(const SpinSystem& system, Method method) {
     return specs;
 }
 
+// Blocks at least this large are diagonalised one at a time with all BLAS threads; smaller ones
+// run side by side, one block per thread.
+constexpr long largeBlock = 700;
+// Threads counted in the memory estimate of blocks that run side by side.
+constexpr double maxThreads = 8;
+
 // Bytes of a dense n x n matrix of doubles.
 double squareBytes(double n) { return n * n * 8; }
 
@@ -413,10 +419,6 @@ void parallelFor(long count, int threads, const std::function<void(long)>& body)
     if (failure) std::rethrow_exception(failure);
 }
 
-// Blocks at least this large are diagonalised one at a time with all BLAS threads; smaller ones
-// run side by side, one block per thread.
-constexpr long largeBlock = 700;
-
 } // namespace
 
 std::string Plan::describe() const {
@@ -446,10 +448,19 @@ Plan planSpectrum(const SpinSystem& system, Method method) {
         plan.secondsPerSlopes += eigenSeconds(n, true) + k * 1.0e-10 * n * n * n;
     }
     const double largest = static_cast<double>(plan.largestBlock);
-    // Scaled: one block matrix at a time per thread (built, diagonalised, dropped).
-    // Otherwise: one matrix per J for every block, plus the working copy, eigenvectors and
-    // dsyevd's workspace of the largest.
-    plan.bytes = plan.scaled ? 2 * 3.2 * squareBytes(largest) : k * stored + 4.2 * squareBytes(largest);
+    // Scaled: a large block's matrix is built, diagonalised and dropped, one at a time, while
+    // small blocks run side by side (dsyevd's workspace is 2n^2 more with eigenvectors).
+    // Otherwise: one matrix per J for every block, plus the working copy, the product for the
+    // slopes and dsyevd's workspace of the largest.
+    const double small = std::min(largest, static_cast<double>(largeBlock));
+    plan.bytes = plan.scaled ? (plan.method == Method::Full ? 3.2 : 1.2) * squareBytes(largest) +
+                                   maxThreads * 3.2 * squareBytes(small)
+                             : k * stored + 4.2 * squareBytes(largest) +
+                                   maxThreads * 4.2 * squareBytes(small);
+    // The program itself, and the levels with their slopes (kept twice while they are gathered).
+    double levels = 0;
+    for (long size : plan.blockSizes) levels += static_cast<double>(size);
+    plan.bytes += 64.0 * 1024 * 1024 + 2 * 8 * (3 + k) * levels;
     if (plan.scaled) plan.secondsPerSlopes = plan.secondsPerSpectrum;
     return plan;
 }
