@@ -327,10 +327,10 @@ double reducedSpin(int twiceS) {
 // <c| S_a.S_b |c'> = 1/(2S_b+1) sum_X (-1)^(X - S_b) <c..S_b||s_a||c'..X> <c'..X||s_b||c'..S_b>,
 // where S_b is the spin of sites 0..b and c' differs from c only in t[a..b-1].
 void addCoupledBond(const CoupledBlock& block, const std::vector<int>& spins, int a, int b,
-                    Recoupling& recoupling, Eigen::MatrixXd& h) {
+                    Recoupling& recoupling, Eigen::MatrixXd& h, long rowBegin, long rowEnd) {
     const std::size_t sites = spins.size();
     std::vector<int> other(sites);
-    for (long row = 0; row < block.size(); ++row) {
+    for (long row = rowBegin; row < rowEnd; ++row) {
         const int* c = block.chain(row);
         std::copy(c, c + sites, other.begin());
         const int tb = c[b];
@@ -382,18 +382,6 @@ void addCoupledBond(const CoupledBlock& block, const std::vector<int>& spins, in
     }
 }
 
-void buildCoupledBlock(const SpinSystem& system, const std::vector<int>& jSlot, int twiceTotal,
-                       std::vector<Eigen::MatrixXd>& matrices) {
-    const CoupledBlock block(system.twiceSpin, twiceTotal);
-    for (auto& matrix : matrices) matrix.setZero(block.size(), block.size());
-    Recoupling recoupling;
-    for (const Bond& bond : system.bonds) {
-        Eigen::MatrixXd& h = matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])];
-        addCoupledBond(block, system.twiceSpin, std::min(bond.a, bond.b), std::max(bond.a, bond.b),
-                       recoupling, h);
-    }
-}
-
 // Runs body(i) for i in [0, count) on up to `threads` threads.
 void parallelFor(long count, int threads, const std::function<void(long)>& body) {
     if (threads <= 1 || count <= 1) {
@@ -417,6 +405,23 @@ void parallelFor(long count, int threads, const std::function<void(long)>& body)
         });
     for (auto& thread : pool) thread.join();
     if (failure) std::rethrow_exception(failure);
+}
+
+void buildCoupledBlock(const SpinSystem& system, const std::vector<int>& jSlot, int twiceTotal,
+                       std::vector<Eigen::MatrixXd>& matrices, int threads) {
+    const CoupledBlock block(system.twiceSpin, twiceTotal);
+    for (auto& matrix : matrices) matrix.setZero(block.size(), block.size());
+    // Rows are independent and each fills its own column: chunks of rows run side by side.
+    const long chunks = threads > 1 ? 8L * threads : 1;
+    parallelFor(chunks, threads, [&](long chunk) {
+        Recoupling recoupling;
+        const long begin = block.size() * chunk / chunks, end = block.size() * (chunk + 1) / chunks;
+        for (const Bond& bond : system.bonds)
+            addCoupledBond(block, system.twiceSpin, std::min(bond.a, bond.b),
+                           std::max(bond.a, bond.b), recoupling,
+                           matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])],
+                           begin, end);
+    });
 }
 
 } // namespace
@@ -489,10 +494,10 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads)
     std::stable_sort(blocks_.begin(), blocks_.end(),
                      [](const auto& x, const auto& y) { return x->spec.size > y->spec.size; });
 
-    auto build = [&](Block& block) {
+    auto build = [&](Block& block, int buildThreads) {
         block.perJ.resize(usedJ_.size());
         if (plan.method == Method::SBlocks) {
-            buildCoupledBlock(system, jSlot, block.spec.twiceLabel, block.perJ);
+            buildCoupledBlock(system, jSlot, block.spec.twiceLabel, block.perJ, buildThreads);
         } else {
             const auto states = productStates(system, block.spec, plan.method);
             buildProductBlock(system, jSlot, states, block.perJ,
@@ -514,10 +519,10 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads)
     while (large < static_cast<long>(blocks_.size()) && blocks_[static_cast<std::size_t>(large)]->spec.size >= largeBlock)
         ++large;
     setBlasThreads(threads_);
-    for (long i = 0; i < large; ++i) build(*blocks_[static_cast<std::size_t>(i)]);
+    for (long i = 0; i < large; ++i) build(*blocks_[static_cast<std::size_t>(i)], threads_);
     setBlasThreads(1);
     parallelFor(static_cast<long>(blocks_.size()) - large, threads_, [&](long i) {
-        build(*blocks_[static_cast<std::size_t>(large + i)]);
+        build(*blocks_[static_cast<std::size_t>(large + i)], 1);
     });
     setBlasThreads(threads_);
     if (plan_.scaled) diagonalisations_ = 1;
