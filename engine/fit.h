@@ -33,8 +33,10 @@ struct IterationReport {
 struct FitOptions {
     double tolerance = defaultTolerance; // relative decrease of D below which the fit has converged
     int maxIterations = 200;
-    const std::atomic<bool>* stop = nullptr; // set from a signal handler: stop at the next safe point
-    std::function<void(const IterationReport&)> onIteration; // after the start and every accepted step
+    const std::atomic<bool>* stop =
+        nullptr; // set from a signal handler: stop at the next safe point
+    std::function<void(const IterationReport&)>
+        onIteration; // after the start and every accepted step
 };
 
 enum class FitStatus {

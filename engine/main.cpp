@@ -34,8 +34,14 @@ namespace {
 
 using namespace corefit;
 
-enum ExitCode { exitConverged = 0, exitIterationLimit = 1, exitBadInput = 2, exitInterrupted = 3,
-                exitTooLarge = 4, exitInternal = 5 };
+enum ExitCode {
+    exitConverged = 0,
+    exitIterationLimit = 1,
+    exitBadInput = 2,
+    exitInterrupted = 3,
+    exitTooLarge = 4,
+    exitInternal = 5
+};
 
 std::atomic<bool> stopRequested{false};
 
@@ -116,7 +122,8 @@ std::string localTime() {
 
 double physicalMemory() {
     const long pages = ::sysconf(_SC_PHYS_PAGES), size = ::sysconf(_SC_PAGE_SIZE);
-    return pages > 0 && size > 0 ? static_cast<double>(pages) * static_cast<double>(size) : 16.0 * (1 << 30);
+    return pages > 0 && size > 0 ? static_cast<double>(pages) * static_cast<double>(size)
+                                 : 16.0 * (1 << 30);
 }
 
 std::string gib(double bytes) {
@@ -132,20 +139,23 @@ void logProblem(Log& log, const Problem& problem, const Plan& plan) {
              problem.points.size(), problem.first, problem.last);
     log.line("sites: %d", problem.siteCount());
     for (int i = 0; i < problem.siteCount(); ++i)
-        log.line("  site %d: S = %s", i + 1, spinText(problem.twiceSpin[static_cast<std::size_t>(i)]).c_str());
+        log.line("  site %d: S = %s", i + 1,
+                 spinText(problem.twiceSpin[static_cast<std::size_t>(i)]).c_str());
     log.line("Hamiltonian: H = -2 sum J_p S_a.S_b (negative J antiferromagnetic), energies in %s",
              unitName(problem.unit));
     for (const Bond& bond : problem.bonds)
         log.line("  sites %d and %d coupled by J%d", bond.a + 1, bond.b + 1, bond.j + 1);
     log.line("susceptibility: chi = C0 g^2 <M^2> / (T - 2 zJ <M^2>) + C / T + Xtip, "
-             "C0 = %.9f cm3 K mol-1, zJ in %s", curieConstant, unitName(problem.unit));
+             "C0 = %.9f cm3 K mol-1, zJ in %s",
+             curieConstant, unitName(problem.unit));
     log.line("parameters (start, step; step 0 keeps a parameter fixed):");
     for (std::size_t i = 0; i < problem.parameters.size(); ++i) {
         const Parameter& parameter = problem.parameters[i];
         log.line("  %-4s %.10g  step %.10g  %s", parameterName(static_cast<int>(i)).c_str(),
                  parameter.start, parameter.step, parameter.free() ? "free" : "fixed");
     }
-    log.line("tolerance: %.10g%s", problem.tolerance, problem.toleranceDefaulted ? " (default)" : "");
+    log.line("tolerance: %.10g%s", problem.tolerance,
+             problem.toleranceDefaulted ? " (default)" : "");
     log.line("method: %s", plan.describe().c_str());
     std::string sizes;
     for (long size : plan.blockSizes) sizes += (sizes.empty() ? "" : " ") + std::to_string(size);
@@ -156,11 +166,16 @@ void logProblem(Log& log, const Problem& problem, const Plan& plan) {
 
 const char* statusText(FitStatus status) {
     switch (status) {
-    case FitStatus::Evaluated: return "evaluated at the start values (no free parameter)";
-    case FitStatus::Converged: return "converged";
-    case FitStatus::IterationLimit: return "stopped at the iteration limit without converging";
-    case FitStatus::Interrupted: return "interrupted; the best parameters so far are written";
-    case FitStatus::Failed: break;
+    case FitStatus::Evaluated:
+        return "evaluated at the start values (no free parameter)";
+    case FitStatus::Converged:
+        return "converged";
+    case FitStatus::IterationLimit:
+        return "stopped at the iteration limit without converging";
+    case FitStatus::Interrupted:
+        return "interrupted; the best parameters so far are written";
+    case FitStatus::Failed:
+        break;
     }
     return "failed";
 }
@@ -186,9 +201,12 @@ int run(const Options& options) {
         return fail(log, exitBadInput, "input.txt: the start value of g must be positive");
 
     Method method = Method::Automatic;
-    if (options.method == "full") method = Method::Full;
-    else if (options.method == "m-blocks") method = Method::MBlocks;
-    else if (options.method == "s-blocks") method = Method::SBlocks;
+    if (options.method == "full")
+        method = Method::Full;
+    else if (options.method == "m-blocks")
+        method = Method::MBlocks;
+    else if (options.method == "s-blocks")
+        method = Method::SBlocks;
 
     SpinSystem system{problem.twiceSpin, problem.bonds, problem.jCount()};
     const Plan plan = planSpectrum(system, method);
@@ -204,8 +222,8 @@ int run(const Options& options) {
         freeJ += i >= firstJIndex && problem.parameters[i].free();
     }
     // A fit with free J values needs a spectrum with slopes at each of some 25 iterations.
-    const double estimate = plan.scaled || freeJ == 0 ? plan.secondsPerSpectrum
-                                                       : 25 * plan.secondsPerSlopes;
+    const double estimate =
+        plan.scaled || freeJ == 0 ? plan.secondsPerSpectrum : 25 * plan.secondsPerSlopes;
     char size[256];
     std::snprintf(size, sizeof size, "dimension %.0f, largest block %ld (%s)", plan.dimension,
                   plan.largestBlock, methodName(plan.method));
@@ -240,8 +258,10 @@ int run(const Options& options) {
     fitOptions.stop = &stopRequested;
     fitOptions.onIteration = [&](const IterationReport& report) {
         const std::string values = parameterLine(*report.parameters);
-        progress("iteration %d deviation %.10g %s", report.iteration, report.deviation, values.c_str());
-        log.line("iteration %d deviation %.10g %s", report.iteration, report.deviation, values.c_str());
+        progress("iteration %d deviation %.10g %s", report.iteration, report.deviation,
+                 values.c_str());
+        log.line("iteration %d deviation %.10g %s", report.iteration, report.deviation,
+                 values.c_str());
     };
     const FitResult result = fitLeastSquares(model, problem.parameters, fitOptions);
     if (result.status == FitStatus::Failed)
@@ -265,7 +285,8 @@ int run(const Options& options) {
     double observedSquares = 0;
     for (int i = problem.first; i <= problem.last; ++i)
         observedSquares += std::pow(problem.points[static_cast<std::size_t>(i - 1)].observed, 2);
-    if (observedSquares > 0) log.line("agreement factor R = %.6g", result.deviation / observedSquares);
+    if (observedSquares > 0)
+        log.line("agreement factor R = %.6g", result.deviation / observedSquares);
     for (std::size_t i = 0; i < outcome.values.size(); ++i) {
         const bool free = problem.parameters[i].free();
         if (free)
@@ -301,9 +322,13 @@ int run(const Options& options) {
     progress("%s: deviation %.10g after %d iteration%s, %.2f s", statusText(result.status),
              result.deviation, result.iterations, result.iterations == 1 ? "" : "s", seconds);
     switch (result.status) {
-    case FitStatus::IterationLimit: return exitIterationLimit;
-    case FitStatus::Interrupted: log.line("interrupted by a signal"); return exitInterrupted;
-    default: return exitConverged;
+    case FitStatus::IterationLimit:
+        return exitIterationLimit;
+    case FitStatus::Interrupted:
+        log.line("interrupted by a signal");
+        return exitInterrupted;
+    default:
+        return exitConverged;
     }
 }
 

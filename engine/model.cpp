@@ -47,8 +47,7 @@ bool susceptibility(double t, double moment, double g, double c, double zjKelvin
 SusceptibilityModel::SusceptibilityModel(const Problem& problem, Spectrum& spectrum)
     : problem_(problem), spectrum_(spectrum), toKelvin_(kelvinPer(problem.unit)) {}
 
-bool SusceptibilityModel::compute(const std::vector<double>& p,
-                                  const std::vector<int>* freeIndices,
+bool SusceptibilityModel::compute(const std::vector<double>& p, const std::vector<int>* freeIndices,
                                   std::vector<double>& values, Eigen::MatrixXd* derivatives) {
     const auto jCount = static_cast<std::size_t>(problem_.jCount());
     std::vector<double> jKelvin(jCount);
@@ -56,7 +55,8 @@ bool SusceptibilityModel::compute(const std::vector<double>& p,
     std::vector<bool> slopeFor(jCount, false);
     if (derivatives)
         for (int index : *freeIndices)
-            if (index >= firstJIndex) slopeFor[static_cast<std::size_t>(index - firstJIndex)] = true;
+            if (index >= firstJIndex)
+                slopeFor[static_cast<std::size_t>(index - firstJIndex)] = true;
     const Levels& levels = spectrum_.levels(jKelvin, slopeFor);
 
     const bool chiT = problem_.kind == DataKind::ChiT;
@@ -76,10 +76,18 @@ bool SusceptibilityModel::compute(const std::vector<double>& p,
             const int index = (*freeIndices)[column];
             double d = 0;
             switch (index) {
-            case gIndex: d = s.dChiDg; break;
-            case cIndex: d = s.dChiDC; break;
-            case zjIndex: d = s.dChiDzJ * toKelvin_; break;
-            case tipIndex: d = s.dChiDtip; break;
+            case gIndex:
+                d = s.dChiDg;
+                break;
+            case cIndex:
+                d = s.dChiDC;
+                break;
+            case zjIndex:
+                d = s.dChiDzJ * toKelvin_;
+                break;
+            case tipIndex:
+                d = s.dChiDtip;
+                break;
             default:
                 d = s.dChiDMoment * moment.slope[static_cast<std::size_t>(index - firstJIndex)] *
                     toKelvin_;
@@ -94,8 +102,9 @@ bool SusceptibilityModel::evaluate(const std::vector<double>& p, Eigen::VectorXd
                                    Eigen::MatrixXd* jacobian, const std::vector<int>& freeIndices) {
     std::vector<double> values;
     Eigen::MatrixXd all;
-    if (jacobian) all.resize(static_cast<Eigen::Index>(problem_.points.size()),
-                             static_cast<Eigen::Index>(freeIndices.size()));
+    if (jacobian)
+        all.resize(static_cast<Eigen::Index>(problem_.points.size()),
+                   static_cast<Eigen::Index>(freeIndices.size()));
     if (!compute(p, &freeIndices, values, jacobian ? &all : nullptr)) return false;
     const auto first = static_cast<Eigen::Index>(problem_.first - 1);
     const auto count = static_cast<Eigen::Index>(residualCount());

@@ -24,7 +24,7 @@ ThermalMoment thermalMoment(const Levels& levels, double t);
 struct Susceptibility {
     double chi = 0;
     double dChiDg = 0, dChiDC = 0, dChiDzJ = 0, dChiDtip = 0; // zJ per kelvin
-    double dChiDMoment = 0;                                    // d chi / d<M^2>
+    double dChiDMoment = 0;                                   // d chi / d<M^2>
 };
 bool susceptibility(double t, double moment, double g, double c, double zjKelvin, double tip,
                     Susceptibility& out);

@@ -66,10 +66,10 @@ namespace corefit {
 
 // What the engine writes to output.txt: values in the file's energy unit.
 struct Outcome {
-    double deviation = 0;               // sum of squared deviations over the fitted range
-    std::vector<double> values;         // g, C, zJ, Xtip, J1..Jn
-    std::vector<double> uncertainties;  // standard uncertainties, 0 for fixed parameters
-    std::vector<double> calculated;     // the model at every point, also outside the fitted range
+    double deviation = 0;              // sum of squared deviations over the fitted range
+    std::vector<double> values;        // g, C, zJ, Xtip, J1..Jn
+    std::vector<double> uncertainties; // standard uncertainties, 0 for fixed parameters
+    std::vector<double> calculated;    // the model at every point, also outside the fitted range
 };
 
 } // namespace corefit

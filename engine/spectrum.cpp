@@ -4,8 +4,8 @@
 #include <atomic>
 #include <cmath>
 #include <cstdint>
-#include <functional>
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -26,10 +26,14 @@ namespace corefit {
 
 const char* methodName(Method method) {
     switch (method) {
-    case Method::Automatic: return "automatic";
-    case Method::Full: return "full";
-    case Method::MBlocks: return "M blocks";
-    case Method::SBlocks: break;
+    case Method::Automatic:
+        return "automatic";
+    case Method::Full:
+        return "full";
+    case Method::MBlocks:
+        return "M blocks";
+    case Method::SBlocks:
+        break;
     }
     return "S blocks";
 }
@@ -178,7 +182,8 @@ void buildProductBlock(const SpinSystem& system, const std::vector<int>& jSlot,
             (*stateMoment)[static_cast<std::size_t>(col)] = m * m;
         }
         for (const Bond& bond : system.bonds) {
-            Eigen::MatrixXd& h = matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])];
+            Eigen::MatrixXd& h =
+                matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])];
             const auto a = static_cast<std::size_t>(bond.a), b = static_cast<std::size_t>(bond.b);
             const double sa = system.twiceSpin[a] / 2.0, sb = system.twiceSpin[b] / 2.0;
             const int da = basis.digit(code, a), db = basis.digit(code, b);
@@ -246,7 +251,8 @@ public:
         long index = 0;
         for (std::size_t i = 1; i < sites_; ++i) {
             const int low = std::abs(chain[i - 1] - spins_[i]);
-            for (int t = low; t < chain[i]; t += 2) index += completions_[i][static_cast<std::size_t>(t)];
+            for (int t = low; t < chain[i]; t += 2)
+                index += completions_[i][static_cast<std::size_t>(t)];
         }
         return index;
     }
@@ -276,7 +282,9 @@ private:
     std::vector<int> chains_;
 };
 
-bool triangle(int a, int b, int c) { return c >= std::abs(a - b) && c <= a + b && (a + b + c) % 2 == 0; }
+bool triangle(int a, int b, int c) {
+    return c >= std::abs(a - b) && c <= a + b && (a + b + c) % 2 == 0;
+}
 
 double sign(int twicePhase) { return (twicePhase / 2) % 2 == 0 ? 1.0 : -1.0; }
 
@@ -342,10 +350,11 @@ void addCoupledBond(const CoupledBlock& block, const std::vector<int>& spins, in
                 if (!triangle(before, spins[static_cast<std::size_t>(b)], tb)) return;
                 double element = 0;
                 for (int x = tb >= 2 ? tb - 2 : tb; x <= tb + 2; x += 2) {
-                    const double first = recoupling.first(c[b - 1], before,
-                                                          spins[static_cast<std::size_t>(b)], tb, x);
+                    const double first = recoupling.first(
+                        c[b - 1], before, spins[static_cast<std::size_t>(b)], tb, x);
                     if (first == 0) continue;
-                    const double second = recoupling.second(before, spins[static_cast<std::size_t>(b)], x, tb);
+                    const double second =
+                        recoupling.second(before, spins[static_cast<std::size_t>(b)], x, tb);
                     element += sign(x - tb) * first * second;
                 }
                 element *= amplitude * reducedSpin(spins[static_cast<std::size_t>(b)]) / (tb + 1);
@@ -417,10 +426,11 @@ void buildCoupledBlock(const SpinSystem& system, const std::vector<int>& jSlot, 
         Recoupling recoupling;
         const long begin = block.size() * chunk / chunks, end = block.size() * (chunk + 1) / chunks;
         for (const Bond& bond : system.bonds)
-            addCoupledBond(block, system.twiceSpin, std::min(bond.a, bond.b),
-                           std::max(bond.a, bond.b), recoupling,
-                           matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])],
-                           begin, end);
+            addCoupledBond(
+                block, system.twiceSpin, std::min(bond.a, bond.b), std::max(bond.a, bond.b),
+                recoupling,
+                matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])], begin,
+                end);
     });
 }
 
@@ -506,7 +516,8 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads)
         if (!plan_.scaled) return;
         // One J (or none): diagonalise once at J = 1 and keep only the levels.
         const auto n = static_cast<Index>(block.spec.size);
-        Eigen::MatrixXd matrix = block.perJ.empty() ? Eigen::MatrixXd::Zero(n, n) : std::move(block.perJ[0]);
+        Eigen::MatrixXd matrix =
+            block.perJ.empty() ? Eigen::MatrixXd::Zero(n, n) : std::move(block.perJ[0]);
         block.perJ.clear();
         const bool vectors = plan.method == Method::Full;
         symmetricEigen(matrix, block.unitValues, vectors);
@@ -516,14 +527,14 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads)
         }
     };
     long large = 0;
-    while (large < static_cast<long>(blocks_.size()) && blocks_[static_cast<std::size_t>(large)]->spec.size >= largeBlock)
+    while (large < static_cast<long>(blocks_.size()) &&
+           blocks_[static_cast<std::size_t>(large)]->spec.size >= largeBlock)
         ++large;
     setBlasThreads(threads_);
     for (long i = 0; i < large; ++i) build(*blocks_[static_cast<std::size_t>(i)], threads_);
     setBlasThreads(1);
-    parallelFor(static_cast<long>(blocks_.size()) - large, threads_, [&](long i) {
-        build(*blocks_[static_cast<std::size_t>(large + i)], 1);
-    });
+    parallelFor(static_cast<long>(blocks_.size()) - large, threads_,
+                [&](long i) { build(*blocks_[static_cast<std::size_t>(large + i)], 1); });
     setBlasThreads(threads_);
     if (plan_.scaled) diagonalisations_ = 1;
 }
@@ -575,10 +586,12 @@ void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
 void Spectrum::diagonaliseAll(const std::vector<double>& jKelvin,
                               const std::vector<bool>& slopeFor) {
     long large = 0;
-    while (large < static_cast<long>(blocks_.size()) && blocks_[static_cast<std::size_t>(large)]->spec.size >= largeBlock)
+    while (large < static_cast<long>(blocks_.size()) &&
+           blocks_[static_cast<std::size_t>(large)]->spec.size >= largeBlock)
         ++large;
     setBlasThreads(threads_);
-    for (long i = 0; i < large; ++i) diagonalise(*blocks_[static_cast<std::size_t>(i)], jKelvin, slopeFor, threads_);
+    for (long i = 0; i < large; ++i)
+        diagonalise(*blocks_[static_cast<std::size_t>(i)], jKelvin, slopeFor, threads_);
     setBlasThreads(1);
     parallelFor(static_cast<long>(blocks_.size()) - large, threads_, [&](long i) {
         diagonalise(*blocks_[static_cast<std::size_t>(large + i)], jKelvin, slopeFor, 1);
@@ -609,14 +622,18 @@ const Levels& Spectrum::levels(const std::vector<double>& jKelvin,
         for (Index i = 0; i < block.values.size(); ++i) {
             out.energy.push_back(block.values[i]);
             out.weight.push_back(block.spec.weight);
-            out.moment.push_back(plan_.method == Method::Full ? block.moments[i] : block.spec.moment);
+            out.moment.push_back(plan_.method == Method::Full ? block.moments[i]
+                                                              : block.spec.moment);
         }
         for (std::size_t k = 0; k < has.size(); ++k) {
             if (!has[k]) continue;
             auto slot = std::find(usedJ_.begin(), usedJ_.end(), static_cast<int>(k));
             std::vector<double>& slope = out.slope[k];
             for (Index i = 0; i < block.values.size(); ++i)
-                slope.push_back(slot == usedJ_.end() ? 0.0 : block.slopes[static_cast<std::size_t>(slot - usedJ_.begin())][i]);
+                slope.push_back(
+                    slot == usedJ_.end()
+                        ? 0.0
+                        : block.slopes[static_cast<std::size_t>(slot - usedJ_.begin())][i]);
         }
     }
     cachedJ_ = jKelvin;

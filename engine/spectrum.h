@@ -37,14 +37,14 @@ struct Levels {
 // Sizes and costs of a method on a system, known before anything is built.
 struct Plan {
     Method method = Method::SBlocks;
-    double dimension = 0;              // Hilbert space dimension
-    std::vector<long> blockSizes;      // the blocks that are diagonalised
+    double dimension = 0;         // Hilbert space dimension
+    std::vector<long> blockSizes; // the blocks that are diagonalised
     long largestBlock = 0;
-    bool scaled = false;               // at most one J is used: one spectrum, scaled
-    double bytes = 0;                  // estimated peak memory of the spectrum
-    double secondsPerSpectrum = 0;     // estimated diagonalisation time, eigenvalues only
-    double secondsPerSlopes = 0;       // estimated time with eigenvectors and J slopes
-    std::string describe() const;      // "S blocks: dimension 46656, 31 blocks, largest 609"
+    bool scaled = false;           // at most one J is used: one spectrum, scaled
+    double bytes = 0;              // estimated peak memory of the spectrum
+    double secondsPerSpectrum = 0; // estimated diagonalisation time, eigenvalues only
+    double secondsPerSlopes = 0;   // estimated time with eigenvectors and J slopes
+    std::string describe() const;  // "S blocks: dimension 46656, 31 blocks, largest 609"
 };
 
 Plan planSpectrum(const SpinSystem& system, Method method);

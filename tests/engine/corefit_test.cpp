@@ -38,7 +38,8 @@ std::string ringInput(int sites, int twiceSpin, const std::vector<std::pair<doub
     for (auto [start, step] : j) text << start << ", " << step << "\n";
     const int bonds = sites == 2 ? 1 : sites;
     for (int i = 0; i < bonds; ++i)
-        text << i + 1 << ", " << (i + 1) % sites + 1 << ", " << 5 + i % static_cast<int>(j.size()) << "\n";
+        text << i + 1 << ", " << (i + 1) % sites + 1 << ", " << 5 + i % static_cast<int>(j.size())
+             << "\n";
     return text.str();
 }
 
@@ -56,7 +57,8 @@ TEST(Corefit, FitsTheDNit2MeasurementsAsPublished) {
         }
     ASSERT_GT(count, 20);
     ScratchDir dir;
-    dir.write("chit.txt", std::to_string(count) + ", 1, " + std::to_string(count) + "\n" + data.str());
+    dir.write("chit.txt",
+              std::to_string(count) + ", 1, " + std::to_string(count) + "\n" + data.str());
     const std::string input = dir.write(
         "input.txt", ringInput(2, 1, {{2.0, 0.01}, {0, 0}, {0, 0}, {0, 0}}, {{-200, 2}}, "2, 0"));
     const CorefitRun run = runCorefit(input);
@@ -78,9 +80,9 @@ TEST(Corefit, InterruptWritesTheBestParametersSoFarAndExits3) {
     std::ostringstream data;
     for (int i = 1; i <= 60; ++i) data << 5.0 * i << "  " << 0.3 + 0.002 * i << "\n";
     dir.write("chit.txt", "60, 1, 60\n" + data.str());
-    const std::string input = dir.write(
-        "input.txt",
-        ringInput(14, 1, {{2.3, 0.01}, {0, 0}, {0, 0}, {0, 0}}, {{-3, 0.1}, {-2, 0.1}}, "2, 0"));
+    const std::string input =
+        dir.write("input.txt", ringInput(14, 1, {{2.3, 0.01}, {0, 0}, {0, 0}, {0, 0}},
+                                         {{-3, 0.1}, {-2, 0.1}}, "2, 0"));
     std::string lastIteration;
     bool signalled = false;
     const CorefitRun run = runCorefit(input, {}, [&](const std::string& line, pid_t pid) {

@@ -18,7 +18,8 @@ double clusterChiT(const SpinSystem& system, const std::vector<double>& jKelvin,
                    double t) {
     Spectrum spectrum(system, planSpectrum(system, Method::SBlocks), 1);
     Susceptibility s;
-    EXPECT_TRUE(susceptibility(t, thermalMoment(spectrum.levels(jKelvin, {}), t).value, g, 0, 0, 0, s));
+    EXPECT_TRUE(
+        susceptibility(t, thermalMoment(spectrum.levels(jKelvin, {}), t).value, g, 0, 0, 0, s));
     return s.chi * t;
 }
 
@@ -76,12 +77,14 @@ double bruteForceChiT(const std::vector<int>& twiceSpin, const std::vector<Bond>
         const auto& a = ops[static_cast<std::size_t>(bond.a)];
         const auto& b = ops[static_cast<std::size_t>(bond.b)];
         // (iSy_a)(iSy_b) = -Sy_a Sy_b
-        h += -2 * jKelvin[static_cast<std::size_t>(bond.j)] * (a[0] * b[0] - a[1] * b[1] + a[2] * b[2]);
+        h += -2 * jKelvin[static_cast<std::size_t>(bond.j)] *
+             (a[0] * b[0] - a[1] * b[1] + a[2] * b[2]);
     }
     for (const auto& site : ops) sz += site[2];
     Eigen::SelfAdjointEigenSolver<Matrix> solver(h);
     const Eigen::VectorXd e = solver.eigenvalues();
-    const Eigen::VectorXd m2 = (solver.eigenvectors().transpose() * sz * sz * solver.eigenvectors()).diagonal();
+    const Eigen::VectorXd m2 =
+        (solver.eigenvectors().transpose() * sz * sz * solver.eigenvectors()).diagonal();
     double z = 0, m = 0;
     for (Eigen::Index i = 0; i < dim; ++i) {
         const double w = std::exp(-(e[i] - e[0]) / t);
@@ -98,7 +101,9 @@ struct Noise {
         state = state * 6364136223846793005ULL + 1442695040888963407ULL;
         return (static_cast<double>(state >> 11) + 0.5) / 9007199254740992.0;
     }
-    double normal() { return std::sqrt(-2 * std::log(uniform())) * std::cos(6.283185307179586 * uniform()); }
+    double normal() {
+        return std::sqrt(-2 * std::log(uniform())) * std::cos(6.283185307179586 * uniform());
+    }
 };
 
 } // namespace
@@ -110,17 +115,19 @@ TEST(Susceptibility, ClosedForms) {
         // Bleaney-Bowers: chiT = C0 g^2 * 2 / (3 + exp(-2J/T)).
         const double j = -80;
         const SpinSystem dimer{{1, 1}, {{0, 1, 0}}, 1};
-        EXPECT_NEAR(clusterChiT(dimer, {j}, g, t), curieConstant * g * g * 2 / (3 + std::exp(-2 * j / t)),
-                    1e-12);
+        EXPECT_NEAR(clusterChiT(dimer, {j}, g, t),
+                    curieConstant * g * g * 2 / (3 + std::exp(-2 * j / t)), 1e-12);
         // Kambe, dimer of two S = 5/2 and of two S = 1.
         const SpinSystem iron{{5, 5}, {{0, 1, 0}}, 1};
         EXPECT_NEAR(clusterChiT(iron, {-12}, g, t),
                     kambeChiT({{0, 1}, {2, 1}, {4, 1}, {6, 1}, {8, 1}, {10, 1}}, -12, g, t), 1e-12);
         const SpinSystem nickel{{2, 2}, {{1, 0, 0}}, 1};
-        EXPECT_NEAR(clusterChiT(nickel, {9}, g, t), kambeChiT({{0, 1}, {2, 1}, {4, 1}}, 9, g, t), 1e-12);
+        EXPECT_NEAR(clusterChiT(nickel, {9}, g, t), kambeChiT({{0, 1}, {2, 1}, {4, 1}}, 9, g, t),
+                    1e-12);
         // Equilateral triangle of S = 1/2: two doublets and a quartet.
         const SpinSystem triangle{{1, 1, 1}, {{0, 1, 0}, {1, 2, 0}, {2, 0, 0}}, 1};
-        EXPECT_NEAR(clusterChiT(triangle, {-30}, g, t), kambeChiT({{1, 2}, {3, 1}}, -30, g, t), 1e-12);
+        EXPECT_NEAR(clusterChiT(triangle, {-30}, g, t), kambeChiT({{1, 2}, {3, 1}}, -30, g, t),
+                    1e-12);
     }
     // Curie limit: chiT -> C0 g^2 / 3 * sum S(S+1) far above |J|.
     const SpinSystem mixed{{1, 2, 5}, {{0, 1, 0}, {1, 2, 1}}, 2};
@@ -137,7 +144,8 @@ TEST(Susceptibility, AgreesWithBruteForceOnMixedClusters) {
     const std::vector<Case> cases{
         {{1, 2, 3}, {{0, 1, 0}, {1, 2, 1}, {0, 2, 2}}, {-15, 6, -2.5}},
         {{5, 1, 2, 1}, {{0, 1, 0}, {0, 2, 1}, {0, 3, 0}, {1, 3, 2}, {2, 3, 1}}, {-20, 3, 11}},
-        {{2, 2, 1, 1, 3}, {{0, 1, 0}, {1, 2, 1}, {2, 3, 0}, {3, 4, 1}, {4, 0, 2}, {0, 2, 2}},
+        {{2, 2, 1, 1, 3},
+         {{0, 1, 0}, {1, 2, 1}, {2, 3, 0}, {3, 4, 1}, {4, 0, 2}, {0, 2, 2}},
          {-7, -13, 4}},
     };
     for (const Case& c : cases) {
@@ -145,7 +153,8 @@ TEST(Susceptibility, AgreesWithBruteForceOnMixedClusters) {
         Spectrum spectrum(system, planSpectrum(system, Method::SBlocks), 2);
         for (double t : {1.0, 5.0, 30.0, 300.0}) {
             Susceptibility s;
-            ASSERT_TRUE(susceptibility(t, thermalMoment(spectrum.levels(c.j, {}), t).value, 2.0, 0, 0, 0, s));
+            ASSERT_TRUE(susceptibility(t, thermalMoment(spectrum.levels(c.j, {}), t).value, 2.0, 0,
+                                       0, 0, s));
             const double expected = bruteForceChiT(c.spins, c.bonds, c.j, 2.0, t);
             EXPECT_NEAR(s.chi * t, expected, 1e-9 * expected) << "T = " << t;
         }
@@ -156,7 +165,8 @@ TEST(Susceptibility, MeanFieldImpurityAndTip) {
     // chi = chi_c / (1 - 2 zJ chi_c / (C0 g^2)) + C/T + Xtip with chi_c = C0 g^2 <M^2> / T.
     const double t = 12, moment = 0.8, g = 2.2, c = 0.01, zj = -0.7, tip = 3e-4;
     const double cluster = curieConstant * g * g * moment / t;
-    const double expected = cluster / (1 - 2 * zj * cluster / (curieConstant * g * g)) + c / t + tip;
+    const double expected =
+        cluster / (1 - 2 * zj * cluster / (curieConstant * g * g)) + c / t + tip;
     Susceptibility s;
     ASSERT_TRUE(susceptibility(t, moment, g, c, zj, tip, s));
     EXPECT_NEAR(s.chi, expected, 1e-15);
@@ -168,10 +178,18 @@ TEST(Susceptibility, MeanFieldImpurityAndTip) {
         return out.chi;
     };
     const double h = 1e-6;
-    EXPECT_NEAR(s.dChiDg, (chiAt(g + h, c, zj, tip, moment) - chiAt(g - h, c, zj, tip, moment)) / (2 * h), 1e-7);
-    EXPECT_NEAR(s.dChiDC, (chiAt(g, c + h, zj, tip, moment) - chiAt(g, c - h, zj, tip, moment)) / (2 * h), 1e-7);
-    EXPECT_NEAR(s.dChiDzJ, (chiAt(g, c, zj + h, tip, moment) - chiAt(g, c, zj - h, tip, moment)) / (2 * h), 1e-7);
-    EXPECT_NEAR(s.dChiDMoment, (chiAt(g, c, zj, tip, moment + h) - chiAt(g, c, zj, tip, moment - h)) / (2 * h), 1e-7);
+    EXPECT_NEAR(s.dChiDg,
+                (chiAt(g + h, c, zj, tip, moment) - chiAt(g - h, c, zj, tip, moment)) / (2 * h),
+                1e-7);
+    EXPECT_NEAR(s.dChiDC,
+                (chiAt(g, c + h, zj, tip, moment) - chiAt(g, c - h, zj, tip, moment)) / (2 * h),
+                1e-7);
+    EXPECT_NEAR(s.dChiDzJ,
+                (chiAt(g, c, zj + h, tip, moment) - chiAt(g, c, zj - h, tip, moment)) / (2 * h),
+                1e-7);
+    EXPECT_NEAR(s.dChiDMoment,
+                (chiAt(g, c, zj, tip, moment + h) - chiAt(g, c, zj, tip, moment - h)) / (2 * h),
+                1e-7);
 
     // Outside the domain: g <= 0, or a mean field that reaches the pole 1 - 2 zJ <M^2> / T = 0.
     EXPECT_FALSE(susceptibility(t, moment, 0, c, zj, tip, s));
@@ -187,8 +205,8 @@ TEST(Susceptibility, UnitsAndJacobian) {
         problem.twiceSpin = {2, 1, 2};
         problem.bonds = {{0, 1, 0}, {1, 2, 1}};
         const double scale = kelvinPer(unit);
-        problem.parameters = {{2.1, 0.01}, {0.002, 1e-4}, {-0.3 / scale, 0.01}, {1e-4, 1e-5},
-                              {jKelvin / scale, 0.1}, {-0.4 * jKelvin / scale, 0.1}};
+        problem.parameters = {{2.1, 0.01},  {0.002, 1e-4},          {-0.3 / scale, 0.01},
+                              {1e-4, 1e-5}, {jKelvin / scale, 0.1}, {-0.4 * jKelvin / scale, 0.1}};
         for (double t = 2; t <= 300; t *= 1.7) problem.points.push_back({t, 1.0});
         problem.first = 2;
         problem.last = static_cast<int>(problem.points.size());
@@ -204,7 +222,8 @@ TEST(Susceptibility, UnitsAndJacobian) {
         for (const Parameter& parameter : problem.parameters) p.push_back(parameter.start);
         ASSERT_TRUE(model.predict(p, values));
         if (reference.empty()) reference = values;
-        for (std::size_t i = 0; i < values.size(); ++i) EXPECT_NEAR(values[i], reference[i], 1e-9 * reference[i]);
+        for (std::size_t i = 0; i < values.size(); ++i)
+            EXPECT_NEAR(values[i], reference[i], 1e-9 * reference[i]);
 
         const std::vector<int> all{0, 1, 2, 3, 4, 5};
         Eigen::VectorXd r, up, down;
@@ -254,7 +273,8 @@ TEST(Fit, RecoversSyntheticParametersWithinTheirUncertainties) {
         const auto i = static_cast<std::size_t>(k);
         EXPECT_GT(result.uncertainties[i], 0);
         EXPECT_LT(std::abs(result.parameters[i] - truth[i]), 2.5 * result.uncertainties[i])
-            << "parameter " << k << " = " << result.parameters[i] << " +/- " << result.uncertainties[i];
+            << "parameter " << k << " = " << result.parameters[i] << " +/- "
+            << result.uncertainties[i];
     }
     EXPECT_EQ(result.parameters[1], 0);
 }

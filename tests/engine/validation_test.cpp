@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-
 #include "problem_io.h"
 #include "support/corefit_run.h"
 #include "support/fixtures.h"

@@ -52,7 +52,8 @@ inline CorefitRun runCorefit(const std::string& inputPath, std::vector<std::stri
         ::close(errors[0]);
         return run;
     }
-    auto drain = [](int fd, std::string& into, const std::function<void(const std::string&)>& line) {
+    auto drain = [](int fd, std::string& into,
+                    const std::function<void(const std::string&)>& line) {
         char buffer[4096];
         std::size_t lineStart = into.size();
         for (ssize_t got; (got = ::read(fd, buffer, sizeof buffer)) != 0;) {
