@@ -1,0 +1,546 @@
+// corefit-bench: how fast the engine evaluates and fits standard spin clusters, each measured side
+// by side in one run with the naive reference (the whole Hilbert space as one dense matrix).
+//
+//   corefit-bench [--threads N] [--naive-budget SECONDS] [--large] [--case K]... [--csv]
+//
+// Prints the machine, the date and one table (aligned text, or CSV with --csv) on the standard
+// output; progress goes to the standard error stream.
+#include <algorithm>
+#include <chrono>
+#include <clocale>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <exception>
+#include <fstream>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+
+#include "fit.h"
+#include "model.h"
+#include "problem.h"
+#include "spectrum.h"
+
+namespace {
+
+using namespace corefit;
+using Clock = std::chrono::steady_clock;
+
+constexpr double gib = 1024.0 * 1024.0 * 1024.0;
+constexpr double naiveMemoryLimit = 8 * gib;
+constexpr int pointCount = 300;
+constexpr double lowestTemperature = 2, highestTemperature = 300;
+constexpr double startFactor = 1.2;   // free parameters start 20 % off their true values
+constexpr double stepFraction = 0.01; // and step by 1 % of their start values
+// Evaluations are repeated until they take about this long, within the bounds below.
+constexpr double evaluationSeconds = 2;
+constexpr int fewestEvaluations = 3, mostEvaluations = 25;
+// Fits with free J values need some 25 spectra with J slopes (as the engine itself reckons).
+constexpr double spectraPerFit = 25;
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+[[gnu::format(printf, 1, 2)]] std::string format(const char* pattern, ...) {
+    char text[512];
+    va_list arguments;
+    va_start(arguments, pattern);
+    std::vsnprintf(text, sizeof text, pattern, arguments);
+    va_end(arguments);
+    return text;
+}
+
+[[gnu::format(printf, 1, 2)]] void progress(const char* pattern, ...) {
+    va_list arguments;
+    va_start(arguments, pattern);
+    std::vfprintf(stderr, pattern, arguments);
+    va_end(arguments);
+    std::fputc('\n', stderr);
+    std::fflush(stderr);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The problems.
+
+struct Case {
+    std::string name;
+    std::vector<int> twiceSpin;
+    std::vector<Bond> bonds;
+    double g = 2;
+    std::vector<double> j; // true J values, kelvin
+    bool large = false;    // run only when asked for
+};
+
+// A ring of equal spins; alternating: J1 and J2 on alternate bonds, otherwise J1 on all.
+Case ring(int sites, int twiceSpin, bool alternating, std::vector<double> j) {
+    Case c;
+    const std::string spin =
+        twiceSpin % 2 ? std::to_string(twiceSpin) + "/2" : std::to_string(twiceSpin / 2);
+    c.name = std::to_string(sites) + " x S=" + spin + " ring, " + (alternating ? "J1/J2" : "one J");
+    c.twiceSpin.assign(static_cast<std::size_t>(sites), twiceSpin);
+    for (int a = 0; a < sites; ++a)
+        c.bonds.push_back({a, (a + 1) % sites, alternating ? a % 2 : 0});
+    c.j = std::move(j);
+    return c;
+}
+
+std::vector<Case> standardCases() {
+    std::vector<Case> cases;
+    Case dimer;
+    dimer.name = "Cu(II) dimer, 2 x S=1/2";
+    dimer.twiceSpin = {1, 1};
+    dimer.bonds = {{0, 1, 0}};
+    dimer.g = 2.1;
+    dimer.j = {-60};
+    cases.push_back(dimer);
+
+    Case cubane;
+    cubane.name = "4 x S=1 cubane, J1/J2";
+    cubane.twiceSpin = {2, 2, 2, 2};
+    cubane.bonds = {{0, 1, 0}, {0, 2, 0}, {1, 3, 0}, {2, 3, 0}, {0, 3, 1}, {1, 2, 1}};
+    cubane.g = 2.2;
+    cubane.j = {6, -3};
+    cases.push_back(cubane);
+
+    cases.push_back(ring(6, 5, false, {-10}));
+    cases.push_back(ring(6, 5, true, {-10, -7}));
+    cases.push_back(ring(10, 1, true, {-10, -7}));
+    cases.push_back(ring(12, 1, true, {-10, -7}));
+    cases.push_back(ring(16, 1, true, {-10, -7}));
+    Case large = ring(8, 5, false, {-10});
+    large.large = true;
+    cases.push_back(large);
+    return cases;
+}
+
+// chiT in kelvin units at pointCount temperatures, every parameter fixed at its true value; the
+// observed values are filled in later from the model itself.
+Problem makeProblem(const Case& c) {
+    Problem problem;
+    problem.inputPath = problem.dataPath = c.name;
+    problem.unit = EnergyUnit::Kelvin;
+    problem.kind = DataKind::ChiT;
+    problem.twiceSpin = c.twiceSpin;
+    problem.bonds = c.bonds;
+    problem.parameters = {{c.g, 0}, {0, 0}, {0, 0}, {0, 0}};
+    for (double j : c.j) problem.parameters.push_back({j, 0});
+    for (int i = 0; i < pointCount; ++i) {
+        const double t =
+            lowestTemperature + (highestTemperature - lowestTemperature) * i / (pointCount - 1);
+        problem.points.push_back({t, 0});
+    }
+    problem.first = 1;
+    problem.last = pointCount;
+    return problem;
+}
+
+std::vector<double> trueValues(const Problem& problem) {
+    std::vector<double> values;
+    for (const Parameter& parameter : problem.parameters) values.push_back(parameter.start);
+    return values;
+}
+
+// g and every J free, starting 20 % off.
+std::vector<Parameter> fitStart(const Problem& problem) {
+    std::vector<Parameter> parameters = problem.parameters;
+    for (std::size_t i = 0; i < parameters.size(); ++i) {
+        if (i != gIndex && i < firstJIndex) continue;
+        parameters[i].start *= startFactor;
+        parameters[i].step = stepFraction * std::abs(parameters[i].start);
+    }
+    return parameters;
+}
+
+// ---------------------------------------------------------------------------------------------
+// One method on one problem.
+
+struct Run {
+    bool evaluated = false, fitted = false;
+    double setup = 0;      // building the Spectrum (for a scaled one, also its one spectrum)
+    double evaluation = 0; // median over the repetitions
+    int repetitions = 0;
+    double fit = 0; // setup + fitLeastSquares
+    FitResult result;
+    double fitError = 0; // largest relative error of a fitted parameter
+};
+
+double median(std::vector<double> samples) {
+    std::sort(samples.begin(), samples.end());
+    const std::size_t n = samples.size();
+    return n % 2 ? samples[n / 2] : (samples[n / 2 - 1] + samples[n / 2]) / 2;
+}
+
+// Times the model on `problem` with `plan`. The first evaluation is at the true values; its
+// values come back in `atTruth`, and become the observed data when `generate` is set. Each
+// further one has J values of its own, so that the spectrum is computed anew every time. With
+// `fit`, then fits from fitStart with the same spectrum (whose last J values are not the start).
+Run measure(const SpinSystem& system, const Plan& plan, Problem& problem, int threads,
+            bool generate, bool fit, std::vector<double>& atTruth) {
+    Run run;
+    const auto built = Clock::now();
+    Spectrum spectrum(system, plan, threads);
+    run.setup = secondsSince(built);
+    SusceptibilityModel model(problem, spectrum);
+
+    const std::vector<double> truth = trueValues(problem);
+    std::vector<double> samples;
+    auto started = Clock::now();
+    if (!model.predict(truth, atTruth))
+        throw std::runtime_error("no finite susceptibility at the true values");
+    samples.push_back(secondsSince(started));
+    if (generate)
+        for (std::size_t i = 0; i < atTruth.size(); ++i) problem.points[i].observed = atTruth[i];
+    const int repetitions = std::clamp(static_cast<int>(std::ceil(evaluationSeconds / samples[0])),
+                                       fewestEvaluations, mostEvaluations);
+    std::vector<double> values;
+    for (int r = 1; r < repetitions; ++r) {
+        std::vector<double> p = truth;
+        for (std::size_t k = firstJIndex; k < p.size(); ++k) p[k] *= 1 + 1e-3 * r;
+        started = Clock::now();
+        if (!model.predict(p, values))
+            throw std::runtime_error("no finite susceptibility near the true values");
+        samples.push_back(secondsSince(started));
+    }
+    run.evaluated = true;
+    run.repetitions = repetitions;
+    run.evaluation = median(samples);
+    if (!fit) return run;
+
+    FitOptions options;
+    options.tolerance = problem.tolerance;
+    started = Clock::now();
+    run.result = fitLeastSquares(model, fitStart(problem), options);
+    run.fit = run.setup + secondsSince(started);
+    run.fitted = true;
+    for (int index : run.result.freeIndices) {
+        const auto i = static_cast<std::size_t>(index);
+        run.fitError = std::max(run.fitError, std::abs(run.result.parameters[i] / truth[i] - 1));
+    }
+    return run;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The table.
+
+struct Row {
+    std::vector<std::string> cells;
+    std::vector<std::string> notes;
+};
+
+const std::vector<std::string> columns = {"problem",    "dimension", "largest",      "method",
+                                          "est GiB",    "est s",     "setup s",      "eval s",
+                                          "fit s",      "fit steps", "naive eval s", "naive fit s",
+                                          "eval ratio", "fit ratio", "agreement",    "note"};
+enum Column {
+    problemColumn,
+    dimensionColumn,
+    largestColumn,
+    methodColumn,
+    memoryColumn,
+    estimateColumn,
+    setupColumn,
+    evalColumn,
+    fitColumn,
+    stepsColumn,
+    naiveEvalColumn,
+    naiveFitColumn,
+    evalRatioColumn,
+    fitRatioColumn,
+    agreementColumn,
+    noteColumn
+};
+
+bool leftAligned(std::size_t column) {
+    return column == problemColumn || column == methodColumn || column == noteColumn;
+}
+
+std::string seconds(double s) { return format("%.3g", s); }
+
+std::string methodText(const Plan& plan) {
+    return format("%s (%zu)%s", methodName(plan.method), plan.blockSizes.size(),
+                  plan.scaled ? ", scaled" : "");
+}
+
+const char* statusName(FitStatus status) {
+    switch (status) {
+    case FitStatus::Evaluated:
+        return "evaluated only";
+    case FitStatus::Converged:
+        return "converged";
+    case FitStatus::IterationLimit:
+        return "iteration limit";
+    case FitStatus::Interrupted:
+        return "interrupted";
+    case FitStatus::Failed:
+        break;
+    }
+    return "failed";
+}
+
+// What is worth a note about a fit: not converged, or not back at the true values.
+void noteFit(const char* who, const Run& run, std::vector<std::string>& notes) {
+    if (run.result.status != FitStatus::Converged)
+        notes.push_back(format("%s fit %s", who, statusName(run.result.status)));
+    if (run.fitError > 1e-4)
+        notes.push_back(format("%s fit off the true values by %.1e", who, run.fitError));
+}
+
+void printText(const std::vector<Row>& rows) {
+    std::vector<std::size_t> width(columns.size());
+    for (std::size_t c = 0; c < columns.size(); ++c) width[c] = columns[c].size();
+    for (const Row& row : rows)
+        for (std::size_t c = 0; c < columns.size(); ++c)
+            width[c] = std::max(width[c], row.cells[c].size());
+    auto line = [&](const std::vector<std::string>& cells) {
+        std::string text;
+        for (std::size_t c = 0; c < cells.size(); ++c) {
+            const std::string pad(width[c] - cells[c].size(), ' ');
+            if (c) text += "  ";
+            text += leftAligned(c) ? cells[c] + (c + 1 < cells.size() ? pad : "") : pad + cells[c];
+        }
+        std::puts(text.c_str());
+    };
+    line(columns);
+    std::vector<std::string> rule;
+    for (std::size_t c = 0; c < columns.size(); ++c) rule.push_back(std::string(width[c], '-'));
+    line(rule);
+    for (const Row& row : rows) line(row.cells);
+}
+
+std::string csvField(const std::string& text) {
+    if (text.find_first_of(",\"") == std::string::npos) return text;
+    std::string quoted = "\"";
+    for (char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return quoted + "\"";
+}
+
+void printCsv(const std::vector<Row>& rows) {
+    auto line = [](const std::vector<std::string>& cells) {
+        std::string text;
+        for (std::size_t c = 0; c < cells.size(); ++c) text += (c ? "," : "") + csvField(cells[c]);
+        std::puts(text.c_str());
+    };
+    line(columns);
+    for (const Row& row : rows) line(row.cells);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The machine.
+
+std::string cpuModel() {
+    std::ifstream cpuinfo("/proc/cpuinfo");
+    std::string line;
+    while (std::getline(cpuinfo, line)) {
+        if (line.rfind("model name", 0) != 0) continue;
+        const auto colon = line.find(':');
+        if (colon == std::string::npos) break;
+        const auto start = line.find_first_not_of(" \t", colon + 1);
+        return start == std::string::npos ? "unknown" : line.substr(start);
+    }
+    return "unknown";
+}
+
+double physicalMemory() {
+    const long pages = ::sysconf(_SC_PHYS_PAGES), size = ::sysconf(_SC_PAGE_SIZE);
+    return pages > 0 && size > 0 ? static_cast<double>(pages) * static_cast<double>(size) : 0;
+}
+
+std::string localTime() {
+    const std::time_t now = std::time(nullptr);
+    char text[64];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S %Z", std::localtime(&now));
+    return text;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+struct Settings {
+    int threads = 0;
+    double naiveBudget = 120;
+    bool large = false, csv = false;
+    std::vector<int> cases; // 1-based; empty: all
+};
+
+// The naive reference on the same problem and data, where it fits the memory and time budgets.
+void compareNaive(const SpinSystem& system, Problem& problem, const Run& fast,
+                  const std::vector<double>& observed, const Settings& settings, Row& row) {
+    std::vector<std::string>& notes = row.notes;
+    const Plan naive = planSpectrum(system, Method::Full);
+    if (naive.bytes > naiveMemoryLimit) {
+        notes.push_back(format("naive: estimated %.3g GiB > %.0f GiB", naive.bytes / gib,
+                               naiveMemoryLimit / gib));
+        return;
+    }
+    if (naive.secondsPerSlopes > settings.naiveBudget) {
+        notes.push_back(format("naive: estimated %.3g s per spectrum > budget %.0f s",
+                               naive.secondsPerSlopes, settings.naiveBudget));
+        return;
+    }
+    const double naiveFitEstimate =
+        naive.scaled ? naive.secondsPerSpectrum : spectraPerFit * naive.secondsPerSlopes;
+    const bool naiveFit = naiveFitEstimate <= settings.naiveBudget;
+    progress("  naive %s", naive.describe().c_str());
+    std::vector<double> naiveAtTruth;
+    const Run reference =
+        measure(system, naive, problem, settings.threads, false, naiveFit, naiveAtTruth);
+    row.cells[naiveEvalColumn] = seconds(reference.evaluation);
+    row.cells[evalRatioColumn] = format("%.3g", reference.evaluation / fast.evaluation);
+    double worst = 0;
+    for (std::size_t i = 0; i < observed.size(); ++i)
+        worst = std::max(worst, std::abs(naiveAtTruth[i] / observed[i] - 1));
+    row.cells[agreementColumn] = format("%.1e", worst);
+    progress("  naive setup %.3g s, evaluation %.3g s (median of %d)", reference.setup,
+             reference.evaluation, reference.repetitions);
+    if (naiveFit) {
+        row.cells[naiveFitColumn] = seconds(reference.fit);
+        row.cells[fitRatioColumn] = format("%.3g", reference.fit / fast.fit);
+        noteFit("naive", reference, notes);
+        progress("  naive fit %.3g s", reference.fit);
+    } else {
+        notes.push_back(format("naive fit: estimated %.0f s > budget %.0f s", naiveFitEstimate,
+                               settings.naiveBudget));
+    }
+}
+
+// One problem: its plan, and unless it is too large, the engine's run and the naive one.
+Row benchmark(const Case& c, const Settings& settings) {
+    Row row;
+    row.cells.assign(columns.size(), "-");
+    std::vector<std::string>& notes = row.notes;
+    row.cells[problemColumn] = c.name;
+
+    Problem problem = makeProblem(c);
+    const SpinSystem system{problem.twiceSpin, problem.bonds, problem.jCount()};
+    const Plan plan = planSpectrum(system, Method::Automatic);
+    row.cells[dimensionColumn] = format("%.0f", plan.dimension);
+    row.cells[largestColumn] = std::to_string(plan.largestBlock);
+    row.cells[methodColumn] = methodText(plan);
+    row.cells[memoryColumn] = format("%.3g", plan.bytes / gib);
+    row.cells[estimateColumn] = seconds(plan.secondsPerSpectrum);
+
+    // A scaled spectrum costs its one diagonalisation; otherwise a few evaluations and a fit.
+    const double estimate = plan.scaled ? plan.secondsPerSpectrum
+                                        : fewestEvaluations * plan.secondsPerSpectrum +
+                                              spectraPerFit * plan.secondsPerSlopes;
+    if (c.large && !settings.large) {
+        notes.push_back(format("not run (estimated %.0f s; --large to run)", estimate));
+        return row;
+    }
+    const double memory = physicalMemory();
+    if (memory > 0 && plan.bytes > 0.8 * memory) {
+        notes.push_back(
+            format("not run (estimated %.1f GiB of %.1f GiB)", plan.bytes / gib, memory / gib));
+        return row;
+    }
+
+    progress("%s: %s; estimated %.3g GiB, %.3g s", c.name.c_str(), plan.describe().c_str(),
+             plan.bytes / gib, estimate);
+    std::vector<double> observed;
+    const Run fast = measure(system, plan, problem, settings.threads, true, true, observed);
+    row.cells[setupColumn] = seconds(fast.setup);
+    row.cells[evalColumn] = seconds(fast.evaluation);
+    row.cells[fitColumn] = seconds(fast.fit);
+    row.cells[stepsColumn] = format("%d/%d", fast.result.iterations, fast.result.evaluations);
+    noteFit("fast", fast, notes);
+    progress("  setup %.3g s, evaluation %.3g s (median of %d), fit %.3g s (%s after %d "
+             "iterations)",
+             fast.setup, fast.evaluation, fast.repetitions, fast.fit,
+             statusName(fast.result.status), fast.result.iterations);
+
+    try {
+        compareNaive(system, problem, fast, observed, settings, row);
+    } catch (const std::bad_alloc&) {
+        notes.push_back("naive: out of memory");
+    } catch (const std::exception& failure) {
+        notes.push_back(std::string("naive: ") + failure.what());
+    }
+    return row;
+}
+
+int run(const Settings& settings) {
+    const std::vector<Case> cases = standardCases();
+    for (int k : settings.cases)
+        if (k < 1 || k > static_cast<int>(cases.size()))
+            throw std::invalid_argument("no problem " + std::to_string(k));
+
+    const std::string header[] = {
+        format("corefit-bench, corefit %s, %s", COREFIT_VERSION, localTime().c_str()),
+        format("machine: %s, nproc %ld, %.1f GiB memory; %d thread%s", cpuModel().c_str(),
+               ::sysconf(_SC_NPROCESSORS_ONLN), physicalMemory() / gib, settings.threads,
+               settings.threads == 1 ? "" : "s"),
+        format("evaluation: new J values, chiT at %d temperatures %g-%g K; fit: g and J from "
+               "%.0f %% off; naive: one dense matrix, budget %.0f s",
+               pointCount, lowestTemperature, highestTemperature, 100 * (startFactor - 1),
+               settings.naiveBudget)};
+    for (const std::string& line : header) progress("%s", line.c_str());
+
+    std::vector<Row> rows;
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        const int number = static_cast<int>(i) + 1;
+        if (!settings.cases.empty() &&
+            std::find(settings.cases.begin(), settings.cases.end(), number) == settings.cases.end())
+            continue;
+        try {
+            rows.push_back(benchmark(cases[i], settings));
+        } catch (const std::bad_alloc&) {
+            rows.push_back({std::vector<std::string>(columns.size(), "-"), {"out of memory"}});
+            rows.back().cells[problemColumn] = cases[i].name;
+        } catch (const std::exception& failure) {
+            rows.push_back({std::vector<std::string>(columns.size(), "-"), {failure.what()}});
+            rows.back().cells[problemColumn] = cases[i].name;
+        }
+        Row& row = rows.back();
+        std::string note;
+        for (const std::string& part : row.notes) note += (note.empty() ? "" : "; ") + part;
+        row.cells[noteColumn] = note;
+    }
+
+    for (const std::string& line : header)
+        std::printf("%s%s\n", settings.csv ? "# " : "", line.c_str());
+    if (!settings.csv) std::putchar('\n');
+    if (settings.csv)
+        printCsv(rows);
+    else
+        printText(rows);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::setlocale(LC_ALL, "C");
+    CLI::App app{"corefit-bench: the engine's speed on standard spin clusters, side by side with "
+                 "the naive one-matrix reference.\nProblems: 1 Cu(II) dimer, 2 4 x S=1 cubane, "
+                 "3-4 6 x S=5/2 rings, 5-7 10, 12 and 16 x S=1/2 rings, 8 8 x S=5/2 ring "
+                 "(--large).",
+                 "corefit-bench"};
+    Settings settings;
+    app.add_option("-t,--threads", settings.threads, "threads to use (default: all cores)")
+        ->check(CLI::Range(1, 256));
+    app.add_option("--naive-budget", settings.naiveBudget,
+                   "skip a naive run estimated to take longer than this many seconds per "
+                   "spectrum (a naive fit: in all) (default 120)")
+        ->check(CLI::PositiveNumber);
+    app.add_flag("--large", settings.large, "also run the 8 x S=5/2 ring (may take many minutes)");
+    app.add_option("--case", settings.cases, "run only these problems (1-8; repeatable)");
+    app.add_flag("--csv", settings.csv, "print CSV instead of an aligned table");
+    CLI11_PARSE(app, argc, argv);
+    if (settings.threads <= 0)
+        settings.threads = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+
+    try {
+        return run(settings);
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "corefit-bench: %s\n", failure.what());
+        return 2;
+    }
+}
