@@ -230,7 +230,7 @@ public:
             for (int t = 0; t <= top_; ++t) {
                 long sum = 0;
                 forEachCoupled(t, spins_[i + 1], [&](int next) {
-                    sum += completions_[i + 1][static_cast<std::size_t>(next)];
+                    if (next <= top_) sum += completions_[i + 1][static_cast<std::size_t>(next)];
                 });
                 completions_[i][static_cast<std::size_t>(t)] = sum;
             }
