@@ -542,7 +542,7 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads)
 Spectrum::~Spectrum() = default;
 
 void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
-                           const std::vector<bool>& slopeFor, int blasThreads) {
+                           const std::vector<bool>& slopeFor) {
     const auto n = static_cast<Index>(block.spec.size);
     const std::size_t used = usedJ_.size();
     auto wanted = [&](std::size_t slot) {
@@ -563,7 +563,6 @@ void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
     bool anySlope = false;
     for (std::size_t slot = 0; slot < used; ++slot) anySlope = anySlope || wanted(slot);
     const bool vectors = anySlope || plan_.method == Method::Full;
-    (void)blasThreads;
     symmetricEigen(matrix, block.values, vectors);
     if (plan_.method == Method::Full) {
         const Eigen::Map<const Eigen::VectorXd> m2(block.stateMoment.data(), n);
@@ -591,10 +590,10 @@ void Spectrum::diagonaliseAll(const std::vector<double>& jKelvin,
         ++large;
     setBlasThreads(threads_);
     for (long i = 0; i < large; ++i)
-        diagonalise(*blocks_[static_cast<std::size_t>(i)], jKelvin, slopeFor, threads_);
+        diagonalise(*blocks_[static_cast<std::size_t>(i)], jKelvin, slopeFor);
     setBlasThreads(1);
     parallelFor(static_cast<long>(blocks_.size()) - large, threads_, [&](long i) {
-        diagonalise(*blocks_[static_cast<std::size_t>(large + i)], jKelvin, slopeFor, 1);
+        diagonalise(*blocks_[static_cast<std::size_t>(large + i)], jKelvin, slopeFor);
     });
     setBlasThreads(threads_);
     if (!plan_.scaled) diagonalisations_ += 1;

@@ -69,7 +69,7 @@ private:
     struct Block;
     void diagonaliseAll(const std::vector<double>& jKelvin, const std::vector<bool>& slopeFor);
     void diagonalise(Block& block, const std::vector<double>& jKelvin,
-                     const std::vector<bool>& slopeFor, int blasThreads);
+                     const std::vector<bool>& slopeFor);
 
     SpinSystem system_;
     Plan plan_;
