@@ -214,8 +214,10 @@ private:
 const char* const parameterNames[] = {"g", "C", "zJ", "Xtip"};
 
 std::string parameterName(int index) {
-    return index < firstJIndex ? parameterNames[index]
-                               : "J" + std::to_string(index - firstJIndex + 1);
+    if (index < firstJIndex) return parameterNames[index];
+    std::string name = std::to_string(index - firstJIndex + 1);
+    name.insert(0, 1, 'J');
+    return name;
 }
 
 bool readInput(LineReader& in, Problem& problem) {

@@ -592,7 +592,13 @@ void Spectrum::diagonaliseAll(const std::vector<double>& jKelvin,
     for (long i = 0; i < large; ++i)
         diagonalise(*blocks_[static_cast<std::size_t>(i)], jKelvin, slopeFor);
     setBlasThreads(1);
-    parallelFor(static_cast<long>(blocks_.size()) - large, threads_, [&](long i) {
+    // Threads only pay where there is work to share: a few small blocks run serially.
+    double smallWork = 0;
+    for (const auto& block : blocks_)
+        if (block->spec.size < largeBlock)
+            smallWork += std::pow(static_cast<double>(block->spec.size), 3);
+    const int smallThreads = smallWork > 1e6 ? threads_ : 1;
+    parallelFor(static_cast<long>(blocks_.size()) - large, smallThreads, [&](long i) {
         diagonalise(*blocks_[static_cast<std::size_t>(large + i)], jKelvin, slopeFor);
     });
     setBlasThreads(threads_);
