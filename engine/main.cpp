@@ -93,11 +93,6 @@ int fail(Log& log, int code, const std::string& message) {
     return code;
 }
 
-std::string parameterName(int index) {
-    static const char* fixedNames[] = {"g", "C", "zJ", "Xtip"};
-    return index < firstJIndex ? fixedNames[index] : "J" + std::to_string(index - firstJIndex + 1);
-}
-
 std::string parameterLine(const std::vector<double>& p) {
     std::string text;
     char value[64];

@@ -26,4 +26,12 @@ const char* unitName(EnergyUnit unit) {
     return "K";
 }
 
+std::string parameterName(int index) {
+    static const char* const fixedNames[] = {"g", "C", "zJ", "Xtip"};
+    if (index < firstJIndex) return fixedNames[index];
+    std::string name = std::to_string(index - firstJIndex + 1);
+    name.insert(0, 1, 'J');
+    return name;
+}
+
 } // namespace corefit

@@ -28,6 +28,9 @@ inline constexpr double defaultTolerance = 1e-6;
 // Parameter order everywhere: g, C, zJ, Xtip, then J1..Jn.
 enum FixedParameter { gIndex = 0, cIndex = 1, zjIndex = 2, tipIndex = 3, firstJIndex = 4 };
 
+// "g", "C", "zJ", "Xtip", "J1", "J2", ... by parameter index.
+std::string parameterName(int index);
+
 struct Parameter {
     double start = 0;
     double step = 0; // 0 keeps the parameter fixed at its start

@@ -211,15 +211,6 @@ private:
     std::vector<std::string_view> tokens_;
 };
 
-const char* const parameterNames[] = {"g", "C", "zJ", "Xtip"};
-
-std::string parameterName(int index) {
-    if (index < firstJIndex) return parameterNames[index];
-    std::string name = std::to_string(index - firstJIndex + 1);
-    name.insert(0, 1, 'J');
-    return name;
-}
-
 bool readInput(LineReader& in, Problem& problem) {
     int zero = 0, unit = 0, kind = 0;
     if (!in.take(3, "0, the energy unit and the data kind") || !in.integer(0, zero) ||
