@@ -2,41 +2,218 @@
 //
 //   corvane-fit prepare FILE.qpi   reads a fitting input file and writes the engine's exchange
 //                                  files beside it, ready for the fitting engine
+//   corvane-fit run FILE.qpi       fits the input file with the engine and writes the report
+//                                  FILE.qpo beside it
+//   corvane-fit export FILE.qpo    prints the document a report holds, as JSON or CSV
 //
 // Messages go to the standard error stream; a failure gives a non-zero exit code.
 
 #include <CLI/CLI.hpp>
+#include <charconv>
+#include <csignal>
 #include <cstdio>
+#include <filesystem>
+#include <nlohmann/json.hpp>
 #include <string>
 
+#include "fit/engine_run.h"
 #include "fit/exchange_files.h"
 #include "fit/fit_document.h"
+#include "fit/report.h"
+#include "fit/run_cycle.h"
+#include "text/text.h"
 
 namespace {
 
 using namespace corvane;
 
+// Exit codes.
+enum ExitCode : int {
+    exitOk = 0,
+    exitBadFile = 1,         // an input file or report that cannot be read
+    exitNoEngine = 2,        // the engine could not be started
+    exitEngineFailed = 3,    // the engine left no usable results; nothing was written
+    exitInterrupted = 4,     // interrupted: the report holds the best fit found until then
+};
+
 const char* plural(int n, const char* one, const char* many) { return n == 1 ? one : many; }
 
+const char* unitName(const FitDocument& doc) {
+    return energyUnitNames[static_cast<std::size_t>(doc.energyUnit)];
+}
+
 // What the file held, in one line, so that a user sees at once whether it was understood.
-void printSummary(const std::string& inputPath) {
+void printSummary(const std::string& path) {
     const FitDocument& doc = fitDocument;
-    std::printf("Read %s: \"%s\"\n", inputPath.c_str(), doc.title.c_str());
+    std::printf("Read %s: \"%s\"\n", path.c_str(), doc.title.c_str());
     std::printf("  %d %s, %d %s, %d %s, %d %s pairs, energies in %s\n", doc.siteCount,
                 plural(doc.siteCount, "site", "sites"), doc.interactionCount,
                 plural(doc.interactionCount, "interaction", "interactions"), doc.jCount,
                 plural(doc.jCount, "J value", "J values"), doc.pairCount,
-                dataKindNames[static_cast<std::size_t>(doc.dataKind)],
-                energyUnitNames[static_cast<std::size_t>(doc.energyUnit)]);
+                dataKindNames[static_cast<std::size_t>(doc.dataKind)], unitName(doc));
 }
 
-int prepareCommand(const std::string& inputPath) {
-    if (!prepareRun(inputPath)) return 1;
-    printSummary(inputPath);
-    const char* dataName = fitDocument.dataKind == DataKind::Chi ? chiDataName : chitDataName;
-    std::printf("Wrote %s/%s\n", exchangeDirectory.c_str(), engineInputName);
-    std::printf("Wrote %s/%s\n", exchangeDirectory.c_str(), dataName);
-    return 0;
+// A path as the file choosers give it: absolute, so that its directory is never empty.
+std::string absolutePath(const std::string& path) {
+    std::error_code ignored;
+    const std::filesystem::path absolute = std::filesystem::absolute(path, ignored);
+    return absolute.empty() ? path : absolute.lexically_normal().string();
+}
+
+int prepareCommand(const std::string& path) {
+    if (!prepareRun(path)) return exitBadFile;
+    printSummary(path);
+    const std::string directory = directoryOf(path);
+    std::printf("Wrote %s/%s\n", directory.c_str(), engineInputName);
+    std::printf("Wrote %s/%s\n", directory.c_str(), dataExchangeName(fitDocument));
+    return exitOk;
+}
+
+// [SECTION] run
+
+volatile std::sig_atomic_t interruptSignal = 0;
+extern "C" void onInterrupt(int signal) { interruptSignal = signal; }
+
+// The engine's progress on the terminal, as it comes; Ctrl-C stops the engine at its next
+// iteration, and the report then holds the best fit found so far.
+class TerminalProgress final : public EngineProgress {
+public:
+    void status(const std::string& text) override {
+        std::printf("%s\n", text.c_str());
+        std::fflush(stdout);
+    }
+    void line(const std::string& text) override {
+        std::printf("  %s\n", text.c_str());
+        std::fflush(stdout);
+    }
+    bool interruptRequested() override { return interruptSignal != 0; }
+};
+
+void printResults() {
+    const FitDocument& doc = fitDocument;
+    const int n = doc.calculationCount;
+    const Calculation& calc = doc.calculations[slot(n)];
+    std::printf("Calculation # %d: squared deviation %s, pairs %d to %d of %d\n", n,
+                formatC("%g", calc.deviation).c_str(), calc.firstPair, calc.lastPair,
+                doc.pairCount);
+    std::printf("  g = %s   C = %s   zJ = %s %s   Xtip = %s\n",
+                formatC("%f", calc.g.fitted).c_str(), formatC("%f", calc.c.fitted).c_str(),
+                formatC("%f", calc.zJ.fitted).c_str(), unitName(doc),
+                formatC("%f", calc.tip.fitted).c_str());
+    for (int k = 1; k <= doc.jCount; ++k)
+        std::printf("  J%d = %s %s\n", k, formatC("%f", calc.j[slot(k)].fitted).c_str(),
+                    unitName(doc));
+}
+
+int runCommand(const std::string& path) {
+    inputPath = absolutePath(path);
+    std::signal(SIGINT, onInterrupt);
+    std::signal(SIGTERM, onInterrupt);
+    TerminalProgress progress;
+    const RunOutcome outcome = runInputCycle(&progress);
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+    switch (outcome) {
+    case RunOutcome::BadInput:
+        return exitBadFile;
+    case RunOutcome::EngineNotStarted:
+        return exitNoEngine;
+    case RunOutcome::NoResults:
+        return exitEngineFailed;
+    case RunOutcome::Fitted:
+        break;
+    }
+    std::printf("Wrote %s\n", reportPath.c_str());
+    printResults();
+    if (lastEngineRun.interrupted) {
+        std::printf("Interrupted: the report holds the best fit found until then.\n");
+        return exitInterrupted;
+    }
+    if (lastEngineRun.exited && lastEngineRun.exitCode != 0)
+        std::printf("Note: %s; see %s/%s.\n", engineFailureText(lastEngineRun).c_str(),
+                    workDir.c_str(), engineLogName);
+    return exitOk;
+}
+
+// [SECTION] export
+
+nlohmann::ordered_json parameterJson(const FitParameter& p) {
+    return {{"start", p.start}, {"step", p.step}, {"fitted", p.fitted}};
+}
+
+nlohmann::ordered_json documentJson(const FitDocument& doc) {
+    using nlohmann::ordered_json;
+    ordered_json sites = ordered_json::array();
+    for (int s = 1; s <= doc.siteCount; ++s)
+        sites.push_back({{"site", s}, {"spin", doc.sites[slot(s)].spin}});
+    ordered_json interactions = ordered_json::array();
+    for (int n = 1; n <= doc.interactionCount; ++n) {
+        const Interaction& path = doc.interactions[slot(n)];
+        interactions.push_back({{"siteA", path.siteA},
+                                {"siteB", path.siteB},
+                                {"j", path.parameterIndex - fixedParameterCount}});
+    }
+    ordered_json pairs = ordered_json::array();
+    for (int i = 1; i <= doc.pairCount; ++i)
+        pairs.push_back({{"temperature", doc.pairs[slot(i)].temperature},
+                         {"observed", doc.pairs[slot(i)].observed}});
+    ordered_json calculations = ordered_json::array();
+    for (int n = 1; n <= doc.calculationCount; ++n) {
+        const Calculation& calc = doc.calculations[slot(n)];
+        ordered_json j = ordered_json::array();
+        for (int k = 1; k <= doc.jCount; ++k) j.push_back(parameterJson(calc.j[slot(k)]));
+        ordered_json fitted = ordered_json::array();
+        for (int i = 1; i <= doc.pairCount; ++i) fitted.push_back(calc.fittedValues[slot(i)]);
+        calculations.push_back({{"number", n},
+                                {"tolerance", calc.tolerance},
+                                {"deviation", calc.deviation},
+                                {"g", parameterJson(calc.g)},
+                                {"C", parameterJson(calc.c)},
+                                {"zJ", parameterJson(calc.zJ)},
+                                {"Xtip", parameterJson(calc.tip)},
+                                {"J", j},
+                                {"firstPair", calc.firstPair},
+                                {"lastPair", calc.lastPair},
+                                {"fittedValues", fitted}});
+    }
+    return {{"title", doc.title},
+            {"dataKind", dataKindNames[static_cast<std::size_t>(doc.dataKind)]},
+            {"energyUnit", unitName(doc)},
+            {"sites", sites},
+            {"interactions", interactions},
+            {"jCount", doc.jCount},
+            {"pairs", pairs},
+            {"calculations", calculations}};
+}
+
+// The shortest text that reads back as the same double, in any locale.
+std::string shortest(double value) {
+    char buffer[32];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    return std::string(buffer, result.ptr);
+}
+
+std::string documentCsv(const FitDocument& doc) {
+    const char* kind = doc.dataKind == DataKind::Chi ? "chi" : "chiT";
+    std::string out = formatC("T,%s observed", kind);
+    for (int n = 1; n <= doc.calculationCount; ++n) out += formatC(",%s fitted %d", kind, n);
+    out += "\n";
+    for (int i = 1; i <= doc.pairCount; ++i) {
+        out += shortest(doc.pairs[slot(i)].temperature) + "," +
+               shortest(doc.pairs[slot(i)].observed);
+        for (int n = 1; n <= doc.calculationCount; ++n)
+            out += "," + shortest(doc.calculations[slot(n)].fittedValues[slot(i)]);
+        out += "\n";
+    }
+    return out;
+}
+
+int exportCommand(const std::string& path, bool csv) {
+    if (!plotReport(path)) return exitBadFile;
+    const std::string text = csv ? documentCsv(fitDocument) : documentJson(fitDocument).dump(2);
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    if (!csv) std::fputc('\n', stdout);
+    return exitOk;
 }
 
 } // namespace
@@ -45,15 +222,33 @@ int main(int argc, char** argv) {
     CLI::App app{"Corvane: fit the magnetic susceptibility of exchange-coupled spin clusters."};
     app.set_version_flag("--version", std::string("corvane-fit ") + CORVANE_VERSION);
     app.require_subcommand(1);
+    app.footer("Exit codes: 0 done, 1 a file that cannot be read, 2 no engine, 3 the engine left "
+               "no results, 4 interrupted (the report holds the best fit so far).\n"
+               "The engine is corefit beside corvane-fit or on PATH; CORVANE_ENGINE names "
+               "another.");
 
-    std::string inputPath;
+    std::string path;
     CLI::App* prepare = app.add_subcommand(
         "prepare", "Read a fitting input file and write the engine's exchange files beside it.");
-    prepare->add_option("FILE", inputPath, "fitting input file (.qpi)")->required();
+    prepare->add_option("FILE", path, "fitting input file (.qpi)")->required();
+
+    CLI::App* run = app.add_subcommand(
+        "run", "Fit a fitting input file and write the results report (.qpo) beside it.");
+    run->add_option("FILE", path, "fitting input file (.qpi)")->required();
+
+    bool json = false, csv = false;
+    CLI::App* exporter = app.add_subcommand(
+        "export", "Print the fit a results report holds, as JSON (the default) or CSV.");
+    exporter->add_option("FILE", path, "results report (.qpo)")->required();
+    CLI::Option* jsonFlag = exporter->add_flag("--json", json, "the whole document as JSON");
+    exporter->add_flag("--csv", csv, "T, observed and each calculation's fitted values")
+        ->excludes(jsonFlag);
 
     CLI11_PARSE(app, argc, argv);
 
     resetFitDocument();
-    if (prepare->parsed()) return prepareCommand(inputPath);
-    return 0;
+    if (prepare->parsed()) return prepareCommand(path);
+    if (run->parsed()) return runCommand(path);
+    if (exporter->parsed()) return exportCommand(path, csv);
+    return exitOk;
 }

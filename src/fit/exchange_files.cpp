@@ -7,7 +7,7 @@
 
 namespace corvane {
 
-std::string exchangeDirectory = ".";
+std::string workDir = ".";
 
 namespace {
 
@@ -78,9 +78,14 @@ bool writeEngineData(const std::string& path) {
     return writeExchangeFile(path, engineDataText(fitDocument));
 }
 
+const char* dataExchangeName(const FitDocument& doc) {
+    return doc.dataKind == DataKind::Chi ? chiDataName : chitDataName;
+}
+
 bool writeDialogEngineInput() {
-    return writeCalculationInput(pathIn(exchangeDirectory, engineInputName),
-                                 fitDocument.currentCalculation + 1);
+    return writeCalculationInput(pathIn(workDir, engineInputName),
+                                 fitDocument.currentCalculation + 1) &&
+           writeEngineData(pathIn(workDir, dataExchangeName(fitDocument)));
 }
 
 bool prepareRun(const std::string& inputPath) {

@@ -18,9 +18,14 @@ inline constexpr const char* engineOutputName = "output.txt";
 // and a bare file name gives ".", so that directory + "/" + name is always the file beside it.
 std::string directoryOf(const std::string& path);
 
-// The directory that holds the exchange files of the problem in fitDocument: set whenever an
-// input file has been read; "." (the current directory) until then.
-extern std::string exchangeDirectory;
+// The working directory of the document: the directory, without a trailing '/', in which the
+// engine reads input.txt and the data exchange file and writes output.txt. It is the input
+// file's directory after a fit from an input file and the report's directory after a report has
+// been loaded; "." (the current directory) until then.
+extern std::string workDir;
+
+// The exchange file name for the document's kind of data: chi.txt or chit.txt.
+const char* dataExchangeName(const FitDocument& doc);
 
 // Deletes input.txt, chi.txt and chit.txt in the directory of inputPath, then reads the input
 // file and writes fresh exchange files there (readInputFile). Returns false when the read or a
@@ -37,8 +42,9 @@ bool writeEngineInput(const std::string& engineInputPath);
 bool writeEngineData(const std::string& path);
 
 // Writes the engine input file for calculation fitDocument.currentCalculation + 1 (the one the
-// parameter dialog edits) into exchangeDirectory, where the engine reads it. The data exchange
-// file written by the last prepareRun stays as it is.
+// parameter dialog edits) and the data exchange file of the document into workDir, where the
+// engine reads them; so the engine fits the data the user sees, whether the document came
+// from an input file or from a report.
 bool writeDialogEngineInput();
 
 } // namespace corvane

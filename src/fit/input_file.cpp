@@ -7,6 +7,7 @@
 
 #include "fit/exchange_files.h"
 #include "fit/fit_document.h"
+#include "fit/line_pieces.h"
 #include "platform/files.h"
 #include "platform/messages.h"
 #include "text/text.h"
@@ -17,39 +18,7 @@ namespace {
 
 // [SECTION] Lines and tokens
 
-// A line of the file, or a piece of a line longer than inputLineLength. `text` ends with '\n'
-// when the line's end falls in this piece; a CR before the LF is not part of the line.
-struct Piece {
-    std::string text;
-    std::string upper; // upperCopy(text): keywords and values are taken from here
-    int line;          // line number in the file, from 1
-};
-
-std::vector<Piece> cutIntoPieces(const std::string& contents) {
-    std::vector<Piece> pieces;
-    const std::size_t pieceLength = inputLineLength;
-    std::size_t pos = 0;
-    for (int line = 1; pos < contents.size(); ++line) {
-        const std::size_t lf = contents.find('\n', pos);
-        std::string text = contents.substr(pos, lf == std::string::npos ? lf : lf - pos);
-        if (lf != std::string::npos) {
-            if (!text.empty() && text.back() == '\r') text.pop_back();
-            text += '\n';
-        }
-        for (std::size_t at = 0; at < text.size(); at += pieceLength) {
-            std::string part = text.substr(at, pieceLength);
-            std::string upper = upperCopy(part);
-            pieces.push_back({std::move(part), std::move(upper), line});
-        }
-        pos = lf == std::string::npos ? contents.size() : lf + 1;
-    }
-    return pieces;
-}
-
-// Empty lines and comment lines ("!" anywhere) are skipped before keywords are looked for.
-bool isSkipped(const Piece& piece) {
-    return piece.text.front() == '\n' || piece.text.find('!') != std::string::npos;
-}
+using Piece = LinePiece;
 
 // Token n (from 1) of the statement that starts at `from` in the upper-case text: the text is
 // cut at its newline and split at runs of blanks (tabs are not separators). A missing token
@@ -243,9 +212,8 @@ bool readInputFile(const std::string& inputPath, const std::string& engineInputP
     }
     // Read into a copy, so that no half-read problem or count above its limit is ever seen.
     auto scratch = std::make_unique<FitDocument>(fitDocument);
-    if (!InputReader(inputPath, cutIntoPieces(contents), *scratch).read()) return false;
+    if (!InputReader(inputPath, cutIntoPieces(contents, inputLineLength), *scratch).read()) return false;
     fitDocument = *scratch;
-    exchangeDirectory = directoryOf(engineInputPath);
 
     if (!writeEngineInput(engineInputPath)) return false;
     return writeEngineData(fitDocument.dataKind == DataKind::Chi ? chiPath : chitPath);

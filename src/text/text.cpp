@@ -125,4 +125,10 @@ std::string formatC(const char* format, ...) {
     return result;
 }
 
+std::string formatTimeC(const char* format, const std::tm& time) {
+    char buffer[256];
+    const std::size_t n = strftime_l(buffer, sizeof buffer, format, &time, cLocale());
+    return std::string(buffer, n);
+}
+
 } // namespace corvane

@@ -4,6 +4,7 @@
 // in fixed buffers. Nothing here depends on the process locale.
 #pragma once
 
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -36,5 +37,8 @@ int readLeadingInteger(std::string_view text);
 // printf-style formatting that always uses the "C" locale, whatever the process locale is:
 // formatC("%f", 2.0) is "2.000000" on a German desktop too.
 std::string formatC(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// strftime in the "C" locale: "%p" is "AM" or "PM" whatever the desktop's language is.
+std::string formatTimeC(const char* format, const std::tm& time);
 
 } // namespace corvane

@@ -1,0 +1,125 @@
+#include "fit/engine_run.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <sys/stat.h>
+#include <cstring>
+#include <string_view>
+
+#include "fit/exchange_files.h"
+#include "platform/files.h"
+#include "platform/messages.h"
+#include "platform/process.h"
+#include "text/text.h"
+
+namespace corvane {
+
+EngineRun lastEngineRun;
+
+namespace {
+
+constexpr int pollMilliseconds = 50;
+
+// The last line of text that holds more than blanks; "" when there is none.
+std::string lastLine(std::string_view text) {
+    while (!text.empty()) {
+        const std::size_t end = text.find_last_not_of(" \t\r\n");
+        if (end == std::string_view::npos) return "";
+        text = text.substr(0, end + 1);
+        const std::size_t start = text.find_last_of('\n');
+        std::string_view line = text.substr(start == std::string_view::npos ? 0 : start + 1);
+        line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+        if (!line.empty()) return std::string(line);
+        text = text.substr(0, start == std::string_view::npos ? 0 : start);
+    }
+    return "";
+}
+
+// The reason the engine gave at the end of its log, when the log was written by this run: its
+// last line, or the line before a closing "exit code ..." line.
+std::string logMessage(const std::string& logPath, std::time_t started) {
+    struct stat info {};
+    if (::stat(logPath.c_str(), &info) != 0 || info.st_mtime + 1 < started) return "";
+    std::string log, ignored;
+    if (!readWholeFile(logPath, log, ignored)) return "";
+    std::string last = lastLine(log);
+    if (last.rfind("exit code", 0) == 0) {
+        log.resize(log.rfind(last));
+        last = lastLine(log);
+    }
+    return last;
+}
+
+} // namespace
+
+std::string engineProgram() {
+    const char* named = std::getenv("CORVANE_ENGINE");
+    if (named != nullptr && *named != '\0') return findProgram(named);
+    return findProgram(engineProgramName);
+}
+
+bool runEngine(EngineProgress* progress) {
+    EngineProgress silent;
+    EngineProgress& report = progress != nullptr ? *progress : silent;
+    lastEngineRun = EngineRun{};
+    EngineRun& run = lastEngineRun;
+
+    run.program = engineProgram();
+    ChildProgram engine;
+    if (run.program.empty()) {
+        const char* named = std::getenv("CORVANE_ENGINE");
+        run.startFailure = named != nullptr && *named != '\0'
+                               ? formatC("%s (CORVANE_ENGINE) was not found", named)
+                               : formatC("%s was found neither beside this program nor on the "
+                                         "search path",
+                                         engineProgramName);
+    } else if (std::string reason;
+               !engine.start(run.program, {workDir + "/" + engineInputName}, reason)) {
+        run.startFailure = run.program + ": " + reason;
+    } else {
+        run.started = true;
+    }
+    if (!run.started) {
+        messageBeep(0);
+        report.status(engineStartFailedText);
+        return false;
+    }
+
+    const std::time_t started = std::time(nullptr);
+    report.status(engineRunningText);
+    const auto forward = [&](const std::string& text) { report.line(text); };
+    while (engine.poll(pollMilliseconds, forward)) {
+        if (!run.interrupted && report.interruptRequested()) {
+            run.interrupted = true;
+            engine.interrupt();
+        }
+    }
+    run.exited = engine.exitedNormally();
+    run.exitCode = engine.exitCode();
+    run.signal = engine.signalNumber();
+    run.message = lastLine(engine.errorOutput());
+    if (run.message.empty() && run.exited && run.exitCode != 0)
+        run.message = logMessage(workDir + "/" + engineLogName, started);
+    messageBeep(0);
+    return true;
+}
+
+std::string engineFailureText(const EngineRun& run) {
+    if (!run.started) {
+        return "the fitting engine could not be started (" + run.startFailure + ")";
+    }
+    std::string text;
+    if (run.exited && run.exitCode == 0) {
+        text = "the fitting engine ended without leaving results";
+    } else if (run.exited) {
+        text = formatC("the fitting engine stopped with exit code %d", run.exitCode);
+    } else {
+        const char* name = strsignal(run.signal);
+        text = formatC("the fitting engine was killed by signal %d (%s)", run.signal,
+                       name != nullptr ? name : "unknown");
+    }
+    if (!run.message.empty()) text += ": " + run.message;
+    return text;
+}
+
+} // namespace corvane

@@ -1,0 +1,65 @@
+// Running the fitting engine on the exchange files in workDir, and waiting for it.
+//
+// The engine is `corefit`: the program named by the environment variable CORVANE_ENGINE when
+// that is set, else the one beside the running executable, else the one on the search path.
+// It reads workDir/input.txt and the data exchange file and leaves its results in
+// workDir/output.txt; whether it produced results is known only from that file.
+#pragma once
+
+#include <string>
+
+namespace corvane {
+
+inline constexpr const char* engineProgramName = "corefit";
+inline constexpr const char* engineLogName = "corefit.log"; // the engine's log, beside input.txt
+
+// Status texts of a run, as the progress dialog shows them.
+inline constexpr const char* engineRunningText = "Fitting is being processed. Please wait...";
+inline constexpr const char* engineStartFailedText = "Unable to fit magnetic susceptibility !";
+
+// What the window or terminal around a run does while the engine works. Every call comes on
+// the thread that called runEngine.
+class EngineProgress {
+public:
+    virtual ~EngineProgress() = default;
+    // The run's status changed: engineRunningText once started, engineStartFailedText when the
+    // engine could not be started.
+    virtual void status(const std::string& text) { (void)text; }
+    // A progress line of the engine ("iteration 3 deviation 0.0012 g=2.01 ..."), as it comes.
+    virtual void line(const std::string& text) { (void)text; }
+    // Asked every few milliseconds while the engine runs: true stops the engine at its next
+    // iteration; it then writes the best result found so far.
+    virtual bool interruptRequested() { return false; }
+};
+
+// How the last run went, for the messages that follow it.
+struct EngineRun {
+    bool started = false;
+    std::string program;      // the engine that was run or looked for
+    std::string startFailure; // why it could not be started
+    bool exited = false;      // ended by itself, with exitCode
+    int exitCode = -1;
+    int signal = 0;           // the signal that ended it, when it did not exit
+    bool interrupted = false; // the user asked it to stop
+    // The engine's last message: the last line on its error stream or, when it failed without
+    // one, the reason at the end of the log it wrote.
+    std::string message;
+};
+
+// The last run of this process.
+extern EngineRun lastEngineRun;
+
+// The engine to run: CORVANE_ENGINE when set, else corefit beside this program or on the
+// search path; "" when there is none.
+std::string engineProgram();
+
+// Starts the engine on workDir + "/input.txt" (one argument) and waits until it has ended,
+// passing its progress to progress (which may be null). Beeps when the engine has ended and
+// when it could not be started. Returns false when it could not be started.
+bool runEngine(EngineProgress* progress);
+
+// One sentence on why a run left no results, for a message: "the fitting engine could not be
+// started (...)", "the fitting engine stopped: <its message>", "... was killed (signal 9)".
+std::string engineFailureText(const EngineRun& run);
+
+} // namespace corvane

@@ -1,0 +1,197 @@
+#include "platform/process.h"
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace corvane {
+
+namespace {
+
+bool isExecutableFile(const std::string& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
+           ::access(path.c_str(), X_OK) == 0;
+}
+
+void closeFd(int& fd) {
+    if (fd >= 0) ::close(fd);
+    fd = -1;
+}
+
+// Output a program writes after it has ended (a child of its own still holding the stream) is
+// read up to this much; the rest is dropped rather than waited for.
+constexpr std::size_t lateOutputLimit = 1 << 20;
+
+} // namespace
+
+std::string executableDirectory() {
+    char buffer[PATH_MAX];
+    const ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+    if (n <= 0) return "";
+    const std::string path(buffer, static_cast<std::size_t>(n));
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "" : path.substr(0, slash);
+}
+
+std::string findProgram(const std::string& name) {
+    if (name.empty()) return "";
+    if (name.find('/') != std::string::npos) return name;
+    if (const std::string beside = executableDirectory(); !beside.empty()) {
+        const std::string candidate = beside + "/" + name;
+        if (isExecutableFile(candidate)) return candidate;
+    }
+    const char* path = std::getenv("PATH");
+    std::string_view rest = path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
+    while (true) {
+        const std::size_t colon = rest.find(':');
+        std::string directory(rest.substr(0, colon));
+        if (directory.empty()) directory = ".";
+        const std::string candidate = directory + "/" + name;
+        if (isExecutableFile(candidate)) return candidate;
+        if (colon == std::string_view::npos) return "";
+        rest.remove_prefix(colon + 1);
+    }
+}
+
+ChildProgram::~ChildProgram() {
+    if (pid_ > 0 && !ended_) {
+        ::kill(pid_, SIGKILL);
+        reap(true);
+    }
+    closeFd(out_);
+    closeFd(err_);
+}
+
+bool ChildProgram::start(const std::string& program, const std::vector<std::string>& arguments,
+                         std::string& error) {
+    int outPipe[2], errPipe[2];
+    if (::pipe2(outPipe, O_CLOEXEC) != 0) {
+        error = std::strerror(errno);
+        return false;
+    }
+    if (::pipe2(errPipe, O_CLOEXEC) != 0) {
+        error = std::strerror(errno);
+        ::close(outPipe[0]);
+        ::close(outPipe[1]);
+        return false;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+
+    std::vector<std::string> words{program};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+
+    const int code = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(outPipe[1]);
+    ::close(errPipe[1]);
+    if (code != 0) {
+        ::close(outPipe[0]);
+        ::close(errPipe[0]);
+        pid_ = -1;
+        error = std::strerror(code);
+        return false;
+    }
+    out_ = outPipe[0];
+    err_ = errPipe[0];
+    return true;
+}
+
+void ChildProgram::drain(int& fd, std::string& buffer, bool lines,
+                         const std::function<void(const std::string&)>& onLine) {
+    char chunk[4096];
+    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) return;
+    if (n <= 0) {
+        closeFd(fd);
+        if (lines && !buffer.empty()) {
+            onLine(buffer);
+            buffer.clear();
+        }
+        return;
+    }
+    buffer.append(chunk, static_cast<std::size_t>(n));
+    if (!lines) return;
+    std::size_t newline;
+    while ((newline = buffer.find('\n')) != std::string::npos) {
+        std::string line = buffer.substr(0, newline);
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        buffer.erase(0, newline + 1);
+        onLine(line);
+    }
+}
+
+void ChildProgram::reap(bool wait) {
+    int status = 0;
+    pid_t got;
+    do got = ::waitpid(pid_, &status, wait ? 0 : WNOHANG);
+    while (got < 0 && errno == EINTR);
+    if (got == 0) return;
+    ended_ = true;
+    if (got < 0) return; // not our child any more; nothing to learn
+    exited_ = WIFEXITED(status);
+    exitCode_ = exited_ ? WEXITSTATUS(status) : -1;
+    signal_ = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+}
+
+bool ChildProgram::poll(int timeoutMs, const std::function<void(const std::string&)>& onLine) {
+    if (pid_ <= 0) return false;
+    if (out_ >= 0 || err_ >= 0) {
+        pollfd fds[2] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
+        const int ready = ::poll(fds, 2, timeoutMs);
+        if (ready > 0) {
+            if (fds[0].revents != 0) drain(out_, outBuffer_, true, onLine);
+            if (fds[1].revents != 0) drain(err_, errors_, false, onLine);
+        }
+    } else if (!ended_) {
+        ::poll(nullptr, 0, std::min(timeoutMs, 10));
+    }
+    if (!ended_) reap(false);
+    if (!ended_) return true;
+
+    // Ended: take what is still in the streams without waiting for more.
+    std::size_t late = 0;
+    for (int* fd : {&out_, &err_}) {
+        std::string& buffer = fd == &out_ ? outBuffer_ : errors_;
+        while (*fd >= 0 && late < lateOutputLimit) {
+            pollfd one{*fd, POLLIN, 0};
+            if (::poll(&one, 1, 0) <= 0) break;
+            const std::size_t before = buffer.size();
+            drain(*fd, buffer, fd == &out_, onLine);
+            late += buffer.size() > before ? buffer.size() - before : 4096;
+        }
+        closeFd(*fd);
+    }
+    if (!outBuffer_.empty()) {
+        onLine(outBuffer_);
+        outBuffer_.clear();
+    }
+    return false;
+}
+
+void ChildProgram::interrupt() {
+    if (pid_ > 0 && !ended_) ::kill(pid_, SIGTERM);
+}
+
+void ChildProgram::kill() {
+    if (pid_ > 0 && !ended_) ::kill(pid_, SIGKILL);
+}
+
+} // namespace corvane

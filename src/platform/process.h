@@ -1,0 +1,70 @@
+// Starting another program, following its output and waiting for it.
+//
+// A program runs with its standard output and error streams connected to the caller: the
+// output is handed over line by line as it comes, the error stream is kept. Between lines
+// the caller gets control back at least every few milliseconds it asks for, so a window can
+// stay responsive and a user can interrupt the program.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace corvane {
+
+// The directory of the running executable, without a trailing '/'; "" when it is unknown.
+std::string executableDirectory();
+
+// The program to run for name: the file of that name beside the running executable when there
+// is one, else the first match on the search path (PATH); "" when there is none. A name that
+// holds a '/' is a path and is returned as it is.
+std::string findProgram(const std::string& name);
+
+class ChildProgram {
+public:
+    ChildProgram() = default;
+    ChildProgram(const ChildProgram&) = delete;
+    ChildProgram& operator=(const ChildProgram&) = delete;
+    // A program still running when its ChildProgram goes away is killed and reaped.
+    ~ChildProgram();
+
+    // Starts program with the arguments, each passed as one argument (blanks and all), in the
+    // caller's directory and environment. False, with the system's reason in error, when it
+    // could not be started (no such file, not executable).
+    bool start(const std::string& program, const std::vector<std::string>& arguments,
+               std::string& error);
+
+    // Waits at most timeoutMs for the program to write or end, and hands every complete line
+    // of its standard output (without the newline) to onLine. Returns true while the program
+    // may still write; false once it has ended and all its output has been handed over (a last
+    // line without a newline included).
+    bool poll(int timeoutMs, const std::function<void(const std::string&)>& onLine);
+
+    // Asks the program to stop (SIGTERM); it may still write before it ends.
+    void interrupt();
+    // Stops the program at once (SIGKILL).
+    void kill();
+
+    // After poll has returned false: how the program ended.
+    bool exitedNormally() const { return exited_; }
+    int exitCode() const { return exitCode_; }     // when exitedNormally()
+    int signalNumber() const { return signal_; }   // the signal that ended it, otherwise
+    const std::string& errorOutput() const { return errors_; } // all it wrote to stderr
+
+private:
+    void drain(int& fd, std::string& buffer, bool lines,
+               const std::function<void(const std::string&)>& onLine);
+    void reap(bool wait);
+
+    pid_t pid_ = -1;
+    int out_ = -1;
+    int err_ = -1;
+    std::string outBuffer_, errors_;
+    bool ended_ = false;
+    bool exited_ = false;
+    int exitCode_ = -1;
+    int signal_ = 0;
+};
+
+} // namespace corvane

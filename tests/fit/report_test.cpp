@@ -1,0 +1,281 @@
+#include <gtest/gtest.h>
+#include <memory>
+#include <regex>
+#include <string>
+
+#include "fit/engine_run.h"
+#include "fit/report.h"
+#include "platform/files.h"
+#include "support/fixtures.h"
+#include "text/text.h"
+
+namespace corvane {
+namespace {
+
+class ReportTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        resetFitDocument();
+        lastEngineRun = EngineRun{};
+    }
+    void TearDown() override { failNthFileWrite(0); }
+
+    testing::ScratchDir dir;
+    testing::RecordingPort port;
+};
+
+// A chi problem in K with one calculation; every value distinct so that a swap shows.
+std::unique_ptr<FitDocument> smallDocument() {
+    auto doc = std::make_unique<FitDocument>();
+    doc->title = "Cu2 test";
+    doc->dataKind = DataKind::Chi;
+    doc->energyUnit = EnergyUnit::Kelvin;
+    doc->siteCount = 2;
+    doc->sites[0].spin = 1;
+    doc->sites[1].spin = 1;
+    doc->interactions[0] = {1, 2, 5};
+    doc->jCount = 1;
+    doc->pairCount = 2;
+    doc->pairs[0] = {2.0, 0.5};
+    doc->pairs[1] = {300.0, 0.00125};
+    doc->calculationCount = 1;
+    Calculation& calc = doc->calculations[0];
+    calc.tolerance = 0.0001;
+    calc.g = {2.0, 0.01, 2.05};
+    calc.tip = {-0.0001, 0.0, -0.0001};
+    calc.j[0] = {-100.0, 1.0, -98.5};
+    calc.deviation = 0.25;
+    calc.firstPair = 1;
+    calc.lastPair = 2;
+    calc.fittedValues[0] = 0.49;
+    calc.fittedValues[1] = 0.00126;
+    return doc;
+}
+
+TEST_F(ReportTest, TheReportHasItsExactLayout) {
+    const std::string stars(78, '*');
+    const std::string expected =
+        "\n     ***** Magnetic Susceptibility Fitting By Corvane v.1.0*****\n\n"
+        "  Date: 11/17/2026 04:22:28 PM\n\n"
+        "  TITLE - Cu2 test\n\n"
+        "  Spin Sites: 2\n  Spins On Sites:\n  Site #     Spin\n  ---------------\n"
+        "    1         1\n    2         1\n"
+        "\n  Interactions:\n  Between site #1 and site #2 is J1\n"
+        "\n  Energy Unit: K\n"
+        "\n\n" + stars + "\n"
+        "  Fitting Results - Calculation # 1 with fiting squared diviation = 0.250000 "
+        "(Convergence Tolerance = 0.000100)\n\n"
+        "  Initial Parameters:\n"
+        "  g    - starting = 2.000000     step= 0.010000\n"
+        "  C    - starting = 0.000000     step= 0.000000\n"
+        "  zJ   - starting = 0.000000     step= 0.000000\n"
+        "  Xtip - starting = -0.000100     step= 0.000000\n\n"
+        "  Initial J Values: 1\n    #    Starting Value   Step\n"
+        "  ------------------------------------------\n"
+        "    1   -100.000000        1.000000\n"
+        "\n  Fitted Parameters:\n"
+        "  g = 2.050000     C = 0.000000     zJ = 0.000000     Xtip = -0.000100\n\n"
+        "  Fitted J Values: 1\n     #      Value\n  -----------------\n"
+        "     1      -98.500000\n"
+        "\n  Fitted Susceptibility:\n\n"
+        "  Total data pairs: 2.   Fitting from pair #1 to pair #2\n\n"
+        "  #    Tempreture (K)      Chi (Experimental)       Chi (Fitted)\n"
+        "  ______________________________________________________________\n"
+        "  1   2.000000                  0.500000                       0.490000\n"
+        "  2   300.000000                  0.001250                       0.001260\n"
+        "\n" + stars + "\n";
+    EXPECT_EQ(reportText(*smallDocument(), "11/17/2026 04:22:28 PM"), expected);
+
+    EXPECT_EQ(reportDate(0).size(), std::string("01/01/1970 12:00:00 AM").size());
+    EXPECT_TRUE(std::regex_match(reportDate(1795000000),
+                                 std::regex(R"(\d\d/\d\d/20\d\d (0\d|1[0-2]):\d\d:\d\d (AM|PM))")));
+}
+
+TEST_F(ReportTest, AReportReadIntoAFreshDocumentGivesBackEveryPrintedValue) {
+    auto doc = smallDocument();
+    doc->dataKind = DataKind::ChiT;
+    doc->energyUnit = EnergyUnit::MeV;
+    doc->siteCount = 4;
+    for (int s = 1; s <= 4; ++s) doc->sites[slot(s)].spin = s;
+    doc->interactionCount = 3;
+    doc->interactions[1] = {2, 3, 6};
+    doc->interactions[2] = {3, 4, 7};
+    doc->jCount = 3;
+    doc->pairCount = 5;
+    for (int i = 1; i <= 5; ++i) doc->pairs[slot(i)] = {1.5 * i, -0.001 * (i + 6)};
+    doc->calculationCount = 3;
+    for (int n = 0; n < 3; ++n) {
+        Calculation& calc = doc->calculations[slot(n + 1)];
+        calc.tolerance = 1e-5 * (n + 1);
+        calc.g = {-2.0 - n, 0.01, 1.987654};
+        calc.c = {-0.002, 0.0001, -0.003141};
+        calc.zJ = {-0.5, 0.1, -0.25 - n};
+        calc.tip = {-0.00012, 0.00001, -0.000123};
+        for (int k = 1; k <= 3; ++k) calc.j[slot(k)] = {-100.0 * k, 1.0 + n, -123.456789 * (k - 1 + n)};
+        calc.deviation = 0.001234 * (n + 1);
+        calc.firstPair = 1 + n;
+        calc.lastPair = 5 - n / 2;
+        for (int i = 1; i <= 5; ++i) calc.fittedValues[slot(i)] = -0.0101 * i * (n + 1);
+    }
+    const std::string text = reportText(*doc, "11/17/2026 04:22:28 PM");
+
+    auto back = std::make_unique<FitDocument>();
+    back->calculationCount = 0;
+    std::string problem;
+    ASSERT_TRUE(readReportText(text, *back, problem)) << problem;
+    // Everything the report prints, printed again from what was read, is the same report.
+    EXPECT_EQ(reportText(*back, "11/17/2026 04:22:28 PM"), text);
+    EXPECT_EQ(back->calculationCount, 3);
+    EXPECT_EQ(back->dataKind, DataKind::ChiT);
+    EXPECT_EQ(back->energyUnit, EnergyUnit::MeV);
+    EXPECT_EQ(back->calculations[2].firstPair, 3);
+    EXPECT_DOUBLE_EQ(back->calculations[1].j[2].fitted, -370.370367);
+
+    // Line ends written on another system read the same.
+    std::string crlf;
+    for (char c : text) crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    auto again = std::make_unique<FitDocument>();
+    again->calculationCount = 0;
+    ASSERT_TRUE(readReportText(crlf, *again, problem)) << problem;
+    EXPECT_EQ(reportText(*again, "x"), reportText(*back, "x"));
+}
+
+TEST_F(ReportTest, TheReaderAddsOnlyNewerSectionsAndKeepsWhatAReportDoesNotCarry) {
+    const std::string text = reportText(*smallDocument(), "d");
+
+    // A document that already holds calculation 1 takes the problem but not the section.
+    auto held = smallDocument();
+    held->title = "old";
+    held->energyUnit = EnergyUnit::Cm1;
+    held->calculations[0].g.fitted = 9.0;
+    std::string problem;
+    ASSERT_TRUE(readReportText(text, *held, problem));
+    EXPECT_EQ(held->title, "Cu2 test");
+    EXPECT_EQ(held->energyUnit, EnergyUnit::Kelvin);
+    EXPECT_EQ(held->calculations[0].g.fitted, 9.0);
+
+    // A title with "!" reads as a comment; a report without a unit line keeps the unit.
+    auto doc = smallDocument();
+    doc->title = "Cu2 ! not a comment";
+    std::string edited = reportText(*doc, "d");
+    edited.erase(edited.find("\n  Energy Unit: K\n"), 17);
+    auto fresh = std::make_unique<FitDocument>();
+    fresh->title = "kept";
+    fresh->energyUnit = EnergyUnit::MeV;
+    fresh->calculationCount = 0;
+    ASSERT_TRUE(readReportText(edited, *fresh, problem));
+    EXPECT_EQ(fresh->title, "kept");
+    EXPECT_EQ(fresh->energyUnit, EnergyUnit::MeV);
+    EXPECT_EQ(fresh->calculationCount, 1);
+}
+
+TEST_F(ReportTest, AReportBeyondTheDocumentsLimitsIsRejected) {
+    const std::string good = reportText(*smallDocument(), "d");
+    const auto edited = [&](const std::string& from, const std::string& to) {
+        std::string text = good;
+        text.replace(text.find(from), from.size(), to);
+        return text;
+    };
+    std::string many;
+    for (int n = 0; n < 101; ++n) many += "  Between site #1 and site #2 is J1\n";
+    const struct {
+        std::string text, problem;
+    } cases[] = {
+        {edited("Spin Sites: 2", "Spin Sites: 21"), "line 8: 21 spin sites"},
+        {edited("Initial J Values: 1", "Initial J Values: 11"), "line 30: 11 J values"},
+        {edited("Total data pairs: 2.", "Total data pairs: 1001."), "line 45: 1001 data pairs"},
+        {edited("Calculation # 1 ", "Calculation # 11 "), "line 22: calculation # 11"},
+        {edited("  Between site #1 and site #2 is J1\n", many), "line 116: more than 100"},
+        {edited("to pair #2", "to pair #3"), "calculation # 1 fits pairs 1 to 3, outside"},
+        {edited("Total data pairs: 2.", "Total data pairs: -1."), "line 45: -1 data pairs"},
+    };
+    for (const auto& c : cases) {
+        auto doc = std::make_unique<FitDocument>();
+        doc->calculationCount = 0;
+        std::string problem;
+        EXPECT_FALSE(readReportText(c.text, *doc, problem)) << c.problem;
+        EXPECT_EQ(problem.rfind(c.problem, 0), 0u) << problem;
+    }
+
+    // Through the file: a message naming the file and line, and the document as it was.
+    fitDocument.title = "before";
+    EXPECT_FALSE(readReport(dir.write("big.qpo", cases[0].text)));
+    EXPECT_FALSE(readReport(dir.file("none.qpo")));
+    ASSERT_EQ(port.messages.size(), 2u);
+    EXPECT_EQ(port.messages[0].text, "Cannot read the report " + dir.file("big.qpo") +
+                                         ", line 8: 21 spin sites; the document holds 0 to 20.");
+    EXPECT_NE(port.messages[1].text.find("none.qpo: No such file"), std::string::npos);
+    EXPECT_EQ(fitDocument.title, "before");
+}
+
+// An engine output for the small problem: T, fitted, observed on each pair line.
+const char* const engineOutput = "0.0125 2.1 0.003\n-0.2 0.00015\n# 0.01 0.001 0 0\n"
+                                 "1 -97.25\n# 0.5\n2 1 2\n2 0.48 0.51\n300 0.0013 0.0012\n";
+
+TEST_F(ReportTest, TheEngineOutputFillsTheNewestCalculationOrIsRejectedWhole) {
+    auto doc = smallDocument();
+    doc->calculationCount = 2;
+    std::string problem;
+    ASSERT_TRUE(readEngineOutput(engineOutput, *doc, problem)) << problem;
+    const Calculation& calc = doc->calculations[1];
+    EXPECT_EQ(calc.deviation, 0.0125);
+    EXPECT_EQ(calc.c.fitted, 0.003);
+    EXPECT_EQ(calc.tip.fitted, 0.00015);
+    EXPECT_EQ(calc.j[0].fitted, -97.25);
+    EXPECT_EQ(doc->pairs[1].temperature, 300.0);
+    EXPECT_EQ(doc->pairs[1].observed, 0.0012);
+    EXPECT_EQ(calc.fittedValues[1], 0.0013);
+    EXPECT_EQ(doc->calculations[0].g.fitted, 2.05); // the older calculation is untouched
+
+    const struct {
+        const char* text;
+        const char* problem;
+    } faults[] = {
+        {"", "it ends after line 0"},
+        {"0.1 2 0\n0 0\n#\n11 1 2 3 4 5 6 7 8 9 10 11\n#\n2 1 2\n", "line 4: 11 J values"},
+        {"0.1 2 0\n0 0\n#\n1 -97\n#\n1001 1 1001\n", "line 6: 1001 pairs"},
+        {"0.1 2 0\n0 0\n#\n1 -97\n#\n2 1 3\n1 1 1\n2 2 2\n", "line 6: the fitted range"},
+        {"0.1 2 0\n0 0\n#\n1 -97\n#\n3 1 3\n1 1 1\n2 2 2", "it ends after 2 of its 3 pair"},
+        {"\x7f" "ELF garbage\n\x01\x02\n\n\n\n\n\n", "line 6: 0 pairs"},
+    };
+    for (const auto& fault : faults) {
+        auto target = smallDocument();
+        EXPECT_FALSE(readEngineOutput(fault.text, *target, problem)) << fault.problem;
+        EXPECT_EQ(problem.rfind(fault.problem, 0), 0u) << problem;
+    }
+}
+
+TEST_F(ReportTest, WritingTheReportConsumesTheOutputOrChangesNothing) {
+    fitDocument = *smallDocument();
+    const std::string output = dir.write("output.txt", engineOutput);
+    ASSERT_TRUE(writeReport(output, dir.file("cu2.qpo")));
+    EXPECT_EQ(dir.listing(), "cu2.qpo");
+    EXPECT_EQ(fitDocument.calculations[0].j[0].fitted, -97.25);
+    const std::string report = dir.read("cu2.qpo");
+    EXPECT_EQ(report.substr(report.find("  TITLE")), reportText(fitDocument, "").substr(
+                                                          reportText(fitDocument, "").find("  TITLE")));
+
+    // The disk fills while the report is written: report, document and output as they were.
+    dir.write("output.txt", std::string(engineOutput).replace(0, 6, "0.0222"));
+    failNthFileWrite(1);
+    EXPECT_FALSE(writeReport(output, dir.file("cu2.qpo")));
+    EXPECT_EQ(dir.read("cu2.qpo"), report);
+    EXPECT_EQ(fitDocument.calculations[0].deviation, 0.0125);
+    EXPECT_EQ(dir.listing(), "cu2.qpo output.txt");
+    ASSERT_EQ(port.messages.size(), 1u);
+    EXPECT_EQ(port.messages[0].text, "Cannot write the report " + dir.file("cu2.qpo") +
+                                         ": No space left on device. The fit results stay in " +
+                                         output + ".");
+
+    // No output at all, and no run to blame.
+    dir.write("output.txt", "");
+    std::filesystem::remove(output);
+    EXPECT_FALSE(writeReport(output, dir.file("cu2.qpo")));
+    EXPECT_EQ(port.messages.back().text, "The fit gave no results: " + output +
+                                             ": No such file or directory. " +
+                                             dir.file("cu2.qpo") + " was not changed.");
+    EXPECT_EQ(dir.read("cu2.qpo"), report);
+}
+
+} // namespace
+} // namespace corvane

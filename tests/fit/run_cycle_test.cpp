@@ -1,0 +1,178 @@
+// The run cycle with stand-in engines: each is a small script named by CORVANE_ENGINE.
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "fit/exchange_files.h"
+#include "fit/report.h"
+#include "fit/run_cycle.h"
+#include "support/fixtures.h"
+
+namespace corvane {
+namespace {
+
+const char* const dimer = "TITLE Cu2\nKEYWD DATA_FILE=XTT ENERGY_UNIT=K PRECISION=0.0001\n"
+                          "KEYWD G_START=2.0 G_STEP=0.01\nJ_VALUE1 -100 1\n"
+                          "SPIN_ON_SITE1 1\nSPIN_ON_SITE2 1\n"
+                          "INTERACTION sites 1 and 2 coupled by J1\nT_CHI 2 0.51\nT_CHI 300 0.0012\n";
+
+// What a good engine leaves for that problem.
+const char* const goodOutput = "0.0125 2.1 0.003\n-0.2 0.00015\n# 0.01 0.001 0 0\n"
+                               "1 -97.25\n# 0.5\n2 1 2\n2 0.48 0.51\n300 0.0013 0.0012\n";
+
+struct Recorder final : EngineProgress {
+    void status(const std::string& text) override { statuses.push_back(text); }
+    void line(const std::string& text) override { lines.push_back(text); }
+    bool interruptRequested() override { return interruptAfterFirstLine && !lines.empty(); }
+    std::vector<std::string> statuses, lines;
+    bool interruptAfterFirstLine = false;
+};
+
+class RunCycleTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        resetFitDocument();
+        inputPath = dir.write("cu2.qpi", dimer);
+    }
+    void TearDown() override { unsetenv("CORVANE_ENGINE"); }
+
+    // An engine script: body runs with $out set to the output file beside the input file.
+    void useEngine(const std::string& body) {
+        const std::string path = dir.write(
+            "engine.sh", "#!/bin/sh\nout=\"$(dirname \"$1\")/output.txt\"\n" + body + "\n");
+        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+        setenv("CORVANE_ENGINE", path.c_str(), 1);
+    }
+    void useGoodEngine() {
+        useEngine(std::string("echo 'iteration 1 deviation 0.5'\necho 'iteration 2 deviation "
+                              "0.0125'\nprintf '") +
+                  goodOutput + "' > \"$out\"");
+    }
+
+    testing::ScratchDir dir;
+    testing::RecordingPort port;
+    Recorder progress;
+};
+
+TEST(RunCyclePaths, ReportPathAndWorkingDirectoryComeFromTheInputPath) {
+    EXPECT_EQ(deriveReportPath("/fits/dimer.qpi"), "/fits/dimer.qpo");
+    EXPECT_EQ(deriveReportPath("/set1.2/run"), "/set1.qpo");
+    EXPECT_EQ(deriveReportPath("/my fits/a.b.qpi"), "/my fits/a.b.qpo");
+    EXPECT_EQ(deriveReportPath("a.b"), ".qpo"); // the first two characters never count
+    EXPECT_EQ(deriveReportPath("/fits/run"), ".qpo");
+    EXPECT_EQ(deriveWorkDir("/fits/dimer.qpi"), "/fits");
+    EXPECT_EQ(deriveWorkDir("/dimer.qpi"), "");
+    EXPECT_EQ(deriveWorkDir("dimer.qpi"), "");
+}
+
+TEST_F(RunCycleTest, AFitWritesTheReportAndPassesTheEnginesProgressOn) {
+    dir.write("output.txt", "stale output of an earlier run");
+    useGoodEngine();
+    ASSERT_EQ(runInputCycle(&progress), RunOutcome::Fitted);
+    EXPECT_EQ(progress.statuses, std::vector<std::string>{engineRunningText});
+    EXPECT_EQ(progress.lines, (std::vector<std::string>{"iteration 1 deviation 0.5",
+                                                        "iteration 2 deviation 0.0125"}));
+    EXPECT_EQ(reportPath, dir.file("cu2.qpo"));
+    EXPECT_EQ(workDir, dir.path());
+    EXPECT_EQ(fitDocument.calculations[0].j[0].fitted, -97.25);
+    EXPECT_EQ(dir.listing(), "chit.txt cu2.qpi cu2.qpo engine.sh input.txt");
+    EXPECT_TRUE(port.messages.empty());
+}
+
+TEST_F(RunCycleTest, AFailedRunLeavesReportAndDocumentAsTheyWereAndSaysWhy) {
+    useGoodEngine();
+    ASSERT_EQ(runInputCycle(nullptr), RunOutcome::Fitted);
+    fitDocument.currentCalculation = 0;
+    fitDocument.calculations[0].g.start = 2.2; // as the parameter dialog would edit it
+    const std::string report = dir.read("cu2.qpo");
+    const std::string document = reportText(fitDocument, "");
+
+    const struct {
+        const char* name;
+        std::string engine; // script body; empty: no engine at all
+        RunOutcome outcome;
+        std::string message;
+    } faults[] = {
+        {"missing", "", RunOutcome::EngineNotStarted,
+         "The fit gave no results: the fitting engine could not be started (" +
+             dir.file("none") + ": No such file or directory)."},
+        {"no output", "echo 'corefit: input.txt line 4: site 2 has spin 0' >&2; exit 2",
+         RunOutcome::NoResults,
+         "The fit gave no results: the fitting engine stopped with exit code 2: corefit: "
+         "input.txt line 4: site 2 has spin 0."},
+        {"silent", "exit 0", RunOutcome::NoResults,
+         "The fit gave no results: the fitting engine ended without leaving results."},
+        {"truncated", "head -n 7 > \"$out\" <<EOF\n" + std::string(goodOutput) + "EOF",
+         RunOutcome::NoResults,
+         "The fit results in " + dir.file("output.txt") +
+             " cannot be used: it ends after 1 of its 2 pair lines."},
+        {"garbage", "head -c 300 /bin/sh > \"$out\"", RunOutcome::NoResults,
+         "The fit results in " + dir.file("output.txt") + " cannot be used: "},
+        {"killed", "echo 'iteration 1'; printf '0.1 2' > \"$out\"; kill -9 $$",
+         RunOutcome::NoResults, " (the fitting engine was killed by signal 9 (Killed))."},
+    };
+    for (const auto& fault : faults) {
+        SCOPED_TRACE(fault.name);
+        port.messages.clear();
+        if (fault.engine.empty())
+            setenv("CORVANE_ENGINE", dir.file("none").c_str(), 1);
+        else
+            useEngine(fault.engine);
+        ASSERT_TRUE(writeDialogEngineInput());
+        EXPECT_EQ(runRecalculation(&progress), fault.outcome);
+        EXPECT_EQ(dir.read("cu2.qpo"), report);
+        EXPECT_EQ(reportText(fitDocument, ""), document);
+        ASSERT_EQ(port.messages.size(), 1u);
+        const std::string& text = port.messages[0].text;
+        EXPECT_NE(text.find(fault.message), std::string::npos) << text;
+        EXPECT_NE(text.find(dir.file("cu2.qpo") + " was not changed."), std::string::npos);
+    }
+    EXPECT_EQ(progress.statuses.front(), engineStartFailedText);
+}
+
+TEST_F(RunCycleTest, AnInterruptedEngineStillGivesItsBestResult) {
+    useEngine(std::string("trap 'printf \"") + goodOutput +
+              "\" > \"$out\"; exit 3' TERM\necho 'iteration 1'\n"
+              "while :; do sleep 0.02; done");
+    progress.interruptAfterFirstLine = true;
+    EXPECT_EQ(runInputCycle(&progress), RunOutcome::Fitted);
+    EXPECT_TRUE(lastEngineRun.interrupted);
+    EXPECT_EQ(lastEngineRun.exitCode, 3);
+    EXPECT_EQ(fitDocument.calculations[0].deviation, 0.0125);
+}
+
+TEST_F(RunCycleTest, AReportLoadedForPlottingCanBeFittedAgainWithTheRealEngine) {
+    setenv("CORVANE_ENGINE", CORVANE_BIN_DIR "/corefit", 1);
+    ASSERT_EQ(runInputCycle(nullptr), RunOutcome::Fitted) << port.messages.at(0).text;
+    const std::string report = reportPath;
+
+    // Plot from elsewhere: the document is the report alone, and its directory the work place.
+    resetFitDocument();
+    fitDocument.calculationCount = 3;
+    workDir = "/nonexistent";
+    for (const char* name : {"input.txt", "chit.txt", "cu2.qpi"}) std::filesystem::remove(dir.file(name));
+    ASSERT_TRUE(plotReport(report));
+    EXPECT_EQ(fitDocument.calculationCount, 1);
+    EXPECT_EQ(workDir, dir.path());
+
+    fitDocument.calculationCount = 2; // Add New
+    fitDocument.calculations[1] = fitDocument.calculations[0];
+    fitDocument.currentCalculation = 1;
+    ASSERT_TRUE(writeDialogEngineInput());
+    ASSERT_EQ(runRecalculation(nullptr), RunOutcome::Fitted) << port.messages.at(0).text;
+    EXPECT_NE(dir.read("cu2.qpo").find("Calculation # 2 "), std::string::npos);
+    EXPECT_NEAR(fitDocument.calculations[1].j[0].fitted, fitDocument.calculations[0].j[0].fitted,
+                1e-3);
+
+    // A report without a calculation is no plot, and leaves everything as it was.
+    const std::string head = dir.read("cu2.qpo").substr(0, dir.read("cu2.qpo").find("\n\n***"));
+    EXPECT_FALSE(plotReport(dir.write("empty.qpo", head)));
+    EXPECT_EQ(fitDocument.calculationCount, 2);
+    EXPECT_EQ(reportPath, report);
+    EXPECT_NE(port.messages.back().text.find("holds no fit results"), std::string::npos);
+}
+
+} // namespace
+} // namespace corvane
