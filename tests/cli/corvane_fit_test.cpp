@@ -1,10 +1,14 @@
 // corvane-fit as a user runs it: exit codes, what it prints, what it leaves on disk.
+#include <cstdio>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <regex>
 #include <string>
 #include <sys/wait.h>
 
 #include "support/fixtures.h"
+#include "text/text.h"
 
 namespace corvane {
 namespace {
@@ -74,6 +78,88 @@ TEST(CorvaneFit, FailuresGoToTheErrorStreamWithANonZeroExit) {
 
     for (auto arguments : {std::initializer_list<std::string>{}, {"prepare"}, {"fit", "x.qpi"}})
         EXPECT_NE(run(dir, arguments).exitCode, 0);
+}
+
+// The rows a report prints for one calculation, rebuilt from the JSON export of that report.
+std::string rowsFromJson(const nlohmann::json& doc, const nlohmann::json& calc) {
+    std::string rows = formatC("  g = %f     C = %f     zJ = %f     Xtip = %f\n",
+                               calc["g"]["fitted"].get<double>(), calc["C"]["fitted"].get<double>(),
+                               calc["zJ"]["fitted"].get<double>(),
+                               calc["Xtip"]["fitted"].get<double>());
+    int k = 0;
+    for (const auto& j : calc["J"])
+        rows += formatC("    %d   %f        %f\n", ++k, j["start"].get<double>(),
+                        j["step"].get<double>());
+    const auto& pairs = doc["pairs"];
+    for (std::size_t i = 0; i < pairs.size(); ++i)
+        rows += formatC("  %zu   %f                  %f                       %f\n", i + 1,
+                        pairs[i]["temperature"].get<double>(), pairs[i]["observed"].get<double>(),
+                        calc["fittedValues"][i].get<double>());
+    return rows;
+}
+
+TEST(CorvaneFit, RunFitsEveryExampleAndExportGivesBackWhatTheReportPrints) {
+    testing::ScratchDir dir;
+    int examples = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(CORVANE_SOURCE_DIR "/examples")) {
+        if (entry.path().extension() != ".qpi") continue;
+        ++examples;
+        SCOPED_TRACE(entry.path().filename().string());
+        const std::string input = dir.file(entry.path().filename().string());
+        std::filesystem::copy_file(entry.path(), input);
+        const Outcome fit = run(dir, {"run", input});
+        ASSERT_EQ(fit.exitCode, 0) << fit.err;
+        const std::string reportPath = input.substr(0, input.size() - 4) + ".qpo";
+        EXPECT_NE(fit.out.find("Wrote " + reportPath + "\n"), std::string::npos) << fit.out;
+        EXPECT_NE(fit.out.find("  iteration 1 deviation "), std::string::npos);
+        EXPECT_FALSE(dir.has("output.txt"));
+
+        const std::string report = dir.read(std::filesystem::path(reportPath).filename());
+        EXPECT_TRUE(std::regex_search(report, std::regex(R"(\n  Date: \d\d/\d\d/\d{4} \d\d:\d\d:\d\d [AP]M\n)")));
+        const Outcome exported = run(dir, {"export", reportPath, "--json"});
+        ASSERT_EQ(exported.exitCode, 0) << exported.err;
+        const nlohmann::json doc = nlohmann::json::parse(exported.out);
+        ASSERT_EQ(doc["calculations"].size(), 1u);
+        const auto& calc = doc["calculations"][0];
+        EXPECT_NE(report.find(formatC("  TITLE - %s\n", doc["title"].get<std::string>().c_str())),
+                  std::string::npos);
+        EXPECT_NE(report.find(formatC("diviation = %f (Convergence Tolerance = %f)\n",
+                                      calc["deviation"].get<double>(),
+                                      calc["tolerance"].get<double>())),
+                  std::string::npos);
+        // Every fitted value and every pair row, character for character.
+        const std::string rows = rowsFromJson(doc, calc);
+        std::size_t at = 0;
+        for (std::size_t end; (end = rows.find('\n', at)) != std::string::npos; at = end + 1) {
+            const std::string row = rows.substr(at, end - at + 1);
+            EXPECT_NE(report.find("\n" + row), std::string::npos) << row;
+        }
+
+        const Outcome csv = run(dir, {"export", "--csv", reportPath});
+        EXPECT_EQ(csv.out.rfind("T,", 0), 0u);
+        EXPECT_EQ(std::count(csv.out.begin(), csv.out.end(), '\n'),
+                  static_cast<long>(doc["pairs"].size() + 1));
+    }
+    EXPECT_GE(examples, 4);
+}
+
+TEST(CorvaneFit, RunAndExportFailWithOneLineAndAnExitCodeOfTheirOwn) {
+    testing::ScratchDir dir;
+    const std::string input = dir.file("cu2.qpi");
+    std::filesystem::copy_file(CORVANE_SOURCE_DIR "/examples/cu2-dimer.qpi", input);
+    setenv("CORVANE_ENGINE", dir.file("no-engine").c_str(), 1);
+    const Outcome noEngine = run(dir, {"run", input});
+    unsetenv("CORVANE_ENGINE");
+    EXPECT_EQ(noEngine.exitCode, 2);
+    EXPECT_NE(noEngine.out.find("Unable to fit magnetic susceptibility !"), std::string::npos);
+    EXPECT_EQ(std::count(noEngine.err.begin(), noEngine.err.end(), '\n'), 1) << noEngine.err;
+    EXPECT_FALSE(dir.has("cu2.qpo"));
+
+    EXPECT_EQ(run(dir, {"run", dir.write("bad.qpi", "J_VALUE11 1 1\n")}).exitCode, 1);
+    const Outcome notAReport = run(dir, {"export", input});
+    EXPECT_EQ(notAReport.exitCode, 1);
+    EXPECT_NE(notAReport.err.find("holds no fit results"), std::string::npos);
+    EXPECT_NE(run(dir, {"export", input, "--json", "--csv"}).exitCode, 0);
 }
 
 } // namespace
