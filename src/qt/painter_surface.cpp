@@ -1,7 +1,9 @@
 #include "qt/painter_surface.h"
 
 #include <QFontMetricsF>
+#include <QPaintEngine>
 #include <QPainter>
+#include <QTransform>
 #include <QPen>
 #include <QString>
 #include <algorithm>
@@ -128,12 +130,43 @@ void PainterSurface::rectangle(int left, int top, int right, int bottom) {
     painter_.drawRect(QRect(left, top, right - left - 1, bottom - top - 1));
 }
 
+// A smooth ellipse in the box of width x height at (left, top), centred on the middle of the
+// pixel the box is centred on.
+void PainterSurface::drawEllipse(QPainter& painter, double left, double top, int width,
+                                 int height) const {
+    painter.setRenderHint(QPainter::Antialiasing, true);
+    painter.drawEllipse(QRectF(left + 0.5, top + 0.5, width, height));
+    painter.setRenderHint(QPainter::Antialiasing, false);
+}
+
+bool PainterSurface::rasterWithoutScaling() const {
+    const QPaintEngine* engine = painter_.paintEngine();
+    if (engine == nullptr || engine->type() != QPaintEngine::Raster) return false;
+    const QTransform t = painter_.deviceTransform();
+    return t.type() <= QTransform::TxTranslate && t.dx() == std::floor(t.dx()) &&
+           t.dy() == std::floor(t.dy());
+}
+
 void PainterSurface::ellipse(int left, int top, int right, int bottom) {
     flush();
-    painter_.setRenderHint(QPainter::Antialiasing, true);
-    // Centred on the middle of the pixel the box is centred on.
-    painter_.drawEllipse(QRectF(left + 0.5, top + 0.5, right - left, bottom - top));
-    painter_.setRenderHint(QPainter::Antialiasing, false);
+    const int width = right - left, height = bottom - top;
+    const int margin = std::max(pen_.width, 1) + 2; // room for the outline and its smoothing
+    if (!rasterWithoutScaling() || width <= 0 || height <= 0 || width > 256 || height > 256) {
+        drawEllipse(painter_, left, top, width, height);
+        return;
+    }
+    if (sprite_.pen != pen_ || sprite_.brush != brush_ || sprite_.width != width ||
+        sprite_.height != height) {
+        sprite_ = {pen_, brush_, width, height,
+                   QImage(width + 2 * margin, height + 2 * margin,
+                          QImage::Format_ARGB32_Premultiplied)};
+        sprite_.image.fill(Qt::transparent);
+        QPainter painter(&sprite_.image);
+        painter.setPen(painter_.pen());
+        painter.setBrush(painter_.brush());
+        drawEllipse(painter, margin, margin, width, height);
+    }
+    painter_.drawImage(QPoint(left - margin, top - margin), sprite_.image);
 }
 
 void PainterSurface::textOut(int x, int y, std::string_view text) {
