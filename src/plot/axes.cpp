@@ -1,5 +1,7 @@
 #include "plot/axes.h"
 
+#include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +19,8 @@ constexpr double deviceLimit = 268435456.0; // 2^28
 // beyond the surface would otherwise take millions of rounds.
 constexpr int maxTicksPerAxis = 100000;
 
+constexpr double maxFontSize = 65536.0; // device units
+
 // A value for "%d": truncated toward zero and kept within int.
 int truncInt(double v) {
     if (std::isnan(v)) return 0;
@@ -24,6 +28,9 @@ int truncInt(double v) {
     if (v <= -2147483648.0) return -2147483647 - 1;
     return static_cast<int>(v);
 }
+
+// A font size in device units from a truncated size; sizes beyond any surface are cut.
+int fontSize(double size) { return size > 0 ? static_cast<int>(std::min(size, maxFontSize)) : 0; }
 
 int labelLength(const std::array<char, axisLabelSize>& label) {
     return static_cast<int>(strnlen(label.data(), label.size()));
@@ -194,15 +201,17 @@ void drawAxes(Surface& surface) {
     const TextMetrics own = surface.textMetrics();
     const int th = own.height, tw = own.averageCharWidth;
     const double zoom = s.zoom;
-    int fontH = truncDevice(th * zoom), fontW = truncDevice(tw * zoom);
+    double fontH = std::trunc(th * zoom), fontW = std::trunc(tw * zoom);
     if (s.labelFont.lfHeight != 0) {
-        if (s.labelFont.lfHeight < 0) s.labelFont.lfHeight = -s.labelFont.lfHeight;
-        fontH = truncDevice(s.labelFont.lfHeight * zoom * p);
-        fontW = th > 0 ? static_cast<int>(static_cast<long long>(fontH) * tw / th) : fontH / 2;
+        if (s.labelFont.lfHeight < 0) s.labelFont.lfHeight = -std::max(s.labelFont.lfHeight, -INT_MAX);
+        fontH = std::trunc(s.labelFont.lfHeight * zoom * p);
+        fontW = th > 0 ? std::trunc(fontH * tw / th) : std::trunc(fontH / 2);
     }
+    // A text larger than any surface is of no use; the limit keeps text positions within int.
+    const int textH = fontSize(fontH), textW = fontSize(fontW);
     LogFont font = s.labelFont;
-    font.lfHeight = fontH;
-    font.lfWidth = fontW;
+    font.lfHeight = textH;
+    font.lfWidth = textW;
 
     // Vertical title, rotated to run upwards, centred on the middle of the surface's height.
     const int fieldV = static_cast<int>(formatC("%f", static_cast<double>(s.chiAxis.min)).size()) + 1;
@@ -210,7 +219,7 @@ void drawAxes(Surface& surface) {
     LogFont previousFont = surface.selectFont(font);
     const Colour previousColour = surface.setTextColour(s.labelColour);
     const int yLength = labelLength(s.yAxisLabel);
-    surface.textOut(l.frameLeft - fontW * (fieldV + 2), l.centreY + fontW * yLength / 2,
+    surface.textOut(l.frameLeft - textW * (fieldV + 2), l.centreY + textW * yLength / 2,
                     std::string_view(s.yAxisLabel.data(), static_cast<std::size_t>(yLength)));
     surface.selectFont(previousFont);
 
@@ -218,14 +227,14 @@ void drawAxes(Surface& surface) {
     font.lfEscapement = font.lfOrientation = 0;
     previousFont = surface.selectFont(font);
     const int xLength = labelLength(s.xAxisLabel);
-    surface.textOut(l.centreX - fontW * xLength / 2, l.frameBottom + 4 * fontH,
+    surface.textOut(l.centreX - textW * xLength / 2, l.frameBottom + 4 * textH,
                     std::string_view(s.xAxisLabel.data(), static_cast<std::size_t>(xLength)));
 
     // Numbers of the vertical axis: right-aligned in a field as wide as "%f" of the axis
     // minimum and one more, ending about a character left of the outer frame.
     const int halfText = truncDevice(th * zoom / 2);
     cWalk.forEach([&](int n, int y) {
-        surface.textOut(l.frameLeft - (fieldV + 1) * fontW, y - halfText,
+        surface.textOut(l.frameLeft - (fieldV + 1) * textW, y - halfText,
                         numberText(cWalk.value(n), fieldV, s.chiAxis.digits));
     });
 
@@ -233,7 +242,7 @@ void drawAxes(Surface& surface) {
     std::string minText = formatC("%f", static_cast<double>(s.tAxis.min));
     trimLeft(minText.data());
     const int fieldT = static_cast<int>(std::strlen(minText.c_str())) + 1;
-    const int shift = truncDevice(fieldT * fontW * zoom / 2);
+    const int shift = truncDevice(fieldT * textW * zoom / 2);
     const int numberY = l.frameBottom + truncDevice(2 * th * zoom);
     tWalk.forEach([&](int n, int x) {
         surface.textOut(x - shift, numberY, numberText(tWalk.value(n), fieldT, s.tAxis.digits));
