@@ -17,6 +17,10 @@
 #include "qt/painter_surface.h"
 #include "text/text.h"
 
+// Fontconfig, under Qt's fonts, keeps its configuration for the life of the process; a build
+// with LeakSanitizer would report it at every exit of a program that painted text.
+extern "C" const char* __lsan_default_suppressions() { return "leak:libfontconfig\n"; }
+
 namespace corvane {
 
 namespace {
