@@ -48,7 +48,8 @@ void fillDocument() {
         c.firstPair = 1;
         c.lastPair = maxPairs;
         for (std::size_t i = 0; i < maxPairs; ++i)
-            c.fittedValues[i] = dimerChiT(doc.pairs[i].temperature, -40.0 - 5.0 * static_cast<double>(k));
+            c.fittedValues[i] =
+                dimerChiT(doc.pairs[i].temperature, -40.0 - 5.0 * static_cast<double>(k));
     }
 }
 
@@ -58,7 +59,8 @@ double medianMs(const std::function<void()>& paint) {
     paint(); // warm-up: fonts, caches
     std::vector<double> times;
     const auto start = Clock::now();
-    while (times.size() < 20 || (Clock::now() - start < std::chrono::seconds(1) && times.size() < 2000)) {
+    while (times.size() < 20 ||
+           (Clock::now() - start < std::chrono::seconds(1) && times.size() < 2000)) {
         const auto t0 = Clock::now();
         paint();
         times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());

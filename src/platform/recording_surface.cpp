@@ -11,14 +11,13 @@ TextMetrics RecordingSurface::textMetrics() {
     const LogFont& font = state_.font;
     if (font.lfFaceName[0] == '\0' || font.lfHeight == 0) return ownFontMetrics;
     const int height = font.lfHeight < 0 ? -font.lfHeight : font.lfHeight;
-    const int width = font.lfWidth != 0 ? font.lfWidth
-                                        : height * ownFontMetrics.averageCharWidth /
-                                              ownFontMetrics.height;
+    const int width = font.lfWidth != 0
+                          ? font.lfWidth
+                          : height * ownFontMetrics.averageCharWidth / ownFontMetrics.height;
     return {height, width};
 }
 
-void RecordingSurface::record(SurfaceOp op, int x1, int y1, int x2, int y2,
-                              std::string_view text) {
+void RecordingSurface::record(SurfaceOp op, int x1, int y1, int x2, int y2, std::string_view text) {
     SurfaceCall call = state_;
     call.op = op;
     call.x1 = x1;

@@ -61,7 +61,9 @@ struct TickWalk {
         const double interval = axis->majorInterval;
         return n * interval + axis->labelFrom <= axis->labelTo + interval / 10;
     }
-    double value(int n) const { return n * static_cast<double>(axis->majorInterval) + axis->labelFrom; }
+    double value(int n) const {
+        return n * static_cast<double>(axis->majorInterval) + axis->labelFrom;
+    }
 
     // visit(n, position) for each existing major tick.
     template <typename Visit> void forEach(Visit visit) const {
@@ -126,14 +128,14 @@ int plotY(double v) {
 
 double plotT(int px) {
     const AxisScale& a = plotSettings.tAxis;
-    return a.min + (static_cast<double>(a.max) - a.min) * (px - plotLayout.frameLeft) /
-                       frameWidth();
+    return a.min +
+           (static_cast<double>(a.max) - a.min) * (px - plotLayout.frameLeft) / frameWidth();
 }
 
 double plotValue(int py) {
     const AxisScale& c = plotSettings.chiAxis;
-    return c.max - (static_cast<double>(c.max) - c.min) * (py - plotLayout.frameTop) /
-                       frameHeight();
+    return c.max -
+           (static_cast<double>(c.max) - c.min) * (py - plotLayout.frameTop) / frameHeight();
 }
 
 void layoutFrame() {
@@ -154,10 +156,12 @@ void layoutFrame() {
     l.frameTop += e;
     l.frameBottom -= e;
 
-    const int newHeight = truncDevice((l.frameBottom - l.frameTop) * static_cast<double>(s.verticalRatio));
+    const int newHeight =
+        truncDevice((l.frameBottom - l.frameTop) * static_cast<double>(s.verticalRatio));
     l.frameTop = l.centreY - newHeight / 2;
     l.frameBottom = l.frameTop + newHeight;
-    const int newWidth = truncDevice((l.frameRight - l.frameLeft) * static_cast<double>(s.horizontalRatio));
+    const int newWidth =
+        truncDevice((l.frameRight - l.frameLeft) * static_cast<double>(s.horizontalRatio));
     l.frameLeft = l.centreX - newWidth / 2;
     l.frameRight = l.frameLeft + newWidth;
 }
@@ -203,7 +207,8 @@ void drawAxes(Surface& surface) {
     const double zoom = s.zoom;
     double fontH = std::trunc(th * zoom), fontW = std::trunc(tw * zoom);
     if (s.labelFont.lfHeight != 0) {
-        if (s.labelFont.lfHeight < 0) s.labelFont.lfHeight = -std::max(s.labelFont.lfHeight, -INT_MAX);
+        if (s.labelFont.lfHeight < 0)
+            s.labelFont.lfHeight = -std::max(s.labelFont.lfHeight, -INT_MAX);
         fontH = std::trunc(s.labelFont.lfHeight * zoom * p);
         fontW = th > 0 ? std::trunc(fontH * tw / th) : std::trunc(fontH / 2);
     }
@@ -214,7 +219,8 @@ void drawAxes(Surface& surface) {
     font.lfWidth = textW;
 
     // Vertical title, rotated to run upwards, centred on the middle of the surface's height.
-    const int fieldV = static_cast<int>(formatC("%f", static_cast<double>(s.chiAxis.min)).size()) + 1;
+    const int fieldV =
+        static_cast<int>(formatC("%f", static_cast<double>(s.chiAxis.min)).size()) + 1;
     font.lfEscapement = font.lfOrientation = 900;
     LogFont previousFont = surface.selectFont(font);
     const Colour previousColour = surface.setTextColour(s.labelColour);

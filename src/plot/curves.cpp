@@ -39,7 +39,9 @@ DevicePoint crossing(DevicePoint p, DevicePoint q, Edge edge) {
     return {std::clamp(truncDevice(x), l.frameLeft, l.frameRight), e};
 }
 
-Colour colourOfRow(int row) { return plotColours[static_cast<std::size_t>(std::clamp(row, 0, plotColourCount - 1))]; }
+Colour colourOfRow(int row) {
+    return plotColours[static_cast<std::size_t>(std::clamp(row, 0, plotColourCount - 1))];
+}
 
 // The device point of pair i (0-based) with plotted value v; none when v is not finite.
 std::optional<DevicePoint> pointOf(int i, double v) {
@@ -88,10 +90,9 @@ bool clipToFrame(DevicePoint p, DevicePoint q, DevicePoint& from, DevicePoint& t
     // Liang-Barsky: the segment is p + t (q - p), 0 <= t <= 1; each edge bounds t from one side.
     const double dx = q.x - p.x, dy = q.y - p.y;
     const double towards[4] = {-dx, dx, -dy, dy};
-    const double room[4] = {static_cast<double>(p.x) - l.frameLeft,
-                            static_cast<double>(l.frameRight) - p.x,
-                            static_cast<double>(p.y) - l.frameTop,
-                            static_cast<double>(l.frameBottom) - p.y};
+    const double room[4] = {
+        static_cast<double>(p.x) - l.frameLeft, static_cast<double>(l.frameRight) - p.x,
+        static_cast<double>(p.y) - l.frameTop, static_cast<double>(l.frameBottom) - p.y};
     double enter = 0, leave = 1;
     Edge enterEdge = leftEdge, leaveEdge = leftEdge;
     for (int i = 0; i < 4; ++i) {
@@ -213,8 +214,8 @@ void drawFittedCurve(Surface& surface, int k) {
     const CurveAttributes& a = s.curves;
     const auto slotK = static_cast<std::size_t>(k);
     const int style = a.curveStyle[slotK];
-    const Pen previousPen = surface.selectPen(
-        {style != 0 ? PenStyle::Dot : PenStyle::Solid, a.penWidth, colourOfRow(a.curveColour[slotK])});
+    const Pen previousPen = surface.selectPen({style != 0 ? PenStyle::Dot : PenStyle::Solid,
+                                               a.penWidth, colourOfRow(a.curveColour[slotK])});
     if (!dataMappable()) {
         surface.selectPen(previousPen);
         return;

@@ -12,9 +12,9 @@ namespace corvane {
 void paintPlot(Surface& surface) {
     measureDevice(surface);
     PlotLayout& l = plotLayout;
-    l.printScale = l.referenceWidth > 0 ? static_cast<float>(l.deviceWidth) /
-                                              static_cast<float>(l.referenceWidth)
-                                        : 1.0f;
+    l.printScale = l.referenceWidth > 0
+                       ? static_cast<float>(l.deviceWidth) / static_cast<float>(l.referenceWidth)
+                       : 1.0f;
     surface.setBackgroundMode(BackgroundMode::Transparent);
     const PlotSettings& s = plotSettings;
     if (s.plotLoaded != 1) return;

@@ -23,9 +23,8 @@ void measureDevice(Surface& surface) {
     layout.deviceWidth = m.horizontalResolution;
     const int r = m.verticalResolution;
     // Millimetres per pixel across and down; a surface that reports no size has square pixels.
-    const float mmX = layout.deviceWidth > 0 ? static_cast<float>(m.horizontalSizeMm /
-                                                                  layout.deviceWidth)
-                                             : 0.0f;
+    const float mmX =
+        layout.deviceWidth > 0 ? static_cast<float>(m.horizontalSizeMm / layout.deviceWidth) : 0.0f;
     const float mmY = r > 0 ? static_cast<float>(m.verticalSizeMm / r) : 0.0f;
     // The constant is slightly below a twelfth: 768 pixels give 705, not 704.
     layout.deviceHeight = r - static_cast<int>(r * 0.08333333);

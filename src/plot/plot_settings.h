@@ -77,7 +77,7 @@ struct PlotSettings {
     int fixedAspect = 1;          // zoom by mouse changes zoom (1) or the two ratios (0)
     int frameLineWidth = 2;       // frame and ticks, device units at print scale 1
     Colour frameColour = black;
-    int zoomChoice = 5;            // rows last chosen in the zoom, border ratio and width lists
+    int zoomChoice = 5; // rows last chosen in the zoom, border ratio and width lists
     int horizontalRatioChoice = 3;
     int verticalRatioChoice = 3;
     int frameWidthChoice = 1;
@@ -96,7 +96,7 @@ struct PlotLayout {
     int centreY = 0;
     float pixelAspect = 1.0f; // height over width of one pixel
     int frameLeft = 0, frameRight = 0, frameTop = 0, frameBottom = 0; // the data rectangle
-    int referenceWidth = 0; // deviceWidth of the screen at start-up
+    int referenceWidth = 0;  // deviceWidth of the screen at start-up
     float printScale = 1.0f; // deviceWidth / referenceWidth, set on every paint
     int printing = 0;        // 1 while a printer page is painted
 };

@@ -61,9 +61,8 @@ void scalePlot() {
 
     defaultRange(plotSettings.chiAxis, pairs,
                  [](int i) { return displayedChi[static_cast<std::size_t>(i)]; });
-    defaultRange(plotSettings.tAxis, pairs, [&doc](int i) {
-        return doc.pairs[static_cast<std::size_t>(i)].temperature;
-    });
+    defaultRange(plotSettings.tAxis, pairs,
+                 [&doc](int i) { return doc.pairs[static_cast<std::size_t>(i)].temperature; });
 
     const char* title = showChi ? "Chi - T" : "ChiT - T";
     plotSettings.yAxisLabel.fill('\0');

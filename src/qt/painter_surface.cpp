@@ -3,9 +3,9 @@
 #include <QFontMetricsF>
 #include <QPaintEngine>
 #include <QPainter>
-#include <QTransform>
 #include <QPen>
 #include <QString>
+#include <QTransform>
 #include <algorithm>
 #include <cmath>
 
@@ -68,9 +68,8 @@ PainterSurface::ResolvedFont PainterSurface::resolve(const LogFont& font) const 
     r.scaleX = r.scaleY;
     if (!own && font.lfWidth > 0 && naturalWidth > 0) r.scaleX *= font.lfWidth / naturalWidth;
     r.metrics.height = asked > 0 ? asked : static_cast<int>(std::lround(fm.height() * r.scaleY));
-    r.metrics.averageCharWidth = !own && font.lfWidth > 0
-                                     ? font.lfWidth
-                                     : static_cast<int>(std::lround(naturalWidth));
+    r.metrics.averageCharWidth =
+        !own && font.lfWidth > 0 ? font.lfWidth : static_cast<int>(std::lround(naturalWidth));
     return r;
 }
 
@@ -157,9 +156,9 @@ void PainterSurface::ellipse(int left, int top, int right, int bottom) {
     }
     if (sprite_.pen != pen_ || sprite_.brush != brush_ || sprite_.width != width ||
         sprite_.height != height) {
-        sprite_ = {pen_, brush_, width, height,
-                   QImage(width + 2 * margin, height + 2 * margin,
-                          QImage::Format_ARGB32_Premultiplied)};
+        sprite_ = {
+            pen_, brush_, width, height,
+            QImage(width + 2 * margin, height + 2 * margin, QImage::Format_ARGB32_Premultiplied)};
         sprite_.image.fill(Qt::transparent);
         QPainter painter(&sprite_.image);
         painter.setPen(painter_.pen());

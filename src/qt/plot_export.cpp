@@ -31,8 +31,10 @@ QtMessageHandler previousHandler = nullptr;
 
 void quietStartup(QtMsgType type, const QMessageLogContext& context, const QString& message) {
     if (message.startsWith(QLatin1String("QStandardPaths: XDG_RUNTIME_DIR not set"))) return;
-    if (previousHandler != nullptr) previousHandler(type, context, message);
-    else std::fprintf(stderr, "%s\n", qPrintable(message));
+    if (previousHandler != nullptr)
+        previousHandler(type, context, message);
+    else
+        std::fprintf(stderr, "%s\n", qPrintable(message));
 }
 
 // A QGuiApplication for fonts and painting, on the offscreen platform unless QT_QPA_PLATFORM
@@ -67,8 +69,7 @@ Format formatOf(const std::string& path) {
 void paintOn(QPainter& painter, int width, int height) {
     painter.setWindow(0, 0, width, height);
     painter.fillRect(0, 0, width, height, Qt::white);
-    const DeviceMetrics metrics{width, height, width * 25.4 / exportDpi,
-                                height * 25.4 / exportDpi};
+    const DeviceMetrics metrics{width, height, width * 25.4 / exportDpi, height * 25.4 / exportDpi};
     PainterSurface surface(painter, metrics, exportDpi);
     const int referenceWidth = plotLayout.referenceWidth;
     plotLayout.referenceWidth = width;

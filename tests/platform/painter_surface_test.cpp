@@ -73,8 +73,8 @@ TEST_F(PainterSurfaceTest, ThePlotIsWrittenAsPngPdfOrSvgWholeOrNotAtAll) {
     EXPECT_NE(dir.read("plot.svg").find("Temperature (K)"), std::string::npos);
 
     EXPECT_FALSE(exportPlot(dir.file("plot.bmp"), 800, 600, error));
-    EXPECT_EQ(error, "unknown picture format of " + dir.file("plot.bmp") +
-                         ": use .png, .pdf or .svg");
+    EXPECT_EQ(error,
+              "unknown picture format of " + dir.file("plot.bmp") + ": use .png, .pdf or .svg");
     EXPECT_FALSE(exportPlot(dir.file("wide.png"), 0, 600, error));
     EXPECT_FALSE(exportPlot(dir.file("no/such/dir.png"), 80, 60, error));
     EXPECT_EQ(error.rfind("cannot write " + dir.file("no/such/dir.png") + ": ", 0), 0u);

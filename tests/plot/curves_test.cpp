@@ -59,8 +59,8 @@ TEST_F(CurvesTest, AZoomedCurveIsCutExactlyAtTheFrameEdge) {
     loadDefault();
     plotSettings.chiAxis.max = 0.625f; // the points above 0.625 leave the frame
     drawFittedCurve(surface, 0);
-    EXPECT_EQ(lines(), (std::vector<Line>{{289, 402, 437, 204}, {437, 204, 586, 204},
-                                          {586, 204, 660, 105}}));
+    EXPECT_EQ(lines(), (std::vector<Line>{
+                           {289, 402, 437, 204}, {437, 204, 586, 204}, {586, 204, 660, 105}}));
     EXPECT_EQ(surface.callsOf(SurfaceOp::LineTo)[0].pen, (Pen{PenStyle::Solid, 1, black}));
 
     // Only the fitted range is drawn: pairs 2 to 3.
@@ -110,9 +110,17 @@ TEST_F(CurvesTest, StyledSegmentsWalkEveryPixelWithBresenham) {
     std::vector<Line> visits;
     for (const SurfaceCall& c : surface.calls)
         visits.push_back(c.op == SurfaceOp::LineTo ? Line{1, c.x2, c.y2} : Line{0, c.x1, c.y1});
-    EXPECT_EQ(visits, (std::vector<Line>{{1, 0, 0}, {1, 0, 1}, {1, 1, 2}, {1, 1, 3},
-                                         {1, 1, 4}, {1, 2, 5}, {0, 2, 6}, {0, 2, 7},
-                                         {0, 2, 8}, {0, 3, 9}, {0, 3, 10}}));
+    EXPECT_EQ(visits, (std::vector<Line>{{1, 0, 0},
+                                         {1, 0, 1},
+                                         {1, 1, 2},
+                                         {1, 1, 3},
+                                         {1, 1, 4},
+                                         {1, 2, 5},
+                                         {0, 2, 6},
+                                         {0, 2, 7},
+                                         {0, 2, 8},
+                                         {0, 3, 9},
+                                         {0, 3, 10}}));
     EXPECT_EQ(dashPhase, 11);
 
     surface.calls.clear();

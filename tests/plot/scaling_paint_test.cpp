@@ -74,8 +74,8 @@ TEST_F(ScalingTest, PointsThatCannotBeShownAreLeftOut) {
 
     // No pairs at all: empty ranges, the frame and the titles only.
     load({});
-    EXPECT_EQ(std::vector<float>({plotSettings.tAxis.min, plotSettings.tAxis.max,
-                                  plotSettings.chiAxis.max}),
+    EXPECT_EQ(std::vector<float>(
+                  {plotSettings.tAxis.min, plotSettings.tAxis.max, plotSettings.chiAxis.max}),
               std::vector<float>({0, 0, 0}));
     surface.calls.clear();
     paintPlot(surface);
