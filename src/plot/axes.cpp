@@ -39,14 +39,17 @@ int labelLength(const std::array<char, axisLabelSize>& label) {
 // The major ticks of one axis along one side of the frame. The tick of labelFrom lies at
 // `origin`, tick n at origin + n * step (step negative for the vertical axis, whose values
 // grow upwards); ticks exist from labelFrom up to labelTo plus a tenth of an interval, and the
-// walk ends at the first position outside [low, high].
+// walk ends at the first position outside [low, high]. Only ticks between shownLow and
+// shownHigh (the drawing box) are drawn; the walk starts just before them, which changes
+// nothing, as the positions between lie inside the frame when the first one does.
 struct TickWalk {
     const AxisScale* axis = nullptr;
-    int origin = 0, step = 0, low = 0, high = 0;
+    int origin = 0, step = 0, low = 0, high = 0, shownLow = 0, shownHigh = 0;
     bool usable = false;
 
-    TickWalk(const AxisScale& a, int length, int low_, int high_, int start, int direction)
-        : axis(&a), low(low_), high(high_) {
+    TickWalk(const AxisScale& a, int length, int low_, int high_, int start, int direction,
+             int shownLow_, int shownHigh_)
+        : axis(&a), low(low_), high(high_), shownLow(shownLow_), shownHigh(shownHigh_) {
         if (!axisMappable(a) || !std::isfinite(a.majorInterval) || !std::isfinite(a.labelFrom))
             return;
         const double span = static_cast<double>(a.max) - a.min;
@@ -57,32 +60,43 @@ struct TickWalk {
         usable = step != 0;
     }
 
-    bool exists(int n) const {
+    bool exists(long long n) const {
         const double interval = axis->majorInterval;
-        return n * interval + axis->labelFrom <= axis->labelTo + interval / 10;
+        return static_cast<double>(n) * interval + axis->labelFrom <= axis->labelTo + interval / 10;
     }
-    double value(int n) const {
-        return n * static_cast<double>(axis->majorInterval) + axis->labelFrom;
+    double value(long long n) const {
+        return static_cast<double>(n) * axis->majorInterval + axis->labelFrom;
+    }
+    bool shown(long long position) const { return position >= shownLow && position <= shownHigh; }
+    // Units to go from `position` in the direction of `towards` until the shown range begins.
+    long long before(long long position, int towards) const {
+        return towards > 0 ? shownLow - position : position - shownHigh;
     }
 
-    // visit(n, position) for each existing major tick.
+    // visit(n, position) for each existing major tick in the frame, shown or not.
     template <typename Visit> void forEach(Visit visit) const {
-        if (!usable) return;
-        for (int n = 0; n < maxTicksPerAxis; ++n) {
-            const long long position = origin + static_cast<long long>(n) * step;
+        if (!usable || origin < low || origin > high) return;
+        const long long size = std::abs(static_cast<long long>(step));
+        const long long first = std::max(0LL, before(origin, step) / size - 1);
+        for (long long n = first; n < first + maxTicksPerAxis; ++n) {
+            const long long position = origin + n * step;
             if (position < low || position > high) break;
             if (exists(n)) visit(n, static_cast<int>(position));
         }
     }
 
-    // visit(position) for each minor tick after the major tick at `position`, inside the frame.
+    // visit(position) for each shown minor tick after the major tick at `position`, inside
+    // the frame.
     template <typename Visit> void forEachMinor(int position, Visit visit) const {
         if (axis->minorCount < 2) return;
         const int minorStep = step / axis->minorCount;
         if (minorStep == 0) return; // all on the major tick
-        for (int j = 1; j < axis->minorCount && j < maxTicksPerAxis; ++j) {
-            const long long p = position + static_cast<long long>(j) * minorStep;
-            if (p < low || p > high) break;
+        const long long size = std::abs(static_cast<long long>(minorStep));
+        const long long skip = before(position, minorStep);
+        for (long long j = std::max(1LL, skip > 0 ? (skip + size - 1) / size : 1);
+             j < axis->minorCount; ++j) {
+            const long long p = position + j * minorStep;
+            if (p < low || p > high || !shown(p)) break;
             visit(static_cast<int>(p));
         }
     }
@@ -107,6 +121,12 @@ int truncDevice(double v) {
     if (v > deviceLimit) return static_cast<int>(deviceLimit);
     if (v < -deviceLimit) return -static_cast<int>(deviceLimit);
     return static_cast<int>(v);
+}
+
+DeviceBox drawingBox() {
+    const PlotLayout& l = plotLayout;
+    const int mx = l.deviceWidth / 4, my = l.deviceHeight / 4;
+    return {-mx, -my, l.deviceWidth + mx, l.deviceHeight + my};
 }
 
 bool axisMappable(const AxisScale& axis) {
@@ -181,19 +201,26 @@ void drawAxes(Surface& surface) {
     surface.rectangle(outerLeft, outerTop, outerRight, outerBottom);
 
     // Ticks point into the plot from the outer frame: major 5 units long, minor 3.
-    const TickWalk tWalk(s.tAxis, frameWidth(), l.frameLeft, l.frameRight, l.frameLeft, 1);
-    tWalk.forEach([&](int, int x) {
-        line(surface, x, outerBottom - p1, x, outerBottom - p6);
-        line(surface, x, outerTop + p1, x, outerTop + p6);
+    const DeviceBox box = drawingBox();
+    const TickWalk tWalk(s.tAxis, frameWidth(), l.frameLeft, l.frameRight, l.frameLeft, 1, box.left,
+                         box.right);
+    tWalk.forEach([&](long long, int x) {
+        if (tWalk.shown(x)) {
+            line(surface, x, outerBottom - p1, x, outerBottom - p6);
+            line(surface, x, outerTop + p1, x, outerTop + p6);
+        }
         tWalk.forEachMinor(x, [&](int xm) {
             line(surface, xm, outerBottom - p1, xm, outerBottom - p4);
             line(surface, xm, outerTop + p1, xm, outerTop + p4);
         });
     });
-    const TickWalk cWalk(s.chiAxis, frameHeight(), l.frameTop, l.frameBottom, l.frameBottom, -1);
-    cWalk.forEach([&](int, int y) {
-        line(surface, outerLeft, y, outerLeft + p5, y);
-        line(surface, outerRight - p1, y, outerRight - p6, y);
+    const TickWalk cWalk(s.chiAxis, frameHeight(), l.frameTop, l.frameBottom, l.frameBottom, -1,
+                         box.top, box.bottom);
+    cWalk.forEach([&](long long, int y) {
+        if (cWalk.shown(y)) {
+            line(surface, outerLeft, y, outerLeft + p5, y);
+            line(surface, outerRight - p1, y, outerRight - p6, y);
+        }
         cWalk.forEachMinor(y, [&](int ym) {
             line(surface, outerLeft, ym, outerLeft + p3, ym);
             line(surface, outerRight - p1, ym, outerRight - p4, ym);
@@ -239,9 +266,10 @@ void drawAxes(Surface& surface) {
     // Numbers of the vertical axis: right-aligned in a field as wide as "%f" of the axis
     // minimum and one more, ending about a character left of the outer frame.
     const int halfText = truncDevice(th * zoom / 2);
-    cWalk.forEach([&](int n, int y) {
-        surface.textOut(l.frameLeft - (fieldV + 1) * textW, y - halfText,
-                        numberText(cWalk.value(n), fieldV, s.chiAxis.digits));
+    cWalk.forEach([&](long long n, int y) {
+        if (cWalk.shown(y))
+            surface.textOut(l.frameLeft - (fieldV + 1) * textW, y - halfText,
+                            numberText(cWalk.value(n), fieldV, s.chiAxis.digits));
     });
 
     // Numbers of the horizontal axis, centred under their ticks.
@@ -250,8 +278,9 @@ void drawAxes(Surface& surface) {
     const int fieldT = static_cast<int>(std::strlen(minText.c_str())) + 1;
     const int shift = truncDevice(fieldT * textW * zoom / 2);
     const int numberY = l.frameBottom + truncDevice(2 * th * zoom);
-    tWalk.forEach([&](int n, int x) {
-        surface.textOut(x - shift, numberY, numberText(tWalk.value(n), fieldT, s.tAxis.digits));
+    tWalk.forEach([&](long long n, int x) {
+        if (tWalk.shown(x))
+            surface.textOut(x - shift, numberY, numberText(tWalk.value(n), fieldT, s.tAxis.digits));
     });
 
     surface.setTextColour(previousColour);

@@ -13,6 +13,16 @@ namespace corvane {
 // a few coordinates stay within int; NaN gives 0.
 int truncDevice(double v);
 
+// A rectangle of device units, edges included.
+struct DeviceBox {
+    int left = 0, top = 0, right = 0, bottom = 0;
+};
+
+// The part of the device plane worth drawing on: the surface and a quarter of its size around.
+// A zoomed frame can reach far beyond it; what lies beyond is not drawn (a pattern keeps its
+// phase as if it had been).
+DeviceBox drawingBox();
+
 inline int frameWidth() { return plotLayout.frameRight - plotLayout.frameLeft; }
 inline int frameHeight() { return plotLayout.frameBottom - plotLayout.frameTop; }
 inline int frameMarginX() { return frameWidth() / 40; }

@@ -18,25 +18,36 @@ namespace {
 // Grid lines closer than a pixel, or more of them than this, are not drawn.
 constexpr int maxGridLines = 100000;
 
-bool inFrame(DevicePoint p) {
+bool inside(DevicePoint p, const DeviceBox& box) {
+    return box.left <= p.x && p.x <= box.right && box.top <= p.y && p.y <= box.bottom;
+}
+
+DeviceBox frameBox() {
     const PlotLayout& l = plotLayout;
-    return l.frameLeft <= p.x && p.x <= l.frameRight && l.frameTop <= p.y && p.y <= l.frameBottom;
+    return {l.frameLeft, l.frameTop, l.frameRight, l.frameBottom};
 }
 
 enum Edge { leftEdge, rightEdge, topEdge, bottomEdge };
 
-// Where segment p-q crosses an edge of the frame; the other coordinate is kept on the frame,
+// Where segment p-q crosses an edge of the box; the other coordinate is kept on the box,
 // which truncation could otherwise put a pixel beyond a corner.
-DevicePoint crossing(DevicePoint p, DevicePoint q, Edge edge) {
-    const PlotLayout& l = plotLayout;
+DevicePoint crossing(DevicePoint p, DevicePoint q, Edge edge, const DeviceBox& box) {
     if (edge == leftEdge || edge == rightEdge) {
-        const int e = edge == leftEdge ? l.frameLeft : l.frameRight;
+        const int e = edge == leftEdge ? box.left : box.right;
         const double y = p.y + std::trunc(static_cast<double>(e - p.x) / (q.x - p.x) * (q.y - p.y));
-        return {e, std::clamp(truncDevice(y), l.frameTop, l.frameBottom)};
+        return {e, std::clamp(truncDevice(y), box.top, box.bottom)};
     }
-    const int e = edge == topEdge ? l.frameTop : l.frameBottom;
-    const double x = p.x + std::trunc(static_cast<double>(e - p.y) / (q.y - p.y) * (q.x - p.x));
-    return {std::clamp(truncDevice(x), l.frameLeft, l.frameRight), e};
+    const int e = edge == topEdge ? box.top : box.bottom;
+    const double x =
+        p.y == q.y ? p.x
+                   : p.x + std::trunc(static_cast<double>(e - p.y) / (q.y - p.y) * (q.x - p.x));
+    return {std::clamp(truncDevice(x), box.left, box.right), e};
+}
+
+// Pixels a line walks from a to b, a excluded: the larger of the two distances.
+long long pixelsBetween(DevicePoint a, DevicePoint b) {
+    return std::max(std::abs(static_cast<long long>(b.x) - a.x),
+                    std::abs(static_cast<long long>(b.y) - a.y));
 }
 
 Colour colourOfRow(int row) {
@@ -86,13 +97,17 @@ void horizontalLine(Surface& surface, double v) {
 } // namespace
 
 bool clipToFrame(DevicePoint p, DevicePoint q, DevicePoint& from, DevicePoint& to) {
-    const PlotLayout& l = plotLayout;
+    return clipToRectangle(p, q, frameBox(), from, to);
+}
+
+bool clipToRectangle(DevicePoint p, DevicePoint q, const DeviceBox& box, DevicePoint& from,
+                     DevicePoint& to) {
     // Liang-Barsky: the segment is p + t (q - p), 0 <= t <= 1; each edge bounds t from one side.
     const double dx = q.x - p.x, dy = q.y - p.y;
     const double towards[4] = {-dx, dx, -dy, dy};
     const double room[4] = {
-        static_cast<double>(p.x) - l.frameLeft, static_cast<double>(l.frameRight) - p.x,
-        static_cast<double>(p.y) - l.frameTop, static_cast<double>(l.frameBottom) - p.y};
+        static_cast<double>(p.x) - box.left, static_cast<double>(box.right) - p.x,
+        static_cast<double>(p.y) - box.top, static_cast<double>(box.bottom) - p.y};
     double enter = 0, leave = 1;
     Edge enterEdge = leftEdge, leaveEdge = leftEdge;
     for (int i = 0; i < 4; ++i) {
@@ -110,8 +125,8 @@ bool clipToFrame(DevicePoint p, DevicePoint q, DevicePoint& from, DevicePoint& t
         }
     }
     if (enter > leave) return false;
-    from = inFrame(p) ? p : crossing(p, q, enterEdge);
-    to = inFrame(q) ? q : crossing(p, q, leaveEdge);
+    from = inside(p, box) ? p : crossing(p, q, enterEdge, box);
+    to = inside(q, box) ? q : crossing(p, q, leaveEdge, box);
     return true;
 }
 
@@ -182,10 +197,16 @@ void drawExperimental(Surface& surface) {
     if (s.gridLines == 1 && interval > 0 && std::isfinite(interval) &&
         frameHeight() * interval / std::abs(static_cast<double>(chi.max) - chi.min) >= 1) {
         const Pen markerPen = surface.selectPen({PenStyle::Solid, a.penWidth, black});
-        for (int n = 0; n < maxGridLines; ++n) {
+        // Lines below the drawing box are skipped, from the first one that may be in it.
+        const double span = static_cast<double>(chi.max) - chi.min;
+        const double lowest =
+            chi.max - (drawingBox().bottom - plotLayout.frameTop) * span / frameHeight();
+        const double first = std::max(0.0, std::floor(lowest / interval) - 1);
+        for (double n = first; n < first + maxGridLines; ++n) {
             const double g = n * interval;
             if (!(g < chi.max || std::abs(g - chi.max) < 1e-6)) break;
-            horizontalLine(surface, g);
+            const int y = plotY(g);
+            if (y >= drawingBox().top && y <= drawingBox().bottom) horizontalLine(surface, g);
         }
         surface.selectPen(markerPen);
     }
@@ -230,13 +251,32 @@ void drawFittedCurve(Surface& surface, int k) {
     const int pairs = std::clamp(fitDocument.pairCount, 0, maxPairs);
     const int first = std::max(calculation.firstPair, 1) - 1;
     const int last = std::min(calculation.lastPair, pairs) - 1;
-    std::optional<DevicePoint> end; // where the last visible part ended
+    std::optional<DevicePoint> end; // where the last drawn part ended
+    const DeviceBox box = drawingBox();
+    const auto period = static_cast<long long>(
+        dashPatterns[static_cast<std::size_t>(std::clamp(style, 0, lineStyleCount - 1))].size());
+    auto advance = [period](long long pixels) {
+        if (period > 0) dashPhase = static_cast<int>((dashPhase + pixels) % period);
+    };
     walkSegments(first, last, displayedFit[slotK], false, [&](DevicePoint from, DevicePoint to) {
         // A dashed curve starts afresh where it comes back into the frame, rather than being
         // joined to where it left.
-        if (style != 0 && (!end || *end != from)) surface.moveTo(from.x, from.y);
-        drawStyledSegment(surface, from.x, from.y, to.x, to.y, style);
-        end = to;
+        if (style == 0) {
+            drawStyledSegment(surface, from.x, from.y, to.x, to.y, style);
+            return;
+        }
+        // A pattern is walked pixel by pixel only near the surface; the pixels beyond it
+        // advance the pattern as if drawn.
+        DevicePoint start, stop;
+        if (!clipToRectangle(from, to, box, start, stop)) {
+            advance(pixelsBetween(from, to) + 1);
+            return;
+        }
+        advance(pixelsBetween(from, start));
+        if (!end || *end != start) surface.moveTo(start.x, start.y);
+        drawStyledSegment(surface, start.x, start.y, stop.x, stop.y, style);
+        advance(pixelsBetween(stop, to));
+        end = stop;
     });
     surface.selectPen(previousPen);
 }

@@ -9,6 +9,7 @@
 #include <array>
 #include <string_view>
 
+#include "plot/axes.h"
 #include "plot/plot_settings.h"
 
 namespace corvane {
@@ -31,9 +32,13 @@ struct DevicePoint {
     friend bool operator==(const DevicePoint&, const DevicePoint&) = default;
 };
 
-// The part of the segment p-q inside the frame rectangle of plotLayout, edges included:
-// false when no part is; else from (p when p is inside, else where the segment enters) and to
-// (q when inside, else where it leaves). Crossings keep the edge coordinate exactly.
+// The part of the segment p-q inside the rectangle, edges included: false when no part is;
+// else from (p when p is inside, else where the segment enters) and to (q when inside, else
+// where it leaves). Crossings keep the edge coordinate exactly.
+bool clipToRectangle(DevicePoint p, DevicePoint q, const DeviceBox& box, DevicePoint& from,
+                     DevicePoint& to);
+
+// The same for the frame rectangle of plotLayout.
 bool clipToFrame(DevicePoint p, DevicePoint q, DevicePoint& from, DevicePoint& to);
 
 // Grid lines (when plotSettings.gridLines is 1) at 0 and every major interval up to the top

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdlib>
 
 #include "plot_fixture.h"
@@ -102,6 +103,30 @@ TEST_F(CurvesTest, ADottedCurveRunsThreeOnSixOffAcrossTheJoints) {
     const SurfaceCall& joint = steps[1 + 149];
     EXPECT_EQ(std::make_pair(joint.x1, joint.y1), std::make_pair(437, 352));
     EXPECT_EQ(dashPhase, 599 % 9);
+}
+
+TEST_F(CurvesTest, AZoomFarBeyondTheSurfaceWalksOnlyThePixelsNearIt) {
+    loadDefault();
+    plotSettings.curves.curveStyle[0] = static_cast<int>(LineStyle::Dotted);
+    plotSettings.zoom = 40; // a frame 30000 pixels wide
+    layoutFrame();
+    drawFittedCurve(surface, 0);
+    const DeviceBox box = drawingBox();
+    long long pixels = 0; // what a walk of the whole curve would visit
+    for (std::size_t i = 1; i < 6; ++i) {
+        const DataPair& a = fitDocument.pairs[i - 1];
+        const DataPair& b = fitDocument.pairs[i];
+        pixels += std::max(std::abs(plotX(b.temperature) - plotX(a.temperature)),
+                           std::abs(plotY(b.observed) - plotY(a.observed))) +
+                  1;
+    }
+    EXPECT_GT(pixels, 10000);
+    EXPECT_EQ(dashPhase, pixels % 9);
+    ASSERT_FALSE(surface.calls.empty());
+    EXPECT_LT(surface.calls.size(), 3000u);
+    for (const SurfaceCall& c : surface.callsOf(SurfaceOp::LineTo)) {
+        EXPECT_TRUE(c.x2 >= box.left && c.x2 <= box.right && c.y2 >= box.top && c.y2 <= box.bottom);
+    }
 }
 
 TEST_F(CurvesTest, StyledSegmentsWalkEveryPixelWithBresenham) {
