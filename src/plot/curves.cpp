@@ -38,9 +38,7 @@ DevicePoint crossing(DevicePoint p, DevicePoint q, Edge edge, const DeviceBox& b
         return {e, std::clamp(truncDevice(y), box.top, box.bottom)};
     }
     const int e = edge == topEdge ? box.top : box.bottom;
-    const double x =
-        p.y == q.y ? p.x
-                   : p.x + std::trunc(static_cast<double>(e - p.y) / (q.y - p.y) * (q.x - p.x));
+    const double x = p.x + std::trunc(static_cast<double>(e - p.y) / (q.y - p.y) * (q.x - p.x));
     return {std::clamp(truncDevice(x), box.left, box.right), e};
 }
 
