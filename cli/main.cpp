@@ -5,6 +5,8 @@
 //   corvane-fit run FILE.qpi       fits the input file with the engine and writes the report
 //                                  FILE.qpo beside it
 //   corvane-fit export FILE.qpo    prints the document a report holds, as JSON or CSV
+//   corvane-fit plot FILE.qpo -o OUT.png|OUT.pdf|OUT.svg
+//                                  draws the plot of a report as the window shows it
 //
 // Messages go to the standard error stream; a failure gives a non-zero exit code.
 
@@ -21,6 +23,8 @@
 #include "fit/fit_document.h"
 #include "fit/report.h"
 #include "fit/run_cycle.h"
+#include "plot/plot_settings.h"
+#include "qt/plot_export.h"
 #include "text/text.h"
 
 namespace {
@@ -34,7 +38,56 @@ enum ExitCode : int {
     exitNoEngine = 2,        // the engine could not be started
     exitEngineFailed = 3,    // the engine left no usable results; nothing was written
     exitInterrupted = 4,     // interrupted: the report holds the best fit found until then
+    exitPlotFailed = 5,      // the plot could not be written
 };
+
+// What to draw and where, for plot and run -o.
+struct PlotRequest {
+    std::string output; // "" for no plot
+    std::string size = "1024x768";
+    bool chi = false;
+    bool grid = false;
+};
+
+// "WxH" with both sides in 1..maxExportSide.
+bool parseSize(const std::string& text, int& width, int& height) {
+    const std::size_t x = text.find_first_of("xX");
+    if (x == std::string::npos || !isInteger(text.substr(0, x).c_str()) ||
+        !isInteger(text.substr(x + 1).c_str()))
+        return false;
+    width = readLeadingInteger(text.substr(0, x));
+    height = readLeadingInteger(text.substr(x + 1));
+    return width >= 1 && height >= 1 && width <= maxExportSide && height <= maxExportSide;
+}
+
+// Draws the newest calculation of fitDocument with the experimental points.
+int writePlot(const PlotRequest& request) {
+    int width = 0, height = 0;
+    if (!parseSize(request.size, width, height)) {
+        std::fprintf(stderr, "corvane-fit: --size %s: give WIDTHxHEIGHT, each 1 to %d\n",
+                     request.size.c_str(), maxExportSide);
+        return exitPlotFailed;
+    }
+    showPlotForExport(request.chi, request.grid);
+    std::string error;
+    if (!exportPlot(request.output, width, height, error)) {
+        std::fprintf(stderr, "corvane-fit: cannot write the plot %s: %s\n",
+                     request.output.c_str(), error.c_str());
+        return exitPlotFailed;
+    }
+    std::printf("Wrote %s\n", request.output.c_str());
+    return exitOk;
+}
+
+// The plot options, shared by plot and run.
+void addPlotOptions(CLI::App* command, PlotRequest& request, bool required) {
+    CLI::Option* output =
+        command->add_option("-o,--output", request.output, "the plot as a PNG, PDF or SVG file");
+    if (required) output->required();
+    command->add_option("--size", request.size, "WIDTHxHEIGHT in pixels (default 1024x768)");
+    command->add_flag("--chi", request.chi, "plot chi against T instead of chiT");
+    command->add_flag("--grid", request.grid, "draw grid lines");
+}
 
 const char* plural(int n, const char* one, const char* many) { return n == 1 ? one : many; }
 
@@ -105,7 +158,7 @@ void printResults() {
                     unitName(doc));
 }
 
-int runCommand(const std::string& path) {
+int runCommand(const std::string& path, const PlotRequest& plot) {
     inputPath = absolutePath(path);
     std::signal(SIGINT, onInterrupt);
     std::signal(SIGTERM, onInterrupt);
@@ -125,13 +178,16 @@ int runCommand(const std::string& path) {
     }
     std::printf("Wrote %s\n", reportPath.c_str());
     printResults();
+    if (!lastEngineRun.interrupted && lastEngineRun.exited && lastEngineRun.exitCode != 0)
+        std::printf("Note: %s; see %s/%s.\n", engineFailureText(lastEngineRun).c_str(),
+                    workDir.c_str(), engineLogName);
+    if (!plot.output.empty()) {
+        if (const int code = writePlot(plot); code != exitOk) return code;
+    }
     if (lastEngineRun.interrupted) {
         std::printf("Interrupted: the report holds the best fit found until then.\n");
         return exitInterrupted;
     }
-    if (lastEngineRun.exited && lastEngineRun.exitCode != 0)
-        std::printf("Note: %s; see %s/%s.\n", engineFailureText(lastEngineRun).c_str(),
-                    workDir.c_str(), engineLogName);
     return exitOk;
 }
 
@@ -216,6 +272,11 @@ int exportCommand(const std::string& path, bool csv) {
     return exitOk;
 }
 
+int plotCommand(const std::string& path, const PlotRequest& plot) {
+    if (!plotReport(path)) return exitBadFile;
+    return writePlot(plot);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -223,7 +284,8 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", std::string("corvane-fit ") + CORVANE_VERSION);
     app.require_subcommand(1);
     app.footer("Exit codes: 0 done, 1 a file that cannot be read, 2 no engine, 3 the engine left "
-               "no results, 4 interrupted (the report holds the best fit so far).\n"
+               "no results, 4 interrupted (the report holds the best fit so far), 5 the plot "
+               "could not be written.\n"
                "The engine is corefit beside corvane-fit or on PATH; CORVANE_ENGINE names "
                "another.");
 
@@ -235,6 +297,8 @@ int main(int argc, char** argv) {
     CLI::App* run = app.add_subcommand(
         "run", "Fit a fitting input file and write the results report (.qpo) beside it.");
     run->add_option("FILE", path, "fitting input file (.qpi)")->required();
+    PlotRequest plot;
+    addPlotOptions(run, plot, false);
 
     bool json = false, csv = false;
     CLI::App* exporter = app.add_subcommand(
@@ -244,11 +308,19 @@ int main(int argc, char** argv) {
     exporter->add_flag("--csv", csv, "T, observed and each calculation's fitted values")
         ->excludes(jsonFlag);
 
+    CLI::App* plotter = app.add_subcommand(
+        "plot", "Draw the plot of a results report as the window shows it after File > Plot: "
+                "the experimental points and the newest calculation.");
+    plotter->add_option("FILE", path, "results report (.qpo)")->required();
+    addPlotOptions(plotter, plot, true);
+
     CLI11_PARSE(app, argc, argv);
 
-    resetFitDocument();
+    resetPlot();
+    initPlotSettings();
     if (prepare->parsed()) return prepareCommand(path);
-    if (run->parsed()) return runCommand(path);
+    if (run->parsed()) return runCommand(path, plot);
+    if (plotter->parsed()) return plotCommand(path, plot);
     if (exporter->parsed()) return exportCommand(path, csv);
     return exitOk;
 }

@@ -162,5 +162,28 @@ TEST(CorvaneFit, RunAndExportFailWithOneLineAndAnExitCodeOfTheirOwn) {
     EXPECT_NE(run(dir, {"export", input, "--json", "--csv"}).exitCode, 0);
 }
 
+TEST(CorvaneFit, PlotDrawsAReportOrTheFitJustMadeAsPngPdfOrSvg) {
+    testing::ScratchDir dir;
+    const std::string input = dir.file("d-nit2.qpi");
+    std::filesystem::copy_file(CORVANE_SOURCE_DIR "/examples/d-nit2.qpi", input);
+    const Outcome fit = run(dir, {"run", input, "-o", dir.file("fit.png"), "--size", "640x480"});
+    ASSERT_EQ(fit.exitCode, 0) << fit.err;
+    const std::string png = dir.read("fit.png");
+    ASSERT_GT(png.size(), 24u);
+    EXPECT_EQ(png.substr(1, 3), "PNG");
+    EXPECT_EQ(png.substr(16, 8), std::string("\0\0\x02\x80\0\0\x01\xe0", 8)); // 640 x 480
+
+    const std::string report = dir.file("d-nit2.qpo");
+    EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("chi.pdf"), "--chi", "--grid"}).exitCode, 0);
+    EXPECT_EQ(dir.read("chi.pdf").substr(0, 5), "%PDF-");
+    EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("plot.svg")}).exitCode, 0);
+    EXPECT_NE(dir.read("plot.svg").find("<svg"), std::string::npos);
+
+    EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("x.png"), "--size", "0x480"}).exitCode, 5);
+    EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("x.bmp")}).exitCode, 5);
+    EXPECT_EQ(run(dir, {"plot", input, "-o", dir.file("x.png")}).exitCode, 1);
+    EXPECT_FALSE(dir.has("x.png") || dir.has("x.bmp"));
+}
+
 } // namespace
 } // namespace corvane

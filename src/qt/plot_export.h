@@ -1,0 +1,20 @@
+// The plot as a picture file, without a window.
+#pragma once
+
+#include <string>
+
+namespace corvane {
+
+// Paints the current plot (fitDocument with plotSettings, as paintPlot draws it on the
+// window) on a white surface of width x height device pixels with square pixels at 96 per
+// inch, and writes it to outputPath as PNG, PDF or SVG, chosen by the extension (".png",
+// ".pdf", ".svg", in any case). The surface stands for the screen: the print scale is 1.
+// The file is written whole or not at all. Creates a QGuiApplication on the offscreen
+// platform when the process has none, so no display is needed (QT_QPA_PLATFORM, when set,
+// names another platform). On failure returns false with the reason in error.
+bool exportPlot(const std::string& outputPath, int width, int height, std::string& error);
+
+// The largest width and height exportPlot accepts.
+inline constexpr int maxExportSide = 16384;
+
+} // namespace corvane
