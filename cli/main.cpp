@@ -255,10 +255,10 @@ std::string documentCsv(const FitDocument& doc) {
     for (int n = 1; n <= doc.calculationCount; ++n) out += formatC(",%s fitted %d", kind, n);
     out += "\n";
     for (int i = 1; i <= doc.pairCount; ++i) {
-        out += shortest(doc.pairs[slot(i)].temperature) + "," +
-               shortest(doc.pairs[slot(i)].observed);
+        out.append(shortest(doc.pairs[slot(i)].temperature)).append(",");
+        out.append(shortest(doc.pairs[slot(i)].observed));
         for (int n = 1; n <= doc.calculationCount; ++n)
-            out += "," + shortest(doc.calculations[slot(n)].fittedValues[slot(i)]);
+            out.append(",").append(shortest(doc.calculations[slot(n)].fittedValues[slot(i)]));
         out += "\n";
     }
     return out;

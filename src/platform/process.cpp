@@ -55,9 +55,9 @@ std::string findProgram(const std::string& name) {
     std::string_view rest = path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
     while (true) {
         const std::size_t colon = rest.find(':');
-        std::string directory(rest.substr(0, colon));
-        if (directory.empty()) directory = ".";
-        const std::string candidate = directory + "/" + name;
+        const std::string_view part = rest.substr(0, colon); // an empty entry is "."
+        std::string candidate(part.empty() ? std::string_view(".") : part);
+        candidate.append("/").append(name);
         if (isExecutableFile(candidate)) return candidate;
         if (colon == std::string_view::npos) return "";
         rest.remove_prefix(colon + 1);
