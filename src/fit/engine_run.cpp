@@ -74,7 +74,7 @@ bool runEngine(EngineProgress* progress) {
                                          "search path",
                                          engineProgramName);
     } else if (std::string reason;
-               !engine.start(run.program, {workDir + "/" + engineInputName}, reason)) {
+               !engine.start(run.program, {inWorkDir(engineInputName)}, reason)) {
         run.startFailure = run.program + ": " + reason;
     } else {
         run.started = true;
@@ -99,7 +99,7 @@ bool runEngine(EngineProgress* progress) {
     run.signal = engine.signalNumber();
     run.message = lastLine(engine.errorOutput());
     if (run.message.empty() && run.exited && run.exitCode != 0)
-        run.message = logMessage(workDir + "/" + engineLogName, started);
+        run.message = logMessage(inWorkDir(engineLogName), started);
     messageBeep(0);
     return true;
 }

@@ -78,14 +78,16 @@ bool writeEngineData(const std::string& path) {
     return writeExchangeFile(path, engineDataText(fitDocument));
 }
 
+std::string inWorkDir(const char* name) { return pathIn(workDir, name); }
+
 const char* dataExchangeName(const FitDocument& doc) {
     return doc.dataKind == DataKind::Chi ? chiDataName : chitDataName;
 }
 
 bool writeDialogEngineInput() {
-    return writeCalculationInput(pathIn(workDir, engineInputName),
+    return writeCalculationInput(inWorkDir(engineInputName),
                                  fitDocument.currentCalculation + 1) &&
-           writeEngineData(pathIn(workDir, dataExchangeName(fitDocument)));
+           writeEngineData(inWorkDir(dataExchangeName(fitDocument)));
 }
 
 bool prepareRun(const std::string& inputPath) {

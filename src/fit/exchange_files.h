@@ -24,6 +24,9 @@ std::string directoryOf(const std::string& path);
 // been loaded; "." (the current directory) until then.
 extern std::string workDir;
 
+// The file of that name in workDir: workDir + "/" + name.
+std::string inWorkDir(const char* name);
+
 // The exchange file name for the document's kind of data: chi.txt or chit.txt.
 const char* dataExchangeName(const FitDocument& doc);
 

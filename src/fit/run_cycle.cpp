@@ -24,7 +24,7 @@ std::size_t lastFrom2(const std::string& path, char c) {
 // Runs the engine in workDir and stores its results; the stale output of an earlier run is
 // deleted first, so that it is never read as this run's.
 RunOutcome fitInWorkDir(EngineProgress* progress) {
-    const std::string outputPath = workDir + "/" + engineOutputName;
+    const std::string outputPath = inWorkDir(engineOutputName);
     if (fileExists(outputPath)) removeFile(outputPath);
     const bool started = runEngine(progress);
     if (writeReport(outputPath, reportPath)) return RunOutcome::Fitted;
