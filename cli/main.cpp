@@ -34,11 +34,11 @@ using namespace corvane;
 // Exit codes.
 enum ExitCode : int {
     exitOk = 0,
-    exitBadFile = 1,         // an input file or report that cannot be read
-    exitNoEngine = 2,        // the engine could not be started
-    exitEngineFailed = 3,    // the engine left no usable results; nothing was written
-    exitInterrupted = 4,     // interrupted: the report holds the best fit found until then
-    exitPlotFailed = 5,      // the plot could not be written
+    exitBadFile = 1,      // an input file or report that cannot be read
+    exitNoEngine = 2,     // the engine could not be started
+    exitEngineFailed = 3, // the engine left no usable results; nothing was written
+    exitInterrupted = 4,  // interrupted: the report holds the best fit found until then
+    exitPlotFailed = 5,   // the plot could not be written
 };
 
 // What to draw and where, for plot and run -o.
@@ -71,8 +71,8 @@ int writePlot(const PlotRequest& request) {
     showPlotForExport(request.chi, request.grid);
     std::string error;
     if (!exportPlot(request.output, width, height, error)) {
-        std::fprintf(stderr, "corvane-fit: cannot write the plot %s: %s\n",
-                     request.output.c_str(), error.c_str());
+        std::fprintf(stderr, "corvane-fit: cannot write the plot %s: %s\n", request.output.c_str(),
+                     error.c_str());
         return exitPlotFailed;
     }
     std::printf("Wrote %s\n", request.output.c_str());
@@ -117,8 +117,8 @@ int prepareCommand(const std::string& path) {
     if (!prepareRun(path)) return exitBadFile;
     printSummary(path);
     const std::string directory = directoryOf(path);
-    std::printf("Wrote %s/%s\n", directory.c_str(), engineInputName);
-    std::printf("Wrote %s/%s\n", directory.c_str(), dataExchangeName(fitDocument));
+    std::printf("Wrote %s\n", pathIn(directory, engineInputName).c_str());
+    std::printf("Wrote %s\n", pathIn(directory, dataExchangeName(fitDocument)).c_str());
     return exitOk;
 }
 
@@ -318,6 +318,7 @@ int main(int argc, char** argv) {
 
     resetPlot();
     initPlotSettings();
+    resetFitDocument();
     if (prepare->parsed()) return prepareCommand(path);
     if (run->parsed()) return runCommand(path, plot);
     if (plotter->parsed()) return plotCommand(path, plot);

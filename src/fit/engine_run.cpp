@@ -1,10 +1,10 @@
 #include "fit/engine_run.h"
 
 #include <cstdlib>
-#include <ctime>
-#include <sys/stat.h>
 #include <cstring>
+#include <ctime>
 #include <string_view>
+#include <sys/stat.h>
 
 #include "fit/exchange_files.h"
 #include "platform/files.h"

@@ -1,6 +1,5 @@
 #include "fit/exchange_files.h"
 
-#include "fit/input_file.h"
 #include "platform/files.h"
 #include "platform/messages.h"
 #include "text/text.h"
@@ -11,12 +10,8 @@ std::string workDir = ".";
 
 namespace {
 
-std::string pathIn(const std::string& directory, const char* name) {
-    return directory + "/" + name;
-}
-
 void appendParameter(std::string& text, const FitParameter& p) {
-    text += formatC("%f, %f\n", p.start, p.step);
+    text += formatExact(p.start) + ", " + formatExact(p.step) + "\n";
 }
 
 bool writeExchangeFile(const std::string& path, const std::string& text) {
@@ -26,15 +21,29 @@ bool writeExchangeFile(const std::string& path, const std::string& text) {
     return false;
 }
 
+bool hasCalculation(const std::string& path, int c) {
+    if (c >= 1 && c <= fitDocument.calculationCount && c <= maxCalculations) return true;
+    showError(formatC("Cannot write %s: there is no calculation to fit.", path.c_str()));
+    return false;
+}
+
 bool writeCalculationInput(const std::string& path, int c) {
-    if (c < 1 || c > fitDocument.calculationCount || c > maxCalculations) {
-        showError(formatC("Cannot write %s: there is no calculation to fit.", path.c_str()));
-        return false;
-    }
-    return writeExchangeFile(path, engineInputText(fitDocument, c));
+    return hasCalculation(path, c) && writeExchangeFile(path, engineInputText(fitDocument, c));
+}
+
+// The engine input file of calculation c and the data exchange file, both or neither.
+bool writeBoth(const std::string& engineInputPath, int c, const std::string& dataPath) {
+    if (!writeCalculationInput(engineInputPath, c)) return false;
+    if (writeEngineData(dataPath)) return true;
+    removeFile(engineInputPath);
+    return false;
 }
 
 } // namespace
+
+std::string pathIn(const std::string& directory, const char* name) {
+    return directory + "/" + name;
+}
 
 std::string directoryOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
@@ -48,7 +57,7 @@ std::string engineInputText(const FitDocument& doc, int c) {
         formatC("0, %d, %d\n", static_cast<int>(doc.energyUnit), static_cast<int>(doc.dataKind));
     text += formatC("%d\n", doc.siteCount);
     for (int n = 1; n <= doc.siteCount; ++n) text += formatC("%d\n", doc.sites[slot(n)].spin);
-    text += formatC("%d, %f\n", doc.jCount + fixedParameterCount, calc.tolerance);
+    text += formatC("%d, ", doc.jCount + fixedParameterCount) + formatExact(calc.tolerance) + "\n";
     appendParameter(text, calc.g);
     appendParameter(text, calc.c);
     appendParameter(text, calc.zJ);
@@ -65,7 +74,7 @@ std::string engineDataText(const FitDocument& doc) {
     std::string text = formatC("%d, 1, %d\n", doc.pairCount, doc.pairCount);
     for (int n = 1; n <= doc.pairCount; ++n) {
         const DataPair& pair = doc.pairs[slot(n)];
-        text += formatC("%f  %f\n", pair.temperature, pair.observed);
+        text += formatExact(pair.temperature) + "  " + formatExact(pair.observed) + "\n";
     }
     return text;
 }
@@ -84,21 +93,13 @@ const char* dataExchangeName(const FitDocument& doc) {
     return doc.dataKind == DataKind::Chi ? chiDataName : chitDataName;
 }
 
-bool writeDialogEngineInput() {
-    return writeCalculationInput(inWorkDir(engineInputName),
-                                 fitDocument.currentCalculation + 1) &&
-           writeEngineData(inWorkDir(dataExchangeName(fitDocument)));
+bool writeExchangeFiles(const std::string& engineInputPath, const std::string& dataPath) {
+    return writeBoth(engineInputPath, fitDocument.calculationCount, dataPath);
 }
 
-bool prepareRun(const std::string& inputPath) {
-    const std::string directory = directoryOf(inputPath);
-    const std::string engineInputPath = pathIn(directory, engineInputName);
-    const std::string chiPath = pathIn(directory, chiDataName);
-    const std::string chitPath = pathIn(directory, chitDataName);
-    for (const std::string* path : {&engineInputPath, &chiPath, &chitPath}) {
-        if (fileExists(*path)) removeFile(*path);
-    }
-    return readInputFile(inputPath, engineInputPath, chiPath, chitPath);
+bool writeDialogEngineInput() {
+    return writeBoth(inWorkDir(engineInputName), fitDocument.currentCalculation + 1,
+                     inWorkDir(dataExchangeName(fitDocument)));
 }
 
 } // namespace corvane

@@ -1,6 +1,8 @@
 // The engine's exchange files: the engine input file (problem and one calculation's starting
 // values) and the data exchange file (the pairs), written beside the input file, in the fixed
-// text formats the engine reads. Real values are written as "%f" in the "C" locale.
+// text formats the engine reads. Real values are written as "%f" in the "C" locale wherever
+// that reads back as the same number, and with as many more decimals as it takes elsewhere, so
+// that the engine gets the user's numbers exactly.
 #pragma once
 
 #include <string>
@@ -16,7 +18,11 @@ inline constexpr const char* engineOutputName = "output.txt";
 
 // The directory of a file path: everything before its last '/'. A file in the root gives ""
 // and a bare file name gives ".", so that directory + "/" + name is always the file beside it.
+// The one rule for every file of a run: exchange files, engine output, log and workDir.
 std::string directoryOf(const std::string& path);
+
+// The file of that name in directory: directory + "/" + name.
+std::string pathIn(const std::string& directory, const char* name);
 
 // The working directory of the document: the directory, without a trailing '/', in which the
 // engine reads input.txt and the data exchange file and writes output.txt. It is the input
@@ -30,11 +36,6 @@ std::string inWorkDir(const char* name);
 // The exchange file name for the document's kind of data: chi.txt or chit.txt.
 const char* dataExchangeName(const FitDocument& doc);
 
-// Deletes input.txt, chi.txt and chit.txt in the directory of inputPath, then reads the input
-// file and writes fresh exchange files there (readInputFile). Returns false when the read or a
-// write failed, after its message; the engine must not be started then.
-bool prepareRun(const std::string& inputPath);
-
 // The engine input file for calculation number c (from 1) of doc, and the data exchange file.
 std::string engineInputText(const FitDocument& doc, int c);
 std::string engineDataText(const FitDocument& doc);
@@ -43,6 +44,10 @@ std::string engineDataText(const FitDocument& doc);
 // exchange file, whole or not at all. A file that cannot be written is named in a message.
 bool writeEngineInput(const std::string& engineInputPath);
 bool writeEngineData(const std::string& path);
+
+// Both files of a run: the engine input file for calculation fitDocument.calculationCount and
+// the data exchange file. When either cannot be written neither is left behind.
+bool writeExchangeFiles(const std::string& engineInputPath, const std::string& dataPath);
 
 // Writes the engine input file for calculation fitDocument.currentCalculation + 1 (the one the
 // parameter dialog edits) and the data exchange file of the document into workDir, where the

@@ -43,6 +43,9 @@ struct FitParameter {
     double start = 0.0;  // starting value given to the engine
     double step = 0.0;   // step given to the engine; 0 keeps the parameter fixed
     double fitted = 0.0; // value the engine found
+    // Its standard uncertainty from the last engine run: 0 for a fixed parameter, NaN when the
+    // data cannot determine it or it is not known (a document read from a report).
+    double uncertainty = 0.0;
 };
 
 struct Calculation {

@@ -1,6 +1,8 @@
 #include "fit/input_file.h"
 
 #include <algorithm>
+#include <array>
+#include <cmath>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -21,8 +23,8 @@ namespace {
 using Piece = LinePiece;
 
 // Token n (from 1) of the statement that starts at `from` in the upper-case text: the text is
-// cut at its newline and split at runs of blanks (tabs are not separators). A missing token
-// is empty, which reads as 0.
+// cut at its newline and split at runs of blanks (tabs have become blanks before). A missing
+// token is empty.
 std::string_view token(std::string_view upper, std::size_t from, int n) {
     std::string_view rest = upper.substr(from);
     rest = rest.substr(0, rest.find('\n'));
@@ -37,12 +39,17 @@ std::string_view token(std::string_view upper, std::size_t from, int n) {
     }
 }
 
-// The number written directly after a keyword (J_VALUE10, SPIN_ON_SITE3): read from the next
-// character and, unless it is a blank, the one after it.
-int numberAfterKeyword(std::string_view upper, std::size_t keywordEnd) {
+// The characters written directly after a keyword that hold its number (J_VALUE10,
+// SPIN_ON_SITE3): the next character and, unless it is a blank or the line's end, the one after.
+std::string_view numberAfterKeyword(std::string_view upper, std::size_t keywordEnd) {
     std::string_view digits = upper.substr(std::min(keywordEnd, upper.size()), 2);
-    if (digits.size() == 2 && digits[1] == ' ') digits.remove_suffix(1);
-    return readLeadingInteger(digits);
+    if (!digits.empty() && (digits.back() == ' ' || digits.back() == '\n')) digits.remove_suffix(1);
+    return digits;
+}
+
+// A title line is a title and nothing else: no statement is looked for in it.
+bool isTitleLine(const Piece& piece) {
+    return !isSkipped(piece) && piece.upper.find("TITLE") != std::string::npos;
 }
 
 // [SECTION] Statements
@@ -62,30 +69,8 @@ const RealSetting realSettings[] = {
 };
 #undef CORVANE_FIELD
 
-// Applies every setting of a KEYWD line, in the fixed order of the settings.
-void applySettings(std::string_view upper, FitDocument& doc) {
-    constexpr auto npos = std::string_view::npos;
-    if (upper.find(" DATA_FILE=") != npos) {
-        doc.dataKind = upper.find("XTT") != npos ? DataKind::ChiT : DataKind::Chi;
-    }
-    if (upper.find(" ENERGY_UNIT=") != npos) {
-        doc.energyUnit = EnergyUnit::Cm1;
-        if (upper.find("=CM-1") != npos) doc.energyUnit = EnergyUnit::Cm1;
-        if (upper.find("=MEV") != npos) doc.energyUnit = EnergyUnit::MeV;
-        if (upper.find("=K") != npos) doc.energyUnit = EnergyUnit::Kelvin;
-    }
-    Calculation& calc = doc.calculations[slot(1)];
-    for (const RealSetting& setting : realSettings) {
-        const std::string_view name = setting.name;
-        const std::size_t at = upper.find(name);
-        if (at == npos) continue;
-        std::string_view value = upper.substr(at + name.size());
-        value = value.substr(0, value.find_first_of(" \n"));
-        setting.field(calc) = readLeadingReal(value);
-    }
-}
-
-// Reads one file into one document; stops at the first failure, after its message.
+// Reads one file into one document and checks the problem it states; stops at the first
+// failure, after its message, which names the file and the line.
 class InputReader {
 public:
     InputReader(const std::string& path, std::vector<Piece> pieces, FitDocument& doc)
@@ -93,23 +78,25 @@ public:
 
     bool read() {
         doc_.calculationCount = 1;
-        readTitleAndSettings();
-        if (!readJValues() || !readSites() || !readInteractions() || !readPairs()) return false;
+        if (!readTitleAndSettings() || !readJValues() || !readSites() || !readInteractions() ||
+            !readPairs())
+            return false;
         Calculation& calc = doc_.calculations[slot(1)];
         calc.firstPair = 1;
         calc.lastPair = doc_.pairCount;
-        return true;
+        return checkProblem();
     }
 
 private:
     // Calls handle(piece, keyword position) for every statement of one kind. A statement is a
     // line that is not skipped and holds the keyword; the lines that directly follow it are
     // tested for the keyword only, so a run of such lines is read whole even where one of
-    // them holds a "!". Stops when handle returns false.
+    // them holds a "!". A title line is never a statement. Stops when handle returns false.
     template <typename Handle> bool forEachStatement(std::string_view keyword, Handle handle) {
         bool inRun = false;
         for (const Piece& piece : pieces_) {
-            const std::size_t at = piece.upper.find(keyword);
+            const std::size_t at =
+                isTitleLine(piece) ? std::string::npos : piece.upper.find(keyword);
             inRun = at != std::string::npos && (inRun || !isSkipped(piece));
             if (inRun && !handle(piece, at)) return false;
         }
@@ -121,51 +108,141 @@ private:
         return false;
     }
 
-    bool failNumberedFromOne(const Piece& piece, const char* what, int number) {
-        return fail(formatC("%s, line %d: %s are numbered from 1, but this line gives %d.",
-                            path_.c_str(), piece.line, what, number));
+    bool failAt(int line, const std::string& what) {
+        return fail(formatC("%s, line %d: %s", path_.c_str(), line, what.c_str()));
     }
 
-    void readTitleAndSettings() {
+    // A real value that must be present, a finite number and within what the report prints.
+    bool real(const Piece& piece, std::string_view text, const char* what, double& value) {
+        const std::string shown(text);
+        if (text.empty()) return failAt(piece.line, formatC("%s is missing.", what));
+        if (!parseReal(text, value))
+            return failAt(piece.line, formatC("%s \"%s\" is not a number.", what, shown.c_str()));
+        if (std::fabs(value) > maxValueMagnitude)
+            return failAt(piece.line, formatC("%s %s is too large; values up to %.0f are "
+                                              "accepted.",
+                                              what, shown.c_str(), maxValueMagnitude));
+        return true;
+    }
+
+    bool integer(const Piece& piece, std::string_view text, const char* what, int& value) {
+        const std::string shown(text);
+        if (text.empty()) return failAt(piece.line, formatC("%s is missing.", what));
+        if (!parseInteger(text, value))
+            return failAt(piece.line, formatC("%s \"%s\" is not a whole number in range.", what,
+                                              shown.c_str()));
+        return true;
+    }
+
+    bool readTitleAndSettings() {
         constexpr std::size_t titleColumn = 6; // "TITLE" and one separator are dropped
         for (const Piece& piece : pieces_) {
             if (isSkipped(piece)) continue;
-            if (piece.upper.find("TITLE") != std::string::npos) {
+            if (isTitleLine(piece)) {
                 std::string_view title = piece.text;
                 title = title.substr(std::min(titleColumn, title.size()));
                 title = title.substr(0, title.find('\n'));
                 doc_.title = title.substr(0, maxTitleLength);
+            } else if (piece.upper.find("KEYWD") != std::string::npos && !applySettings(piece)) {
+                return false;
             }
-            if (piece.upper.find("KEYWD") != std::string::npos) applySettings(piece.upper, doc_);
         }
+        return true;
+    }
+
+    // Applies every setting of a KEYWD line, in the fixed order of the settings.
+    bool applySettings(const Piece& piece) {
+        constexpr auto npos = std::string_view::npos;
+        const std::string_view upper = piece.upper;
+        if (upper.find(" DATA_FILE=") != npos) {
+            doc_.dataKind = upper.find("XTT") != npos ? DataKind::ChiT : DataKind::Chi;
+        }
+        if (upper.find(" ENERGY_UNIT=") != npos) {
+            doc_.energyUnit = EnergyUnit::Cm1;
+            if (upper.find("=CM-1") != npos) doc_.energyUnit = EnergyUnit::Cm1;
+            if (upper.find("=MEV") != npos) doc_.energyUnit = EnergyUnit::MeV;
+            if (upper.find("=K") != npos) doc_.energyUnit = EnergyUnit::Kelvin;
+        }
+        Calculation& calc = doc_.calculations[slot(1)];
+        for (const RealSetting& setting : realSettings) {
+            const std::string_view name = setting.name;
+            const std::size_t at = upper.find(name);
+            if (at == npos) continue;
+            std::string_view value = upper.substr(at + name.size());
+            value = value.substr(0, value.find_first_of(" \n"));
+            const std::string label(name.substr(1));
+            if (!real(piece, value, ("The value of " + label).c_str(), setting.field(calc)))
+                return false;
+        }
+        return true;
+    }
+
+    // The number after J_VALUE or SPIN_ON_SITE: a whole number from 1 to limit. Above the
+    // limit, the limit's own message; the count is set first, as the limit message expects.
+    bool statementNumber(const Piece& piece, std::string_view digits, const char* keyword,
+                         int limit, const char* limitMessage, int& count, int& n) {
+        const std::string shown(digits);
+        if (!parseInteger(digits, n))
+            return failAt(piece.line, formatC("%s must be followed directly by its number, as "
+                                              "in %s1; this line has \"%s\".",
+                                              keyword, keyword, shown.c_str()));
+        count = n;
+        if (n > limit) return fail(limitMessage);
+        if (n < 1) return failAt(piece.line, formatC("%s%d: numbers start at 1.", keyword, n));
+        return true;
     }
 
     bool readJValues() {
         doc_.jCount = 0;
         constexpr std::string_view keyword = "J_VALUE";
         return forEachStatement(keyword, [&](const Piece& piece, std::size_t at) {
-            const int n = numberAfterKeyword(piece.upper, at + keyword.size());
-            doc_.jCount = n;
-            if (n > maxJValues) return fail("Maximum J values are 10 !");
-            if (n < 1) return failNumberedFromOne(piece, "J values", n);
+            int n = 0;
+            if (!statementNumber(piece, numberAfterKeyword(piece.upper, at + keyword.size()),
+                                 "J_VALUE", maxJValues, "Maximum J values are 10 !", doc_.jCount,
+                                 n))
+                return false;
             FitParameter& j = doc_.calculations[slot(1)].j[slot(n)];
-            j.start = readLeadingReal(token(piece.upper, at, 2));
-            j.step = readLeadingReal(token(piece.upper, at, 3));
-            return true;
+            jLines_[slot(n)] = piece.line;
+            return real(piece, token(piece.upper, at, 2), "The starting value", j.start) &&
+                   real(piece, token(piece.upper, at, 3), "The step", j.step);
         });
     }
 
     bool readSites() {
         doc_.siteCount = 0;
         constexpr std::string_view keyword = "SPIN_ON_SITE";
-        return forEachStatement(keyword, [&](const Piece& piece, std::size_t at) {
-            const int n = numberAfterKeyword(piece.upper, at + keyword.size());
-            doc_.siteCount = n;
-            if (n > maxSites) return fail("Maximum spin sites are 20 !");
-            if (n < 1) return failNumberedFromOne(piece, "spin sites", n);
-            doc_.sites[slot(n)].spin = readLeadingInteger(token(piece.upper, at, 2));
-            return true;
-        });
+        return forEachStatement(
+                   keyword,
+                   [&](const Piece& piece, std::size_t at) {
+                       int n = 0;
+                       if (!statementNumber(piece,
+                                            numberAfterKeyword(piece.upper, at + keyword.size()),
+                                            "SPIN_ON_SITE", maxSites, "Maximum spin sites are 20 !",
+                                            doc_.siteCount, n))
+                           return false;
+                       int& spin = doc_.sites[slot(n)].spin;
+                       if (!integer(piece, token(piece.upper, at, 2), "The spin (2S)", spin))
+                           return false;
+                       if (spin < 1 || spin > maxTwiceSpin)
+                           return failAt(piece.line,
+                                         formatC("site %d has spin %d; a spin is given as 2S, "
+                                                 "from 1 (S = 1/2) to %d (S = %d).",
+                                                 n, spin, maxTwiceSpin, maxTwiceSpin / 2));
+                       siteLines_[slot(n)] = piece.line;
+                       return true;
+                   }) &&
+               checkSiteOrder();
+    }
+
+    // Sites are counted by the last SPIN_ON_SITE line; a site given beyond that would be lost.
+    bool checkSiteOrder() {
+        for (int s = doc_.siteCount + 1; s <= maxSites; ++s)
+            if (siteLines_[slot(s)] != 0)
+                return failAt(siteLines_[slot(s)],
+                              formatC("site %d is given before SPIN_ON_SITE%d, the last site "
+                                      "line; give the sites in rising order.",
+                                      s, doc_.siteCount));
+        return true;
     }
 
     bool readInteractions() {
@@ -174,11 +251,18 @@ private:
             const int n = ++doc_.interactionCount;
             if (n > maxInteractions) return fail("Maximum interractions are 100 !");
             Interaction& path = doc_.interactions[slot(n)];
-            path.siteA = readLeadingInteger(token(piece.upper, at, 3));
-            path.siteB = readLeadingInteger(token(piece.upper, at, 5));
+            interactionLines_[slot(n)] = piece.line;
             std::string_view label = token(piece.upper, at, 8); // "J2": the letter is dropped
             if (!label.empty()) label.remove_prefix(1);
-            path.parameterIndex = readLeadingInteger(label) + fixedParameterCount;
+            int j = 0;
+            if (!integer(piece, token(piece.upper, at, 3), "The first site", path.siteA) ||
+                !integer(piece, token(piece.upper, at, 5), "The second site", path.siteB) ||
+                !integer(piece, label, "The J number (after the letter J)", j))
+                return false;
+            if (j < 1 || j > maxJValues)
+                return failAt(piece.line,
+                              formatC("J%d: J values are numbered from 1 to %d.", j, maxJValues));
+            path.parameterIndex = j + fixedParameterCount;
             return true;
         });
     }
@@ -189,16 +273,68 @@ private:
             const int n = ++doc_.pairCount;
             if (n > maxPairs) return fail("Maximum Chi-T pairs are 1000 !");
             DataPair& pair = doc_.pairs[slot(n)];
-            pair.temperature = readLeadingReal(token(piece.upper, at, 2));
-            pair.observed = readLeadingReal(token(piece.upper, at, 3));
+            if (!real(piece, token(piece.upper, at, 2), "The temperature", pair.temperature) ||
+                !real(piece, token(piece.upper, at, 3), "The observed value", pair.observed))
+                return false;
+            if (pair.temperature <= 0) return failAt(piece.line, "temperatures must be above 0 K.");
             return true;
         });
+    }
+
+    // The problem as a whole: every site and J value stated, every path between two different
+    // sites of the problem with a J value of the problem, and something to fit.
+    bool checkProblem() {
+        const std::string file = path_;
+        if (doc_.siteCount == 0)
+            return fail(file + ": no spin site is given (SPIN_ON_SITE1 2S, ...).");
+        if (doc_.pairCount == 0)
+            return fail(file + ": no data pair is given (T_CHI T value, ...).");
+        for (int s = 1; s <= doc_.siteCount; ++s)
+            if (siteLines_[slot(s)] == 0)
+                return fail(formatC("%s: site %d has no spin; there is no SPIN_ON_SITE%d line, "
+                                    "but site %d is given.",
+                                    file.c_str(), s, s, doc_.siteCount));
+        for (int k = 1; k <= doc_.jCount; ++k)
+            if (jLines_[slot(k)] == 0)
+                return fail(formatC("%s: J%d has no starting value; there is no J_VALUE%d line, "
+                                    "but J%d is given.",
+                                    file.c_str(), k, k, doc_.jCount));
+        for (int n = 1; n <= doc_.interactionCount; ++n) {
+            const Interaction& path = doc_.interactions[slot(n)];
+            const int line = interactionLines_[slot(n)];
+            for (const int site : {path.siteA, path.siteB})
+                if (site < 1 || site > doc_.siteCount)
+                    return failAt(line, formatC("site %d is not one of the sites 1 to %d.", site,
+                                                doc_.siteCount));
+            if (path.siteA == path.siteB)
+                return failAt(line, formatC("site %d is coupled with itself.", path.siteA));
+            const int j = path.parameterIndex - fixedParameterCount;
+            if (j > doc_.jCount)
+                return failAt(line, doc_.jCount == 0
+                                        ? formatC("J%d is used, but no J value is given.", j)
+                                        : formatC("J%d is used, but only J1 to J%d are given.", j,
+                                                  doc_.jCount));
+        }
+        return true;
     }
 
     const std::string& path_;
     const std::vector<Piece> pieces_;
     FitDocument& doc_;
+    // The line that gave each site, J value and interaction in this file; 0 for none.
+    std::array<int, maxSites> siteLines_{};
+    std::array<int, maxJValues> jLines_{};
+    std::array<int, maxInteractions> interactionLines_{};
 };
+
+// The text of a file as the reader takes it: without a UTF-8 byte-order mark, and with tabs as
+// blanks, so that tabs separate tokens and settings as blanks do.
+std::string readableText(std::string contents) {
+    constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+    if (std::string_view(contents).substr(0, 3) == byteOrderMark) contents.erase(0, 3);
+    std::replace(contents.begin(), contents.end(), '\t', ' ');
+    return contents;
+}
 
 } // namespace
 
@@ -206,17 +342,18 @@ bool readInputFile(const std::string& inputPath, const std::string& engineInputP
                    const std::string& chiPath, const std::string& chitPath) {
     std::string contents;
     std::string reason;
-    if (!readWholeFile(inputPath, contents, reason)) {
-        showError(formatC("Cannot open %s: %s", inputPath.c_str(), reason.c_str()));
+    if (!readWholeFile(inputPath, contents, reason, maxInputFileBytes)) {
+        showError(formatC("Cannot read %s: %s", inputPath.c_str(), reason.c_str()));
         return false;
     }
     // Read into a copy, so that no half-read problem or count above its limit is ever seen.
     auto scratch = std::make_unique<FitDocument>(fitDocument);
-    if (!InputReader(inputPath, cutIntoPieces(contents, inputLineLength), *scratch).read()) return false;
+    InputReader reader(inputPath, cutIntoPieces(readableText(std::move(contents)), inputLineLength),
+                       *scratch);
+    if (!reader.read()) return false;
     fitDocument = *scratch;
-
-    if (!writeEngineInput(engineInputPath)) return false;
-    return writeEngineData(fitDocument.dataKind == DataKind::Chi ? chiPath : chitPath);
+    return writeExchangeFiles(engineInputPath,
+                              fitDocument.dataKind == DataKind::Chi ? chiPath : chitPath);
 }
 
 } // namespace corvane

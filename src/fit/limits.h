@@ -2,6 +2,8 @@
 // Readers and writers alike use these; nothing else spells the numbers.
 #pragma once
 
+#include <cstddef>
+
 namespace corvane {
 
 inline constexpr int maxSites = 20;         // spin sites of a problem (SPIN_ON_SITE1..20)
@@ -10,6 +12,16 @@ inline constexpr int maxJValues = 10;       // distinct J values the paths use (
 inline constexpr int maxPairs = 1000;       // experimental (T, chi) or (T, chiT) pairs
 inline constexpr int maxCalculations = 10;  // calculations (fitted curves "# 1".."# 10") held
 inline constexpr int maxTitleLength = 119;  // characters of a title that are kept
+inline constexpr int maxTwiceSpin = 20;     // a site's spin is given as 2S, from 1 to this
+
+// The largest magnitude of a value in a problem or a result: its "%f" text must fit a line of
+// the report (131 characters) with the other values of that line.
+inline constexpr double maxValueMagnitude = 999999999.0;
+
+// Files larger than these are refused before they are read: no valid input file (every count
+// at its limit) or report (ten calculations of 1000 pairs) comes near them.
+inline constexpr std::size_t maxInputFileBytes = std::size_t{1} << 20;
+inline constexpr std::size_t maxReportFileBytes = std::size_t{8} << 20;
 
 // Engine parameter numbers: 1 g, 2 C, 3 zJ, 4 Xtip, then J1..J10 as 5..14.
 inline constexpr int fixedParameterCount = 4;

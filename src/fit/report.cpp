@@ -1,10 +1,12 @@
 #include "fit/report.h"
 
+#include <algorithm>
+#include <array>
+#include <cmath>
 #include <memory>
 #include <string_view>
 #include <vector>
 
-#include "fit/engine_run.h"
 #include "fit/line_pieces.h"
 #include "platform/files.h"
 #include "platform/messages.h"
@@ -16,90 +18,147 @@ namespace {
 
 // [SECTION] Layout
 
+// Every label of the report, shared by the writer and the reader: the reader finds the values
+// by these texts, so the two can never drift apart.
+namespace label {
 const std::string asterisks(78, '*');
-constexpr std::string_view deviationLabel = "with fiting squared diviation = ";
-constexpr std::string_view toleranceLabel = " (Convergence Tolerance = ";
-constexpr std::string_view sectionLabel = "Fitting Results - Calculation # ";
-
-constexpr const char* unitLines[energyUnitCount] = {
-    "\n  Energy Unit: cm-1\n", "\n  Energy Unit: meV\n", "\n  Energy Unit: K\n"};
+constexpr std::string_view banner =
+    "\n     ***** Magnetic Susceptibility Fitting By Corvane v.1.0*****\n\n";
+constexpr std::string_view date = "  Date: ";
+constexpr std::string_view title = "  TITLE - ";
+constexpr std::string_view titleKey = "TITLE"; // searched in the upper-case copy
+constexpr std::string_view spinSites = "  Spin Sites: ";
+constexpr std::string_view spinsOnSites = "  Spins On Sites:\n";
+constexpr std::string_view siteHeading = "Site #     Spin";
+constexpr std::string_view interactions = "  Interactions:";
+constexpr std::string_view betweenSite = "Between site #";
+constexpr std::string_view andSite = "and site #";
+constexpr std::string_view isJ = "is J";
+constexpr std::string_view energyUnit = "Energy Unit: ";
+constexpr const char* unitNames[energyUnitCount] = {"cm-1", "meV", "K"};
+constexpr std::string_view section = "Fitting Results - Calculation # ";
+constexpr std::string_view deviation = "with fiting squared diviation = ";
+constexpr std::string_view tolerance = " (Convergence Tolerance = ";
+constexpr std::string_view initialParameters = "Initial Parameters:";
+constexpr std::string_view starting[4] = {
+    "g    - starting = ", "C    - starting = ", "zJ   - starting = ", "Xtip - starting = "};
+constexpr std::string_view step = "step= ";
+constexpr std::string_view fittedParameters = "Fitted Parameters:";
+constexpr std::string_view fitted[4] = {"g = ", "C = ", "zJ = ", "Xtip = "};
+constexpr std::string_view initialJValues = "Initial J Values: ";
+constexpr std::string_view fittedJValues = "Fitted J Values: ";
+constexpr std::string_view totalPairs = "Total data pairs: ";
+constexpr std::string_view fittingFrom = "Fitting from pair #";
+constexpr std::string_view toPair = " to pair #";
+constexpr std::string_view temperature = "Tempreture (K)";
+constexpr std::string_view chiTExperimental = "ChiT (Experimental)";
 constexpr const char* pairHeadings[dataKindCount] = {
     "  #    Tempreture (K)      ChiT (Experimental)      ChiT (Fitted)\n",
     "  #    Tempreture (K)      Chi (Experimental)       Chi (Fitted)\n"};
+} // namespace label
+
+// The four parameters of a calculation that every section lists, in the report's order.
+std::array<FitParameter*, 4> fourParameters(Calculation& calc) {
+    return {&calc.g, &calc.c, &calc.zJ, &calc.tip};
+}
+std::array<const FitParameter*, 4> fourParameters(const Calculation& calc) {
+    return {&calc.g, &calc.c, &calc.zJ, &calc.tip};
+}
+
+std::string str(std::string_view text) { return std::string(text); }
 
 void appendHead(std::string& out, const FitDocument& doc, const std::string& date) {
-    out += "\n     ***** Magnetic Susceptibility Fitting By Corvane v.1.0*****\n\n";
-    out += formatC("  Date: %s\n\n", date.c_str());
-    out += formatC("  TITLE - %s\n\n", doc.title.c_str());
-    out += formatC("  Spin Sites: %d\n", doc.siteCount);
-    out += "  Spins On Sites:\n";
-    out += "  Site #     Spin\n";
+    out += label::banner;
+    out += str(label::date) + date + "\n\n";
+    out += str(label::title) + doc.title + "\n\n";
+    out += str(label::spinSites) + formatC("%d\n", doc.siteCount);
+    out += label::spinsOnSites;
+    out += "  " + str(label::siteHeading) + "\n";
     out += "  ---------------\n";
     for (int s = 1; s <= doc.siteCount; ++s)
         out += formatC("    %d         %d\n", s, doc.sites[slot(s)].spin);
-    out += "\n  Interactions:\n";
+    out += "\n" + str(label::interactions) + "\n";
     for (int n = 1; n <= doc.interactionCount; ++n) {
         const Interaction& path = doc.interactions[slot(n)];
-        out += formatC("  Between site #%d and site #%d is J%d\n", path.siteA, path.siteB,
-                       path.parameterIndex - fixedParameterCount);
+        out += "  " + str(label::betweenSite) + formatC("%d ", path.siteA) + str(label::andSite) +
+               formatC("%d ", path.siteB) + str(label::isJ) +
+               formatC("%d\n", path.parameterIndex - fixedParameterCount);
     }
     const int unit = static_cast<int>(doc.energyUnit);
-    if (unit >= 0 && unit < energyUnitCount) out += unitLines[unit];
+    if (unit >= 0 && unit < energyUnitCount)
+        out += "\n  " + str(label::energyUnit) + label::unitNames[unit] + "\n";
 }
 
 void appendSection(std::string& out, const FitDocument& doc, int n) {
     const Calculation& calc = doc.calculations[slot(n)];
-    out += "\n\n" + asterisks + "\n";
-    out += formatC("  Fitting Results - Calculation # %d with fiting squared diviation = %f "
-                   "(Convergence Tolerance = %f)\n",
-                   n, calc.deviation, calc.tolerance);
+    out += "\n\n" + label::asterisks + "\n";
+    out += "  " + str(label::section) + formatC("%d ", n) + str(label::deviation) +
+           formatC("%f", calc.deviation) + str(label::tolerance) + formatC("%f)\n", calc.tolerance);
     out += "\n";
-    out += "  Initial Parameters:\n";
-    out += formatC("  g    - starting = %f     step= %f\n", calc.g.start, calc.g.step);
-    out += formatC("  C    - starting = %f     step= %f\n", calc.c.start, calc.c.step);
-    out += formatC("  zJ   - starting = %f     step= %f\n", calc.zJ.start, calc.zJ.step);
-    out += formatC("  Xtip - starting = %f     step= %f\n\n", calc.tip.start, calc.tip.step);
-    out += formatC("  Initial J Values: %d\n", doc.jCount);
+    out += "  " + str(label::initialParameters) + "\n";
+    const auto parameters = fourParameters(calc);
+    for (std::size_t p = 0; p < parameters.size(); ++p)
+        out += "  " + str(label::starting[p]) + formatC("%f     ", parameters[p]->start) +
+               str(label::step) + formatC("%f\n", parameters[p]->step);
+    out += "\n";
+    out += "  " + str(label::initialJValues) + formatC("%d\n", doc.jCount);
     out += "    #    Starting Value   Step\n";
     out += "  ------------------------------------------\n";
     for (int k = 1; k <= doc.jCount; ++k) {
         const FitParameter& j = calc.j[slot(k)];
         out += formatC("    %d   %f        %f\n", k, j.start, j.step);
     }
-    out += "\n  Fitted Parameters:\n";
-    out += formatC("  g = %f     C = %f     zJ = %f     Xtip = %f\n\n", calc.g.fitted,
-                   calc.c.fitted, calc.zJ.fitted, calc.tip.fitted);
-    out += formatC("  Fitted J Values: %d\n", doc.jCount);
+    out += "\n  " + str(label::fittedParameters) + "\n  ";
+    for (std::size_t p = 0; p < parameters.size(); ++p)
+        out +=
+            (p > 0 ? "     " : "") + str(label::fitted[p]) + formatC("%f", parameters[p]->fitted);
+    out += "\n\n";
+    out += "  " + str(label::fittedJValues) + formatC("%d\n", doc.jCount);
     out += "     #      Value\n";
     out += "  -----------------\n";
     for (int k = 1; k <= doc.jCount; ++k)
         out += formatC("     %d      %f\n", k, calc.j[slot(k)].fitted);
     out += "\n  Fitted Susceptibility:\n\n";
-    out += formatC("  Total data pairs: %d.   Fitting from pair #%d to pair #%d\n\n",
-                   doc.pairCount, calc.firstPair, calc.lastPair);
-    out += pairHeadings[doc.dataKind == DataKind::Chi ? 1 : 0];
+    out += "  " + str(label::totalPairs) + formatC("%d.   ", doc.pairCount) +
+           str(label::fittingFrom) + formatC("%d", calc.firstPair) + str(label::toPair) +
+           formatC("%d\n\n", calc.lastPair);
+    out += label::pairHeadings[doc.dataKind == DataKind::Chi ? 1 : 0];
     out += "  " + std::string(62, '_') + "\n";
     for (int i = 1; i <= doc.pairCount; ++i) {
         const DataPair& pair = doc.pairs[slot(i)];
         out += formatC("  %d   %f                  %f                       %f\n", i,
                        pair.temperature, pair.observed, calc.fittedValues[slot(i)]);
     }
-    out += "\n" + asterisks + "\n";
+    out += "\n" + label::asterisks + "\n";
 }
 
-// The number directly after label in text (blanks before it skipped); 0 when text does not
-// hold the label or no number follows it.
-double realAfter(std::string_view text, std::string_view label) {
-    const std::size_t at = text.find(label);
-    return at == std::string_view::npos ? 0.0 : readLeadingReal(text.substr(at + label.size()));
+// [SECTION] Numbers in lines
+
+// The number that directly follows label in text (blanks before it skipped), read up to the
+// first character that cannot continue it. False when the label or the number is missing.
+bool realAfter(std::string_view text, std::string_view name, double& value) {
+    const std::size_t at = text.find(name);
+    if (at == std::string_view::npos) return false;
+    std::string_view rest = text.substr(at + name.size());
+    rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
+    return parseReal(rest.substr(0, rest.find_first_not_of("0123456789+-.eE")), value);
 }
-int integerAfter(std::string_view text, std::string_view label) {
-    const std::size_t at = text.find(label);
-    return at == std::string_view::npos ? 0
-                                        : readLeadingInteger(text.substr(at + label.size()));
+bool integerAfter(std::string_view text, std::string_view name, int& value) {
+    const std::size_t at = text.find(name);
+    if (at == std::string_view::npos) return false;
+    std::string_view rest = text.substr(at + name.size());
+    rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
+    return parseInteger(rest.substr(0, rest.find_first_not_of("0123456789+-")), value);
 }
-bool holds(const LinePiece& piece, std::string_view label) {
-    return piece.text.find(label) != std::string::npos;
+bool holds(const LinePiece& piece, std::string_view text) {
+    return piece.text.find(text) != std::string::npos;
+}
+
+// A line of asterisks alone: a section's opening or closing line, or the part of one that a
+// report cut short still holds.
+bool isAsteriskLine(const LinePiece& piece) {
+    const std::size_t end = piece.text.find_last_not_of("\n");
+    return end != std::string::npos && piece.text.find_first_not_of('*') > end;
 }
 
 // A count from a file must lie in 0..limit for the document to hold what follows it.
@@ -107,63 +166,140 @@ bool countFits(int count, int limit) { return count >= 0 && count <= limit; }
 
 // [SECTION] Engine output
 
-bool readOutputPieces(const std::vector<LinePiece>& lines, FitDocument& doc,
-                      std::string& problem) {
-    constexpr int headLines = 6;
-    if (lines.size() < headLines) {
-        problem = formatC("it ends after line %zu, before the number of pairs (line 6)",
-                          lines.size());
-        return false;
+// Reads the engine's output for the problem doc holds: the counts must be the problem's, every
+// value a finite number the report can print, and the pairs the problem's own.
+class OutputReader {
+public:
+    OutputReader(const std::vector<LinePiece>& lines, FitDocument& doc)
+        : lines_(lines), doc_(doc) {}
+
+    bool read(std::string& problem) {
+        if (!readAll()) {
+            problem = problem_;
+            return false;
+        }
+        return true;
     }
-    const auto real = [&](int line, int n) { return readLeadingReal(word(lines[slot(line)].text, n)); };
-    const auto integer = [&](int line, int n) {
-        return readLeadingInteger(word(lines[slot(line)].text, n));
-    };
-    const int jCount = integer(4, 1);
-    if (!countFits(jCount, maxJValues)) {
-        problem = formatC("line 4: %d J values; the document holds 0 to %d", jCount, maxJValues);
-        return false;
-    }
-    const int pairCount = integer(6, 1), first = integer(6, 2), last = integer(6, 3);
-    if (pairCount < 1 || pairCount > maxPairs) {
-        problem = formatC("line 6: %d pairs; the document holds 1 to %d", pairCount, maxPairs);
-        return false;
-    }
-    if (first < 1 || first > last || last > pairCount) {
-        problem = formatC("line 6: the fitted range, pairs %d to %d, lies outside pairs 1 to %d",
-                          first, last, pairCount);
-        return false;
-    }
-    if (lines.size() < static_cast<std::size_t>(headLines + pairCount)) {
-        problem = formatC("it ends after %zu of its %d pair lines", lines.size() - headLines,
-                          pairCount);
+
+private:
+    static constexpr int headLines = 6;
+
+    bool fail(int line, const std::string& what) {
+        problem_ = line > 0 ? formatC("line %d: %s", line, what.c_str()) : what;
         return false;
     }
 
-    Calculation& calc = doc.calculations[slot(doc.calculationCount)];
-    calc.deviation = real(1, 1);
-    calc.g.fitted = real(1, 2);
-    calc.c.fitted = real(1, 3);
-    calc.zJ.fitted = real(2, 1);
-    calc.tip.fitted = real(2, 2);
-    doc.jCount = jCount;
-    for (int k = 1; k <= jCount; ++k) calc.j[slot(k)].fitted = real(4, k + 1);
-    doc.pairCount = pairCount;
-    calc.firstPair = first;
-    calc.lastPair = last;
-    for (int i = 1; i <= pairCount; ++i) {
-        DataPair& pair = doc.pairs[slot(i)];
-        pair.temperature = real(headLines + i, 1);
-        calc.fittedValues[slot(i)] = real(headLines + i, 2);
-        pair.observed = real(headLines + i, 3);
+    // Token n of line (from 1) as a finite real within what the report prints.
+    bool real(int line, int n, const char* what, double& value) {
+        const std::string_view token = word(lines_[slot(line)].text, n);
+        if (token.empty()) return fail(line, formatC("the %s is missing", what));
+        if (!parseReal(token, value))
+            return fail(line, formatC("the %s \"%s\" is not a finite number", what,
+                                      std::string(token).c_str()));
+        if (std::fabs(value) > maxValueMagnitude)
+            return fail(line, formatC("the %s %s is too large for the report", what,
+                                      std::string(token).c_str()));
+        return true;
     }
-    return true;
-}
+    bool integer(int line, int n, const char* what, int& value) {
+        const std::string_view token = word(lines_[slot(line)].text, n);
+        if (!parseInteger(token, value))
+            return fail(line, formatC("the %s \"%s\" is not a whole number", what,
+                                      std::string(token).c_str()));
+        return true;
+    }
+
+    // The uncertainties of line 3 or 5: after its "#", one token per parameter; a number, or a
+    // word for one the data cannot determine. A line without them leaves them unknown.
+    void uncertainties(int line, const std::array<FitParameter*, maxParameters>& parameters,
+                       int count) {
+        const std::string& text = lines_[slot(line)].text;
+        const std::size_t hash = text.find('#');
+        for (int k = 0; k < count; ++k) {
+            double value = 0.0;
+            const std::string_view token =
+                hash == std::string::npos ? std::string_view{}
+                                          : word(std::string_view(text).substr(hash + 1), k + 1);
+            if (token.empty())
+                value = std::nan("");
+            else if (!parseReal(token, value))
+                value = std::nan("");
+            parameters[static_cast<std::size_t>(k)]->uncertainty = value;
+        }
+    }
+
+    bool readAll() {
+        if (lines_.size() < headLines)
+            return fail(0, formatC("it ends after line %zu, before the number of pairs (line 6)",
+                                   lines_.size()));
+        Calculation& calc = doc_.calculations[slot(doc_.calculationCount)];
+        Calculation found = calc;
+        int jCount = 0, pairCount = 0;
+        if (!real(1, 1, "squared deviation", found.deviation) ||
+            !real(1, 2, "value of g", found.g.fitted) ||
+            !real(1, 3, "value of C", found.c.fitted) ||
+            !real(2, 1, "value of zJ", found.zJ.fitted) ||
+            !real(2, 2, "value of Xtip", found.tip.fitted) ||
+            !integer(4, 1, "number of J values", jCount))
+            return false;
+        if (jCount != doc_.jCount)
+            return fail(4, formatC("%d J values, but the problem has %d", jCount, doc_.jCount));
+        for (int k = 1; k <= jCount; ++k) {
+            const std::string what = formatC("value of J%d", k);
+            if (!real(4, k + 1, what.c_str(), found.j[slot(k)].fitted)) return false;
+        }
+        if (!integer(6, 1, "number of pairs", pairCount) ||
+            !integer(6, 2, "first fitted pair", found.firstPair) ||
+            !integer(6, 3, "last fitted pair", found.lastPair))
+            return false;
+        if (pairCount != doc_.pairCount)
+            return fail(6, formatC("%d pairs, but the problem has %d", pairCount, doc_.pairCount));
+        if (found.firstPair < 1 || found.firstPair > found.lastPair || found.lastPair > pairCount)
+            return fail(6, formatC("the fitted range, pairs %d to %d, lies outside pairs 1 to %d",
+                                   found.firstPair, found.lastPair, pairCount));
+        if (lines_.size() < static_cast<std::size_t>(headLines + pairCount))
+            return fail(0, formatC("it ends after %zu of its %d pair lines",
+                                   lines_.size() - headLines, pairCount));
+        for (int i = 1; i <= pairCount; ++i) {
+            const int line = headLines + i;
+            double temperature = 0.0, observed = 0.0;
+            if (!real(line, 1, "temperature", temperature) ||
+                !real(line, 2, "fitted value", found.fittedValues[slot(i)]) ||
+                !real(line, 3, "observed value", observed))
+                return false;
+            const DataPair& pair = doc_.pairs[slot(i)];
+            if (!agrees(temperature, pair.temperature) || !agrees(observed, pair.observed))
+                return fail(line, formatC("pair %d is not the problem's pair %d (T %s, value %s)",
+                                          i, i, formatExact(pair.temperature).c_str(),
+                                          formatExact(pair.observed).c_str()));
+        }
+        std::array<FitParameter*, maxParameters> parameters{};
+        const auto four = fourParameters(found);
+        std::copy(four.begin(), four.end(), parameters.begin());
+        uncertainties(3, parameters, fixedParameterCount);
+        for (int k = 1; k <= jCount; ++k) parameters[slot(k)] = &found.j[slot(k)];
+        uncertainties(5, parameters, jCount);
+        calc = found;
+        return true;
+    }
+
+    // The engine echoes the pairs with at least ten significant digits.
+    static bool agrees(double echoed, double value) {
+        return std::fabs(echoed - value) <= 1e-9 * std::max(std::fabs(value), 1e-300) ||
+               echoed == value;
+    }
+
+    const std::vector<LinePiece>& lines_;
+    FitDocument& doc_;
+    std::string problem_;
+};
 
 // [SECTION] Report reader
 
 // Reads the report's lines in order, label by label. Every action that reads further lines
 // leaves the last one it read in line_, and the later labels are tested against that line.
+// A report that ends before a section is complete is refused, so that a report cut short never
+// gives values it does not hold.
 class ReportReader {
 public:
     ReportReader(const std::vector<LinePiece>& lines, FitDocument& doc)
@@ -172,23 +308,23 @@ public:
     bool readReport() {
         while (advance()) {
             if (isSkipped(*line_)) continue;
+            if (isAsteriskLine(*line_)) { // a section's opening line, or part of one
+                opened_ = line_->line;
+                continue;
+            }
             if (!readHeadLabels()) return false;
             if (line_ == nullptr) break;
-            if (holds(*line_, sectionLabel)) {
-                const int n = integerAfter(line_->text, sectionLabel);
-                if (n > doc_.calculationCount) {
-                    if (n > maxCalculations)
-                        return fail(formatC("calculation # %d; the document holds at most %d",
-                                            n, maxCalculations));
-                    doc_.calculationCount = n;
-                    Calculation& calc = doc_.calculations[slot(n)];
-                    calc.deviation = realAfter(line_->text, deviationLabel);
-                    calc.tolerance = realAfter(line_->text, toleranceLabel);
-                    if (!readReportSection()) return false;
-                }
+            if (holds(*line_, label::section)) {
+                opened_ = 0;
+                sectionSeen_ = true;
+                if (!readSectionHeading()) return false;
             }
         }
-        return checkFittedRanges();
+        if (opened_ != 0)
+            return fail(
+                formatC("the file ends after the opening line of a section (line %d)", opened_));
+        if (!sectionSeen_) return fail("it holds no fit results (no \"Fitting Results\" section)");
+        return checkNumbers();
     }
 
     const std::string& problem() const { return problem_; }
@@ -199,134 +335,218 @@ private:
         line_ = next_ < lines_.size() ? &lines_[next_++] : nullptr;
         return line_ != nullptr;
     }
-    // Reads n lines; false when the file ends first.
-    bool skip(int n) {
-        for (int i = 0; i < n; ++i)
-            if (!advance()) return false;
-        return true;
-    }
 
     bool fail(const std::string& what) {
-        problem_ = formatC("line %d: %s", line_ != nullptr ? line_->line : 0, what.c_str());
+        problem_ = line_ != nullptr ? formatC("line %d: %s", line_->line, what.c_str()) : what;
+        return false;
+    }
+    bool endsIn(const std::string& where) {
+        problem_ = "the file ends in " + where + "; it is not complete";
         return false;
     }
 
-    // The labels of the problem, tested in order on line_; false when a count is too large.
+    // Reads the next line of a table; false, with what is missing, at the end of the file or
+    // in a last line that the end of the file cuts (only a closing line may lack its newline).
+    bool row(const std::string& where) {
+        if (!advance()) return endsIn(where);
+        const bool cut = next_ == lines_.size() && line_->text.back() != '\n';
+        return !cut || holds(*line_, label::asterisks) || endsIn(where);
+    }
+
+    bool number(const char* what, std::string_view token, double& value) {
+        if (parseReal(token, value)) return true;
+        return fail(formatC("the %s \"%s\" is not a number", what, std::string(token).c_str()));
+    }
+    bool numberAfter(std::string_view name, double& value) {
+        if (realAfter(line_->text, name, value)) return true;
+        return fail(formatC("no number after \"%s\"", std::string(name).c_str()));
+    }
+    bool wholeAfter(std::string_view name, int& value) {
+        if (integerAfter(line_->text, name, value)) return true;
+        return fail(formatC("no whole number after \"%s\"", std::string(name).c_str()));
+    }
+
+    // The labels of the problem, tested in order on line_.
     bool readHeadLabels() {
-        if (line_->upper.find("TITLE") != std::string::npos) {
-            constexpr std::size_t titleColumn = 10; // after "  TITLE - "
+        if (line_->upper.find(label::titleKey) != std::string::npos) {
             std::string_view title = line_->text;
-            title = title.substr(std::min(titleColumn, title.size()));
+            title = title.substr(std::min(label::title.size(), title.size()));
             title = title.substr(0, title.find('\n'));
             doc_.title = title.substr(0, maxTitleLength);
         }
-        if (holds(*line_, "  Spin Sites: ")) {
-            doc_.siteCount = integerAfter(line_->text, "  Spin Sites: ");
+        if (holds(*line_, label::spinSites)) {
+            if (!wholeAfter(label::spinSites, doc_.siteCount)) return false;
             if (!countFits(doc_.siteCount, maxSites))
-                return fail(formatC("%d spin sites; the document holds 0 to %d", doc_.siteCount,
-                                    maxSites));
+                return fail(
+                    formatC("%d spin sites; the document holds 0 to %d", doc_.siteCount, maxSites));
         }
-        if (holds(*line_, "Site #     Spin")) {
-            if (!skip(1)) return true;
+        if (holds(*line_, label::siteHeading)) {
+            const std::string where = "the table of spins";
+            if (!row(where)) return false;
             for (int s = 1; s <= doc_.siteCount; ++s) {
-                if (!advance()) return true;
-                doc_.sites[slot(s)].spin = readLeadingInteger(word(line_->text, 2));
+                if (!row(where)) return false;
+                int& spin = doc_.sites[slot(s)].spin;
+                if (!parseInteger(word(line_->text, 2), spin) || spin < 1 || spin > maxTwiceSpin)
+                    return fail(formatC("the spin of site %d is not a whole number from 1 to %d", s,
+                                        maxTwiceSpin));
             }
         }
-        if (holds(*line_, "  Interactions:")) {
+        if (holds(*line_, label::interactions)) {
             doc_.interactionCount = 0;
-            if (!advance()) return true;
-            while (holds(*line_, "Between site #")) {
+            if (!row("the interactions")) return false;
+            while (holds(*line_, label::betweenSite)) {
                 if (++doc_.interactionCount > maxInteractions)
                     return fail(formatC("more than %d interactions", maxInteractions));
                 Interaction& path = doc_.interactions[slot(doc_.interactionCount)];
-                path.siteA = integerAfter(line_->text, "Between site #");
-                path.siteB = integerAfter(line_->text, "and site #");
-                path.parameterIndex = fixedParameterCount + integerAfter(line_->text, "is J");
-                if (!advance()) return true;
+                int j = 0;
+                if (!wholeAfter(label::betweenSite, path.siteA) ||
+                    !wholeAfter(label::andSite, path.siteB) || !wholeAfter(label::isJ, j))
+                    return false;
+                if (j < 1 || j > maxJValues)
+                    return fail(formatC("J%d; J values are numbered 1 to %d", j, maxJValues));
+                path.parameterIndex = fixedParameterCount + j;
+                interactionLines_[slot(doc_.interactionCount)] = line_->line;
+                if (!row("the interactions")) return false;
             }
         }
-        if (holds(*line_, "Energy Unit: cm-1")) doc_.energyUnit = EnergyUnit::Cm1;
-        if (holds(*line_, "Energy Unit: meV")) doc_.energyUnit = EnergyUnit::MeV;
-        if (holds(*line_, "Energy Unit: K")) doc_.energyUnit = EnergyUnit::Kelvin;
+        for (int unit = 0; unit < energyUnitCount; ++unit)
+            if (holds(*line_, str(label::energyUnit) + label::unitNames[unit]))
+                doc_.energyUnit = static_cast<EnergyUnit>(unit);
         return true;
     }
 
-    // Reads the rest of a section, up to its closing line of asterisks, into calculation
-    // calculationCount.
-    bool readReportSection() {
-        Calculation& calc = doc_.calculations[slot(doc_.calculationCount)];
-        while (advance() && !holds(*line_, asterisks)) {
-            if (holds(*line_, "Initial Parameters:")) {
-                const std::pair<FitParameter*, std::string_view> rows[] = {
-                    {&calc.g, "g    - starting = "},
-                    {&calc.c, "C    - starting = "},
-                    {&calc.zJ, "zJ   - starting = "},
-                    {&calc.tip, "Xtip - starting = "}};
-                for (const auto& [parameter, label] : rows) {
-                    if (!advance()) return true;
-                    parameter->start = realAfter(line_->text, label);
-                    parameter->step = realAfter(line_->text, "step= ");
+    // A section's first line: taken when its number is above calculationCount, else skipped
+    // up to its closing line.
+    bool readSectionHeading() {
+        int n = 0;
+        if (!wholeAfter(label::section, n)) return false;
+        if (n <= doc_.calculationCount) {
+            while (advance() && !holds(*line_, label::asterisks)) {
+            }
+            return line_ != nullptr || endsIn(formatC("calculation # %d", n));
+        }
+        if (n > maxCalculations)
+            return fail(
+                formatC("calculation # %d; the document holds at most %d", n, maxCalculations));
+        doc_.calculationCount = n;
+        Calculation& calc = doc_.calculations[slot(n)];
+        return numberAfter(label::deviation, calc.deviation) &&
+               numberAfter(label::tolerance, calc.tolerance) && readReportSection(n);
+    }
+
+    // Reads the rest of section n, up to its closing line of asterisks, into calculation n.
+    // Every part of the section must be there.
+    bool readReportSection(int n) {
+        Calculation& calc = doc_.calculations[slot(n)];
+        const std::string where = formatC("calculation # %d", n);
+        for (FitParameter* parameter : fourParameters(calc)) parameter->uncertainty = std::nan("");
+        for (FitParameter& j : calc.j) j.uncertainty = std::nan("");
+        enum Part { initial, initialJ, fitted, fittedJ, pairs, table, partCount };
+        std::array<bool, partCount> seen{};
+        for (;;) {
+            if (!row(where)) return false;
+            if (holds(*line_, label::asterisks)) break;
+            if (holds(*line_, label::initialParameters)) {
+                const auto parameters = fourParameters(calc);
+                for (std::size_t p = 0; p < parameters.size(); ++p) {
+                    if (!row(where) || !numberAfter(label::starting[p], parameters[p]->start) ||
+                        !numberAfter(label::step, parameters[p]->step))
+                        return false;
                 }
+                seen[initial] = true;
             }
-            if (holds(*line_, "Fitted Parameters:")) {
-                if (!advance()) return true;
-                calc.g.fitted = realAfter(line_->text, "g = ");
-                calc.c.fitted = realAfter(line_->text, "C = ");
-                calc.zJ.fitted = realAfter(line_->text, "zJ = ");
-                calc.tip.fitted = realAfter(line_->text, "Xtip = ");
+            if (holds(*line_, label::fittedParameters)) {
+                if (!row(where)) return false;
+                const auto parameters = fourParameters(calc);
+                for (std::size_t p = 0; p < parameters.size(); ++p)
+                    if (!numberAfter(label::fitted[p], parameters[p]->fitted)) return false;
+                seen[fitted] = true;
             }
-            if (holds(*line_, "Initial J Values:")) {
-                doc_.jCount = integerAfter(line_->text, "Initial J Values: ");
+            if (holds(*line_, label::initialJValues)) {
+                if (!wholeAfter(label::initialJValues, doc_.jCount)) return false;
                 if (!countFits(doc_.jCount, maxJValues))
                     return fail(formatC("%d J values; the document holds 0 to %d", doc_.jCount,
                                         maxJValues));
-                if (!skip(2)) return true;
+                if (!row(where) || !row(where)) return false;
                 for (int k = 1; k <= doc_.jCount; ++k) {
-                    if (!advance()) return true;
-                    calc.j[slot(k)].start = readLeadingReal(word(line_->text, 2));
-                    calc.j[slot(k)].step = readLeadingReal(word(line_->text, 3));
+                    FitParameter& j = calc.j[slot(k)];
+                    if (!row(where) || !number("starting value", word(line_->text, 2), j.start) ||
+                        !number("step", word(line_->text, 3), j.step))
+                        return false;
                 }
+                seen[initialJ] = true;
             }
-            if (holds(*line_, "Fitted J Values:")) {
-                if (!skip(2)) return true;
-                for (int k = 1; k <= doc_.jCount; ++k) {
-                    if (!advance()) return true;
-                    calc.j[slot(k)].fitted = readLeadingReal(word(line_->text, 2));
-                }
+            if (holds(*line_, label::fittedJValues)) {
+                int count = 0;
+                if (!wholeAfter(label::fittedJValues, count)) return false;
+                if (count != doc_.jCount)
+                    return fail(
+                        formatC("%d fitted J values, but %d initial ones", count, doc_.jCount));
+                if (!row(where) || !row(where)) return false;
+                for (int k = 1; k <= doc_.jCount; ++k)
+                    if (!row(where) ||
+                        !number("fitted value", word(line_->text, 2), calc.j[slot(k)].fitted))
+                        return false;
+                seen[fittedJ] = true;
             }
-            if (holds(*line_, "Total data pairs: ")) {
-                doc_.pairCount = integerAfter(line_->text, "Total data pairs: ");
+            if (holds(*line_, label::totalPairs)) {
+                if (!wholeAfter(label::totalPairs, doc_.pairCount) ||
+                    !wholeAfter(label::fittingFrom, calc.firstPair) ||
+                    !wholeAfter(label::toPair, calc.lastPair))
+                    return false;
                 if (!countFits(doc_.pairCount, maxPairs))
-                    return fail(formatC("%d data pairs; the document holds 0 to %d",
-                                        doc_.pairCount, maxPairs));
-                calc.firstPair = integerAfter(line_->text, "Fitting from pair #");
-                calc.lastPair = integerAfter(line_->text, " to pair #");
+                    return fail(formatC("%d data pairs; the document holds 0 to %d", doc_.pairCount,
+                                        maxPairs));
+                seen[pairs] = true;
             }
-            if (holds(*line_, "Tempreture (K)")) {
+            if (holds(*line_, label::temperature)) {
+                if (!seen[pairs]) return fail("a table of pairs before its number of pairs");
                 doc_.dataKind =
-                    holds(*line_, "ChiT (Experimental)") ? DataKind::ChiT : DataKind::Chi;
-                if (!skip(1)) return true;
+                    holds(*line_, label::chiTExperimental) ? DataKind::ChiT : DataKind::Chi;
+                if (!row(where)) return false;
                 for (int i = 1; i <= doc_.pairCount; ++i) {
-                    if (!advance()) return true;
                     DataPair& pair = doc_.pairs[slot(i)];
-                    pair.temperature = readLeadingReal(word(line_->text, 2));
-                    pair.observed = readLeadingReal(word(line_->text, 3));
-                    calc.fittedValues[slot(i)] = readLeadingReal(word(line_->text, 4));
+                    if (!row(formatC("the pairs of calculation # %d, after %d of %d pairs", n,
+                                     i - 1, doc_.pairCount)) ||
+                        !number("temperature", word(line_->text, 2), pair.temperature) ||
+                        !number("observed value", word(line_->text, 3), pair.observed) ||
+                        !number("fitted value", word(line_->text, 4), calc.fittedValues[slot(i)]))
+                        return false;
                 }
+                seen[table] = true;
             }
         }
+        constexpr const char* partNames[partCount] = {"initial parameters", "initial J values",
+                                                      "fitted parameters",  "fitted J values",
+                                                      "number of pairs",    "table of pairs"};
+        for (int p = 0; p < partCount; ++p)
+            if (!seen[static_cast<std::size_t>(p)])
+                return fail(formatC("calculation # %d has no %s", n, partNames[p]));
         return true;
     }
 
-    // Every calculation's fitted range must name pairs the document holds.
-    bool checkFittedRanges() {
+    // Every path joins two sites of the problem with one of its J values, and every
+    // calculation's fitted range names pairs the document holds.
+    bool checkNumbers() {
+        line_ = nullptr;
+        for (int n = 1; n <= doc_.interactionCount; ++n) {
+            const Interaction& path = doc_.interactions[slot(n)];
+            const int j = path.parameterIndex - fixedParameterCount;
+            if (path.siteA < 1 || path.siteA > doc_.siteCount || path.siteB < 1 ||
+                path.siteB > doc_.siteCount || j > doc_.jCount) {
+                problem_ = formatC("line %d: the interaction between site #%d and site #%d by "
+                                   "J%d lies outside sites 1 to %d and J1 to J%d",
+                                   interactionLines_[slot(n)], path.siteA, path.siteB, j,
+                                   doc_.siteCount, doc_.jCount);
+                return false;
+            }
+        }
         const int pairs = std::max(doc_.pairCount, 1);
         for (int n = 1; n <= doc_.calculationCount; ++n) {
             const Calculation& calc = doc_.calculations[slot(n)];
             if (calc.firstPair < 1 || calc.firstPair > calc.lastPair || calc.lastPair > pairs) {
-                problem_ = formatC("calculation # %d fits pairs %d to %d, outside pairs 1 to %d",
-                                   n, calc.firstPair, calc.lastPair, pairs);
+                problem_ = formatC("calculation # %d fits pairs %d to %d, outside pairs 1 to %d", n,
+                                   calc.firstPair, calc.lastPair, pairs);
                 return false;
             }
         }
@@ -337,6 +557,9 @@ private:
     FitDocument& doc_;
     std::size_t next_ = 0;
     const LinePiece* line_ = nullptr;
+    int opened_ = 0; // the line of a section's opening asterisks not yet followed by its heading
+    bool sectionSeen_ = false;
+    std::array<int, maxInteractions> interactionLines_{};
     std::string problem_;
 };
 
@@ -362,41 +585,24 @@ bool readEngineOutput(const std::string& contents, FitDocument& doc, std::string
         problem = "the document has no calculation to take them";
         return false;
     }
-    return readOutputPieces(cutIntoPieces(contents, engineLineLength), doc, problem);
+    const std::vector<LinePiece> lines = cutIntoPieces(contents, engineLineLength);
+    return OutputReader(lines, doc).read(problem);
 }
 
-bool writeReport(const std::string& outputPath, const std::string& reportPath) {
-    const std::string unchanged = formatC(" %s was not changed.", reportPath.c_str());
-    const EngineRun& run = lastEngineRun;
+ReportWrite writeReport(const std::string& outputPath, const std::string& reportPath) {
     std::string contents, reason;
-    if (!readWholeFile(outputPath, contents, reason)) {
-        const bool engineRan = run.started || !run.startFailure.empty();
-        const std::string why = engineRan && !fileExists(outputPath)
-                                    ? engineFailureText(run)
-                                    : formatC("%s: %s", outputPath.c_str(), reason.c_str());
-        showError("The fit gave no results: " + why + "." + unchanged);
-        return false;
-    }
-
+    if (!readWholeFile(outputPath, contents, reason, maxReportFileBytes))
+        return {fileExists(outputPath) ? ReportWrite::UnusableOutput : ReportWrite::NoOutput,
+                reason};
     auto updated = std::make_unique<FitDocument>(fitDocument);
     std::string problem;
-    if (!readEngineOutput(contents, *updated, problem)) {
-        std::string text = formatC("The fit results in %s cannot be used: %s",
-                                   outputPath.c_str(), problem.c_str());
-        if (run.started && !(run.exited && run.exitCode == 0))
-            text += " (" + engineFailureText(run) + ")";
-        showError(text + "." + unchanged);
-        return false;
-    }
-    if (!writeWholeFile(reportPath, reportText(*updated, reportDate(std::time(nullptr))),
-                        reason)) {
-        showError(formatC("Cannot write the report %s: %s. The fit results stay in %s.",
-                          reportPath.c_str(), reason.c_str(), outputPath.c_str()));
-        return false;
-    }
+    if (!readEngineOutput(contents, *updated, problem))
+        return {ReportWrite::UnusableOutput, problem};
+    if (!writeWholeFile(reportPath, reportText(*updated, reportDate(std::time(nullptr))), reason))
+        return {ReportWrite::NotWritten, reason};
     fitDocument = *updated;
     removeFile(outputPath);
-    return true;
+    return {ReportWrite::Written, ""};
 }
 
 bool readReportText(const std::string& contents, FitDocument& doc, std::string& problem) {
@@ -409,8 +615,8 @@ bool readReportText(const std::string& contents, FitDocument& doc, std::string& 
 
 bool readReportFile(const std::string& reportPath, FitDocument& doc) {
     std::string contents, reason;
-    if (!readWholeFile(reportPath, contents, reason)) {
-        showError(formatC("Cannot open the report %s: %s", reportPath.c_str(), reason.c_str()));
+    if (!readWholeFile(reportPath, contents, reason, maxReportFileBytes)) {
+        showError(formatC("Cannot read the report %s: %s.", reportPath.c_str(), reason.c_str()));
         return false;
     }
     std::string problem;

@@ -22,21 +22,34 @@ std::string reportDate(std::time_t when);
 // The whole report for doc, with date as its date line.
 std::string reportText(const FitDocument& doc, const std::string& date);
 
-// Stores the engine output in contents into calculation doc.calculationCount and the shared
-// J count and pairs of doc. False, with what is wrong ("line 6: ...") in problem, when the
-// output has no room in the document or ends early; doc is then partly changed.
+// Stores the engine output in contents into calculation doc.calculationCount: fitted values,
+// their uncertainties, squared deviation, fitted range and fitted curve. The output must be the
+// problem's own: its J and pair counts those of doc, its pairs doc's pairs, every value a
+// finite number that the report can print. False, with what is wrong ("line 6: ...") in
+// problem, when it is not; doc is then unchanged.
 bool readEngineOutput(const std::string& contents, FitDocument& doc, std::string& problem);
 
+// What became of a report write.
+struct ReportWrite {
+    enum Outcome {
+        Written,        // the report holds the new results; the output file is deleted
+        NoOutput,       // there is no output file
+        UnusableOutput, // the output file cannot be read or does not fit the problem
+        NotWritten,     // the report cannot be written; the output file stays
+    } outcome;
+    std::string detail; // the system's reason or what is wrong with the output
+};
+
 // Reads outputPath into fitDocument, writes the report with every calculation to reportPath
-// (whole or not at all) and deletes outputPath. When the output is missing or unusable or the
-// report cannot be written, the user is told why (with the engine's own message when the last
-// run left one), fitDocument and the report on disk stay as they were, and the result is false.
-bool writeReport(const std::string& outputPath, const std::string& reportPath);
+// (whole or not at all) and deletes outputPath. Unless the outcome is Written, fitDocument and
+// the report on disk stay as they were; the caller tells the user why.
+ReportWrite writeReport(const std::string& outputPath, const std::string& reportPath);
 
 // Takes a report's text into doc, which is not cleared first: calculations whose numbers are
 // not above doc.calculationCount when their section is met are left as they are. False, with
-// what is wrong ("line 9: ...") in problem, when a count in the report is above the document's
-// limits or a fitted range lies outside the pairs; doc is then partly changed.
+// what is wrong ("line 9: ...") in problem, when the report ends before a section is complete,
+// a count or number lies outside the document's limits, a path names a site or J value the
+// problem lacks or a fitted range lies outside the pairs; doc is then partly changed.
 bool readReportText(const std::string& contents, FitDocument& doc, std::string& problem);
 
 // Reads the report at reportPath into doc as readReportText does; false after a message when

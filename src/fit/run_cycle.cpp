@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "fit/exchange_files.h"
+#include "fit/input_file.h"
 #include "fit/report.h"
 #include "platform/files.h"
 #include "platform/messages.h"
@@ -15,10 +16,29 @@ std::string reportPath;
 
 namespace {
 
-// The last position of c in path at or after index 2; npos when there is none.
-std::size_t lastFrom2(const std::string& path, char c) {
-    const std::size_t at = path.rfind(c);
-    return at != std::string::npos && at >= 2 ? at : std::string::npos;
+// Tells the user why a run left the report as it was, with what the engine said of it.
+void showNoResults(const ReportWrite& write, const std::string& outputPath) {
+    const EngineRun& run = lastEngineRun;
+    const std::string unchanged = formatC(" %s was not changed.", reportPath.c_str());
+    switch (write.outcome) {
+    case ReportWrite::Written:
+        return;
+    case ReportWrite::NoOutput:
+        showError("The fit gave no results: " + engineFailureText(run) + "." + unchanged);
+        return;
+    case ReportWrite::UnusableOutput: {
+        std::string text = formatC("The fit results in %s cannot be used: %s", outputPath.c_str(),
+                                   write.detail.c_str());
+        if (run.started && !(run.exited && run.exitCode == 0))
+            text += " (" + engineFailureText(run) + ")";
+        showError(text + "." + unchanged);
+        return;
+    }
+    case ReportWrite::NotWritten:
+        showError(formatC("Cannot write the report %s: %s. The fit results stay in %s.",
+                          reportPath.c_str(), write.detail.c_str(), outputPath.c_str()));
+        return;
+    }
 }
 
 // Runs the engine in workDir and stores its results; the stale output of an earlier run is
@@ -27,20 +47,34 @@ RunOutcome fitInWorkDir(EngineProgress* progress) {
     const std::string outputPath = inWorkDir(engineOutputName);
     if (fileExists(outputPath)) removeFile(outputPath);
     const bool started = runEngine(progress);
-    if (writeReport(outputPath, reportPath)) return RunOutcome::Fitted;
+    const ReportWrite write = writeReport(outputPath, reportPath);
+    if (write.outcome == ReportWrite::Written) return RunOutcome::Fitted;
+    showNoResults(write, outputPath);
     return started ? RunOutcome::NoResults : RunOutcome::EngineNotStarted;
 }
 
 } // namespace
 
 std::string deriveReportPath(const std::string& path) {
-    const std::size_t dot = lastFrom2(path, '.');
-    return dot == std::string::npos ? ".qpo" : path.substr(0, dot) + ".qpo";
+    const std::size_t slash = path.rfind('/');
+    const std::size_t nameStart = slash == std::string::npos ? 0 : slash + 1;
+    const std::size_t dot = path.rfind('.');
+    // A dot of the file name counts, but not a leading one (".hidden" has no extension).
+    if (dot == std::string::npos || dot <= nameStart) return path + reportExtension;
+    return path.substr(0, dot) + reportExtension;
 }
 
-std::string deriveWorkDir(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "" : path.substr(0, slash);
+std::string deriveWorkDir(const std::string& path) { return directoryOf(path); }
+
+bool prepareRun(const std::string& path) {
+    const std::string directory = directoryOf(path);
+    const std::string engineInputPath = pathIn(directory, engineInputName);
+    const std::string chiPath = pathIn(directory, chiDataName);
+    const std::string chitPath = pathIn(directory, chitDataName);
+    for (const std::string* stale : {&engineInputPath, &chiPath, &chitPath}) {
+        if (fileExists(*stale)) removeFile(*stale);
+    }
+    return readInputFile(path, engineInputPath, chiPath, chitPath);
 }
 
 RunOutcome runInputCycle(EngineProgress* progress) {
@@ -56,11 +90,6 @@ bool plotReport(const std::string& path) {
     auto updated = std::make_unique<FitDocument>(fitDocument);
     updated->calculationCount = 0;
     if (!readReportFile(path, *updated)) return false;
-    if (updated->calculationCount == 0) {
-        showError(formatC("The report %s holds no fit results (no \"Fitting Results\" section).",
-                          path.c_str()));
-        return false;
-    }
     fitDocument = *updated;
     reportPath = path;
     workDir = deriveWorkDir(path);

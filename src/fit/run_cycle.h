@@ -14,14 +14,18 @@ namespace corvane {
 extern std::string inputPath;
 extern std::string reportPath;
 
-// The report path for an input file: the path up to its last '.' (the first two characters
-// never count), followed by ".qpo"; ".qpo" when there is no such dot. A dot in a directory
-// name counts when the file name has none: /set1.2/run gives /set1.qpo.
+// The report path for an input file, always beside it: the path up to the last '.' of the file
+// name, followed by ".qpo"; a file name without a dot (or with only a leading one) gets ".qpo"
+// appended. A dot in a directory name never counts: /set1.2/run gives /set1.2/run.qpo.
 std::string deriveReportPath(const std::string& path);
 
-// The directory of a path: everything before its last '/'; "" for a file in the root and for
-// a path without '/'. Paths given here are absolute, as the file choosers return them.
+// The directory of the input file, where the engine works: directoryOf(path).
 std::string deriveWorkDir(const std::string& path);
+
+// Deletes input.txt, chi.txt and chit.txt in the directory of inputPath, then reads the input
+// file and writes fresh exchange files there (readInputFile). Returns false when the read or a
+// write failed, after its message; the engine must not be started then.
+bool prepareRun(const std::string& inputPath);
 
 enum class RunOutcome {
     Fitted,           // the report has been written and the document holds the new results

@@ -43,7 +43,8 @@ int createTemporaryBeside(const std::string& path, std::string& name) {
 
 } // namespace
 
-bool readWholeFile(const std::string& path, std::string& contents, std::string& error) {
+bool readWholeFile(const std::string& path, std::string& contents, std::string& error,
+                   std::size_t maxBytes) {
     std::FILE* file = std::fopen(path.c_str(), "rb");
     if (file == nullptr) {
         error = systemReason(errno);
@@ -52,7 +53,20 @@ bool readWholeFile(const std::string& path, std::string& contents, std::string& 
     contents.clear();
     char buffer[65536];
     std::size_t n = 0;
-    while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) contents.append(buffer, n);
+    while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
+        if (contents.size() + n > maxBytes) {
+            struct stat status {};
+            const bool sized = ::fstat(::fileno(file), &status) == 0 && S_ISREG(status.st_mode);
+            std::fclose(file);
+            contents.clear();
+            error =
+                sized ? "the file is " + std::to_string(status.st_size) + " bytes, more than the " +
+                            std::to_string(maxBytes) + " bytes it may hold"
+                      : "it holds more than the " + std::to_string(maxBytes) + " bytes it may hold";
+            return false;
+        }
+        contents.append(buffer, n);
+    }
     const bool failed = std::ferror(file) != 0;
     const int code = errno;
     std::fclose(file);

@@ -4,13 +4,16 @@
 // directory"); the caller decides what to tell the user.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
 namespace corvane {
 
-// Reads the whole file at path into contents (bytes as stored).
-bool readWholeFile(const std::string& path, std::string& contents, std::string& error);
+// Reads the whole file at path into contents (bytes as stored). A file larger than maxBytes is
+// not read: false, with its size and the limit in error.
+bool readWholeFile(const std::string& path, std::string& contents, std::string& error,
+                   std::size_t maxBytes = static_cast<std::size_t>(-1));
 
 // Writes contents to path whole or not at all: the bytes go to a new temporary file beside
 // path, are flushed to disk, and the temporary is renamed over path. On failure path is left

@@ -40,7 +40,6 @@ void initPlotSettings() {
     plotSettings.labelFont = font;
     plotSettings.labelColour = colour;
     plotLayout.referenceWidth = plotLayout.deviceWidth;
-    resetFitDocument();
 }
 
 void resetDisplayDefaults() {

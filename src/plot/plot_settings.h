@@ -112,7 +112,7 @@ void resetPlot();
 void measureDevice(Surface& surface);
 
 // Start-up: every default of plotSettings except the label font and colour, referenceWidth
-// from the last measureDevice, and the fit document's start-up values.
+// from the last measureDevice. (The fit document has its own start-up values: resetFitDocument.)
 void initPlotSettings();
 
 // The Default commands of the Display, Zoom and Select menus.

@@ -1,7 +1,9 @@
 #include "text/text.h"
 
 #include <algorithm>
+#include <charconv>
 #include <climits>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -102,6 +104,59 @@ int readLeadingInteger(std::string_view text) {
         value = std::min(value * 10 + (text[i] - '0'), beyond);
     return static_cast<int>(std::clamp(negative ? -value : value, static_cast<long long>(INT_MIN),
                                        static_cast<long long>(INT_MAX)));
+}
+
+bool parseReal(std::string_view token, double& value) {
+    if (token.empty() || token.find_first_of(" \t\n\v\f\r") != std::string_view::npos) return false;
+    std::size_t i = 0;
+    if (token[i] == '+' || token[i] == '-') ++i;
+    std::size_t digits = 0;
+    for (; i < token.size() && isDigit(token[i]); ++i) ++digits;
+    if (i < token.size() && token[i] == '.')
+        for (++i; i < token.size() && isDigit(token[i]); ++i) ++digits;
+    if (digits == 0) return false;
+    if (i < token.size() && (token[i] == 'e' || token[i] == 'E')) {
+        ++i;
+        if (i < token.size() && (token[i] == '+' || token[i] == '-')) ++i;
+        const std::size_t expStart = i;
+        while (i < token.size() && isDigit(token[i])) ++i;
+        if (i == expStart) return false;
+    }
+    if (i != token.size()) return false;
+    const double read = readLeadingReal(token);
+    if (!std::isfinite(read)) return false;
+    value = read;
+    return true;
+}
+
+bool parseInteger(std::string_view token, int& value) {
+    std::size_t i = 0;
+    if (!token.empty() && (token[0] == '+' || token[0] == '-')) ++i;
+    if (i == token.size()) return false;
+    for (std::size_t k = i; k < token.size(); ++k)
+        if (!isDigit(token[k])) return false;
+    const bool negative = token[0] == '-';
+    long long magnitude = 0;
+    for (; i < token.size(); ++i) {
+        magnitude = magnitude * 10 + (token[i] - '0');
+        if (magnitude > static_cast<long long>(INT_MAX) + 1) return false;
+    }
+    const long long signedValue = negative ? -magnitude : magnitude;
+    if (signedValue < INT_MIN || signedValue > INT_MAX) return false;
+    value = static_cast<int>(signedValue);
+    return true;
+}
+
+std::string formatExact(double value) {
+    // The shortest fixed-point text that reads back as value, widened to six decimals.
+    char buffer[400];
+    const auto result =
+        std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed);
+    std::string text(buffer, result.ptr);
+    const std::size_t point = text.find('.');
+    const std::size_t decimals = point == std::string::npos ? 0 : text.size() - point - 1;
+    if (decimals < 6) return formatC("%f", value);
+    return text;
 }
 
 std::string formatC(const char* format, ...) {

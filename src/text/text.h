@@ -34,6 +34,17 @@ std::string upperCopy(std::string_view text);
 double readLeadingReal(std::string_view text);
 int readLeadingInteger(std::string_view text);
 
+// A whole token read as a number: true when all of token (no blanks) is a decimal real as
+// readLeadingReal reads one and its value is finite, or a decimal integer within the int range.
+// value is left unchanged when the token is not such a number.
+bool parseReal(std::string_view token, double& value);
+bool parseInteger(std::string_view token, int& value);
+
+// value in fixed-point notation with at least six decimals ("%f"), and with as many more as it
+// takes for the text to read back as exactly the same double: 2.0 gives "2.000000", 1e-7 gives
+// "0.0000001", 0.1 + 0.2 gives "0.30000000000000004". Never an exponent. value must be finite.
+std::string formatExact(double value);
+
 // printf-style formatting that always uses the "C" locale, whatever the process locale is:
 // formatC("%f", 2.0) is "2.000000" on a German desktop too.
 std::string formatC(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -4,6 +4,7 @@
 
 #include "fit/exchange_files.h"
 #include "fit/fit_document.h"
+#include "fit/run_cycle.h"
 #include "platform/files.h"
 #include "support/fixtures.h"
 
@@ -39,6 +40,20 @@ TEST_F(ExchangeFilesTest, PreparingReplacesTheFilesOfEarlierRunsWithExactFormats
     EXPECT_EQ(dir.listing(), "bad.qpi cu2.qpi output.txt");
 }
 
+TEST_F(ExchangeFilesTest, TheEngineGetsTheUsersNumbersExactly) {
+    // Six decimals where they hold the value, as many more as it takes elsewhere.
+    ASSERT_TRUE(prepareRun(
+        dir.write("afm.qpi", "KEYWD DATA_FILE=XT PRECISION=0.0000001 G_START=2.1 G_STEP=0.0000004\n"
+                             "KEYWD C_START=0.1234567890123\nJ_VALUE1 -300 0.5\nSPIN_ON_SITE1 1\n"
+                             "SPIN_ON_SITE2 1\nINTERACTION sites 1 and 2 coupled by J1\n"
+                             "T_CHI 2.5 0.00012345678\nT_CHI 300 1.5e-3\n")));
+    EXPECT_EQ(dir.read("input.txt"), "0, 0, 1\n2\n1\n1\n5, 0.0000001\n"
+                                     "2.100000, 0.0000004\n0.1234567890123, 0.000000\n"
+                                     "0.000000, 0.000000\n0.000000, 0.000000\n"
+                                     "-300.000000, 0.500000\n1, 2, 5\n");
+    EXPECT_EQ(dir.read("chi.txt"), "2, 1, 2\n2.500000  0.00012345678\n300.000000  0.001500\n");
+}
+
 TEST_F(ExchangeFilesTest, ExchangeFilesGoBesideTheInputFile) {
     EXPECT_EQ(directoryOf("/data/cu2.qpi"), "/data");
     EXPECT_EQ(directoryOf("/cu2.qpi"), "");
@@ -61,7 +76,12 @@ TEST_F(ExchangeFilesTest, AFileThatCannotBeWrittenIsNamedAndNothingIsHalfWritten
     EXPECT_EQ(dir.listing(), "cu2.qpi input.txt");
     std::filesystem::remove(dir.file("input.txt"));
 
-    // The disk fills while the data file is written: the earlier one stays whole.
+    // The disk fills while the data file is written: no file of the run stays behind.
+    failNthFileWrite(2);
+    EXPECT_FALSE(prepareRun(dir.file("cu2.qpi")));
+    EXPECT_EQ(dir.listing(), "cu2.qpi");
+
+    // The disk fills while the data file is rewritten: the earlier one stays whole.
     ASSERT_TRUE(prepareRun(dir.file("cu2.qpi")));
     const std::string before = dir.read("chit.txt");
     fitDocument.pairs[0].observed = 99.0;

@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
 #include <regex>
@@ -62,7 +63,9 @@ TEST_F(ReportTest, TheReportHasItsExactLayout) {
         "    1         1\n    2         1\n"
         "\n  Interactions:\n  Between site #1 and site #2 is J1\n"
         "\n  Energy Unit: K\n"
-        "\n\n" + stars + "\n"
+        "\n\n" +
+        stars +
+        "\n"
         "  Fitting Results - Calculation # 1 with fiting squared diviation = 0.250000 "
         "(Convergence Tolerance = 0.000100)\n\n"
         "  Initial Parameters:\n"
@@ -83,7 +86,8 @@ TEST_F(ReportTest, TheReportHasItsExactLayout) {
         "  ______________________________________________________________\n"
         "  1   2.000000                  0.500000                       0.490000\n"
         "  2   300.000000                  0.001250                       0.001260\n"
-        "\n" + stars + "\n";
+        "\n" +
+        stars + "\n";
     EXPECT_EQ(reportText(*smallDocument(), "11/17/2026 04:22:28 PM"), expected);
 
     EXPECT_EQ(reportDate(0).size(), std::string("01/01/1970 12:00:00 AM").size());
@@ -111,7 +115,8 @@ TEST_F(ReportTest, AReportReadIntoAFreshDocumentGivesBackEveryPrintedValue) {
         calc.c = {-0.002, 0.0001, -0.003141};
         calc.zJ = {-0.5, 0.1, -0.25 - n};
         calc.tip = {-0.00012, 0.00001, -0.000123};
-        for (int k = 1; k <= 3; ++k) calc.j[slot(k)] = {-100.0 * k, 1.0 + n, -123.456789 * (k - 1 + n)};
+        for (int k = 1; k <= 3; ++k)
+            calc.j[slot(k)] = {-100.0 * k, 1.0 + n, -123.456789 * (k - 1 + n)};
         calc.deviation = 0.001234 * (n + 1);
         calc.firstPair = 1 + n;
         calc.lastPair = 5 - n / 2;
@@ -210,7 +215,7 @@ TEST_F(ReportTest, AReportBeyondTheDocumentsLimitsIsRejected) {
 
 // An engine output for the small problem: T, fitted, observed on each pair line.
 const char* const engineOutput = "0.0125 2.1 0.003\n-0.2 0.00015\n# 0.01 0.001 0 0\n"
-                                 "1 -97.25\n# 0.5\n2 1 2\n2 0.48 0.51\n300 0.0013 0.0012\n";
+                                 "1 -97.25\n# 0.5\n2 1 2\n2 0.48 0.5\n300 0.0013 0.00125\n";
 
 TEST_F(ReportTest, TheEngineOutputFillsTheNewestCalculationOrIsRejectedWhole) {
     auto doc = smallDocument();
@@ -223,9 +228,12 @@ TEST_F(ReportTest, TheEngineOutputFillsTheNewestCalculationOrIsRejectedWhole) {
     EXPECT_EQ(calc.tip.fitted, 0.00015);
     EXPECT_EQ(calc.j[0].fitted, -97.25);
     EXPECT_EQ(doc->pairs[1].temperature, 300.0);
-    EXPECT_EQ(doc->pairs[1].observed, 0.0012);
+    EXPECT_EQ(doc->pairs[1].observed, 0.00125);
     EXPECT_EQ(calc.fittedValues[1], 0.0013);
     EXPECT_EQ(doc->calculations[0].g.fitted, 2.05); // the older calculation is untouched
+    EXPECT_EQ(calc.g.uncertainty, 0.01);
+    EXPECT_EQ(calc.zJ.uncertainty, 0.0);
+    EXPECT_EQ(calc.j[0].uncertainty, 0.5);
 
     const struct {
         const char* text;
@@ -235,8 +243,16 @@ TEST_F(ReportTest, TheEngineOutputFillsTheNewestCalculationOrIsRejectedWhole) {
         {"0.1 2 0\n0 0\n#\n11 1 2 3 4 5 6 7 8 9 10 11\n#\n2 1 2\n", "line 4: 11 J values"},
         {"0.1 2 0\n0 0\n#\n1 -97\n#\n1001 1 1001\n", "line 6: 1001 pairs"},
         {"0.1 2 0\n0 0\n#\n1 -97\n#\n2 1 3\n1 1 1\n2 2 2\n", "line 6: the fitted range"},
-        {"0.1 2 0\n0 0\n#\n1 -97\n#\n3 1 3\n1 1 1\n2 2 2", "it ends after 2 of its 3 pair"},
-        {"\x7f" "ELF garbage\n\x01\x02\n\n\n\n\n\n", "line 6: 0 pairs"},
+        {"0.1 2 0\n0 0\n#\n1 -97\n#\n2 1 2\n2 0.48 0.5", "it ends after 1 of its 2 pair"},
+        {"\x7f"
+         "ELF garbage\n\x01\x02\n\n\n\n\n\n",
+         "line 1: the squared deviation"},
+        {"0.1 2 0\n0 0\n#\n3 -97 1 2\n#\n2 1 2\n", "line 4: 3 J values, but the problem has 1"},
+        {"0.1 2 inf\n0 0\n#\n1 -97\n#\n2 1 2\n", "line 1: the value of C \"inf\" is not"},
+        {"0.1 2 0\n0 0\n#\n1 -97\n#\n2 1 2\n2 1e12 0.5\n300 0.0013 0.00125\n",
+         "line 7: the fitted value 1e12 is too large for the report"},
+        {"0.1 2 0\n0 0\n#\n1 -97\n#\n2 1 2\n2 0.48 0.5\n299 0.0013 0.00125\n",
+         "line 8: pair 2 is not the problem's pair 2"},
     };
     for (const auto& fault : faults) {
         auto target = smallDocument();
@@ -248,33 +264,65 @@ TEST_F(ReportTest, TheEngineOutputFillsTheNewestCalculationOrIsRejectedWhole) {
 TEST_F(ReportTest, WritingTheReportConsumesTheOutputOrChangesNothing) {
     fitDocument = *smallDocument();
     const std::string output = dir.write("output.txt", engineOutput);
-    ASSERT_TRUE(writeReport(output, dir.file("cu2.qpo")));
+    ASSERT_EQ(writeReport(output, dir.file("cu2.qpo")).outcome, ReportWrite::Written);
     EXPECT_EQ(dir.listing(), "cu2.qpo");
     EXPECT_EQ(fitDocument.calculations[0].j[0].fitted, -97.25);
     const std::string report = dir.read("cu2.qpo");
-    EXPECT_EQ(report.substr(report.find("  TITLE")), reportText(fitDocument, "").substr(
-                                                          reportText(fitDocument, "").find("  TITLE")));
+    EXPECT_EQ(report.substr(report.find("  TITLE")),
+              reportText(fitDocument, "").substr(reportText(fitDocument, "").find("  TITLE")));
 
     // The disk fills while the report is written: report, document and output as they were.
     dir.write("output.txt", std::string(engineOutput).replace(0, 6, "0.0222"));
     failNthFileWrite(1);
-    EXPECT_FALSE(writeReport(output, dir.file("cu2.qpo")));
+    const ReportWrite full = writeReport(output, dir.file("cu2.qpo"));
+    EXPECT_EQ(full.outcome, ReportWrite::NotWritten);
+    EXPECT_EQ(full.detail, "No space left on device");
     EXPECT_EQ(dir.read("cu2.qpo"), report);
     EXPECT_EQ(fitDocument.calculations[0].deviation, 0.0125);
     EXPECT_EQ(dir.listing(), "cu2.qpo output.txt");
-    ASSERT_EQ(port.messages.size(), 1u);
-    EXPECT_EQ(port.messages[0].text, "Cannot write the report " + dir.file("cu2.qpo") +
-                                         ": No space left on device. The fit results stay in " +
-                                         output + ".");
 
-    // No output at all, and no run to blame.
-    dir.write("output.txt", "");
     std::filesystem::remove(output);
-    EXPECT_FALSE(writeReport(output, dir.file("cu2.qpo")));
-    EXPECT_EQ(port.messages.back().text, "The fit gave no results: " + output +
-                                             ": No such file or directory. " +
-                                             dir.file("cu2.qpo") + " was not changed.");
+    EXPECT_EQ(writeReport(output, dir.file("cu2.qpo")).outcome, ReportWrite::NoOutput);
     EXPECT_EQ(dir.read("cu2.qpo"), report);
+}
+
+// A report cut anywhere is refused, or reads as the calculations it holds whole: no value of a
+// document read from it is missing or made up.
+TEST_F(ReportTest, AReportCutShortIsRefusedWhereverItEnds) {
+    auto doc = smallDocument();
+    doc->calculationCount = 2;
+    doc->calculations[1] = doc->calculations[0];
+    doc->calculations[1].g.fitted = 2.0625;
+    const std::string full = reportText(*doc, "11/17/2026 04:22:28 PM");
+    const std::size_t firstEnd = full.find(std::string(78, '*') + "\n\n\n") + 79;
+    int refused = 0;
+    for (std::size_t cut = 0; cut < full.size(); ++cut) {
+        auto read = std::make_unique<FitDocument>();
+        read->calculationCount = 0;
+        std::string problem;
+        if (!readReportText(full.substr(0, cut), *read, problem)) {
+            ++refused;
+            continue;
+        }
+        // Taken only when every section it holds is whole: the first alone, or both.
+        const int held = cut < full.size() - 1 ? 1 : 2;
+        ASSERT_TRUE((cut >= firstEnd - 1 && cut <= firstEnd + 2) || held == 2) << cut;
+        ASSERT_EQ(read->calculationCount, held) << cut;
+        auto expected = std::make_unique<FitDocument>(*doc);
+        expected->calculationCount = held;
+        EXPECT_EQ(reportText(*read, "d"), reportText(*expected, "d")) << cut;
+    }
+    EXPECT_EQ(refused, static_cast<int>(full.size()) - 5);
+
+    // Through the file: a message naming the file and what is missing; the document stays.
+    fitDocument.title = "before";
+    EXPECT_FALSE(readReport(dir.write("cut.qpo", full.substr(0, full.size() - 200))));
+    ASSERT_EQ(port.messages.size(), 1u);
+    EXPECT_EQ(port.messages[0].text,
+              "Cannot read the report " + dir.file("cut.qpo") +
+                  ", the file ends in the pairs of calculation # 2, after 0 of 2 pairs; it is "
+                  "not complete.");
+    EXPECT_EQ(fitDocument.title, "before");
 }
 
 } // namespace

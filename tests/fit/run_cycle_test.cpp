@@ -13,10 +13,11 @@
 namespace corvane {
 namespace {
 
-const char* const dimer = "TITLE Cu2\nKEYWD DATA_FILE=XTT ENERGY_UNIT=K PRECISION=0.0001\n"
-                          "KEYWD G_START=2.0 G_STEP=0.01\nJ_VALUE1 -100 1\n"
-                          "SPIN_ON_SITE1 1\nSPIN_ON_SITE2 1\n"
-                          "INTERACTION sites 1 and 2 coupled by J1\nT_CHI 2 0.51\nT_CHI 300 0.0012\n";
+const char* const dimer =
+    "TITLE Cu2\nKEYWD DATA_FILE=XTT ENERGY_UNIT=K PRECISION=0.0001\n"
+    "KEYWD G_START=2.0 G_STEP=0.01\nJ_VALUE1 -100 1\n"
+    "SPIN_ON_SITE1 1\nSPIN_ON_SITE2 1\n"
+    "INTERACTION sites 1 and 2 coupled by J1\nT_CHI 2 0.51\nT_CHI 300 0.0012\n";
 
 // What a good engine leaves for that problem.
 const char* const goodOutput = "0.0125 2.1 0.003\n-0.2 0.00015\n# 0.01 0.001 0 0\n"
@@ -56,15 +57,21 @@ protected:
     Recorder progress;
 };
 
-TEST(RunCyclePaths, ReportPathAndWorkingDirectoryComeFromTheInputPath) {
-    EXPECT_EQ(deriveReportPath("/fits/dimer.qpi"), "/fits/dimer.qpo");
-    EXPECT_EQ(deriveReportPath("/set1.2/run"), "/set1.qpo");
-    EXPECT_EQ(deriveReportPath("/my fits/a.b.qpi"), "/my fits/a.b.qpo");
-    EXPECT_EQ(deriveReportPath("a.b"), ".qpo"); // the first two characters never count
-    EXPECT_EQ(deriveReportPath("/fits/run"), ".qpo");
+TEST(RunCyclePaths, TheReportIsAlwaysBesideItsInputFile) {
+    const std::pair<const char*, const char*> reports[] = {
+        {"/fits/dimer.qpi", "/fits/dimer.qpo"},
+        {"/my fits/a.b.qpi", "/my fits/a.b.qpo"},
+        {"/dir/dot.dir/noext/fitfile", "/dir/dot.dir/noext/fitfile.qpo"},
+        {"plain/fitfile", "plain/fitfile.qpo"},
+        {"a.b", "a.qpo"},
+        {"/fits/.hidden", "/fits/.hidden.qpo"},
+    };
+    for (const auto& [input, report] : reports) EXPECT_EQ(deriveReportPath(input), report);
+    // One directory rule for every file of a run.
     EXPECT_EQ(deriveWorkDir("/fits/dimer.qpi"), "/fits");
     EXPECT_EQ(deriveWorkDir("/dimer.qpi"), "");
-    EXPECT_EQ(deriveWorkDir("dimer.qpi"), "");
+    workDir = deriveWorkDir("dimer.qpi");
+    EXPECT_EQ(inWorkDir(engineInputName), "./input.txt");
 }
 
 TEST_F(RunCycleTest, AFitWritesTheReportAndPassesTheEnginesProgressOn) {
@@ -96,8 +103,8 @@ TEST_F(RunCycleTest, AFailedRunLeavesReportAndDocumentAsTheyWereAndSaysWhy) {
         std::string message;
     } faults[] = {
         {"missing", "", RunOutcome::EngineNotStarted,
-         "The fit gave no results: the fitting engine could not be started (" +
-             dir.file("none") + ": No such file or directory)."},
+         "The fit gave no results: the fitting engine could not be started (" + dir.file("none") +
+             ": No such file or directory)."},
         {"no output", "echo 'corefit: input.txt line 4: site 2 has spin 0' >&2; exit 2",
          RunOutcome::NoResults,
          "The fit gave no results: the fitting engine stopped with exit code 2: corefit: "
@@ -110,6 +117,10 @@ TEST_F(RunCycleTest, AFailedRunLeavesReportAndDocumentAsTheyWereAndSaysWhy) {
              " cannot be used: it ends after 1 of its 2 pair lines."},
         {"garbage", "head -c 300 /bin/sh > \"$out\"", RunOutcome::NoResults,
          "The fit results in " + dir.file("output.txt") + " cannot be used: "},
+        {"another problem", "printf '0.1 2 0\\n0 0\\n#\\n3 1 2 3\\n#\\n3 1 3\\n' > \"$out\"",
+         RunOutcome::NoResults, "cannot be used: line 4: 3 J values, but the problem has 1."},
+        {"not finite", "printf '0.1 nan 0\\n0 0\\n#\\n1 -97\\n#\\n2 1 2\\n' > \"$out\"",
+         RunOutcome::NoResults, "line 1: the value of g \"nan\" is not a finite number."},
         {"killed", "echo 'iteration 1'; printf '0.1 2' > \"$out\"; kill -9 $$",
          RunOutcome::NoResults, " (the fitting engine was killed by signal 9 (Killed))."},
     };
@@ -152,7 +163,8 @@ TEST_F(RunCycleTest, AReportLoadedForPlottingCanBeFittedAgainWithTheRealEngine) 
     resetFitDocument();
     fitDocument.calculationCount = 3;
     workDir = "/nonexistent";
-    for (const char* name : {"input.txt", "chit.txt", "cu2.qpi"}) std::filesystem::remove(dir.file(name));
+    for (const char* name : {"input.txt", "chit.txt", "cu2.qpi"})
+        std::filesystem::remove(dir.file(name));
     ASSERT_TRUE(plotReport(report));
     EXPECT_EQ(fitDocument.calculationCount, 1);
     EXPECT_EQ(workDir, dir.path());
