@@ -338,6 +338,15 @@ std::string readableText(std::string contents) {
 
 } // namespace
 
+bool readInputText(const std::string& contents, const std::string& name, FitDocument& doc) {
+    // Read into a copy, so that no half-read problem or count above its limit is ever seen.
+    auto scratch = std::make_unique<FitDocument>(doc);
+    InputReader reader(name, cutIntoPieces(readableText(contents), inputLineLength), *scratch);
+    if (!reader.read()) return false;
+    doc = *scratch;
+    return true;
+}
+
 bool readInputFile(const std::string& inputPath, const std::string& engineInputPath,
                    const std::string& chiPath, const std::string& chitPath) {
     std::string contents;
@@ -346,12 +355,7 @@ bool readInputFile(const std::string& inputPath, const std::string& engineInputP
         showError(formatC("Cannot read %s: %s", inputPath.c_str(), reason.c_str()));
         return false;
     }
-    // Read into a copy, so that no half-read problem or count above its limit is ever seen.
-    auto scratch = std::make_unique<FitDocument>(fitDocument);
-    InputReader reader(inputPath, cutIntoPieces(readableText(std::move(contents)), inputLineLength),
-                       *scratch);
-    if (!reader.read()) return false;
-    fitDocument = *scratch;
+    if (!readInputText(contents, inputPath, fitDocument)) return false;
     return writeExchangeFiles(engineInputPath,
                               fitDocument.dataKind == DataKind::Chi ? chiPath : chitPath);
 }

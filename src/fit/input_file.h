@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "fit/fit_document.h"
+
 namespace corvane {
 
 // Reads the input file at inputPath into fitDocument as calculation 1 and, on success, writes
@@ -15,6 +17,10 @@ namespace corvane {
 // messages: a file that cannot be opened, a count above its limit, a J or site number below 1,
 // an exchange file that cannot be written. Returns false after any of them; no exchange file
 // is written after a failed read.
+// Reads the text of an input file into doc as calculation 1, as readInputFile does, without
+// writing anything; name is the file named in messages. A failed read leaves doc as it was.
+bool readInputText(const std::string& contents, const std::string& name, FitDocument& doc);
+
 bool readInputFile(const std::string& inputPath, const std::string& engineInputPath,
                    const std::string& chiPath, const std::string& chitPath);
 

@@ -324,6 +324,10 @@ public:
             return fail(
                 formatC("the file ends after the opening line of a section (line %d)", opened_));
         if (!sectionSeen_) return fail("it holds no fit results (no \"Fitting Results\" section)");
+        constexpr const char* headParts[] = {"number of spin sites", "table of spins",
+                                             "list of interactions"};
+        for (std::size_t part = 0; part < headSeen_.size(); ++part)
+            if (!headSeen_[part]) return fail(formatC("it has no %s", headParts[part]));
         return checkNumbers();
     }
 
@@ -353,13 +357,16 @@ private:
         return !cut || holds(*line_, label::asterisks) || endsIn(where);
     }
 
+    // Values as the writer prints them: finite and small enough for a line of the report.
     bool number(const char* what, std::string_view token, double& value) {
-        if (parseReal(token, value)) return true;
-        return fail(formatC("the %s \"%s\" is not a number", what, std::string(token).c_str()));
+        if (parseReal(token, value) && std::fabs(value) <= maxValueMagnitude) return true;
+        return fail(formatC("the %s \"%s\" is not a number of the report", what,
+                            std::string(token).c_str()));
     }
     bool numberAfter(std::string_view name, double& value) {
-        if (realAfter(line_->text, name, value)) return true;
-        return fail(formatC("no number after \"%s\"", std::string(name).c_str()));
+        if (realAfter(line_->text, name, value) && std::fabs(value) <= maxValueMagnitude)
+            return true;
+        return fail(formatC("no number of the report after \"%s\"", std::string(name).c_str()));
     }
     bool wholeAfter(std::string_view name, int& value) {
         if (integerAfter(line_->text, name, value)) return true;
@@ -376,6 +383,7 @@ private:
         }
         if (holds(*line_, label::spinSites)) {
             if (!wholeAfter(label::spinSites, doc_.siteCount)) return false;
+            headSeen_[0] = true;
             if (!countFits(doc_.siteCount, maxSites))
                 return fail(
                     formatC("%d spin sites; the document holds 0 to %d", doc_.siteCount, maxSites));
@@ -393,6 +401,7 @@ private:
         }
         if (holds(*line_, label::interactions)) {
             doc_.interactionCount = 0;
+            headSeen_[2] = true;
             if (!row("the interactions")) return false;
             while (holds(*line_, label::betweenSite)) {
                 if (++doc_.interactionCount > maxInteractions)
@@ -559,6 +568,7 @@ private:
     const LinePiece* line_ = nullptr;
     int opened_ = 0; // the line of a section's opening asterisks not yet followed by its heading
     bool sectionSeen_ = false;
+    std::array<bool, 3> headSeen_{}; // number of sites, table of spins, interactions
     std::array<int, maxInteractions> interactionLines_{};
     std::string problem_;
 };

@@ -2,15 +2,18 @@
 // It takes the same command line as libFuzzer's: -runs=N and seed files or directories.
 // Every input is a seed changed by a few random edits (bytes flipped, inserted or deleted,
 // digits and lines replaced, numbers made huge or negative, the input cut short).
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
@@ -36,9 +39,9 @@ std::vector<std::string> readSeeds(const std::vector<std::string>& paths) {
 }
 
 std::string mutate(std::string text, const std::vector<std::string>& seeds, std::mt19937& random) {
-    static const char* const tokens[] = {"-1", "0", "11", "21", "101", "1001", "99999999999",
-                                         "-2147483648", "1e308", "nan", "!", "\r", "\n", " ",
-                                         "\t", "Calculation # ", "Interactions:", "*"};
+    static const char* const tokens[] = {
+        "-1",  "0", "11", "21", "101", "1001", "99999999999",    "-2147483648",   "1e308",
+        "nan", "!", "\r", "\n", " ",   "\t",   "Calculation # ", "Interactions:", "*"};
     const auto pick = [&](std::size_t n) {
         return n == 0 ? 0 : std::uniform_int_distribution<std::size_t>(0, n - 1)(random);
     };
@@ -47,7 +50,8 @@ std::string mutate(std::string text, const std::vector<std::string>& seeds, std:
         const std::size_t at = pick(text.size() + 1);
         switch (pick(7)) {
         case 0: // flip a byte
-            if (!text.empty()) text[std::min(at, text.size() - 1)] ^= static_cast<char>(1 << pick(8));
+            if (!text.empty())
+                text[std::min(at, text.size() - 1)] ^= static_cast<char>(1 << pick(8));
             break;
         case 1: // insert a random byte
             text.insert(at, 1, static_cast<char>(pick(256)));
@@ -77,9 +81,28 @@ std::string mutate(std::string text, const std::vector<std::string>& seeds, std:
     return text;
 }
 
+// The input under test, written to the file crash-input when the target aborts or crashes, so
+// that the fault can be run again: fuzz_TARGET crash-input.
+const std::string* current = nullptr;
+
+extern "C" void saveCurrentInput(int signal) {
+    if (current != nullptr) {
+        const int fd = ::open("crash-input", O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd >= 0) {
+            (void)!::write(fd, current->data(), current->size());
+            ::close(fd);
+        }
+        static const char note[] = "fuzz driver: the failing input is in crash-input\n";
+        (void)!::write(2, note, sizeof note - 1);
+    }
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+    for (int signal : {SIGABRT, SIGSEGV, SIGFPE, SIGBUS}) std::signal(signal, saveCurrentInput);
     long runs = 10000;
     std::vector<std::string> paths;
     for (int i = 1; i < argc; ++i) {
@@ -92,12 +115,14 @@ int main(int argc, char** argv) {
     std::mt19937 random(20261123);
     std::size_t bytes = 0;
     for (const std::string& seed : seeds) {
+        current = &seed;
         LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(seed.data()), seed.size());
     }
     for (long run = 0; run < runs; ++run) {
-        const std::string input = mutate(seeds[static_cast<std::size_t>(run) % seeds.size()],
-                                         seeds, random);
+        const std::string input =
+            mutate(seeds[static_cast<std::size_t>(run) % seeds.size()], seeds, random);
         bytes += input.size();
+        current = &input;
         LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(input.data()), input.size());
     }
     std::printf("%ld mutated inputs (%zu bytes) from %zu seeds: no fault\n", runs, bytes,
