@@ -398,6 +398,7 @@ private:
                     return fail(formatC("the spin of site %d is not a whole number from 1 to %d", s,
                                         maxTwiceSpin));
             }
+            headSeen_[1] = true;
         }
         if (holds(*line_, label::interactions)) {
             doc_.interactionCount = 0;
