@@ -12,6 +12,7 @@
 
 #include <CLI/CLI.hpp>
 #include <charconv>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -40,6 +41,10 @@ enum ExitCode : int {
     exitInterrupted = 4,  // interrupted: the report holds the best fit found until then
     exitPlotFailed = 5,   // the plot could not be written
 };
+
+// Progress and notes go to the standard output, or to the standard error stream when the
+// standard output carries the results as JSON.
+std::FILE* chatter = stdout;
 
 // What to draw and where, for plot and run -o.
 struct PlotRequest {
@@ -75,7 +80,7 @@ int writePlot(const PlotRequest& request) {
                      error.c_str());
         return exitPlotFailed;
     }
-    std::printf("Wrote %s\n", request.output.c_str());
+    std::fprintf(chatter, "Wrote %s\n", request.output.c_str());
     return exitOk;
 }
 
@@ -132,15 +137,24 @@ extern "C" void onInterrupt(int signal) { interruptSignal = signal; }
 class TerminalProgress final : public EngineProgress {
 public:
     void status(const std::string& text) override {
-        std::printf("%s\n", text.c_str());
-        std::fflush(stdout);
+        std::fprintf(chatter, "%s\n", text.c_str());
+        std::fflush(chatter);
     }
     void line(const std::string& text) override {
-        std::printf("  %s\n", text.c_str());
-        std::fflush(stdout);
+        std::fprintf(chatter, "  %s\n", text.c_str());
+        std::fflush(chatter);
     }
     bool interruptRequested() override { return interruptSignal != 0; }
 };
+
+// A fitted value with its standard uncertainty: "2.100000 +/- 0.000120", "(fixed)" for a
+// fixed parameter, "(not determined by the data)" where the data cannot fix it.
+std::string withUncertainty(const FitParameter& p) {
+    const std::string value = formatC("%f", p.fitted);
+    if (p.step == 0.0) return value + " (fixed)";
+    if (std::isnan(p.uncertainty)) return value + " (not determined by the data)";
+    return value + " +/- " + formatC("%.2g", p.uncertainty);
+}
 
 void printResults() {
     const FitDocument& doc = fitDocument;
@@ -149,16 +163,22 @@ void printResults() {
     std::printf("Calculation # %d: squared deviation %s, pairs %d to %d of %d\n", n,
                 formatC("%g", calc.deviation).c_str(), calc.firstPair, calc.lastPair,
                 doc.pairCount);
-    std::printf("  g = %s   C = %s   zJ = %s %s   Xtip = %s\n",
-                formatC("%f", calc.g.fitted).c_str(), formatC("%f", calc.c.fitted).c_str(),
-                formatC("%f", calc.zJ.fitted).c_str(), unitName(doc),
-                formatC("%f", calc.tip.fitted).c_str());
+    const std::string unit = unitName(doc);
+    const std::pair<const char*, std::string> rows[] = {
+        {"g", withUncertainty(calc.g)},
+        {"C", withUncertainty(calc.c) + "  cm3 K mol-1"},
+        {"zJ", withUncertainty(calc.zJ) + "  " + unit},
+        {"Xtip", withUncertainty(calc.tip) + "  cm3 mol-1"}};
+    for (const auto& [name, text] : rows) std::printf("  %-4s = %s\n", name, text.c_str());
     for (int k = 1; k <= doc.jCount; ++k)
-        std::printf("  J%d = %s %s\n", k, formatC("%f", calc.j[slot(k)].fitted).c_str(),
-                    unitName(doc));
+        std::printf("  J%-3d = %s  %s\n", k, withUncertainty(calc.j[slot(k)]).c_str(),
+                    unit.c_str());
 }
 
-int runCommand(const std::string& path, const PlotRequest& plot) {
+nlohmann::ordered_json documentJson(const FitDocument& doc);
+
+int runCommand(const std::string& path, const PlotRequest& plot, bool json) {
+    chatter = json ? stderr : stdout;
     inputPath = absolutePath(path);
     std::signal(SIGINT, onInterrupt);
     std::signal(SIGTERM, onInterrupt);
@@ -176,16 +196,19 @@ int runCommand(const std::string& path, const PlotRequest& plot) {
     case RunOutcome::Fitted:
         break;
     }
-    std::printf("Wrote %s\n", reportPath.c_str());
-    printResults();
+    std::fprintf(chatter, "Wrote %s\n", reportPath.c_str());
+    if (json)
+        std::printf("%s\n", documentJson(fitDocument).dump(2).c_str());
+    else
+        printResults();
     if (!lastEngineRun.interrupted && lastEngineRun.exited && lastEngineRun.exitCode != 0)
-        std::printf("Note: %s; see %s/%s.\n", engineFailureText(lastEngineRun).c_str(),
-                    workDir.c_str(), engineLogName);
+        std::fprintf(chatter, "Note: %s; see %s/%s.\n", engineFailureText(lastEngineRun).c_str(),
+                     workDir.c_str(), engineLogName);
     if (!plot.output.empty()) {
         if (const int code = writePlot(plot); code != exitOk) return code;
     }
     if (lastEngineRun.interrupted) {
-        std::printf("Interrupted: the report holds the best fit found until then.\n");
+        std::fprintf(chatter, "Interrupted: the report holds the best fit found until then.\n");
         return exitInterrupted;
     }
     return exitOk;
@@ -193,8 +216,13 @@ int runCommand(const std::string& path, const PlotRequest& plot) {
 
 // [SECTION] export
 
+// A parameter; its standard uncertainty is null where it is not known (a fit read from a
+// report) or the data cannot determine it, 0 for a fixed parameter.
 nlohmann::ordered_json parameterJson(const FitParameter& p) {
-    return {{"start", p.start}, {"step", p.step}, {"fitted", p.fitted}};
+    nlohmann::ordered_json uncertainty = nullptr;
+    if (std::isfinite(p.uncertainty)) uncertainty = p.uncertainty;
+    return {
+        {"start", p.start}, {"step", p.step}, {"fitted", p.fitted}, {"uncertainty", uncertainty}};
 }
 
 nlohmann::ordered_json documentJson(const FitDocument& doc) {
@@ -299,6 +327,10 @@ int main(int argc, char** argv) {
     run->add_option("FILE", path, "fitting input file (.qpi)")->required();
     PlotRequest plot;
     addPlotOptions(run, plot, false);
+    bool runJson = false;
+    run->add_flag("--json", runJson,
+                  "print the fit as JSON, with the standard uncertainties and correlations of the "
+                  "fitted values (progress goes to the error stream)");
 
     bool json = false, csv = false;
     CLI::App* exporter = app.add_subcommand(
@@ -320,7 +352,7 @@ int main(int argc, char** argv) {
     initPlotSettings();
     resetFitDocument();
     if (prepare->parsed()) return prepareCommand(path);
-    if (run->parsed()) return runCommand(path, plot);
+    if (run->parsed()) return runCommand(path, plot, runJson);
     if (plotter->parsed()) return plotCommand(path, plot);
     if (exporter->parsed()) return exportCommand(path, csv);
     return exitOk;

@@ -3,7 +3,8 @@
 
 The susceptibility is computed by exact diagonalisation of
 H = -2 sum J_p Sa.Sb in the product basis, one total-Mz block at a time, then
-chi = chi'(zJ) + C/T + Xtip with 1 % Gaussian noise on each observed value.
+chi = chi'(zJ) + C/T + Xtip with Gaussian noise of one size for every observed value:
+0.3 % of the largest observed value, as an unweighted fit and its uncertainties assume.
 The output is deterministic: running the script again rewrites the same bytes.
 
     python3 examples/synthesize.py           write the .qpi files next to this script
@@ -17,7 +18,7 @@ import sys
 C0 = 0.375148096                                  # N muB^2 / k, cm3 K mol-1
 TO_KELVIN = {"CM-1": 1.4387768775, "MEV": 11.6045181216, "K": 1.0}
 UNIT_NAME = {"CM-1": "cm-1", "MEV": "meV", "K": "K"}
-NOISE = 0.01                                      # relative standard deviation
+NOISE = 0.003                                     # standard deviation / largest value
 TEMPERATURES = ([float(t) for t in range(2, 10)] + [float(t) for t in range(10, 20, 2)]
                 + [float(t) for t in range(20, 100, 5)] + [float(t) for t in range(100, 301, 10)])
 
@@ -138,7 +139,8 @@ def render(ex):
         "! Synthetic data written by synthesize.py, true values: g = %s, %s," % (num(ex["g"]), js),
         "! zJ = %s %s, C = %s cm3 K mol-1, Xtip = %s cm3 mol-1."
         % (num(ex["zJ"]), unit, num(ex["C"]), num(ex["xtip"])),
-        "! Noise: Gaussian, 1 %% relative standard deviation, random seed %d." % ex["seed"],
+        "! Noise: Gaussian, one standard deviation for all points (0.3 %% of the largest value),"
+        " random seed %d." % ex["seed"],
         "! " + ex["note"],
         "! Observed values are %s; T in K." % quantity,
         "! Spins are given as 2S; J in the H = -2 sum J Sa.Sb convention"
@@ -152,11 +154,13 @@ def render(ex):
     lines += ["J_VALUE%d %s %s" % (i + 1, num(s), num(d)) for i, (s, d) in enumerate(st["J"])]
     lines += ["SPIN_ON_SITE%d %d" % (i + 1, s2) for i, s2 in enumerate(ex["spins2"])]
     lines += ["INTERACTION sites %d and %d coupled by J%d" % p for p in ex["pairs"]]
+    values = []
     for t in TEMPERATURES:
         y = chi(levels, t, ex["g"], ex["zJ"] * k, ex["C"], ex["xtip"])
-        if ex["data"] == "XTT":
-            y *= t
-        lines.append("T_CHI %.1f %.6g" % (t, y * (1.0 + NOISE * rng.gauss(0.0, 1.0))))
+        values.append(y * t if ex["data"] == "XTT" else y)
+    sigma = NOISE * max(values)
+    for t, y in zip(TEMPERATURES, values):
+        lines.append("T_CHI %.1f %.6g" % (t, y + sigma * rng.gauss(0.0, 1.0)))
     return "\n".join(lines) + "\n"
 
 

@@ -1,4 +1,5 @@
 // corvane-fit as a user runs it: exit codes, what it prints, what it leaves on disk.
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -45,6 +46,28 @@ TEST(CorvaneFit, PrepareWritesTheExchangeFilesAndSaysWhere) {
         << outcome.out;
     EXPECT_NE(outcome.out.find("Wrote " + dir.file("my data/chit.txt") + "\n"), std::string::npos);
     EXPECT_TRUE(dir.has("my data/input.txt") && dir.has("my data/chit.txt"));
+}
+
+// chi of a copper(II) dimer is of the order of 1e-4 cm3 mol-1 when J is -300 cm-1: six decimals
+// would keep one or two of its digits, so the engine must get them all.
+TEST(CorvaneFit, NoiseFreeChiOfAStrongAntiferromagnetGivesBackGAndJ) {
+    testing::ScratchDir dir;
+    const double g = 2.1, j = -300.0, jKelvin = j * 1.4387768775, c0 = 0.375148096;
+    std::string input = "TITLE Cu2, J = -300 cm-1\nKEYWD DATA_FILE=XT ENERGY_UNIT=CM-1 "
+                        "PRECISION=1e-12\nKEYWD G_START=2.0 G_STEP=0.01\n"
+                        "J_VALUE1 -250 1\nSPIN_ON_SITE1 1\nSPIN_ON_SITE2 1\n"
+                        "INTERACTION sites 1 and 2 coupled by J1\n";
+    for (int t = 60; t <= 300; t += 10) {
+        const double triplet = std::exp(2 * jKelvin / t); // H = -2J S1.S2: the triplet at -2J
+        const double chi = c0 * g * g / t * 2 * triplet / (1 + 3 * triplet);
+        input += formatC("T_CHI %d %.17g\n", t, chi);
+    }
+    const Outcome outcome = run(dir, {"run", dir.write("cu2.qpi", input), "--json"});
+    ASSERT_EQ(outcome.exitCode, 0) << outcome.err;
+    const nlohmann::json fit = nlohmann::json::parse(outcome.out)["calculations"][0];
+    EXPECT_NEAR(fit["g"]["fitted"].get<double>(), g, 1e-5 * g);
+    EXPECT_NEAR(fit["J"][0]["fitted"].get<double>(), j, 1e-5 * -j);
+    EXPECT_TRUE(fit["g"]["uncertainty"].is_number());
 }
 
 TEST(CorvaneFit, EveryBundledExampleIsReadWithoutComplaint) {

@@ -50,10 +50,15 @@ TEST(Text, FormatCWritesAPointWhateverTheLocale) {
     EXPECT_EQ(formatC("%s", std::string(300, 'x').c_str()), std::string(300, 'x'));
     if (std::setlocale(LC_NUMERIC, "de_DE.UTF-8") == nullptr) GTEST_SKIP() << "no de_DE locale";
     const std::string formatted = formatC("%f", 2.0);
+    const std::string exact = formatExact(1.2345678e-4) + " " + formatExact(-300.0);
     const double read = readLeadingReal("1.25");
+    double parsed = 0.0;
+    const bool whole = parseReal("0.5", parsed);
     std::setlocale(LC_NUMERIC, "C");
     EXPECT_EQ(formatted, "2.000000");
+    EXPECT_EQ(exact, "0.00012345678 -300.000000");
     EXPECT_EQ(read, 1.25);
+    EXPECT_TRUE(whole && parsed == 0.5);
 }
 
 } // namespace
