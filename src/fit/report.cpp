@@ -430,6 +430,7 @@ private:
     bool readSectionHeading() {
         int n = 0;
         if (!wholeAfter(label::section, n)) return false;
+        if (n < 1) return fail(formatC("calculation # %d; calculations are numbered from 1", n));
         if (n <= doc_.calculationCount) {
             while (advance() && !holds(*line_, label::asterisks)) {
             }
