@@ -136,19 +136,26 @@ void appendSection(std::string& out, const FitDocument& doc, int n) {
 
 // The number that directly follows label in text (blanks before it skipped), read up to the
 // first character that cannot continue it. False when the label or the number is missing.
-bool realAfter(std::string_view text, std::string_view name, double& value) {
+// The number that directly follows name in text (blanks before it skipped). It must end the
+// word: a blank, the line's end or one of the characters in ends follows it, so that "0,5" is
+// no number rather than 0. False when the name or such a number is missing.
+std::string_view numberText(std::string_view text, std::string_view name, const char* chars,
+                            std::string_view ends) {
     const std::size_t at = text.find(name);
-    if (at == std::string_view::npos) return false;
+    if (at == std::string_view::npos) return {};
     std::string_view rest = text.substr(at + name.size());
     rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
-    return parseReal(rest.substr(0, rest.find_first_not_of("0123456789+-.eE")), value);
+    const std::size_t end = std::min(rest.find_first_not_of(chars), rest.size());
+    if (end < rest.size() && rest[end] != ' ' && rest[end] != '\n' &&
+        ends.find(rest[end]) == std::string_view::npos)
+        return {};
+    return rest.substr(0, end);
+}
+bool realAfter(std::string_view text, std::string_view name, double& value) {
+    return parseReal(numberText(text, name, "0123456789+-.eE", ")"), value);
 }
 bool integerAfter(std::string_view text, std::string_view name, int& value) {
-    const std::size_t at = text.find(name);
-    if (at == std::string_view::npos) return false;
-    std::string_view rest = text.substr(at + name.size());
-    rest.remove_prefix(std::min(rest.find_first_not_of(' '), rest.size()));
-    return parseInteger(rest.substr(0, rest.find_first_not_of("0123456789+-")), value);
+    return parseInteger(numberText(text, name, "0123456789+-", "."), value);
 }
 bool holds(const LinePiece& piece, std::string_view text) {
     return piece.text.find(text) != std::string::npos;
@@ -328,6 +335,9 @@ public:
                                              "list of interactions"};
         for (std::size_t part = 0; part < headSeen_.size(); ++part)
             if (!headSeen_[part]) return fail(formatC("it has no %s", headParts[part]));
+        if (tableSites_ != doc_.siteCount)
+            return fail(formatC("it gives %d spin sites, but its table of spins %d", doc_.siteCount,
+                                tableSites_));
         return checkNumbers();
     }
 
@@ -399,6 +409,7 @@ private:
                                         maxTwiceSpin));
             }
             headSeen_[1] = true;
+            tableSites_ = doc_.siteCount;
         }
         if (holds(*line_, label::interactions)) {
             doc_.interactionCount = 0;
@@ -527,6 +538,14 @@ private:
                 seen[table] = true;
             }
         }
+        // Every calculation has the same J values and pairs, as the writer prints them.
+        if ((sectionJ_ >= 0 && sectionJ_ != doc_.jCount) ||
+            (sectionPairs_ >= 0 && sectionPairs_ != doc_.pairCount))
+            return fail(formatC("calculation # %d has %d J values and %d pairs, calculations "
+                                "before it %d and %d",
+                                n, doc_.jCount, doc_.pairCount, sectionJ_, sectionPairs_));
+        sectionJ_ = doc_.jCount;
+        sectionPairs_ = doc_.pairCount;
         constexpr const char* partNames[partCount] = {"initial parameters", "initial J values",
                                                       "fitted parameters",  "fitted J values",
                                                       "number of pairs",    "table of pairs"};
@@ -570,7 +589,9 @@ private:
     const LinePiece* line_ = nullptr;
     int opened_ = 0; // the line of a section's opening asterisks not yet followed by its heading
     bool sectionSeen_ = false;
-    std::array<bool, 3> headSeen_{}; // number of sites, table of spins, interactions
+    std::array<bool, 3> headSeen_{};        // number of sites, table of spins, interactions
+    int tableSites_ = 0;                    // the sites of the table of spins
+    int sectionJ_ = -1, sectionPairs_ = -1; // the J and pair counts of the sections taken
     std::array<int, maxInteractions> interactionLines_{};
     std::string problem_;
 };
