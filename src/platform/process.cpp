@@ -1,5 +1,6 @@
 #include "platform/process.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -114,28 +115,45 @@ bool ChildProgram::start(const std::string& program, const std::vector<std::stri
     return true;
 }
 
-void ChildProgram::drain(int& fd, std::string& buffer, bool lines,
-                         const std::function<void(const std::string&)>& onLine) {
-    char chunk[4096];
+std::size_t ChildProgram::readStream(int& fd, std::string& buffer) {
+    char chunk[65536];
     const ssize_t n = ::read(fd, chunk, sizeof chunk);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) return;
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) return 0;
     if (n <= 0) {
         closeFd(fd);
-        if (lines && !buffer.empty()) {
-            onLine(buffer);
-            buffer.clear();
-        }
-        return;
+        return 0;
     }
     buffer.append(chunk, static_cast<std::size_t>(n));
-    if (!lines) return;
-    std::size_t newline;
-    while ((newline = buffer.find('\n')) != std::string::npos) {
-        std::string line = buffer.substr(0, newline);
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        buffer.erase(0, newline + 1);
+    return static_cast<std::size_t>(n);
+}
+
+void ChildProgram::handOverLines(const LineSink& onLine) {
+    // Each byte is looked at once: the search goes on from scanned_, and what has been handed
+    // over is cut off the front once per call.
+    std::size_t start = 0;
+    std::size_t from = scanned_;
+    while (true) {
+        const std::size_t limit = std::min(outBuffer_.size(), start + maxOutputLineLength + 1);
+        const void* found =
+            from < limit ? std::memchr(outBuffer_.data() + from, '\n', limit - from) : nullptr;
+        std::string line;
+        if (found != nullptr) {
+            const std::size_t newline =
+                static_cast<std::size_t>(static_cast<const char*>(found) - outBuffer_.data());
+            line.assign(outBuffer_, start, newline - start);
+            if (!line.empty() && line.back() == '\r') line.pop_back();
+            start = from = newline + 1;
+        } else if (outBuffer_.size() - start > maxOutputLineLength) {
+            line.assign(outBuffer_, start, maxOutputLineLength);
+            start = from = start + maxOutputLineLength;
+        } else {
+            from = outBuffer_.size();
+            break;
+        }
         onLine(line);
     }
+    outBuffer_.erase(0, start);
+    scanned_ = from - start;
 }
 
 void ChildProgram::reap(bool wait) {
@@ -151,14 +169,20 @@ void ChildProgram::reap(bool wait) {
     signal_ = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
 }
 
-bool ChildProgram::poll(int timeoutMs, const std::function<void(const std::string&)>& onLine) {
+bool ChildProgram::poll(int timeoutMs, const LineSink& onLine) {
     if (pid_ <= 0) return false;
+    const auto readErrors = [this] {
+        const std::size_t got = readStream(err_, errors_);
+        if (errors_.size() > 2 * errorOutputKept)
+            errors_.erase(0, errors_.size() - errorOutputKept);
+        return got;
+    };
     if (out_ >= 0 || err_ >= 0) {
         pollfd fds[2] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
         const int ready = ::poll(fds, 2, timeoutMs);
         if (ready > 0) {
-            if (fds[0].revents != 0) drain(out_, outBuffer_, true, onLine);
-            if (fds[1].revents != 0) drain(err_, errors_, false, onLine);
+            if (fds[0].revents != 0 && readStream(out_, outBuffer_) > 0) handOverLines(onLine);
+            if (fds[1].revents != 0) readErrors();
         }
     } else if (!ended_) {
         ::poll(nullptr, 0, std::min(timeoutMs, 10));
@@ -169,13 +193,13 @@ bool ChildProgram::poll(int timeoutMs, const std::function<void(const std::strin
     // Ended: take what is still in the streams without waiting for more.
     std::size_t late = 0;
     for (int* fd : {&out_, &err_}) {
-        std::string& buffer = fd == &out_ ? outBuffer_ : errors_;
         while (*fd >= 0 && late < lateOutputLimit) {
             pollfd one{*fd, POLLIN, 0};
             if (::poll(&one, 1, 0) <= 0) break;
-            const std::size_t before = buffer.size();
-            drain(*fd, buffer, fd == &out_, onLine);
-            late += buffer.size() > before ? buffer.size() - before : 4096;
+            const std::size_t got = fd == &out_ ? readStream(out_, outBuffer_) : readErrors();
+            if (got == 0) break;
+            late += got;
+            if (fd == &out_) handOverLines(onLine);
         }
         closeFd(*fd);
     }
@@ -183,6 +207,7 @@ bool ChildProgram::poll(int timeoutMs, const std::function<void(const std::strin
         onLine(outBuffer_);
         outBuffer_.clear();
     }
+    scanned_ = 0;
     return false;
 }
 
