@@ -93,6 +93,10 @@ bool runEngine(EngineProgress* progress) {
             run.interrupted = true;
             engine.interrupt();
         }
+        if (run.interrupted && !run.killed && report.killRequested()) {
+            run.killed = true;
+            engine.kill();
+        }
     }
     run.exited = engine.exitedNormally();
     run.exitCode = engine.exitCode();
@@ -108,6 +112,8 @@ std::string engineFailureText(const EngineRun& run) {
     if (!run.started) {
         return "the fitting engine could not be started (" + run.startFailure + ")";
     }
+    if (run.killed && !run.exited)
+        return "the fitting engine was stopped at once at the second interrupt";
     std::string text;
     if (run.exited && run.exitCode == 0) {
         text = "the fitting engine ended without leaving results";

@@ -8,7 +8,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
+#include <pthread.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -67,49 +68,103 @@ std::string findProgram(const std::string& name) {
 
 ChildProgram::~ChildProgram() {
     if (pid_ > 0 && !ended_) {
-        ::kill(pid_, SIGKILL);
+        signalGroup(SIGKILL);
         reap(true);
     }
     closeFd(out_);
     closeFd(err_);
 }
 
+namespace {
+
+// In the child between fork and exec, where only async-signal-safe calls may be made: makes fd
+// the descriptor target, open across exec.
+bool moveTo(int fd, int target) {
+    if (fd == target) return ::fcntl(fd, F_SETFD, 0) == 0;
+    return ::dup2(fd, target) == target;
+}
+
+// The child's side of start: its own process group, killed with its parent, /dev/null as its
+// input and the pipes as its output. Reports errno on the report pipe when it cannot run.
+[[noreturn]] void becomeProgram(pid_t parent, const char* program, char* const* argv,
+                                const sigset_t& mask, int out, int err, int report) {
+    ::setpgid(0, 0);
+    int code = ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 ? 0 : errno;
+    if (code == 0 && ::getppid() != parent) ::_exit(127); // the caller is gone already
+    // Above 2, so that moving one of them cannot overwrite another.
+    const int outFd = ::fcntl(out, F_DUPFD_CLOEXEC, 3);
+    const int errFd = ::fcntl(err, F_DUPFD_CLOEXEC, 3);
+    const int input = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (code == 0 && (outFd < 0 || errFd < 0 || input < 0 || !moveTo(input, 0) ||
+                      !moveTo(outFd, 1) || !moveTo(errFd, 2)))
+        code = errno;
+    ::sigprocmask(SIG_SETMASK, &mask, nullptr);
+    if (code == 0) {
+        ::execve(program, argv, environ);
+        code = errno;
+    }
+    while (::write(report, &code, sizeof code) < 0 && errno == EINTR) {
+    }
+    ::_exit(127);
+}
+
+} // namespace
+
 bool ChildProgram::start(const std::string& program, const std::vector<std::string>& arguments,
                          std::string& error) {
-    int outPipe[2], errPipe[2];
+    int outPipe[2], errPipe[2], reportPipe[2];
     if (::pipe2(outPipe, O_CLOEXEC) != 0) {
         error = std::strerror(errno);
         return false;
     }
-    if (::pipe2(errPipe, O_CLOEXEC) != 0) {
+    if (::pipe2(errPipe, O_CLOEXEC) != 0 || ::pipe2(reportPipe, O_CLOEXEC) != 0) {
         error = std::strerror(errno);
-        ::close(outPipe[0]);
-        ::close(outPipe[1]);
+        for (int fd : {outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) ::close(fd);
         return false;
     }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
 
+    // Everything the child needs is made before fork: after it, the child may only make
+    // async-signal-safe calls. Signals wait until the child has its own handlers (exec).
     std::vector<std::string> words{program};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     for (std::string& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
+    const pid_t parent = ::getpid();
+    sigset_t all, mask;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &mask);
+    const pid_t pid = ::fork();
+    if (pid == 0)
+        becomeProgram(parent, program.c_str(), argv.data(), mask, outPipe[1], errPipe[1],
+                      reportPipe[1]);
+    const int forkError = errno;
+    ::pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    for (int fd : {outPipe[1], errPipe[1], reportPipe[1]}) ::close(fd);
 
-    const int code = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(outPipe[1]);
-    ::close(errPipe[1]);
-    if (code != 0) {
+    int childError = 0;
+    if (pid < 0) {
+        childError = forkError;
+    } else {
+        ::setpgid(pid, pid); // as the child does, so that it holds whichever runs first
+        ssize_t got;
+        while ((got = ::read(reportPipe[0], &childError, sizeof childError)) < 0 &&
+               errno == EINTR) {
+        }
+        if (got != sizeof childError) childError = 0; // closed by exec: the program runs
+    }
+    ::close(reportPipe[0]);
+    if (childError != 0) {
+        if (pid > 0) {
+            while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+            }
+        }
         ::close(outPipe[0]);
         ::close(errPipe[0]);
-        pid_ = -1;
-        error = std::strerror(code);
+        error = std::strerror(childError);
         return false;
     }
+    pid_ = pid;
     out_ = outPipe[0];
     err_ = errPipe[0];
     return true;
@@ -211,12 +266,15 @@ bool ChildProgram::poll(int timeoutMs, const LineSink& onLine) {
     return false;
 }
 
-void ChildProgram::interrupt() {
-    if (pid_ > 0 && !ended_) ::kill(pid_, SIGTERM);
+void ChildProgram::signalGroup(int signal) {
+    // The group has the program's number, which stays taken until the program is reaped; a
+    // program that has left its group is reached on its own.
+    if (pid_ <= 0 || ended_) return;
+    if (::kill(-pid_, signal) != 0 || ::getpgid(pid_) != pid_) ::kill(pid_, signal);
 }
 
-void ChildProgram::kill() {
-    if (pid_ > 0 && !ended_) ::kill(pid_, SIGKILL);
-}
+void ChildProgram::interrupt() { signalGroup(SIGTERM); }
+
+void ChildProgram::kill() { signalGroup(SIGKILL); }
 
 } // namespace corvane

@@ -4,6 +4,11 @@
 // output is handed over line by line as it comes, the end of the error stream is kept. Between
 // lines the caller gets control back at least every few milliseconds it asks for, so a window
 // can stay responsive and a user can interrupt the program.
+//
+// The program runs in a process group of its own, so that stopping it reaches the programs it
+// starts too, and a Ctrl-C at the terminal reaches only the caller, which decides. It never
+// outlives the caller: it is killed when the thread that started it ends, so start programs
+// from a thread that lives as long as they may run (the main thread).
 #pragma once
 
 #include <cstddef>
@@ -49,9 +54,10 @@ public:
     // without a newline included).
     bool poll(int timeoutMs, const std::function<void(const std::string&)>& onLine);
 
-    // Asks the program to stop (SIGTERM); it may still write before it ends.
+    // Asks the program and its process group to stop (SIGTERM); it may still write before it
+    // ends, or ignore the request.
     void interrupt();
-    // Stops the program at once (SIGKILL).
+    // Stops the program and its process group at once (SIGKILL).
     void kill();
 
     // After poll has returned false: how the program ended.
@@ -65,6 +71,7 @@ private:
     using LineSink = std::function<void(const std::string&)>;
     std::size_t readStream(int& fd, std::string& buffer);
     void handOverLines(const LineSink& onLine);
+    void signalGroup(int signal);
     void reap(bool wait);
 
     pid_t pid_ = -1;
