@@ -188,9 +188,8 @@ int runCommand(const std::string& path, const PlotRequest& plot) {
     }
     std::printf("Wrote %s\n", reportPath.c_str());
     printResults();
-    if (!lastEngineRun.interrupted && lastEngineRun.exited && lastEngineRun.exitCode != 0)
-        std::printf("Note: %s; see %s/%s.\n", engineFailureText(lastEngineRun).c_str(),
-                    workDir.c_str(), engineLogName);
+    if (const std::string note = engineNoteText(lastEngineRun); !note.empty())
+        std::printf("Note: %s; see %s/%s.\n", note.c_str(), workDir.c_str(), engineLogName);
     if (!plot.output.empty()) {
         if (const int code = writePlot(plot); code != exitOk) return code;
     }

@@ -203,6 +203,30 @@ public:
     ~FakeEngine() { unsetenv("CORVANE_ENGINE"); }
 };
 
+TEST(CorvaneFit, AFitStoppedAtTheIterationLimitIsExplainedWithoutTheEnginesWords) {
+    testing::ScratchDir dir;
+    const std::string input = dir.write(
+        "cu2.qpi", "TITLE Cu2\nKEYWD DATA_FILE=XTT ENERGY_UNIT=K PRECISION=0.0001\n"
+                   "KEYWD G_START=2.0 G_STEP=0.01\nJ_VALUE1 -100 1\nSPIN_ON_SITE1 1\n"
+                   "SPIN_ON_SITE2 1\nINTERACTION sites 1 and 2 coupled by J1\nT_CHI 2 0.51\n"
+                   "T_CHI 300 0.0012\n");
+    // As corefit leaves it: results written, and the log's last line names them.
+    FakeEngine engine(dir, "dir=$(dirname \"$1\")\n"
+                           "printf '0.0125 2.1 0.003\\n-0.2 0.00015\\n# 0.01 0.001 0 0\\n1 "
+                           "-97.25\\n# 0.5\\n2 1 2\\n2 0.48 0.51\\n300 0.0013 0.0012\\n' "
+                           "> \"$dir/output.txt\"\n"
+                           "echo \"wrote $dir/output.txt; 0.01 s in all\" > \"$dir/corefit.log\"\n"
+                           "exit 1");
+    const Outcome fit = run(dir, {"run", input});
+    EXPECT_EQ(fit.exitCode, 0) << fit.err;
+    EXPECT_NE(fit.out.find("\nNote: the fit stopped at its iteration limit before converging; "
+                           "the report holds the last values"),
+              std::string::npos)
+        << fit.out;
+    EXPECT_EQ(fit.out.find("output.txt"), std::string::npos) << fit.out;
+    EXPECT_TRUE(dir.has("cu2.qpo"));
+}
+
 // corvane-fit run in the background, its standard output on a pipe, so a test can signal it.
 // Waits are cut off after 20 s, so that a run that hangs fails instead of hanging the tests.
 class BackgroundRun {
