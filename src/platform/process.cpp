@@ -112,19 +112,17 @@ bool moveTo(int fd, int target) {
 
 bool ChildProgram::start(const std::string& program, const std::vector<std::string>& arguments,
                          std::string& error) {
-    int outPipe[2], errPipe[2], reportPipe[2];
-    if (::pipe2(outPipe, O_CLOEXEC) != 0) {
+    int outPipe[2] = {-1, -1}, errPipe[2] = {-1, -1}, reportPipe[2] = {-1, -1};
+    if (::pipe2(outPipe, O_CLOEXEC) != 0 || ::pipe2(errPipe, O_CLOEXEC) != 0 ||
+        ::pipe2(reportPipe, O_CLOEXEC) != 0) {
         error = std::strerror(errno);
-        return false;
-    }
-    if (::pipe2(errPipe, O_CLOEXEC) != 0 || ::pipe2(reportPipe, O_CLOEXEC) != 0) {
-        error = std::strerror(errno);
-        for (int fd : {outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) ::close(fd);
+        for (int fd : {outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) closeFd(fd);
         return false;
     }
 
     // Everything the child needs is made before fork: after it, the child may only make
-    // async-signal-safe calls. Signals wait until the child has its own handlers (exec).
+    // async-signal-safe calls. Signals are held across fork, so that the child runs none of
+    // the caller's handlers while it sets itself up.
     std::vector<std::string> words{program};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
