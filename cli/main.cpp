@@ -38,7 +38,8 @@ enum ExitCode : int {
     exitBadFile = 1,      // an input file or report that cannot be read
     exitNoEngine = 2,     // the engine could not be started
     exitEngineFailed = 3, // the engine left no usable results; nothing was written
-    exitInterrupted = 4,  // interrupted: the report holds the best fit found until then
+    exitInterrupted = 4,  // interrupted: the report holds the best fit found until then,
+                          // or is left as it was when the engine was stopped at once
     exitPlotFailed = 5,   // the plot could not be written
 };
 
@@ -129,11 +130,14 @@ int prepareCommand(const std::string& path) {
 
 // [SECTION] run
 
-volatile std::sig_atomic_t interruptSignal = 0;
-extern "C" void onInterrupt(int signal) { interruptSignal = signal; }
+// Ctrl-C and SIGTERM, counted: the first stops the engine at its next iteration, and the report
+// then holds the best fit found so far; the second stops it at once.
+volatile std::sig_atomic_t interruptCount = 0;
+extern "C" void onInterrupt(int) {
+    if (interruptCount < 2) interruptCount = interruptCount + 1;
+}
 
-// The engine's progress on the terminal, as it comes; Ctrl-C stops the engine at its next
-// iteration, and the report then holds the best fit found so far.
+// The engine's progress on the terminal, as it comes, and the user's requests to stop it.
 class TerminalProgress final : public EngineProgress {
 public:
     void status(const std::string& text) override {
@@ -144,7 +148,14 @@ public:
         std::fprintf(chatter, "  %s\n", text.c_str());
         std::fflush(chatter);
     }
-    bool interruptRequested() override { return interruptSignal != 0; }
+    bool interruptRequested() override {
+        if (interruptCount == 0) return false;
+        std::fprintf(chatter,
+                     "Stopping the engine at its next iteration; Ctrl-C again stops it at once.\n");
+        std::fflush(chatter);
+        return true;
+    }
+    bool killRequested() override { return interruptCount >= 2; }
 };
 
 // A fitted value with its standard uncertainty: "2.100000 +/- 0.000120", "(fixed)" for a
@@ -192,7 +203,7 @@ int runCommand(const std::string& path, const PlotRequest& plot, bool json) {
     case RunOutcome::EngineNotStarted:
         return exitNoEngine;
     case RunOutcome::NoResults:
-        return exitEngineFailed;
+        return lastEngineRun.interrupted ? exitInterrupted : exitEngineFailed;
     case RunOutcome::Fitted:
         break;
     }
@@ -201,9 +212,9 @@ int runCommand(const std::string& path, const PlotRequest& plot, bool json) {
         std::printf("%s\n", documentJson(fitDocument).dump(2).c_str());
     else
         printResults();
-    if (!lastEngineRun.interrupted && lastEngineRun.exited && lastEngineRun.exitCode != 0)
-        std::fprintf(chatter, "Note: %s; see %s/%s.\n", engineFailureText(lastEngineRun).c_str(),
-                     workDir.c_str(), engineLogName);
+    if (const std::string note = engineNoteText(lastEngineRun); !note.empty())
+        std::fprintf(chatter, "Note: %s; see %s/%s.\n", note.c_str(), workDir.c_str(),
+                     engineLogName);
     if (!plot.output.empty()) {
         if (const int code = writePlot(plot); code != exitOk) return code;
     }
@@ -312,8 +323,8 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", std::string("corvane-fit ") + CORVANE_VERSION);
     app.require_subcommand(1);
     app.footer("Exit codes: 0 done, 1 a file that cannot be read, 2 no engine, 3 the engine left "
-               "no results, 4 interrupted (the report holds the best fit so far), 5 the plot "
-               "could not be written.\n"
+               "no results, 4 interrupted (the report holds the best fit so far; after a second "
+               "Ctrl-C it is left as it was), 5 the plot could not be written.\n"
                "The engine is corefit beside corvane-fit or on PATH; CORVANE_ENGINE names "
                "another.");
 

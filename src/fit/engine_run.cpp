@@ -20,6 +20,15 @@ namespace {
 
 constexpr int pollMilliseconds = 50;
 
+// The exit codes with which corefit leaves results (docs/corefit.md).
+constexpr int engineIterationLimit = 1;
+constexpr int engineInterrupted = 3;
+
+bool leftResults(const EngineRun& run) {
+    return run.exited &&
+           (run.exitCode == engineIterationLimit || run.exitCode == engineInterrupted);
+}
+
 // The last line of text that holds more than blanks; "" when there is none.
 std::string lastLine(std::string_view text) {
     while (!text.empty()) {
@@ -93,12 +102,16 @@ bool runEngine(EngineProgress* progress) {
             run.interrupted = true;
             engine.interrupt();
         }
+        if (run.interrupted && !run.killed && report.killRequested()) {
+            run.killed = true;
+            engine.kill();
+        }
     }
     run.exited = engine.exitedNormally();
     run.exitCode = engine.exitCode();
     run.signal = engine.signalNumber();
     run.message = lastLine(engine.errorOutput());
-    if (run.message.empty() && run.exited && run.exitCode != 0)
+    if (run.message.empty() && run.exited && run.exitCode != 0 && !leftResults(run))
         run.message = logMessage(inWorkDir(engineLogName), started);
     messageBeep(0);
     return true;
@@ -108,6 +121,8 @@ std::string engineFailureText(const EngineRun& run) {
     if (!run.started) {
         return "the fitting engine could not be started (" + run.startFailure + ")";
     }
+    if (run.killed && !run.exited)
+        return "the fitting engine was stopped at once at the second interrupt";
     std::string text;
     if (run.exited && run.exitCode == 0) {
         text = "the fitting engine ended without leaving results";
@@ -120,6 +135,17 @@ std::string engineFailureText(const EngineRun& run) {
     }
     if (!run.message.empty()) text += ": " + run.message;
     return text;
+}
+
+std::string engineNoteText(const EngineRun& run) {
+    if (!run.started || run.interrupted || (run.exited && run.exitCode == 0)) return "";
+    if (run.exited && run.exitCode == engineIterationLimit)
+        return "the fit stopped at its iteration limit before converging; the report holds the "
+               "last values";
+    if (run.exited && run.exitCode == engineInterrupted)
+        return "the fitting engine was interrupted before converging; the report holds the best "
+               "values found";
+    return engineFailureText(run);
 }
 
 } // namespace corvane

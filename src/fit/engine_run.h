@@ -27,9 +27,12 @@ public:
     virtual void status(const std::string& text) { (void)text; }
     // A progress line of the engine ("iteration 3 deviation 0.0012 g=2.01 ..."), as it comes.
     virtual void line(const std::string& text) { (void)text; }
-    // Asked every few milliseconds while the engine runs: true stops the engine at its next
-    // iteration; it then writes the best result found so far.
+    // Asked every few milliseconds while the engine runs, until it returns true: true stops
+    // the engine at its next iteration; it then writes the best result found so far.
     virtual bool interruptRequested() { return false; }
+    // Asked every few milliseconds once the engine has been asked to stop (the user asked a
+    // second time): true ends the engine at once; it leaves no results then.
+    virtual bool killRequested() { return false; }
 };
 
 // How the last run went, for the messages that follow it.
@@ -41,6 +44,7 @@ struct EngineRun {
     int exitCode = -1;
     int signal = 0;           // the signal that ended it, when it did not exit
     bool interrupted = false; // the user asked it to stop
+    bool killed = false;      // and then to stop at once, and it was killed
     // The engine's last message: the last line on its error stream or, when it failed without
     // one, the reason at the end of the log it wrote.
     std::string message;
@@ -59,7 +63,14 @@ std::string engineProgram();
 bool runEngine(EngineProgress* progress);
 
 // One sentence on why a run left no results, for a message: "the fitting engine could not be
-// started (...)", "the fitting engine stopped: <its message>", "... was killed (signal 9)".
+// started (...)", "the fitting engine stopped: <its message>", "... was killed (signal 9)",
+// "... was stopped at once at the second interrupt".
 std::string engineFailureText(const EngineRun& run);
+
+// What to add, in one sentence, to the results of a run that left them: "" after a converged
+// fit and after an interrupt the user asked for; "the fit stopped at its iteration limit before
+// converging; the report holds the last values" after corefit's exit code 1; else
+// engineFailureText.
+std::string engineNoteText(const EngineRun& run);
 
 } // namespace corvane

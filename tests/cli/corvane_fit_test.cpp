@@ -1,15 +1,22 @@
 // corvane-fit as a user runs it: exit codes, what it prints, what it leaves on disk.
 #include <cmath>
+#include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <poll.h>
 #include <regex>
+#include <spawn.h>
 #include <string>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "support/fixtures.h"
 #include "text/text.h"
+
+extern char** environ;
 
 namespace corvane {
 namespace {
@@ -206,6 +213,147 @@ TEST(CorvaneFit, PlotDrawsAReportOrTheFitJustMadeAsPngPdfOrSvg) {
     EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("x.bmp")}).exitCode, 5);
     EXPECT_EQ(run(dir, {"plot", input, "-o", dir.file("x.png")}).exitCode, 1);
     EXPECT_FALSE(dir.has("x.png") || dir.has("x.bmp"));
+}
+
+// A stand-in engine: a script that CORVANE_ENGINE names while the object lives.
+class FakeEngine {
+public:
+    FakeEngine(const testing::ScratchDir& dir, const std::string& body) {
+        const std::string path = dir.write("engine.sh", "#!/bin/sh\n" + body + "\n");
+        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+        setenv("CORVANE_ENGINE", path.c_str(), 1);
+    }
+    ~FakeEngine() { unsetenv("CORVANE_ENGINE"); }
+};
+
+TEST(CorvaneFit, AFitStoppedAtTheIterationLimitIsExplainedWithoutTheEnginesWords) {
+    testing::ScratchDir dir;
+    const std::string input = dir.write(
+        "cu2.qpi", "TITLE Cu2\nKEYWD DATA_FILE=XTT ENERGY_UNIT=K PRECISION=0.0001\n"
+                   "KEYWD G_START=2.0 G_STEP=0.01\nJ_VALUE1 -100 1\nSPIN_ON_SITE1 1\n"
+                   "SPIN_ON_SITE2 1\nINTERACTION sites 1 and 2 coupled by J1\nT_CHI 2 0.51\n"
+                   "T_CHI 300 0.0012\n");
+    // As corefit leaves it: results written, and the log's last line names them.
+    FakeEngine engine(dir, "dir=$(dirname \"$1\")\n"
+                           "printf '0.0125 2.1 0.003\\n-0.2 0.00015\\n# 0.01 0.001 0 0\\n1 "
+                           "-97.25\\n# 0.5\\n2 1 2\\n2 0.48 0.51\\n300 0.0013 0.0012\\n' "
+                           "> \"$dir/output.txt\"\n"
+                           "echo \"wrote $dir/output.txt; 0.01 s in all\" > \"$dir/corefit.log\"\n"
+                           "exit 1");
+    const Outcome fit = run(dir, {"run", input});
+    EXPECT_EQ(fit.exitCode, 0) << fit.err;
+    EXPECT_NE(fit.out.find("\nNote: the fit stopped at its iteration limit before converging; "
+                           "the report holds the last values"),
+              std::string::npos)
+        << fit.out;
+    EXPECT_EQ(fit.out.find("output.txt"), std::string::npos) << fit.out;
+    EXPECT_TRUE(dir.has("cu2.qpo"));
+}
+
+// corvane-fit run in the background, its standard output on a pipe, so a test can signal it.
+// Waits are cut off after 20 s, so that a run that hangs fails instead of hanging the tests.
+class BackgroundRun {
+public:
+    BackgroundRun(const testing::ScratchDir& dir, const std::string& input) {
+        int pipe[2];
+        if (::pipe(pipe) != 0) return;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, pipe[1], 1);
+        posix_spawn_file_actions_addclose(&actions, pipe[0]);
+        posix_spawn_file_actions_addopen(&actions, 2, dir.file(".err").c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        std::string program = CORVANE_BIN_DIR "/corvane-fit", command = "run", path = input;
+        char* argv[] = {program.data(), command.data(), path.data(), nullptr};
+        if (posix_spawn(&pid, argv[0], &actions, nullptr, argv, environ) != 0) pid = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(pipe[1]);
+        out_ = pipe[0];
+    }
+    ~BackgroundRun() {
+        if (pid > 0) finish();
+        ::close(out_);
+    }
+    // Reads the standard output until it holds text; false when it ends first.
+    bool waitFor(const std::string& text) {
+        for (int round = 0; round < 2000 && out.find(text) == std::string::npos; ++round) {
+            pollfd ready{out_, POLLIN, 0};
+            if (::poll(&ready, 1, 10) != 1) continue;
+            char buffer[4096];
+            const ssize_t got = ::read(out_, buffer, sizeof buffer);
+            if (got <= 0) break;
+            out.append(buffer, static_cast<std::size_t>(got));
+        }
+        return out.find(text) != std::string::npos;
+    }
+    // Waits for corvane-fit to end; its exit code, -1 when a signal ended it.
+    int finish() {
+        int status = 0;
+        for (int round = 0; round < 2000 && ::waitpid(pid, &status, WNOHANG) == 0; ++round)
+            ::usleep(10000);
+        if (::waitpid(pid, &status, WNOHANG) == 0) { // hangs: end it, so the test fails
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, &status, 0);
+            status = -1;
+        }
+        pid = -1;
+        return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    pid_t pid = -1;
+    std::string out;
+
+private:
+    int out_ = -1;
+};
+
+// True once the process is gone or has ended (a zombie waiting for its reaper).
+bool ended(pid_t pid) {
+    for (int round = 0; round < 2000; ++round) {
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        std::string line;
+        if (!std::getline(stat, line) || line.substr(line.rfind(')') + 2, 1) == "Z") return true;
+        ::usleep(10000);
+    }
+    return false;
+}
+
+TEST(CorvaneFit, ASecondInterruptOrTheEndOfCorvaneFitEndsAnEngineThatIgnoresRequests) {
+    testing::ScratchDir dir;
+    const std::string input = dir.file("cu2.qpi");
+    std::filesystem::copy_file(CORVANE_SOURCE_DIR "/examples/cu2-dimer.qpi", input);
+    FakeEngine engine(dir, "trap '' TERM INT\necho $$ > \"$(dirname \"$1\")/engine.pid\"\n"
+                           "echo 'iteration 1'\nexec sleep 60");
+    const struct {
+        const char* name;
+        std::vector<int> signals;
+        int exitCode;
+    } cases[] = {
+        {"Ctrl-C twice", {SIGINT, SIGINT}, 4},
+        {"Ctrl-C and SIGTERM", {SIGINT, SIGTERM}, 4},
+        {"SIGKILL", {SIGKILL}, -1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        BackgroundRun run(dir, input);
+        ASSERT_TRUE(run.waitFor("  iteration 1\n")) << run.out;
+        const pid_t enginePid = std::stoi(dir.read("engine.pid"));
+        for (std::size_t i = 0; i < c.signals.size(); ++i) {
+            ::kill(run.pid, c.signals[i]);
+            // Signals of one kind sent together would arrive as one.
+            if (i == 0 && c.signals.size() > 1) {
+                EXPECT_TRUE(run.waitFor("Stopping the engine at its next iteration")) << run.out;
+            }
+        }
+        EXPECT_EQ(run.finish(), c.exitCode);
+        const bool engineEnded = ended(enginePid);
+        EXPECT_TRUE(engineEnded);
+        if (!engineEnded) ::kill(enginePid, SIGKILL);
+        const std::string stopped = "the fitting engine was stopped at once at the second "
+                                    "interrupt. " +
+                                    dir.file("cu2.qpo") + " was not changed";
+        EXPECT_EQ(dir.read(".err").find(stopped) != std::string::npos, c.exitCode == 4);
+        EXPECT_FALSE(dir.has("cu2.qpo"));
+    }
 }
 
 } // namespace

@@ -55,9 +55,10 @@ public:
         return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     }
     // The names in the directory, sorted and joined by blanks: shows stray temporaries too.
-    std::string listing() const {
+    std::string listing() const { return listingOf(path_); }
+    static std::string listingOf(const std::string& directory) {
         std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(path_))
+        for (const auto& entry : std::filesystem::directory_iterator(directory))
             names.push_back(entry.path().filename().string());
         std::sort(names.begin(), names.end());
         std::string joined;
