@@ -33,9 +33,12 @@ bool writeCalculationInput(const std::string& path, int c) {
 
 // The engine input file of calculation c and the data exchange file, both or neither.
 bool writeBoth(const std::string& engineInputPath, int c, const std::string& dataPath) {
-    if (!writeCalculationInput(engineInputPath, c)) return false;
-    if (writeEngineData(dataPath)) return true;
-    removeFile(engineInputPath);
+    if (!hasCalculation(engineInputPath, c)) return false;
+    const std::string input = engineInputText(fitDocument, c);
+    const std::string data = engineDataText(fitDocument);
+    std::string failed, reason;
+    if (writeWholeFiles({{engineInputPath, input}, {dataPath, data}}, failed, reason)) return true;
+    showError(formatC("Cannot write %s: %s", failed.c_str(), reason.c_str()));
     return false;
 }
 
