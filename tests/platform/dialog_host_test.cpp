@@ -1,9 +1,11 @@
 #include <QApplication>
 #include <QComboBox>
 #include <QDialog>
+#include <QFileDialog>
 #include <QFontInfo>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QTest>
 #include <QTimer>
@@ -11,6 +13,7 @@
 
 #include "platform/resources.h"
 #include "qt/dialog_host.h"
+#include "qt/platform_services.h"
 #include "support/fixtures.h"
 
 namespace corvane {
@@ -153,6 +156,49 @@ TEST_F(QtDialogHostTest, ModalDialogsEndByTheirProcedure) {
                                  return std::intptr_t{1};
                              }),
               1);
+}
+
+TEST_F(QtDialogHostTest, MessageBoxesShowTheStylesButtonsAndIcon) {
+    QtMessagePort port;
+    QMessageBox::StandardButtons buttons;
+    QMessageBox::Icon icon = QMessageBox::NoIcon;
+    QTimer::singleShot(0, [&] {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        ASSERT_NE(box, nullptr);
+        buttons = box->standardButtons();
+        icon = box->icon();
+        box->button(QMessageBox::No)->click();
+    });
+    EXPECT_EQ(port.messageBox("Are you sure to cancel ?", "Warning...", mbYesNo | mbIconQuestion),
+              idNo);
+    EXPECT_EQ(buttons, QMessageBox::Yes | QMessageBox::No);
+    EXPECT_EQ(icon, QMessageBox::Question);
+}
+
+TEST_F(QtDialogHostTest, TheOpenFileChooserOffersTheFiltersAndAppendsTheExtension) {
+    testing::ScratchDir dir;
+    dir.write("run.qpi", "");
+    QtChooserPort port;
+    OpenFileRequest request{{{"Fitting input files (*.qpi)", "*.qpi"}, {"ALL Files (*.*)", "*.*"}},
+                            2,
+                            "QPI",
+                            dir.file("old.qpi")};
+    QStringList filters;
+    QString shown;
+    QTimer::singleShot(0, [&] {
+        auto* chooser = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
+        ASSERT_NE(chooser, nullptr);
+        filters = chooser->nameFilters();
+        shown = chooser->selectedNameFilter();
+        chooser->selectFile(QString::fromStdString(dir.file("run")));
+        static_cast<QDialog*>(chooser)->accept(); // as the Open button does
+    });
+    EXPECT_EQ(port.chooseOpenFile(request), dir.file("run.qpi"));
+    EXPECT_EQ(filters, QStringList({"Fitting input files (*.qpi)", "ALL Files (*.*)"}));
+    EXPECT_EQ(shown, "ALL Files (*.*)");
+
+    QTimer::singleShot(0, [] { QApplication::activeModalWidget()->close(); });
+    EXPECT_FALSE(port.chooseOpenFile(request));
 }
 
 } // namespace
