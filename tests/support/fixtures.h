@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -18,18 +19,23 @@ struct ShownMessage {
     unsigned style;
 };
 
-// Installed for its lifetime: keeps every message box and beep.
+// Installed for its lifetime: keeps every message box and beep, and answers with the next of
+// answers (idOk when none is left).
 class RecordingPort final : public MessagePort {
 public:
     RecordingPort() { setMessagePort(this); }
     ~RecordingPort() override { setMessagePort(nullptr); }
     int messageBox(const std::string& text, const std::string& caption, unsigned style) override {
         messages.push_back({text, caption, style});
-        return idOk;
+        if (answers.empty()) return idOk;
+        int answer = answers.front();
+        answers.pop_front();
+        return answer;
     }
     void beep(unsigned type) override { beeps.push_back(type); }
     std::vector<ShownMessage> messages;
     std::vector<unsigned> beeps;
+    std::deque<int> answers;
 };
 
 // A fresh directory under the system's temporary directory, removed with all it holds.

@@ -1,0 +1,54 @@
+#include "platform/choosers.h"
+
+#include <filesystem>
+
+namespace corvane {
+
+namespace {
+
+class CancellingChoosers final : public ChooserPort {
+public:
+    std::optional<std::string> chooseOpenFile(const OpenFileRequest&) override { return {}; }
+};
+
+CancellingChoosers cancelling;
+ChooserPort* currentPort = &cancelling;
+
+std::string lowerCopy(std::string text) {
+    for (char& c : text)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return text;
+}
+
+} // namespace
+
+std::string withDefaultExtension(const std::string& path, const std::string& extension) {
+    std::size_t slash = path.rfind('/');
+    std::size_t nameStart = slash == std::string::npos ? 0 : slash + 1;
+    if (extension.empty() || path.find('.', nameStart) != std::string::npos ||
+        nameStart == path.size())
+        return path;
+    std::string given = path + "." + extension;
+    std::string lower = path + "." + lowerCopy(extension);
+    std::error_code ignored;
+    if (!std::filesystem::exists(given, ignored) && std::filesystem::exists(lower, ignored))
+        return lower;
+    return given;
+}
+
+void setChooserPort(ChooserPort* port) { currentPort = port != nullptr ? port : &cancelling; }
+
+std::optional<std::string> chooseOpenFile(const OpenFileRequest& request) {
+    return currentPort->chooseOpenFile(request);
+}
+
+std::optional<std::string> ScriptedChoosers::chooseOpenFile(const OpenFileRequest& request) {
+    requests.push_back(request);
+    if (answers.empty()) return {};
+    std::optional<std::string> answer = std::move(answers.front());
+    answers.pop_front();
+    if (answer) return withDefaultExtension(*answer, request.defaultExtension);
+    return {};
+}
+
+} // namespace corvane

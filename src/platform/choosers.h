@@ -1,0 +1,93 @@
+// The open-file chooser and the services of a window (cursor, mouse capture, repaint).
+//
+// The chooser is reached through the chooser port in use, as messages are through the message
+// port. Until a front end installs its own, every choice is cancelled. ScriptedChoosers answers
+// from a list, for the tests.
+#pragma once
+
+#include <deque>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace corvane {
+
+struct FileFilter {
+    std::string description; // "Fitting input files (*.qpi)"
+    std::string pattern;     // "*.qpi"
+};
+
+struct OpenFileRequest {
+    std::vector<FileFilter> filters;
+    int filterIndex = 1;          // the filter shown first, numbered from 1
+    std::string defaultExtension; // "QPI", without the dot: appended to a name typed without one
+    std::string initialPath;      // shown as the initial file name; "" for none
+};
+
+// path with ".extension" appended when its file name has no dot; when that file does not
+// exist but one with the extension in lower case does, that one (a typed "run" finds
+// "run.qpi" for "QPI"). path unchanged when extension is empty.
+std::string withDefaultExtension(const std::string& path, const std::string& extension);
+
+class ChooserPort {
+public:
+    virtual ~ChooserPort() = default;
+    // The chosen path, with the default extension applied; nothing when the user cancels.
+    virtual std::optional<std::string> chooseOpenFile(const OpenFileRequest& request) = 0;
+};
+
+// Installs port for all later choices; nullptr restores the one that always cancels. The
+// caller keeps port alive while it is installed.
+void setChooserPort(ChooserPort* port);
+std::optional<std::string> chooseOpenFile(const OpenFileRequest& request);
+
+// Installed for its lifetime: keeps every request and answers with the next of answers (a path
+// as the user would type it, or nothing for Cancel); cancels when none is left.
+class ScriptedChoosers final : public ChooserPort {
+public:
+    ScriptedChoosers() { setChooserPort(this); }
+    ~ScriptedChoosers() override { setChooserPort(nullptr); }
+    ScriptedChoosers(const ScriptedChoosers&) = delete;
+    ScriptedChoosers& operator=(const ScriptedChoosers&) = delete;
+    std::optional<std::string> chooseOpenFile(const OpenFileRequest& request) override;
+
+    std::deque<std::optional<std::string>> answers;
+    std::vector<OpenFileRequest> requests;
+};
+
+enum class CursorShape { Arrow, Cross, Wait };
+
+// What a window procedure asks of its own window besides drawing.
+class WindowServices {
+public:
+    virtual ~WindowServices() = default;
+    virtual void setCursor(CursorShape shape) = 0;
+    // Mouse events reach the window even outside it, until released.
+    virtual void captureMouse() = 0;
+    virtual void releaseMouse() = 0;
+    // The whole client area is to be painted again (erase: cleared first) at the next paint.
+    virtual void invalidate(bool erase) = 0;
+    // Paints what is invalid now, not at the next turn of the event loop.
+    virtual void update() = 0;
+};
+
+// Keeps the state that the calls leave, for the tests.
+class RecordingWindow final : public WindowServices {
+public:
+    void setCursor(CursorShape shape) override { cursor = shape; }
+    void captureMouse() override { captured = true; }
+    void releaseMouse() override { captured = false; }
+    void invalidate(bool erase) override {
+        ++invalidations;
+        erased = erased || erase;
+    }
+    void update() override { ++updates; }
+
+    CursorShape cursor = CursorShape::Arrow;
+    bool captured = false;
+    int invalidations = 0;
+    bool erased = false; // some invalidation asked for erasing
+    int updates = 0;
+};
+
+} // namespace corvane

@@ -1,0 +1,49 @@
+// The program's resources, as its resource script would hold them: the menu of the main window
+// and the dialog templates.
+#pragma once
+
+#include <string_view>
+
+#include "platform/dialog.h"
+#include "platform/menu.h"
+
+namespace corvane {
+
+// Command ids of the menu "MenuMenu".
+enum MenuCommand : int {
+    idmNew = 100,
+    idmOpen = 101,
+    idmPlot = 102,
+    idmPrint = 103,
+    idmPrintSetup = 104,
+    idmExit = 106,
+    idmRecalculate = 123, // no item: sent by the fitting parameter dialog
+    idmDetails = 200,
+    idmExperimental = 300,
+    idmSwitch = 302,
+    idmGridLines = 303,
+    idmDisplayDefault = 304,
+    idmShowInfo = 305,
+    idmFitted1 = 3011, // "# 1"; "# n" is idmFitted1 + n - 1, up to "# 10" (3020)
+    idmFitted10 = 3020,
+    idmSelectByMouse = 401,
+    idmSelectCustomize = 402,
+    idmSelectDefault = 409,
+    idmFixRatio = 500,
+    idmZoomByMouse = 501,
+    idmZoomCustomize = 502,
+    idmZoomDefault = 509,
+    idmBorderWidth = 701,
+    idmLabel = 702,
+    idmCurveAttributes = 711,
+    idmAbout = 900,
+};
+
+// A fresh copy of the menu resource named name ("MenuMenu"), in its initial state; an empty
+// menu when there is no such resource.
+Menu loadMenu(std::string_view name);
+
+// The dialog template named name ("DL_ABOUT", "DL_SPIN"); nullptr when there is none.
+const DialogTemplate* findDialogTemplate(std::string_view name);
+
+} // namespace corvane

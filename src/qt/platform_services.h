@@ -1,0 +1,44 @@
+// The Qt backends of the small platform services: message boxes and beeps, the open-file
+// chooser, and a widget's cursor, mouse capture and repaint.
+#pragma once
+
+#include "platform/choosers.h"
+#include "platform/messages.h"
+
+class QWidget;
+
+namespace corvane {
+
+// QMessageBox with the style's buttons and icon, owned by the active modal dialog (else the
+// active window); QApplication::beep for every beep.
+class QtMessagePort final : public MessagePort {
+public:
+    int messageBox(const std::string& text, const std::string& caption, unsigned style) override;
+    void beep(unsigned type) override;
+};
+
+// QFileDialog, owned by owner (nullptr for none), opening existing or new names: the filters,
+// the filter index and the initial file name of the request; the default extension appended.
+class QtChooserPort final : public ChooserPort {
+public:
+    explicit QtChooserPort(QWidget* owner = nullptr) : owner_(owner) {}
+    std::optional<std::string> chooseOpenFile(const OpenFileRequest& request) override;
+
+private:
+    QWidget* owner_;
+};
+
+class WidgetWindow final : public WindowServices {
+public:
+    explicit WidgetWindow(QWidget& widget) : widget_(widget) {}
+    void setCursor(CursorShape shape) override;
+    void captureMouse() override;
+    void releaseMouse() override;
+    void invalidate(bool erase) override;
+    void update() override;
+
+private:
+    QWidget& widget_;
+};
+
+} // namespace corvane
