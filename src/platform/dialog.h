@@ -79,7 +79,9 @@ struct DialogTemplate {
     const ControlTemplate* control(int id) const;
 };
 
-enum class DialogMessage { Initialise, Command, Close };
+// Timer: the interval asked for with setTimer has passed (work a dialog follows, such as a run
+// of the engine, is fed this way, never by a loop inside the procedure).
+enum class DialogMessage { Initialise, Command, Close, Timer };
 
 // What a control reports with a Command.
 enum class Notification {
@@ -132,6 +134,9 @@ public:
     // means that it never shows. A modal dialog's run returns result.
     virtual void end(std::intptr_t result) = 0;
     virtual bool hasEnded() const = 0;
+
+    // Sends Timer every milliseconds from now on, until the dialog ends; 0 stops it.
+    virtual void setTimer(int milliseconds) = 0;
 
     // The default beep, through the message port.
     void beep();

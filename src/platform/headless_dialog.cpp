@@ -158,6 +158,12 @@ void HeadlessDialog::closeBySystemMenu() {
     if (procedure_) procedure_(*this, DialogMessage::Close, 0, Notification::None);
 }
 
+bool HeadlessDialog::tick() {
+    if (!opened_ || ended_ || timer_ == 0) return false;
+    if (procedure_) procedure_(*this, DialogMessage::Timer, 0, Notification::None);
+    return true;
+}
+
 void HeadlessDialog::setText(int id, std::string_view text) {
     Control* c = find(id);
     if (c == nullptr || c->tmpl->kind == ControlKind::ListBox) return;

@@ -29,6 +29,9 @@ public:
     bool click(int id);
     bool chooseRow(int id, int row);
     void closeBySystemMenu(); // Close: the system menu, the close box or Alt+F4
+    // The interval set with setTimer has passed: sends Timer; false when no timer runs.
+    bool tick();
+    int timerInterval() const { return timer_; }
 
     // Dialog.
     const DialogTemplate& dialogTemplate() const override { return *template_; }
@@ -48,6 +51,7 @@ public:
     void select(int id, int row) override;
     void end(std::intptr_t result) override;
     bool hasEnded() const override { return ended_; }
+    void setTimer(int milliseconds) override { timer_ = milliseconds > 0 ? milliseconds : 0; }
 
 private:
     struct Control {
@@ -70,6 +74,7 @@ private:
     std::vector<Control> controls_;
     int focus_ = 0;
     bool opened_ = false;
+    int timer_ = 0;
     bool ended_ = false;
     std::intptr_t result_ = 0;
 };

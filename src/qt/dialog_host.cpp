@@ -454,10 +454,25 @@ void QtDialog::select(int id, int row) {
     }
 }
 
+void QtDialog::setTimer(int milliseconds) {
+    if (milliseconds <= 0) {
+        if (timer_) timer_->stop();
+        return;
+    }
+    if (!timer_) {
+        timer_ = std::make_unique<QTimer>();
+        QObject::connect(timer_.get(), &QTimer::timeout, [this] {
+            if (!ended_) send(DialogMessage::Timer, 0, Notification::None);
+        });
+    }
+    timer_->start(milliseconds);
+}
+
 void QtDialog::end(std::intptr_t result) {
     if (ended_) return;
     ended_ = true;
     result_ = result;
+    if (timer_) timer_->stop();
     if (modal_ && window_->isVisible())
         window_->done(0);
     else

@@ -10,6 +10,7 @@
 
 #include <QFont>
 #include <QRect>
+#include <QTimer>
 #include <memory>
 #include <vector>
 
@@ -78,6 +79,7 @@ public:
     void select(int id, int row) override;
     void end(std::intptr_t result) override;
     bool hasEnded() const override { return ended_; }
+    void setTimer(int milliseconds) override;
 
 private:
     class Window;
@@ -98,6 +100,7 @@ private:
     const DialogTemplate* template_;
     DialogProc procedure_;
     std::unique_ptr<Window> window_;
+    std::unique_ptr<QTimer> timer_;
     DialogBaseUnits units_;
     std::vector<Control> controls_;
     bool ownFocusChange_ = false;

@@ -101,6 +101,9 @@ struct Probe {
                 log.push_back("close");
                 d.end(0);
                 return 1;
+            case DialogMessage::Timer:
+                log.push_back("timer");
+                return 1;
             case DialogMessage::Command:
                 log.push_back(std::to_string(id) + ":" + std::to_string(static_cast<int>(n)));
                 if (id == 100 && n != Notification::EditFocusGained &&
