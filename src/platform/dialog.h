@@ -115,7 +115,7 @@ public:
     virtual int focus() const = 0;
     bool hasFocus(int id) const { return focus() == id; }
 
-    // Check boxes.
+    // Check boxes; for black rectangles, filled (checked, as they start) or empty.
     virtual void setChecked(int id, bool checked) = 0;
     virtual bool isChecked(int id) const = 0;
 

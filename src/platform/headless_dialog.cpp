@@ -47,7 +47,8 @@ HeadlessDialog::HeadlessDialog(const DialogTemplate& dialog, DialogProc procedur
     for (const ControlTemplate& c : dialog.controls) {
         bool hasText = c.kind != ControlKind::ListBox && c.kind != ControlKind::ComboBox;
         controls_.push_back(
-            {&c, hasText ? c.text : std::string(), (c.style & csDisabled) == 0, false, {}, -1});
+            {&c, hasText ? c.text : std::string(), (c.style & csDisabled) == 0,
+             c.kind == ControlKind::BlackRect, {}, -1});
     }
 }
 
@@ -198,7 +199,9 @@ void HeadlessDialog::setFocus(int id) {
 
 void HeadlessDialog::setChecked(int id, bool checked) {
     Control* c = find(id);
-    if (c != nullptr && c->tmpl->kind == ControlKind::CheckBox) c->checked = checked;
+    if (c != nullptr &&
+        (c->tmpl->kind == ControlKind::CheckBox || c->tmpl->kind == ControlKind::BlackRect))
+        c->checked = checked;
 }
 
 bool HeadlessDialog::isChecked(int id) const {

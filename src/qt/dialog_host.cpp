@@ -7,6 +7,7 @@
 #include <QDialog>
 #include <QFocusEvent>
 #include <QFontMetrics>
+#include <QFrame>
 #include <QGroupBox>
 #include <QLabel>
 #include <QLineEdit>
@@ -37,6 +38,14 @@ constexpr int escapeCommand = 2;
 } // namespace
 
 // The QDialog: hands closing and Escape to the procedure, and the focus events of the fields.
+// A black rectangle, filled black, or empty (white in a black frame).
+void fillRectangle(QWidget* box, bool filled) {
+    QPalette palette = box->palette();
+    palette.setColor(QPalette::Window, filled ? Qt::black : Qt::white);
+    palette.setColor(QPalette::WindowText, Qt::black);
+    box->setPalette(palette);
+}
+
 class QtDialog::Window final : public QDialog {
 public:
     Window(QtDialog& host, QWidget* owner) : QDialog(owner), host_(host) {}
@@ -194,12 +203,11 @@ void QtDialog::build() {
             }
             break;
         case ControlKind::BlackRect: {
-            auto* box = new QWidget(&w);
+            auto* box = new QFrame(&w);
+            box->setFrameShape(QFrame::Box);
             box->setAutoFillBackground(true);
-            QPalette palette = box->palette();
-            palette.setColor(QPalette::Window, Qt::black);
-            box->setPalette(palette);
             c.widget = box;
+            fillRectangle(box, true);
             break;
         }
         }
@@ -369,11 +377,15 @@ int QtDialog::focus() const {
 
 void QtDialog::setChecked(int id, bool checked) {
     const Control* c = find(id);
-    if (c != nullptr && c->tmpl->kind == ControlKind::CheckBox) c->button->setChecked(checked);
+    if (c == nullptr) return;
+    if (c->tmpl->kind == ControlKind::CheckBox) c->button->setChecked(checked);
+    if (c->tmpl->kind == ControlKind::BlackRect) fillRectangle(c->widget, checked);
 }
 
 bool QtDialog::isChecked(int id) const {
     const Control* c = find(id);
+    if (c != nullptr && c->tmpl->kind == ControlKind::BlackRect)
+        return c->widget->palette().color(QPalette::Window) == Qt::black;
     return c != nullptr && c->tmpl->kind == ControlKind::CheckBox && c->button->isChecked();
 }
 
