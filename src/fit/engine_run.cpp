@@ -14,8 +14,6 @@
 
 namespace corvane {
 
-EngineRun lastEngineRun;
-
 namespace {
 
 constexpr int pollMilliseconds = 50;
@@ -70,8 +68,8 @@ std::string engineProgram() {
 bool runEngine(EngineProgress* progress) {
     EngineProgress silent;
     EngineProgress& report = progress != nullptr ? *progress : silent;
-    lastEngineRun = EngineRun{};
-    EngineRun& run = lastEngineRun;
+    runState.lastEngineRun = EngineRun{};
+    EngineRun& run = runState.lastEngineRun;
 
     run.program = engineProgram();
     ChildProgram engine;

@@ -8,6 +8,8 @@
 
 #include <string>
 
+#include "fit/run_state.h"
+
 namespace corvane {
 
 inline constexpr const char* engineProgramName = "corefit";
@@ -34,24 +36,6 @@ public:
     // second time): true ends the engine at once; it leaves no results then.
     virtual bool killRequested() { return false; }
 };
-
-// How the last run went, for the messages that follow it.
-struct EngineRun {
-    bool started = false;
-    std::string program;      // the engine that was run or looked for
-    std::string startFailure; // why it could not be started
-    bool exited = false;      // ended by itself, with exitCode
-    int exitCode = -1;
-    int signal = 0;           // the signal that ended it, when it did not exit
-    bool interrupted = false; // the user asked it to stop
-    bool killed = false;      // and then to stop at once, and it was killed
-    // The engine's last message: the last line on its error stream or, when it failed without
-    // one, the reason at the end of the log it wrote.
-    std::string message;
-};
-
-// The last run of this process.
-extern EngineRun lastEngineRun;
 
 // The engine to run: CORVANE_ENGINE when set, else corefit beside this program or on the
 // search path; "" when there is none.

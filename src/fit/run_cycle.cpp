@@ -11,15 +11,12 @@
 
 namespace corvane {
 
-std::string inputPath;
-std::string reportPath;
-
 namespace {
 
 // Tells the user why a run left the report as it was, with what the engine said of it.
 void showNoResults(const ReportWrite& write, const std::string& outputPath) {
-    const EngineRun& run = lastEngineRun;
-    const std::string unchanged = formatC(" %s was not changed.", reportPath.c_str());
+    const EngineRun& run = runState.lastEngineRun;
+    const std::string unchanged = formatC(" %s was not changed.", runState.reportPath.c_str());
     switch (write.outcome) {
     case ReportWrite::Written:
         return;
@@ -36,7 +33,7 @@ void showNoResults(const ReportWrite& write, const std::string& outputPath) {
     }
     case ReportWrite::NotWritten:
         showError(formatC("Cannot write the report %s: %s. The fit results stay in %s.",
-                          reportPath.c_str(), write.detail.c_str(), outputPath.c_str()));
+                          runState.reportPath.c_str(), write.detail.c_str(), outputPath.c_str()));
         return;
     }
 }
@@ -47,7 +44,7 @@ RunOutcome fitInWorkDir(EngineProgress* progress) {
     const std::string outputPath = inWorkDir(engineOutputName);
     if (fileExists(outputPath)) removeFile(outputPath);
     const bool started = runEngine(progress);
-    const ReportWrite write = writeReport(outputPath, reportPath);
+    const ReportWrite write = writeReport(outputPath, runState.reportPath);
     if (write.outcome == ReportWrite::Written) return RunOutcome::Fitted;
     showNoResults(write, outputPath);
     return started ? RunOutcome::NoResults : RunOutcome::EngineNotStarted;
@@ -78,9 +75,9 @@ bool prepareRun(const std::string& path) {
 }
 
 RunOutcome runInputCycle(EngineProgress* progress) {
-    if (!prepareRun(inputPath)) return RunOutcome::BadInput;
-    reportPath = deriveReportPath(inputPath);
-    workDir = deriveWorkDir(inputPath);
+    if (!prepareRun(runState.inputPath)) return RunOutcome::BadInput;
+    runState.reportPath = deriveReportPath(runState.inputPath);
+    runState.workDir = deriveWorkDir(runState.inputPath);
     return fitInWorkDir(progress);
 }
 
@@ -91,8 +88,8 @@ bool plotReport(const std::string& path) {
     updated->calculationCount = 0;
     if (!readReportFile(path, *updated)) return false;
     fitDocument = *updated;
-    reportPath = path;
-    workDir = deriveWorkDir(path);
+    runState.reportPath = path;
+    runState.workDir = deriveWorkDir(path);
     return true;
 }
 

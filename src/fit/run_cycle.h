@@ -6,13 +6,9 @@
 #include <string>
 
 #include "fit/engine_run.h"
+#include "fit/run_state.h"
 
 namespace corvane {
-
-// The input file being fitted and the report of the document; empty until set. (The working
-// directory, workDir, is declared with the exchange files.)
-extern std::string inputPath;
-extern std::string reportPath;
 
 // The report path for an input file, always beside it: the path up to the last '.' of the file
 // name, followed by ".qpo"; a file name without a dot (or with only a leading one) gets ".qpo"

@@ -35,7 +35,8 @@ class RunCycleTest : public ::testing::Test {
 protected:
     void SetUp() override {
         resetFitDocument();
-        inputPath = dir.write("cu2.qpi", dimer);
+        runState.reset();
+        runState.inputPath = dir.write("cu2.qpi", dimer);
     }
     void TearDown() override { unsetenv("CORVANE_ENGINE"); }
 
@@ -70,7 +71,7 @@ TEST(RunCyclePaths, TheReportIsAlwaysBesideItsInputFile) {
     // One directory rule for every file of a run.
     EXPECT_EQ(deriveWorkDir("/fits/dimer.qpi"), "/fits");
     EXPECT_EQ(deriveWorkDir("/dimer.qpi"), "");
-    workDir = deriveWorkDir("dimer.qpi");
+    runState.workDir = deriveWorkDir("dimer.qpi");
     EXPECT_EQ(inWorkDir(engineInputName), "./input.txt");
 }
 
@@ -81,8 +82,8 @@ TEST_F(RunCycleTest, AFitWritesTheReportAndPassesTheEnginesProgressOn) {
     EXPECT_EQ(progress.statuses, std::vector<std::string>{engineRunningText});
     EXPECT_EQ(progress.lines, (std::vector<std::string>{"iteration 1 deviation 0.5",
                                                         "iteration 2 deviation 0.0125"}));
-    EXPECT_EQ(reportPath, dir.file("cu2.qpo"));
-    EXPECT_EQ(workDir, dir.path());
+    EXPECT_EQ(runState.reportPath, dir.file("cu2.qpo"));
+    EXPECT_EQ(runState.workDir, dir.path());
     EXPECT_EQ(fitDocument.calculations[0].j[0].fitted, -97.25);
     EXPECT_EQ(dir.listing(), "chit.txt cu2.qpi cu2.qpo engine.sh input.txt");
     EXPECT_TRUE(port.messages.empty());
@@ -149,25 +150,25 @@ TEST_F(RunCycleTest, AnInterruptedEngineStillGivesItsBestResult) {
               "while :; do sleep 0.02; done");
     progress.interruptAfterFirstLine = true;
     EXPECT_EQ(runInputCycle(&progress), RunOutcome::Fitted);
-    EXPECT_TRUE(lastEngineRun.interrupted);
-    EXPECT_EQ(lastEngineRun.exitCode, 3);
+    EXPECT_TRUE(runState.lastEngineRun.interrupted);
+    EXPECT_EQ(runState.lastEngineRun.exitCode, 3);
     EXPECT_EQ(fitDocument.calculations[0].deviation, 0.0125);
 }
 
 TEST_F(RunCycleTest, AReportLoadedForPlottingCanBeFittedAgainWithTheRealEngine) {
     setenv("CORVANE_ENGINE", CORVANE_BIN_DIR "/corefit", 1);
     ASSERT_EQ(runInputCycle(nullptr), RunOutcome::Fitted) << port.messages.at(0).text;
-    const std::string report = reportPath;
+    const std::string report = runState.reportPath;
 
     // Plot from elsewhere: the document is the report alone, and its directory the work place.
     resetFitDocument();
     fitDocument.calculationCount = 3;
-    workDir = "/nonexistent";
+    runState.workDir = "/nonexistent";
     for (const char* name : {"input.txt", "chit.txt", "cu2.qpi"})
         std::filesystem::remove(dir.file(name));
     ASSERT_TRUE(plotReport(report));
     EXPECT_EQ(fitDocument.calculationCount, 1);
-    EXPECT_EQ(workDir, dir.path());
+    EXPECT_EQ(runState.workDir, dir.path());
 
     fitDocument.calculationCount = 2; // Add New
     fitDocument.calculations[1] = fitDocument.calculations[0];
@@ -182,7 +183,7 @@ TEST_F(RunCycleTest, AReportLoadedForPlottingCanBeFittedAgainWithTheRealEngine) 
     const std::string head = dir.read("cu2.qpo").substr(0, dir.read("cu2.qpo").find("\n\n***"));
     EXPECT_FALSE(plotReport(dir.write("empty.qpo", head)));
     EXPECT_EQ(fitDocument.calculationCount, 2);
-    EXPECT_EQ(reportPath, report);
+    EXPECT_EQ(runState.reportPath, report);
     EXPECT_NE(port.messages.back().text.find("holds no fit results"), std::string::npos);
 }
 
