@@ -38,18 +38,6 @@ void showNoResults(const ReportWrite& write, const std::string& outputPath) {
     }
 }
 
-// Runs the engine in workDir and stores its results; the stale output of an earlier run is
-// deleted first, so that it is never read as this run's.
-RunOutcome fitInWorkDir(EngineProgress* progress) {
-    const std::string outputPath = inWorkDir(engineOutputName);
-    if (fileExists(outputPath)) removeFile(outputPath);
-    const bool started = runEngine(progress);
-    const ReportWrite write = writeReport(outputPath, runState.reportPath);
-    if (write.outcome == ReportWrite::Written) return RunOutcome::Fitted;
-    showNoResults(write, outputPath);
-    return started ? RunOutcome::NoResults : RunOutcome::EngineNotStarted;
-}
-
 } // namespace
 
 std::string deriveReportPath(const std::string& path) {
@@ -74,14 +62,39 @@ bool prepareRun(const std::string& path) {
     return readInputFile(path, engineInputPath, chiPath, chitPath);
 }
 
-RunOutcome runInputCycle(EngineProgress* progress) {
-    if (!prepareRun(runState.inputPath)) return RunOutcome::BadInput;
+bool beginInputCycle() {
+    if (!prepareRun(runState.inputPath)) return false;
     runState.reportPath = deriveReportPath(runState.inputPath);
     runState.workDir = deriveWorkDir(runState.inputPath);
-    return fitInWorkDir(progress);
+    beginRecalculation();
+    return true;
 }
 
-RunOutcome runRecalculation(EngineProgress* progress) { return fitInWorkDir(progress); }
+void beginRecalculation() {
+    // The output of an earlier run is never read as this run's.
+    const std::string outputPath = inWorkDir(engineOutputName);
+    if (fileExists(outputPath)) removeFile(outputPath);
+}
+
+RunOutcome completeRun() {
+    const std::string outputPath = inWorkDir(engineOutputName);
+    const ReportWrite write = writeReport(outputPath, runState.reportPath);
+    if (write.outcome == ReportWrite::Written) return RunOutcome::Fitted;
+    showNoResults(write, outputPath);
+    return runState.lastEngineRun.started ? RunOutcome::NoResults : RunOutcome::EngineNotStarted;
+}
+
+RunOutcome runInputCycle(EngineProgress* progress) {
+    if (!beginInputCycle()) return RunOutcome::BadInput;
+    runEngine(progress);
+    return completeRun();
+}
+
+RunOutcome runRecalculation(EngineProgress* progress) {
+    beginRecalculation();
+    runEngine(progress);
+    return completeRun();
+}
 
 bool plotReport(const std::string& path) {
     auto updated = std::make_unique<FitDocument>(fitDocument);
