@@ -190,7 +190,7 @@ nlohmann::ordered_json documentJson(const FitDocument& doc);
 
 int runCommand(const std::string& path, const PlotRequest& plot, bool json) {
     chatter = json ? stderr : stdout;
-    inputPath = absolutePath(path);
+    runState.inputPath = absolutePath(path);
     std::signal(SIGINT, onInterrupt);
     std::signal(SIGTERM, onInterrupt);
     TerminalProgress progress;
@@ -203,22 +203,22 @@ int runCommand(const std::string& path, const PlotRequest& plot, bool json) {
     case RunOutcome::EngineNotStarted:
         return exitNoEngine;
     case RunOutcome::NoResults:
-        return lastEngineRun.interrupted ? exitInterrupted : exitEngineFailed;
+        return runState.lastEngineRun.interrupted ? exitInterrupted : exitEngineFailed;
     case RunOutcome::Fitted:
         break;
     }
-    std::fprintf(chatter, "Wrote %s\n", reportPath.c_str());
+    std::fprintf(chatter, "Wrote %s\n", runState.reportPath.c_str());
     if (json)
         std::printf("%s\n", documentJson(fitDocument).dump(2).c_str());
     else
         printResults();
-    if (const std::string note = engineNoteText(lastEngineRun); !note.empty())
-        std::fprintf(chatter, "Note: %s; see %s/%s.\n", note.c_str(), workDir.c_str(),
+    if (const std::string note = engineNoteText(runState.lastEngineRun); !note.empty())
+        std::fprintf(chatter, "Note: %s; see %s/%s.\n", note.c_str(), runState.workDir.c_str(),
                      engineLogName);
     if (!plot.output.empty()) {
         if (const int code = writePlot(plot); code != exitOk) return code;
     }
-    if (lastEngineRun.interrupted) {
+    if (runState.lastEngineRun.interrupted) {
         std::fprintf(chatter, "Interrupted: the report holds the best fit found until then.\n");
         return exitInterrupted;
     }

@@ -14,8 +14,6 @@
 
 namespace corvane {
 
-EngineRun lastEngineRun;
-
 namespace {
 
 constexpr int pollMilliseconds = 50;
@@ -67,54 +65,98 @@ std::string engineProgram() {
     return findProgram(engineProgramName);
 }
 
-bool runEngine(EngineProgress* progress) {
-    EngineProgress silent;
-    EngineProgress& report = progress != nullptr ? *progress : silent;
-    lastEngineRun = EngineRun{};
-    EngineRun& run = lastEngineRun;
+EngineRunner::EngineRunner(EngineProgress* progress) : progress_(progress) {}
 
-    run.program = engineProgram();
-    ChildProgram engine;
-    if (run.program.empty()) {
+namespace {
+
+EngineProgress& progressOr(EngineProgress* progress) {
+    static EngineProgress silent;
+    return progress != nullptr ? *progress : silent;
+}
+
+} // namespace
+
+bool EngineRunner::start() {
+    runState.lastEngineRun = EngineRun{};
+    run_ = EngineRun{};
+    run_.program = engineProgram();
+    if (run_.program.empty()) {
         const char* named = std::getenv("CORVANE_ENGINE");
-        run.startFailure = named != nullptr && *named != '\0'
-                               ? formatC("%s (CORVANE_ENGINE) was not found", named)
-                               : formatC("%s was found neither beside this program nor on the "
-                                         "search path",
-                                         engineProgramName);
+        run_.startFailure = named != nullptr && *named != '\0'
+                                ? formatC("%s (CORVANE_ENGINE) was not found", named)
+                                : formatC("%s was found neither beside this program nor on the "
+                                          "search path",
+                                          engineProgramName);
     } else if (std::string reason;
-               !engine.start(run.program, {inWorkDir(engineInputName)}, reason)) {
-        run.startFailure = run.program + ": " + reason;
+               !engine_.start(run_.program, {inWorkDir(engineInputName)}, reason)) {
+        run_.startFailure = run_.program + ": " + reason;
     } else {
-        run.started = true;
+        run_.started = true;
     }
-    if (!run.started) {
+    if (!run_.started) {
+        runState.lastEngineRun = run_;
         messageBeep(0);
-        report.status(engineStartFailedText);
+        progressOr(progress_).status(engineStartFailedText);
         return false;
     }
+    started_ = std::time(nullptr);
+    running_ = true;
+    progressOr(progress_).status(engineRunningText);
+    return true;
+}
 
-    const std::time_t started = std::time(nullptr);
-    report.status(engineRunningText);
-    const auto forward = [&](const std::string& text) { report.line(text); };
-    while (engine.poll(pollMilliseconds, forward)) {
-        if (!run.interrupted && report.interruptRequested()) {
-            run.interrupted = true;
-            engine.interrupt();
-        }
-        if (run.interrupted && !run.killed && report.killRequested()) {
-            run.killed = true;
-            engine.kill();
+bool EngineRunner::feed(int timeoutMs) {
+    if (!running_) return false;
+    EngineProgress& report = progressOr(progress_);
+    running_ = engine_.poll(timeoutMs, [&](const std::string& text) { report.line(text); });
+    return running_;
+}
+
+void EngineRunner::requestInterrupt() {
+    if (!running_ || run_.interrupted) return;
+    run_.interrupted = true;
+    engine_.interrupt();
+}
+
+void EngineRunner::requestKill() {
+    if (!running_ || run_.killed) return;
+    run_.interrupted = true;
+    run_.killed = true;
+    engine_.kill();
+}
+
+const EngineRun& EngineRunner::finish() {
+    if (finished_ || !run_.started) {
+        finished_ = true;
+        runState.lastEngineRun = run_;
+        return run_;
+    }
+    if (running_) requestKill();
+    while (feed(pollMilliseconds)) {
+    }
+    finished_ = true;
+    run_.exited = engine_.exitedNormally();
+    run_.exitCode = engine_.exitCode();
+    run_.signal = engine_.signalNumber();
+    run_.message = lastLine(engine_.errorOutput());
+    if (run_.message.empty() && run_.exited && run_.exitCode != 0 && !leftResults(run_))
+        run_.message = logMessage(inWorkDir(engineLogName), started_);
+    runState.lastEngineRun = run_;
+    messageBeep(0);
+    return run_;
+}
+
+bool runEngine(EngineProgress* progress) {
+    EngineProgress& report = progressOr(progress);
+    EngineRunner runner(&report);
+    if (runner.start()) {
+        while (runner.feed(pollMilliseconds)) {
+            if (!runner.run().interrupted && report.interruptRequested()) runner.requestInterrupt();
+            if (runner.run().interrupted && !runner.run().killed && report.killRequested())
+                runner.requestKill();
         }
     }
-    run.exited = engine.exitedNormally();
-    run.exitCode = engine.exitCode();
-    run.signal = engine.signalNumber();
-    run.message = lastLine(engine.errorOutput());
-    if (run.message.empty() && run.exited && run.exitCode != 0 && !leftResults(run))
-        run.message = logMessage(inWorkDir(engineLogName), started);
-    messageBeep(0);
-    return true;
+    return runner.finish().started;
 }
 
 std::string engineFailureText(const EngineRun& run) {

@@ -6,8 +6,6 @@
 
 namespace corvane {
 
-std::string workDir = ".";
-
 namespace {
 
 void appendParameter(std::string& text, const FitParameter& p) {
@@ -90,7 +88,7 @@ bool writeEngineData(const std::string& path) {
     return writeExchangeFile(path, engineDataText(fitDocument));
 }
 
-std::string inWorkDir(const char* name) { return pathIn(workDir, name); }
+std::string inWorkDir(const char* name) { return pathIn(runState.workDir, name); }
 
 const char* dataExchangeName(const FitDocument& doc) {
     return doc.dataKind == DataKind::Chi ? chiDataName : chitDataName;

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "fit/fit_document.h"
+#include "fit/run_state.h"
 
 namespace corvane {
 
@@ -24,13 +25,7 @@ std::string directoryOf(const std::string& path);
 // The file of that name in directory: directory + "/" + name.
 std::string pathIn(const std::string& directory, const char* name);
 
-// The working directory of the document: the directory, without a trailing '/', in which the
-// engine reads input.txt and the data exchange file and writes output.txt. It is the input
-// file's directory after a fit from an input file and the report's directory after a report has
-// been loaded; "." (the current directory) until then.
-extern std::string workDir;
-
-// The file of that name in workDir: workDir + "/" + name.
+// The file of that name in runState.workDir: workDir + "/" + name.
 std::string inWorkDir(const char* name);
 
 // The exchange file name for the document's kind of data: chi.txt or chit.txt.

@@ -11,15 +11,12 @@
 
 namespace corvane {
 
-std::string inputPath;
-std::string reportPath;
-
 namespace {
 
 // Tells the user why a run left the report as it was, with what the engine said of it.
 void showNoResults(const ReportWrite& write, const std::string& outputPath) {
-    const EngineRun& run = lastEngineRun;
-    const std::string unchanged = formatC(" %s was not changed.", reportPath.c_str());
+    const EngineRun& run = runState.lastEngineRun;
+    const std::string unchanged = formatC(" %s was not changed.", runState.reportPath.c_str());
     switch (write.outcome) {
     case ReportWrite::Written:
         return;
@@ -36,21 +33,9 @@ void showNoResults(const ReportWrite& write, const std::string& outputPath) {
     }
     case ReportWrite::NotWritten:
         showError(formatC("Cannot write the report %s: %s. The fit results stay in %s.",
-                          reportPath.c_str(), write.detail.c_str(), outputPath.c_str()));
+                          runState.reportPath.c_str(), write.detail.c_str(), outputPath.c_str()));
         return;
     }
-}
-
-// Runs the engine in workDir and stores its results; the stale output of an earlier run is
-// deleted first, so that it is never read as this run's.
-RunOutcome fitInWorkDir(EngineProgress* progress) {
-    const std::string outputPath = inWorkDir(engineOutputName);
-    if (fileExists(outputPath)) removeFile(outputPath);
-    const bool started = runEngine(progress);
-    const ReportWrite write = writeReport(outputPath, reportPath);
-    if (write.outcome == ReportWrite::Written) return RunOutcome::Fitted;
-    showNoResults(write, outputPath);
-    return started ? RunOutcome::NoResults : RunOutcome::EngineNotStarted;
 }
 
 } // namespace
@@ -77,22 +62,47 @@ bool prepareRun(const std::string& path) {
     return readInputFile(path, engineInputPath, chiPath, chitPath);
 }
 
-RunOutcome runInputCycle(EngineProgress* progress) {
-    if (!prepareRun(inputPath)) return RunOutcome::BadInput;
-    reportPath = deriveReportPath(inputPath);
-    workDir = deriveWorkDir(inputPath);
-    return fitInWorkDir(progress);
+bool beginInputCycle() {
+    if (!prepareRun(runState.inputPath)) return false;
+    runState.reportPath = deriveReportPath(runState.inputPath);
+    runState.workDir = deriveWorkDir(runState.inputPath);
+    beginRecalculation();
+    return true;
 }
 
-RunOutcome runRecalculation(EngineProgress* progress) { return fitInWorkDir(progress); }
+void beginRecalculation() {
+    // The output of an earlier run is never read as this run's.
+    const std::string outputPath = inWorkDir(engineOutputName);
+    if (fileExists(outputPath)) removeFile(outputPath);
+}
+
+RunOutcome completeRun() {
+    const std::string outputPath = inWorkDir(engineOutputName);
+    const ReportWrite write = writeReport(outputPath, runState.reportPath);
+    if (write.outcome == ReportWrite::Written) return RunOutcome::Fitted;
+    showNoResults(write, outputPath);
+    return runState.lastEngineRun.started ? RunOutcome::NoResults : RunOutcome::EngineNotStarted;
+}
+
+RunOutcome runInputCycle(EngineProgress* progress) {
+    if (!beginInputCycle()) return RunOutcome::BadInput;
+    runEngine(progress);
+    return completeRun();
+}
+
+RunOutcome runRecalculation(EngineProgress* progress) {
+    beginRecalculation();
+    runEngine(progress);
+    return completeRun();
+}
 
 bool plotReport(const std::string& path) {
     auto updated = std::make_unique<FitDocument>(fitDocument);
     updated->calculationCount = 0;
     if (!readReportFile(path, *updated)) return false;
     fitDocument = *updated;
-    reportPath = path;
-    workDir = deriveWorkDir(path);
+    runState.reportPath = path;
+    runState.workDir = deriveWorkDir(path);
     return true;
 }
 

@@ -1,18 +1,19 @@
 // The fitting run cycle without a window: the order of calls that turns an input file into a
 // fitted document and a report, fits a document again, or loads a saved report. The desktop
 // program's commands and corvane-fit both go through these.
+//
+// A fit comes in two halves around the engine run, so that a window can run the engine from its
+// event loop: begin (beginInputCycle or beginRecalculation), an EngineRunner started, fed until
+// it ends and finished, then completeRun. runInputCycle and runRecalculation do the same in one
+// call and wait for the engine.
 #pragma once
 
 #include <string>
 
 #include "fit/engine_run.h"
+#include "fit/run_state.h"
 
 namespace corvane {
-
-// The input file being fitted and the report of the document; empty until set. (The working
-// directory, workDir, is declared with the exchange files.)
-extern std::string inputPath;
-extern std::string reportPath;
 
 // The report path for an input file, always beside it: the path up to the last '.' of the file
 // name, followed by ".qpo"; a file name without a dot (or with only a leading one) gets ".qpo"
@@ -34,13 +35,28 @@ enum class RunOutcome {
     NoResults,        // the engine left no usable results, or the report could not be written
 };
 
-// New and Open: reads inputPath and writes the exchange files beside it, derives reportPath
-// and workDir, deletes a stale workDir/output.txt, runs the engine and writes the report.
-// Stops after a failed read, so that the engine never fits files of an earlier problem.
+// New and Open, first half: reads runState.inputPath and writes the exchange files beside it,
+// derives runState.reportPath and runState.workDir from it and deletes a stale
+// workDir/output.txt. False after a message when the read or a write failed (BadInput): the
+// engine must not be started then, so that it never fits files of an earlier problem.
+bool beginInputCycle();
+
+// Re-calculate and Add New, first half, after writeDialogEngineInput: deletes a stale
+// workDir/output.txt. The engine then runs in workDir, on the files the dialog wrote there.
+void beginRecalculation();
+
+// Second half of both, once the EngineRunner of the run has finished (runState.lastEngineRun
+// holds how it ended): reads the engine output from workDir/output.txt, where the engine ran,
+// into the newest calculation of the document, writes the report to runState.reportPath, and
+// tells the user why when there are no usable results.
+RunOutcome completeRun();
+
+// New and Open in one call: beginInputCycle, runEngine(progress), completeRun.
 RunOutcome runInputCycle(EngineProgress* progress);
 
-// Re-calculate and Add New, after writeDialogEngineInput: runs the engine in workDir on the
-// files written there and writes the results into the last calculation and the report.
+// Re-calculate and Add New in one call, after writeDialogEngineInput: beginRecalculation,
+// runEngine(progress), completeRun. The output is read from workDir, where the dialog's input
+// file was written and the engine ran.
 RunOutcome runRecalculation(EngineProgress* progress);
 
 // Plot: replaces the document by the report at path (its calculations cleared first, so the

@@ -9,8 +9,10 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -73,6 +75,15 @@ ChildProgram::~ChildProgram() {
     }
     closeFd(out_);
     closeFd(err_);
+    closeFd(pidFd_);
+    closeFd(ready_);
+}
+
+void ChildProgram::closeStream(int& fd) {
+    // Taken out of the set first: the set forgets a descriptor only once nothing refers to
+    // what it reads any more.
+    if (fd >= 0 && ready_ >= 0) ::epoll_ctl(ready_, EPOLL_CTL_DEL, fd, nullptr);
+    closeFd(fd);
 }
 
 namespace {
@@ -165,6 +176,14 @@ bool ChildProgram::start(const std::string& program, const std::vector<std::stri
     pid_ = pid;
     out_ = outPipe[0];
     err_ = errPipe[0];
+    pidFd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)); // close-on-exec; -1 when old
+    ready_ = ::epoll_create1(EPOLL_CLOEXEC);
+    for (int fd : {out_, err_, pidFd_}) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.fd = fd;
+        if (fd >= 0 && ready_ >= 0) ::epoll_ctl(ready_, EPOLL_CTL_ADD, fd, &event);
+    }
     return true;
 }
 
@@ -173,7 +192,7 @@ std::size_t ChildProgram::readStream(int& fd, std::string& buffer) {
     const ssize_t n = ::read(fd, chunk, sizeof chunk);
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) return 0;
     if (n <= 0) {
-        closeFd(fd);
+        closeStream(fd);
         return 0;
     }
     buffer.append(chunk, static_cast<std::size_t>(n));
@@ -230,9 +249,10 @@ bool ChildProgram::poll(int timeoutMs, const LineSink& onLine) {
             errors_.erase(0, errors_.size() - errorOutputKept);
         return got;
     };
-    if (out_ >= 0 || err_ >= 0) {
-        pollfd fds[2] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}};
-        const int ready = ::poll(fds, 2, timeoutMs);
+    if (out_ >= 0 || err_ >= 0 || pidFd_ >= 0) {
+        // A negative descriptor is left out by poll.
+        pollfd fds[3] = {{out_, POLLIN, 0}, {err_, POLLIN, 0}, {pidFd_, POLLIN, 0}};
+        const int ready = ::poll(fds, 3, timeoutMs);
         if (ready > 0) {
             if (fds[0].revents != 0 && readStream(out_, outBuffer_) > 0) handOverLines(onLine);
             if (fds[1].revents != 0) readErrors();
@@ -254,8 +274,9 @@ bool ChildProgram::poll(int timeoutMs, const LineSink& onLine) {
             late += got;
             if (fd == &out_) handOverLines(onLine);
         }
-        closeFd(*fd);
+        closeStream(*fd);
     }
+    closeStream(pidFd_);
     if (!outBuffer_.empty()) {
         onLine(outBuffer_);
         outBuffer_.clear();

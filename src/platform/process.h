@@ -54,6 +54,14 @@ public:
     // without a newline included).
     bool poll(int timeoutMs, const std::function<void(const std::string&)>& onLine);
 
+    // A descriptor that is ready for reading whenever poll has something to do: output to hand
+    // over, a stream closed or the program ended. A caller with an event loop of its own (a
+    // QSocketNotifier) watches it and calls poll(0, ...) when it is ready, instead of waiting in
+    // poll. It stays the same from start until the ChildProgram goes away; -1 before start.
+    // (The end of a program that has closed its streams before ending is seen on Linux 5.3 and
+    // later; before, only poll with a timeout notices it.)
+    int readyDescriptor() const { return ready_; }
+
     // Asks the program and its process group to stop (SIGTERM); it may still write before it
     // ends, or ignore the request.
     void interrupt();
@@ -71,12 +79,15 @@ private:
     using LineSink = std::function<void(const std::string&)>;
     std::size_t readStream(int& fd, std::string& buffer);
     void handOverLines(const LineSink& onLine);
+    void closeStream(int& fd);
     void signalGroup(int signal);
     void reap(bool wait);
 
     pid_t pid_ = -1;
     int out_ = -1;
     int err_ = -1;
+    int pidFd_ = -1; // readable once the program has ended
+    int ready_ = -1; // an epoll set of out_, err_ and pidFd_
     std::string outBuffer_, errors_;
     std::size_t scanned_ = 0; // outBuffer_ holds no newline before this
     bool ended_ = false;

@@ -95,7 +95,7 @@ TEST_F(ExchangeFilesTest, AFileThatCannotBeWrittenIsNamedAndNothingIsHalfWritten
 
 TEST_F(ExchangeFilesTest, TheDialogWritesItsCalculationWhereTheEngineReadsIt) {
     ASSERT_TRUE(prepareRun(dir.write("cu2.qpi", dimer)));
-    workDir = dir.path();
+    runState.workDir = dir.path();
     std::filesystem::remove(dir.file("chit.txt"));
     fitDocument.calculationCount = 2;
     fitDocument.calculations[1] = fitDocument.calculations[0];

@@ -17,7 +17,7 @@ class ReportTest : public ::testing::Test {
 protected:
     void SetUp() override {
         resetFitDocument();
-        lastEngineRun = EngineRun{};
+        runState.reset();
     }
     void TearDown() override { failNthFileWrite(0); }
 

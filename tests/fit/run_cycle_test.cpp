@@ -2,6 +2,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -35,7 +37,8 @@ class RunCycleTest : public ::testing::Test {
 protected:
     void SetUp() override {
         resetFitDocument();
-        inputPath = dir.write("cu2.qpi", dimer);
+        runState.reset();
+        runState.inputPath = dir.write("cu2.qpi", dimer);
     }
     void TearDown() override { unsetenv("CORVANE_ENGINE"); }
 
@@ -57,6 +60,19 @@ protected:
     Recorder progress;
 };
 
+// As an event loop drives a run: waits until the runner's descriptor is ready, then pumps.
+bool waitAndPump(EngineRunner& runner) {
+    if (!runner.running()) return false;
+    pollfd ready{runner.descriptor(), POLLIN, 0};
+    EXPECT_EQ(::poll(&ready, 1, 60000), 1) << "the descriptor never became ready";
+    return runner.pump();
+}
+
+// The report without its date line.
+std::string undated(const std::string& report) {
+    return std::regex_replace(report, std::regex("  Date: [^\n]*"), "");
+}
+
 TEST(RunCyclePaths, TheReportIsAlwaysBesideItsInputFile) {
     const std::pair<const char*, const char*> reports[] = {
         {"/fits/dimer.qpi", "/fits/dimer.qpo"},
@@ -70,7 +86,7 @@ TEST(RunCyclePaths, TheReportIsAlwaysBesideItsInputFile) {
     // One directory rule for every file of a run.
     EXPECT_EQ(deriveWorkDir("/fits/dimer.qpi"), "/fits");
     EXPECT_EQ(deriveWorkDir("/dimer.qpi"), "");
-    workDir = deriveWorkDir("dimer.qpi");
+    runState.workDir = deriveWorkDir("dimer.qpi");
     EXPECT_EQ(inWorkDir(engineInputName), "./input.txt");
 }
 
@@ -81,8 +97,8 @@ TEST_F(RunCycleTest, AFitWritesTheReportAndPassesTheEnginesProgressOn) {
     EXPECT_EQ(progress.statuses, std::vector<std::string>{engineRunningText});
     EXPECT_EQ(progress.lines, (std::vector<std::string>{"iteration 1 deviation 0.5",
                                                         "iteration 2 deviation 0.0125"}));
-    EXPECT_EQ(reportPath, dir.file("cu2.qpo"));
-    EXPECT_EQ(workDir, dir.path());
+    EXPECT_EQ(runState.reportPath, dir.file("cu2.qpo"));
+    EXPECT_EQ(runState.workDir, dir.path());
     EXPECT_EQ(fitDocument.calculations[0].j[0].fitted, -97.25);
     EXPECT_EQ(dir.listing(), "chit.txt cu2.qpi cu2.qpo engine.sh input.txt");
     EXPECT_TRUE(port.messages.empty());
@@ -149,25 +165,135 @@ TEST_F(RunCycleTest, AnInterruptedEngineStillGivesItsBestResult) {
               "while :; do sleep 0.02; done");
     progress.interruptAfterFirstLine = true;
     EXPECT_EQ(runInputCycle(&progress), RunOutcome::Fitted);
-    EXPECT_TRUE(lastEngineRun.interrupted);
-    EXPECT_EQ(lastEngineRun.exitCode, 3);
+    EXPECT_TRUE(runState.lastEngineRun.interrupted);
+    EXPECT_EQ(runState.lastEngineRun.exitCode, 3);
     EXPECT_EQ(fitDocument.calculations[0].deviation, 0.0125);
+}
+
+TEST_F(RunCycleTest, ARunnerHandsOverLinesAsTheyComeAndStopsTheEngineAsAsked) {
+    const std::string waitForever = "echo 'iteration 1'\nwhile :; do sleep 0.02; done";
+    const struct {
+        const char* name;
+        std::string engine; // script body; empty: no engine at all
+        int stops;          // requests to stop, once the first line has come
+        bool exited;
+        int exitCode, signal;
+        bool leftOutput;
+    } runs[] = {
+        {"to its end",
+         std::string("echo 'iteration 1'; echo 'iteration 2'; printf '") + goodOutput +
+             "' > \"$out\"",
+         0, true, 0, 0, true},
+        // The first request: the engine writes its best result so far and exits with 3.
+        {"interrupted",
+         std::string("trap 'printf \"") + goodOutput + "\" > \"$out\"; exit 3' TERM\n" +
+             waitForever,
+         1, true, 3, 0, true},
+        // The second: an engine that goes on after the first is stopped at once.
+        {"killed", "trap 'echo still running' TERM\n" + waitForever, 2, false, -1, 9, false},
+    };
+    runState.workDir = dir.path();
+    ASSERT_TRUE(prepareRun(runState.inputPath));
+    for (const auto& r : runs) {
+        SCOPED_TRACE(r.name);
+        useEngine(r.engine);
+        progress = Recorder{};
+        EngineRunner runner(&progress);
+        ASSERT_TRUE(runner.start());
+        EXPECT_EQ(progress.statuses, std::vector<std::string>{engineRunningText});
+        // An engine that ends by itself may end in the pump that brings its first line.
+        while (progress.lines.empty() && waitAndPump(runner)) {
+        }
+        ASSERT_FALSE(progress.lines.empty());
+        EXPECT_EQ(progress.lines.front(), "iteration 1");
+        if (r.stops >= 1) runner.requestInterrupt();
+        if (r.stops >= 2) {
+            while (progress.lines.back() != "still running" && waitAndPump(runner)) {
+            }
+            runner.requestKill();
+        }
+        while (waitAndPump(runner)) {
+        }
+        const EngineRun run = runner.finish();
+        EXPECT_TRUE(run.started);
+        EXPECT_EQ(run.exited, r.exited);
+        EXPECT_EQ(run.exitCode, r.exitCode);
+        EXPECT_EQ(run.signal, r.signal);
+        EXPECT_EQ(run.interrupted, r.stops >= 1);
+        EXPECT_EQ(run.killed, r.stops >= 2);
+        EXPECT_EQ(runState.lastEngineRun.exitCode, r.exitCode);
+        EXPECT_EQ(dir.has("output.txt"), r.leftOutput);
+        if (r.stops == 0) {
+            EXPECT_EQ(progress.lines, (std::vector<std::string>{"iteration 1", "iteration 2"}));
+        }
+        std::filesystem::remove(dir.file("output.txt"));
+    }
+
+    // An engine that cannot be started says so at start, and finish records why.
+    setenv("CORVANE_ENGINE", dir.file("none").c_str(), 1);
+    progress = Recorder{};
+    EngineRunner runner(&progress);
+    EXPECT_FALSE(runner.start());
+    EXPECT_EQ(progress.statuses, std::vector<std::string>{engineStartFailedText});
+    EXPECT_FALSE(runner.pump());
+    const EngineRun run = runner.finish();
+    EXPECT_FALSE(run.started);
+    EXPECT_EQ(run.startFailure, dir.file("none") + ": No such file or directory");
+    EXPECT_EQ(runState.lastEngineRun.startFailure, run.startFailure);
+}
+
+TEST_F(RunCycleTest, TheTwoHalvesOfARunGiveWhatTheBlockingCycleGives) {
+    useGoodEngine();
+    const std::string input = runState.inputPath;
+    // New, then Re-calculate with a changed start value; the halves with a runner when split.
+    const auto fit = [&](bool split) {
+        resetFitDocument();
+        runState.reset();
+        runState.inputPath = input;
+        const auto runHalves = [&](bool begun) {
+            if (!begun) return RunOutcome::BadInput;
+            EngineRunner runner(&progress);
+            if (runner.start()) {
+                while (waitAndPump(runner)) {
+                }
+            }
+            runner.finish();
+            return completeRun();
+        };
+        EXPECT_EQ(split ? runHalves(beginInputCycle()) : runInputCycle(&progress),
+                  RunOutcome::Fitted);
+        fitDocument.currentCalculation = 0;
+        fitDocument.calculations[0].g.start = 2.2;
+        EXPECT_TRUE(writeDialogEngineInput());
+        if (split) beginRecalculation();
+        EXPECT_EQ(split ? runHalves(true) : runRecalculation(&progress), RunOutcome::Fitted);
+        return std::pair(reportText(fitDocument, ""), undated(dir.read("cu2.qpo")));
+    };
+    const auto blocking = fit(false);
+    dir.write("output.txt", "stale output of an earlier run");
+    const auto split = fit(true);
+    EXPECT_EQ(split.first, blocking.first);
+    EXPECT_EQ(split.second, blocking.second);
+    EXPECT_NE(split.second.find("2.200000"), std::string::npos);
+    EXPECT_EQ(runState.reportPath, dir.file("cu2.qpo"));
+    EXPECT_EQ(runState.workDir, dir.path());
+    EXPECT_TRUE(port.messages.empty());
 }
 
 TEST_F(RunCycleTest, AReportLoadedForPlottingCanBeFittedAgainWithTheRealEngine) {
     setenv("CORVANE_ENGINE", CORVANE_BIN_DIR "/corefit", 1);
     ASSERT_EQ(runInputCycle(nullptr), RunOutcome::Fitted) << port.messages.at(0).text;
-    const std::string report = reportPath;
+    const std::string report = runState.reportPath;
 
     // Plot from elsewhere: the document is the report alone, and its directory the work place.
     resetFitDocument();
     fitDocument.calculationCount = 3;
-    workDir = "/nonexistent";
+    runState.workDir = "/nonexistent";
     for (const char* name : {"input.txt", "chit.txt", "cu2.qpi"})
         std::filesystem::remove(dir.file(name));
     ASSERT_TRUE(plotReport(report));
     EXPECT_EQ(fitDocument.calculationCount, 1);
-    EXPECT_EQ(workDir, dir.path());
+    EXPECT_EQ(runState.workDir, dir.path());
 
     fitDocument.calculationCount = 2; // Add New
     fitDocument.calculations[1] = fitDocument.calculations[0];
@@ -182,7 +308,7 @@ TEST_F(RunCycleTest, AReportLoadedForPlottingCanBeFittedAgainWithTheRealEngine) 
     const std::string head = dir.read("cu2.qpo").substr(0, dir.read("cu2.qpo").find("\n\n***"));
     EXPECT_FALSE(plotReport(dir.write("empty.qpo", head)));
     EXPECT_EQ(fitDocument.calculationCount, 2);
-    EXPECT_EQ(reportPath, report);
+    EXPECT_EQ(runState.reportPath, report);
     EXPECT_NE(port.messages.back().text.find("holds no fit results"), std::string::npos);
 }
 

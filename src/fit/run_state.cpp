@@ -1,0 +1,7 @@
+#include "fit/run_state.h"
+
+namespace corvane {
+
+RunState runState;
+
+} // namespace corvane
