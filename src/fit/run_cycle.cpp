@@ -14,28 +14,27 @@ namespace corvane {
 namespace {
 
 // Tells the user why a run left the report as it was, with what the engine said of it.
-void showNoResults(const ReportWrite& write, const std::string& outputPath) {
+// Why a run left the report as it was, with what the engine said of it; "" when it did not.
+std::string noResultsText(const ReportWrite& write, const std::string& outputPath) {
     const EngineRun& run = runState.lastEngineRun;
     const std::string unchanged = formatC(" %s was not changed.", runState.reportPath.c_str());
     switch (write.outcome) {
     case ReportWrite::Written:
-        return;
+        return "";
     case ReportWrite::NoOutput:
-        showError("The fit gave no results: " + engineFailureText(run) + "." + unchanged);
-        return;
+        return "The fit gave no results: " + engineFailureText(run) + "." + unchanged;
     case ReportWrite::UnusableOutput: {
         std::string text = formatC("The fit results in %s cannot be used: %s", outputPath.c_str(),
                                    write.detail.c_str());
         if (run.started && !(run.exited && run.exitCode == 0))
             text += " (" + engineFailureText(run) + ")";
-        showError(text + "." + unchanged);
-        return;
+        return text + "." + unchanged;
     }
     case ReportWrite::NotWritten:
-        showError(formatC("Cannot write the report %s: %s. The fit results stay in %s.",
-                          runState.reportPath.c_str(), write.detail.c_str(), outputPath.c_str()));
-        return;
+        return formatC("Cannot write the report %s: %s. The fit results stay in %s.",
+                       runState.reportPath.c_str(), write.detail.c_str(), outputPath.c_str());
     }
+    return "";
 }
 
 } // namespace
@@ -76,11 +75,15 @@ void beginRecalculation() {
     if (fileExists(outputPath)) removeFile(outputPath);
 }
 
-RunOutcome completeRun() {
+RunOutcome completeRun(std::string* problem) {
     const std::string outputPath = inWorkDir(engineOutputName);
     const ReportWrite write = writeReport(outputPath, runState.reportPath);
     if (write.outcome == ReportWrite::Written) return RunOutcome::Fitted;
-    showNoResults(write, outputPath);
+    const std::string why = noResultsText(write, outputPath);
+    if (problem != nullptr)
+        *problem = why;
+    else
+        showError(why);
     return runState.lastEngineRun.started ? RunOutcome::NoResults : RunOutcome::EngineNotStarted;
 }
 

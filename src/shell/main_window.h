@@ -20,15 +20,15 @@ inline constexpr int coverHeight = 340;
 
 enum class WindowMessage {
     Create,
-    Destroy,         // the window is gone: the program ends
-    Size,            // nothing to do: the plot is laid out on the measured screen, not the window
-    Paint,           // event.surface is the window's surface for this paint
-    Command,         // event.command is the menu item's id, or 123 from the parameter dialog
-    LeftButtonDown,  // event.x, event.y: client pixels
+    Destroy,        // the window is gone: the program ends
+    Size,           // nothing to do: the plot is laid out on the measured screen, not the window
+    Paint,          // event.surface is the window's surface for this paint
+    Command,        // event.command is the menu item's id, or 123 from the parameter dialog
+    LeftButtonDown, // event.x, event.y: client pixels
     MouseMove,
     LeftButtonUp,
     RightButtonDown,
-    Close,           // the close box: not handled, so the host destroys the window
+    Close, // the close box: not handled, so the host destroys the window
 };
 
 struct WindowEvent {
@@ -45,6 +45,8 @@ public:
     virtual void closeCover() = 0;
     // Ends the event loop; the program exits with exitCode.
     virtual void quit(int exitCode) = 0;
+    // Shows the engine's log file, read-only and following what the engine adds.
+    virtual void showLogFile(const std::string& path) = 0;
 };
 
 // The state of the shell: the menu of the main window and its mouse modes.

@@ -1,0 +1,250 @@
+// The main window without a display: its procedure driven by messages and commands, the
+// dialogs through the headless host, the engine replaced by scripts (CORVANE_ENGINE).
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+
+#include "fit/exchange_files.h"
+#include "fit/fit_document.h"
+#include "fit/report.h"
+#include "fit/run_state.h"
+#include "platform/choosers.h"
+#include "platform/headless_dialog.h"
+#include "platform/recording_surface.h"
+#include "platform/resources.h"
+#include "plot/plot_settings.h"
+#include "shell/commands.h"
+#include "shell/main_window.h"
+#include "support/fixtures.h"
+
+namespace corvane {
+namespace {
+
+class RecordingHost final : public ShellHost {
+public:
+    void setCursor(CursorShape) override {}
+    void captureMouse() override {}
+    void releaseMouse() override {}
+    void invalidate(bool) override { ++repaints; }
+    void update() override {}
+    void closeCover() override { coverOpen = false; }
+    void quit(int code) override { exitCode = code; }
+    void showLogFile(const std::string& path) override { log = path; }
+
+    int repaints = 0;
+    bool coverOpen = true;
+    int exitCode = -1;
+    std::string log;
+};
+
+const char* const dimer =
+    "TITLE Cu2\nKEYWD DATA_FILE=XTT ENERGY_UNIT=K PRECISION=0.0001\n"
+    "KEYWD G_START=2.0 G_STEP=0.01\nJ_VALUE1 -100 1\n"
+    "SPIN_ON_SITE1 1\nSPIN_ON_SITE2 1\n"
+    "INTERACTION sites 1 and 2 coupled by J1\nT_CHI 2 0.51\nT_CHI 300 0.0012\n";
+const char* const goodOutput = "0.0125 2.1 0.003\n-0.2 0.00015\n# 0.01 0.001 0 0\n"
+                               "1 -97.25\n# 0.5\n2 1 2\n2 0.48 0.51\n300 0.0013 0.0012\n";
+
+class MainWindowTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        resetPlot();
+        startUp(host, screen);
+    }
+    void TearDown() override { unsetenv("CORVANE_ENGINE"); }
+
+    bool send(WindowMessage message, int command = 0) {
+        return MainWndProc({message, command, 0, 0, nullptr});
+    }
+    bool command(int id) { return send(WindowMessage::Command, id); }
+
+    void useEngine(const std::string& body) {
+        const std::string path = dir.write(
+            "engine.sh", "#!/bin/sh\nout=\"$(dirname \"$1\")/output.txt\"\n" + body + "\n");
+        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+        setenv("CORVANE_ENGINE", path.c_str(), 1);
+    }
+    void useGoodEngine() {
+        useEngine(std::string("echo 'iteration 1 deviation 0.5'\nprintf '") + goodOutput +
+                  "' > \"$out\"");
+    }
+    // The progress dialog, fed until it ends or waits for Close; its status line then.
+    void expectProgress(std::string* status = nullptr, bool close = true) {
+        dialogs.expect("DL_SPIN", [status, close](HeadlessDialog& d) {
+            for (int round = 0; round < 2000 && !d.hasEnded() && d.tick(); ++round)
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            if (status != nullptr) *status = d.text(100);
+            if (close && !d.hasEnded()) d.click(1000);
+        });
+    }
+
+    RecordingHost host;
+    RecordingSurface screen{1024, 768};
+    testing::ScratchDir dir;
+    testing::RecordingPort messages;
+    HeadlessDialogPort dialogs;
+    ScriptedChoosers choosers;
+};
+
+TEST_F(MainWindowTest, AtStartOnlyFileAndAboutAreUsableAndTheMarksFollowTheirFlags) {
+    for (int position = 0; position <= 6; ++position)
+        EXPECT_EQ(shell.menu.isEnabled(AtPosition{position}), position == 0 || position == 6);
+    send(WindowMessage::Create);
+    EXPECT_TRUE(shell.menu.isChecked(idmFixRatio));
+    EXPECT_FALSE(shell.menu.isChecked(idmGridLines));
+
+    // The About box closes with OK; no repaint.
+    dialogs.expect("DL_ABOUT", [](HeadlessDialog& d) { d.click(999); });
+    EXPECT_TRUE(command(idmAbout));
+    EXPECT_EQ(host.repaints, 0);
+    EXPECT_EQ(dialogs.opened().back(), "DL_ABOUT");
+
+    // A press in the window closes the cover page; Exit and the window's end quit with 0.
+    send(WindowMessage::LeftButtonDown);
+    EXPECT_FALSE(host.coverOpen);
+    EXPECT_FALSE(send(WindowMessage::Close)); // left to the host: it destroys the window
+    command(idmExit);
+    EXPECT_EQ(host.exitCode, 0);
+}
+
+TEST_F(MainWindowTest, DisplayCommandsToggleTheirFlagsMarksAndRepaint) {
+    fitDocument.pairCount = 2;
+    fitDocument.pairs[0] = {2, 0.5};
+    fitDocument.pairs[1] = {300, 0.7};
+    fitDocument.calculationCount = 2;
+    refreshAfterLoad(false);
+    host.repaints = 0;
+
+    command(idmExperimental);
+    EXPECT_EQ(plotSettings.experimentalShown, 0);
+    EXPECT_FALSE(shell.menu.isChecked(idmExperimental));
+    command(idmFitted1);
+    EXPECT_EQ(plotSettings.curveShown[0], 1);
+    EXPECT_TRUE(shell.menu.isChecked(idmFitted1));
+    command(idmSwitch);
+    command(idmSwitch);
+    EXPECT_EQ(plotSettings.showChi, 0);
+    EXPECT_FALSE(shell.menu.isChecked(idmSwitch));
+    command(idmGridLines);
+    EXPECT_EQ(plotSettings.gridLines, 1);
+    EXPECT_EQ(host.repaints, 5);
+
+    // Default clears the grid; its mark follows at the next message.
+    command(idmDisplayDefault);
+    EXPECT_EQ(plotSettings.gridLines, 0);
+    EXPECT_TRUE(shell.menu.isChecked(idmGridLines));
+    send(WindowMessage::Paint);
+    EXPECT_FALSE(shell.menu.isChecked(idmGridLines));
+
+    // Fix W/H ratio toggles without a repaint; Show Info is not handled and changes nothing.
+    const int before = host.repaints;
+    command(idmFixRatio);
+    EXPECT_EQ(plotSettings.fixedAspect, 0);
+    EXPECT_FALSE(command(idmShowInfo));
+    EXPECT_EQ(host.repaints, before);
+}
+
+TEST_F(MainWindowTest, OpenFitsWithTheProgressDialogAndEnablesTheNewCurve) {
+    useGoodEngine();
+    choosers.answers.push_back(dir.write("cu2.qpi", dimer));
+    expectProgress();
+    command(idmOpen);
+    EXPECT_EQ(choosers.requests.at(0).defaultExtension, "QPI");
+    EXPECT_EQ(choosers.requests.at(0).filters.at(0).description, "Fitting input files (*.qpi)");
+    EXPECT_FALSE(host.coverOpen);
+    EXPECT_EQ(runState.reportPath, dir.file("cu2.qpo"));
+    EXPECT_TRUE(dir.has("cu2.qpo"));
+    for (int position = 1; position <= 5; ++position)
+        EXPECT_TRUE(shell.menu.isEnabled(AtPosition{position}));
+    EXPECT_TRUE(shell.menu.isEnabled(idmFitted1) && shell.menu.isChecked(idmFitted1));
+    EXPECT_FALSE(shell.menu.isEnabled(idmFitted1 + 1));
+    EXPECT_TRUE(shell.menu.isChecked(idmExperimental));
+    EXPECT_EQ(plotSettings.plotLoaded, 1);
+    EXPECT_TRUE(messages.messages.empty());
+
+    // Plot of a report of three calculations: "# 1" .. "# 3" usable, only "# 3" shown.
+    auto three = std::make_unique<FitDocument>(fitDocument);
+    three->calculationCount = 3;
+    three->calculations[1] = three->calculations[2] = three->calculations[0];
+    const std::string report = dir.write("three.qpo", reportText(*three, "d"));
+    choosers.answers.push_back(report);
+    command(idmPlot);
+    EXPECT_EQ(fitDocument.calculationCount, 3);
+    for (int k = 1; k <= 10; ++k) {
+        EXPECT_EQ(shell.menu.isEnabled(idmFitted1 + k - 1), k <= 3) << k;
+        EXPECT_EQ(shell.menu.isChecked(idmFitted1 + k - 1), k == 3) << k;
+    }
+
+    // Re-calculate of calculation 2 keeps it current and the only curve shown.
+    fitDocument.currentCalculation = 1;
+    ASSERT_TRUE(writeDialogEngineInput());
+    expectProgress();
+    command(idmRecalculate);
+    EXPECT_EQ(fitDocument.currentCalculation, 1);
+    EXPECT_TRUE(shell.menu.isChecked(idmFitted1 + 1));
+    EXPECT_FALSE(shell.menu.isChecked(idmFitted1 + 2));
+}
+
+TEST_F(MainWindowTest, AFailedRunKeepsTheDialogWithTheReasonAndChangesNothing) {
+    useGoodEngine();
+    choosers.answers.push_back(dir.write("cu2.qpi", dimer));
+    expectProgress();
+    command(idmOpen);
+    const std::string report = dir.read("cu2.qpo");
+    const std::string document = reportText(fitDocument, "");
+
+    const struct {
+        const char* name;
+        std::string engine; // script body; empty: no engine
+        std::string status;
+    } faults[] = {
+        {"missing", "", "Unable to fit magnetic susceptibility !"},
+        {"failing", "echo 'input.txt line 4: site 2 has spin 0' >&2; exit 2", "site 2 has spin 0"},
+        {"no results", "exit 0", "ended without leaving results"},
+    };
+    for (const auto& fault : faults) {
+        SCOPED_TRACE(fault.name);
+        if (fault.engine.empty())
+            setenv("CORVANE_ENGINE", dir.file("none").c_str(), 1);
+        else
+            useEngine(fault.engine);
+        choosers.answers.push_back(dir.file("cu2.qpi"));
+        std::string status;
+        expectProgress(&status);
+        command(idmOpen);
+        EXPECT_NE(status.find(fault.status), std::string::npos) << status;
+        EXPECT_EQ(dir.read("cu2.qpo"), report);
+        EXPECT_EQ(reportText(fitDocument, ""), document);
+    }
+    EXPECT_TRUE(messages.messages.empty()); // the dialog said it
+}
+
+TEST_F(MainWindowTest, InterruptGivesTheBestFitSoFarAndLogFileShowsTheLog) {
+    useEngine(std::string("trap 'printf \"") + goodOutput +
+              "\" > \"$out\"; exit 3' TERM\necho 'iteration 1 deviation 0.5'\n"
+              "while :; do sleep 0.02; done");
+    choosers.answers.push_back(dir.write("cu2.qpi", dimer));
+    dialogs.expect("DL_SPIN", [](HeadlessDialog& d) {
+        for (int round = 0; round < 50 && d.text(100).find("Iteration 1") == std::string::npos;
+             ++round) {
+            d.tick();
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        EXPECT_TRUE(d.isChecked(1));
+        EXPECT_FALSE(d.isChecked(2));
+        d.click(999);
+        d.click(998);
+        for (int round = 0; round < 2000 && !d.hasEnded() && d.tick(); ++round)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    });
+    command(idmOpen);
+    EXPECT_EQ(host.log, dir.file("corefit.log"));
+    EXPECT_TRUE(runState.lastEngineRun.interrupted);
+    EXPECT_EQ(fitDocument.calculations[0].deviation, 0.0125);
+    EXPECT_EQ(plotSettings.plotLoaded, 1);
+}
+
+} // namespace
+} // namespace corvane
