@@ -7,29 +7,6 @@
 namespace corvane {
 namespace {
 
-TEST(MenuMenu, StartsWithOnlyFileAndAboutUsable) {
-    Menu menu = loadMenu("MenuMenu");
-    ASSERT_EQ(menu.bar().size(), 7u);
-    EXPECT_TRUE(menu.isEnabled(AtPosition{0}));
-    for (int position = 1; position <= 5; ++position)
-        EXPECT_FALSE(menu.isEnabled(AtPosition{position})) << position;
-    EXPECT_TRUE(menu.isEnabled(AtPosition{6}));
-    EXPECT_EQ(menu.find(AtPosition{6})->kind, MenuItem::Kind::Command);
-    EXPECT_EQ(menu.find(AtPosition{6})->id, idmAbout);
-    EXPECT_EQ(menu.find(AtPosition{1})->text, "&Details");
-    EXPECT_EQ(menu.find(idmFitted10)->text, "# 1&0");
-    EXPECT_EQ(menu.find(idmPlot)->text, "P&lot...");
-    EXPECT_FALSE(menu.isChecked(idmFixRatio)); // the window checks it at its first message
-
-    const MenuItem& display = *menu.find(AtPosition{2});
-    ASSERT_EQ(display.items.size(), 9u);
-    EXPECT_EQ(display.items[1].kind, MenuItem::Kind::Popup);
-    EXPECT_EQ(display.items[1].items.size(), 10u);
-    EXPECT_EQ(display.items[2].kind, MenuItem::Kind::Separator);
-    EXPECT_EQ(display.items[8].id, idmDisplayDefault);
-    EXPECT_EQ(loadMenu("NoSuchMenu").bar().size(), 0u);
-}
-
 TEST(Menu, ChangesByIdAndPositionReachTheListener) {
     Menu menu = loadMenu("MenuMenu");
     std::vector<std::string> changed;
@@ -50,28 +27,6 @@ TEST(Menu, ChangesByIdAndPositionReachTheListener) {
     EXPECT_EQ(menu.version(), 3u);
     // Copies are independent: a fresh load is in the initial state again.
     EXPECT_FALSE(loadMenu("MenuMenu").isChecked(idmGridLines));
-}
-
-TEST(DialogTemplates, AboutAndSpinAreAsTheProgramShowsThem) {
-    const DialogTemplate* about = findDialogTemplate("DL_ABOUT");
-    ASSERT_NE(about, nullptr);
-    EXPECT_EQ(about->title, "About Corvane");
-    EXPECT_EQ(about->fontFace, "Arial");
-    EXPECT_NE(about->style & dsCentre, 0u);
-    const ControlTemplate* ok = about->control(999);
-    ASSERT_NE(ok, nullptr);
-    EXPECT_EQ(ok->text, "OK");
-    EXPECT_EQ(ok->x + ok->y * 1000, 81 + 90 * 1000);
-
-    const DialogTemplate* spin = findDialogTemplate("DL_SPIN");
-    ASSERT_NE(spin, nullptr);
-    EXPECT_EQ(spin->fontPoints, 10);
-    EXPECT_EQ(spin->style & dsCentre, 0u);
-    ASSERT_NE(spin->control(24), nullptr);
-    EXPECT_EQ(spin->control(1)->x, 34);
-    EXPECT_EQ(spin->control(24)->x, 241);
-    EXPECT_EQ(spin->control(1000)->text, "Close");
-    EXPECT_EQ(findDialogTemplate("DL_NONE"), nullptr);
 }
 
 // A small dialog: a number field that must hold digits (5 at most), a simple combo box, a
