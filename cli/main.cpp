@@ -236,6 +236,27 @@ nlohmann::ordered_json parameterJson(const FitParameter& p) {
         {"start", p.start}, {"step", p.step}, {"fitted", p.fitted}, {"uncertainty", uncertainty}};
 }
 
+// The correlations of the free parameters: their names and the matrix (null where the data
+// cannot determine one); empty when not known (a fit read from a report).
+nlohmann::ordered_json correlationJson(const Calculation& calc) {
+    static const char* const fixedNames[] = {"g", "C", "zJ", "Xtip"};
+    nlohmann::ordered_json names = nlohmann::ordered_json::array();
+    nlohmann::ordered_json matrix = nlohmann::ordered_json::array();
+    for (int a = 0; a < calc.correlatedCount; ++a) {
+        const int p = calc.correlated[static_cast<std::size_t>(a)];
+        names.push_back(p <= fixedParameterCount ? std::string(fixedNames[p - 1])
+                                                 : "J" + std::to_string(p - fixedParameterCount));
+        nlohmann::ordered_json row = nlohmann::ordered_json::array();
+        for (int b = 0; b < calc.correlatedCount; ++b) {
+            const double r =
+                calc.correlation[static_cast<std::size_t>(a)][static_cast<std::size_t>(b)];
+            row.push_back(std::isfinite(r) ? nlohmann::ordered_json(r) : nlohmann::ordered_json());
+        }
+        matrix.push_back(row);
+    }
+    return {{"parameters", names}, {"matrix", matrix}};
+}
+
 nlohmann::ordered_json documentJson(const FitDocument& doc) {
     using nlohmann::ordered_json;
     ordered_json sites = ordered_json::array();
@@ -267,6 +288,7 @@ nlohmann::ordered_json documentJson(const FitDocument& doc) {
                                 {"zJ", parameterJson(calc.zJ)},
                                 {"Xtip", parameterJson(calc.tip)},
                                 {"J", j},
+                                {"correlations", correlationJson(calc)},
                                 {"firstPair", calc.firstPair},
                                 {"lastPair", calc.lastPair},
                                 {"fittedValues", fitted}});

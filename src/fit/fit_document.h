@@ -59,6 +59,12 @@ struct Calculation {
     int firstPair = 1;                        // fitted range, pair numbers from 1
     int lastPair = 1;
     std::array<double, maxPairs> fittedValues{}; // fitted value at pair n as fittedValues[n - 1]
+    // Correlations of the free parameters from the last engine run (none from a report):
+    // correlated[0..correlatedCount) are their engine parameter numbers (1 g .. 14 J10), and
+    // correlation[a][b] the correlation of the a-th and b-th of them (NaN where undetermined).
+    int correlatedCount = 0;
+    std::array<int, maxParameters> correlated{};
+    std::array<std::array<double, maxParameters>, maxParameters> correlation{};
 };
 
 struct FitDocument {

@@ -286,7 +286,38 @@ private:
         uncertainties(3, parameters, fixedParameterCount);
         for (int k = 1; k <= jCount; ++k) parameters[slot(k)] = &found.j[slot(k)];
         uncertainties(5, parameters, jCount);
+        if (!correlations(headLines + pairCount + 1, found)) return false;
         calc = found;
+        return true;
+    }
+
+    // The correlations that may follow the pairs: "# correlation P p1 .. pP" (P free parameters
+    // by their engine numbers), then P lines "# r1 .. rP", a word for one not determined.
+    bool correlations(int first, Calculation& found) {
+        found.correlatedCount = 0;
+        if (lines_.size() < static_cast<std::size_t>(first)) return true;
+        const std::string& head = lines_[slot(first)].text;
+        if (word(head, 1) != "#" || word(head, 2) != "correlation") return true;
+        int count = 0;
+        if (!parseInteger(word(head, 3), count) || count < 0 || count > maxParameters)
+            return fail(first, "the number of correlated parameters is not 0 to 14");
+        if (lines_.size() < static_cast<std::size_t>(first + count))
+            return fail(0, "it ends in the table of correlations");
+        for (int a = 0; a < count; ++a) {
+            int& parameter = found.correlated[static_cast<std::size_t>(a)];
+            if (!parseInteger(word(head, 4 + a), parameter) || parameter < 1 ||
+                parameter > fixedParameterCount + doc_.jCount)
+                return fail(first, "a correlated parameter is not one of the problem");
+            const std::string& row = lines_[slot(first + 1 + a)].text;
+            for (int b = 0; b < count; ++b) {
+                double r = std::nan("");
+                const std::string_view token = word(row, 2 + b);
+                if (parseReal(token, r) && std::fabs(r) > 1.0 + 1e-9)
+                    return fail(first + 1 + a, "a correlation lies outside -1 to 1");
+                found.correlation[static_cast<std::size_t>(a)][static_cast<std::size_t>(b)] = r;
+            }
+        }
+        found.correlatedCount = count;
         return true;
     }
 
