@@ -1,0 +1,176 @@
+// The main window's Qt host under the offscreen platform: the menu bar mirrors the shell's
+// menu, the cover page, a dropped report painted with its frame, the log window.
+#include <QAction>
+#include <QApplication>
+#include <QDropEvent>
+#include <QMenu>
+#include <QMenuBar>
+#include <QMimeData>
+#include <QPlainTextEdit>
+#include <QScrollBar>
+#include <QTest>
+#include <QUrl>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <memory>
+
+#include "fit/fit_document.h"
+#include "fit/report.h"
+#include "platform/resources.h"
+#include "plot/axes.h"
+#include "plot/plot_settings.h"
+#include "qt/main_window_host.h"
+#include "support/fixtures.h"
+
+namespace corvane {
+namespace {
+
+class MainWindowHostTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (QApplication::instance() != nullptr) return;
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+        static int argc = 1;
+        static char name[] = "main_window_host_test";
+        static char* argv[] = {name, nullptr};
+        new QApplication(argc, argv);
+    }
+    void SetUp() override {
+        resetPlot();
+        host = std::make_unique<MainWindowHost>();
+        host->start({{1024, 768, 270.9, 203.2}, 96});
+        host->show();
+    }
+
+    // A report of two copper sites, two data points and one calculation.
+    std::string writeReport() {
+        auto doc = std::make_unique<FitDocument>();
+        doc->title = "Cu2";
+        doc->siteCount = 2;
+        doc->sites[0].spin = doc->sites[1].spin = 1;
+        doc->interactions[0] = {1, 2, 5};
+        doc->pairCount = 2;
+        doc->pairs[0] = {2, 0.5};
+        doc->pairs[1] = {300, 0.7};
+        doc->calculationCount = 1;
+        doc->currentCalculation = 0;
+        return dir.write("cu2.qpo", reportText(*doc, "d"));
+    }
+    void drop(const std::string& path) {
+        QMimeData data;
+        data.setUrls({QUrl::fromLocalFile(QString::fromStdString(path))});
+        // Straight to the window's handlers: without a drag in progress the application would
+        // route a drop nowhere. The drop goes only where the enter was accepted.
+        QObject& window = *host;
+        QDragEnterEvent enter(QPoint(500, 300), Qt::CopyAction, &data, Qt::LeftButton,
+                              Qt::NoModifier);
+        window.event(&enter);
+        if (!enter.isAccepted()) return;
+        QDropEvent event(QPointF(500, 300), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        window.event(&event);
+        EXPECT_TRUE(event.isAccepted());
+        // Loaded once the drop is over.
+        QTest::qWaitFor([] { return plotSettings.plotLoaded == 1; }, 2000);
+    }
+
+    testing::ScratchDir dir;
+    testing::RecordingPort messages;
+    std::unique_ptr<MainWindowHost> host;
+};
+
+TEST_F(MainWindowHostTest, TheMenuBarMirrorsTheShellsMenu) {
+    const QList<QAction*> bar = host->menuBar()->actions();
+    const char* const texts[] = {"&File", "&Details",    "D&isplay", "&Select",
+                                 "&Zoom", "&Preference", "&About..."};
+    ASSERT_EQ(bar.size(), 7);
+    for (int k = 0; k < 7; ++k) {
+        EXPECT_EQ(bar[k]->text().toStdString(), texts[k]);
+        EXPECT_EQ(bar[k]->isEnabled(), k == 0 || k == 6) << k;
+    }
+    ASSERT_NE(bar[0]->menu(), nullptr);
+    EXPECT_EQ(bar[0]->menu()->actions().size(), 6);
+    EXPECT_EQ(host->action(idmOpen)->shortcut(), QKeySequence("Ctrl+O"));
+    EXPECT_EQ(host->action(idmPlot)->shortcut(), QKeySequence("Ctrl+L"));
+    EXPECT_EQ(host->action(idmExit)->shortcut(), QKeySequence("Ctrl+Q"));
+    EXPECT_TRUE(host->action(idmPrint)->shortcut().isEmpty());
+
+    // Checkable only while checked; a command's mark follows the shell, not Qt's own toggle.
+    QAction* fixRatio = host->action(idmFixRatio);
+    QAction* grid = host->action(idmGridLines);
+    EXPECT_TRUE(fixRatio->isCheckable() && fixRatio->isChecked());
+    EXPECT_FALSE(grid->isCheckable());
+    grid->trigger();
+    EXPECT_EQ(plotSettings.gridLines, 1);
+    EXPECT_TRUE(grid->isCheckable() && grid->isChecked());
+    grid->trigger();
+    EXPECT_FALSE(grid->isCheckable() || grid->isChecked());
+    host->action(idmShowInfo)->setEnabled(true);
+    host->action(idmShowInfo)->trigger(); // not handled: stays unmarked
+    EXPECT_FALSE(host->action(idmShowInfo)->isCheckable());
+}
+
+TEST_F(MainWindowHostTest, TheWindowAndItsCoverPageStandWhereTheLayoutSays) {
+    EXPECT_EQ(host->windowTitle().toStdString(), mainWindowTitle);
+    EXPECT_FALSE(host->windowIcon().isNull());
+    EXPECT_EQ(host->size(), QSize(1024, 705));
+    ASSERT_NE(host->coverPage(), nullptr);
+    const CoverPosition at = coverPosition();
+    EXPECT_EQ(host->coverPage()->geometry(), QRect(at.x, at.y, coverWidth, coverHeight));
+    EXPECT_EQ(host->coverPage()->parentWidget(), &host->plotWidget());
+    // Not painted white: the picture on grey.
+    const QImage cover = host->coverPage()->grab().toImage();
+    EXPECT_NE(cover.pixelColor(2, 2), QColor(Qt::white));
+
+    QTest::mouseRelease(host->coverPage(), Qt::LeftButton, {}, QPoint(100, 100));
+    EXPECT_EQ(host->coverPage(), nullptr);
+    host->closeCover(); // once gone, nothing
+}
+
+TEST_F(MainWindowHostTest, ADroppedReportIsPlottedWithTheFrameInBlack) {
+    drop(dir.write("notes.txt", "x"));
+    EXPECT_EQ(plotSettings.plotLoaded, 0);
+
+    drop(writeReport());
+    ASSERT_EQ(plotSettings.plotLoaded, 1)
+        << (messages.messages.empty() ? std::string() : messages.messages.back().text);
+    for (int position = 1; position <= 5; ++position)
+        EXPECT_TRUE(host->menuBar()->actions()[position]->isEnabled()) << position;
+    EXPECT_EQ(host->coverPage(), nullptr);
+
+    const QImage plot = host->plotWidget().grab().toImage();
+    // The border around the data rectangle, 2 pixels wide: its inner pixels in the middle of
+    // each side.
+    const PlotLayout& l = plotLayout;
+    const int left = l.frameLeft - frameMarginX(), right = l.frameRight + frameMarginX();
+    const int top = l.frameTop - frameMarginY(), bottom = l.frameBottom + frameMarginY();
+    const int midX = (left + right) / 2, midY = (top + bottom) / 2;
+    ASSERT_GT(plot.height(), bottom);
+    EXPECT_EQ(plot.pixelColor(left, midY), QColor(Qt::black));
+    EXPECT_EQ(plot.pixelColor(right - 1, midY), QColor(Qt::black));
+    EXPECT_EQ(plot.pixelColor(midX, top), QColor(Qt::black));
+    EXPECT_EQ(plot.pixelColor(midX, bottom - 1), QColor(Qt::black));
+    EXPECT_EQ(plot.pixelColor(left - 3, midY), QColor(Qt::white));
+    EXPECT_EQ(plot.pixelColor(midX, top - 3), QColor(Qt::white));
+    EXPECT_EQ(plot.pixelColor(2, 2), QColor(Qt::white));
+    EXPECT_EQ(plot.pixelColor(plot.width() - 3, plot.height() - 3), QColor(Qt::white));
+}
+
+TEST_F(MainWindowHostTest, TheLogWindowFollowsItsFileToTheEnd) {
+    std::string text;
+    for (int line = 0; line < 200; ++line) text += "iteration " + std::to_string(line) + "\n";
+    const std::string path = dir.write("corefit.log", text);
+    host->showLogFile(path);
+    auto* log = qobject_cast<QPlainTextEdit*>(host->logWindow());
+    ASSERT_NE(log, nullptr);
+    EXPECT_TRUE(log->isVisible() && log->isReadOnly());
+    EXPECT_TRUE(log->toPlainText().contains("iteration 199"));
+
+    std::ofstream(path, std::ios::app) << "the end\n";
+    EXPECT_TRUE(QTest::qWaitFor([log] { return log->toPlainText().contains("the end"); }, 3000));
+    EXPECT_EQ(log->verticalScrollBar()->value(), log->verticalScrollBar()->maximum());
+    host->showLogFile(path); // once more: the same window
+    EXPECT_EQ(host->logWindow(), log);
+}
+
+} // namespace
+} // namespace corvane
