@@ -70,7 +70,7 @@ protected:
         window.event(&event);
         EXPECT_TRUE(event.isAccepted());
         // Loaded once the drop is over.
-        QTest::qWaitFor([] { return plotSettings.plotLoaded == 1; }, 2000);
+        EXPECT_TRUE(QTest::qWaitFor([] { return plotSettings.plotLoaded == 1; }, 2000));
     }
 
     testing::ScratchDir dir;
