@@ -1,4 +1,5 @@
 #include "fit.h"
+#include "guards.h"
 
 #include <algorithm>
 #include <cmath>
@@ -12,6 +13,12 @@
 #include <gsl/gsl_vector.h>
 
 namespace corefit {
+
+void gslErrorsAsCodes() {
+    static const bool once = (gsl_set_error_handler_off(), true);
+    (void)once;
+}
+
 namespace {
 
 using RowMajorMatrix = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
@@ -31,18 +38,6 @@ VectorView view(const gsl_vector* v) {
     return VectorView(v->data, static_cast<Eigen::Index>(v->size),
                       Eigen::InnerStride<>(static_cast<Eigen::Index>(v->stride)));
 }
-
-// GSL reports errors through a handler that aborts by default; here they come back as codes.
-class GslErrorsAsCodes {
-public:
-    GslErrorsAsCodes() : previous_(gsl_set_error_handler_off()) {}
-    ~GslErrorsAsCodes() { gsl_set_error_handler(previous_); }
-    GslErrorsAsCodes(const GslErrorsAsCodes&) = delete;
-    GslErrorsAsCodes& operator=(const GslErrorsAsCodes&) = delete;
-
-private:
-    gsl_error_handler_t* previous_;
-};
 
 struct WorkspaceDeleter {
     void operator()(gsl_multifit_nlinear_workspace* w) const { gsl_multifit_nlinear_free(w); }
@@ -218,7 +213,7 @@ private:
         settings.scale = gsl_multifit_nlinear_scale_levenberg;
         settings.solver = gsl_multifit_nlinear_solver_qr;
 
-        const GslErrorsAsCodes errorsAsCodes;
+        gslErrorsAsCodes();
         const std::unique_ptr<gsl_multifit_nlinear_workspace, WorkspaceDeleter> w(
             gsl_multifit_nlinear_alloc(gsl_multifit_nlinear_trust, &settings, fdf.n, fdf.p));
         if (!w) {

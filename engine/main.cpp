@@ -26,6 +26,7 @@
 #include <CLI/CLI.hpp>
 
 #include "fit.h"
+#include "guards.h"
 #include "model.h"
 #include "problem_io.h"
 #include "spectrum.h"
@@ -153,7 +154,11 @@ void logProblem(Log& log, const Problem& problem, const Plan& plan) {
              problem.toleranceDefaulted ? " (default)" : "");
     log.line("method: %s", plan.describe().c_str());
     std::string sizes;
-    for (long size : plan.blockSizes) sizes += (sizes.empty() ? "" : " ") + std::to_string(size);
+    for (double size : plan.blockSizes) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%s%.0f", sizes.empty() ? "" : " ", size);
+        sizes += text;
+    }
     log.line("block sizes: %s", sizes.c_str());
     log.line("estimated memory %s; estimated %.3g s per spectrum, %.3g s with J slopes",
              gib(plan.bytes).c_str(), plan.secondsPerSpectrum, plan.secondsPerSlopes);
@@ -204,7 +209,8 @@ int run(const Options& options) {
         method = Method::SBlocks;
 
     SpinSystem system{problem.twiceSpin, problem.bonds, problem.jCount()};
-    const Plan plan = planSpectrum(system, method);
+    const Plan plan =
+        planSpectrum(system, method, options.threads > 0 ? options.threads : defaultThreads());
     logProblem(log, problem, plan);
 
     // Limits, checked before anything large is built.
@@ -220,8 +226,9 @@ int run(const Options& options) {
     const double estimate =
         plan.scaled || freeJ == 0 ? plan.secondsPerSpectrum : 25 * plan.secondsPerSlopes;
     char size[256];
-    std::snprintf(size, sizeof size, "dimension %.0f, largest block %ld (%s)", plan.dimension,
-                  plan.largestBlock, methodName(plan.method));
+    std::snprintf(size, sizeof size, "dimension %.*g, largest block %.*g (%s)",
+                  plan.dimension < 0x1p53 ? 17 : 4, plan.dimension,
+                  plan.largestBlock < 0x1p53 ? 17 : 4, plan.largestBlock, methodName(plan.method));
     if (plan.bytes > memoryLimit)
         return fail(log, exitTooLarge,
                     std::string("problem too large: ") + size + " needs an estimated " +
@@ -354,6 +361,7 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
 
     installStopHandlers();
+    gslErrorsAsCodes();
     try {
         return run(options);
     } catch (const std::bad_alloc&) {
