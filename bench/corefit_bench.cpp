@@ -282,6 +282,8 @@ const char* statusName(FitStatus status) {
         return "interrupted";
     case FitStatus::Failed:
         break;
+    case FitStatus::SolverFailed:
+        return "solver failed";
     }
     return "failed";
 }

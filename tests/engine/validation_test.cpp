@@ -1,5 +1,6 @@
 // Every malformed input the engine must refuse: the message from readProblem, and corefit's exit
-// code, one-line message and untouched directory.
+// code, one-line message and untouched directory. A few inputs read well but give the model
+// nothing finite at the start values; corefit names the file and line that cause it.
 #include <algorithm>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -41,6 +42,7 @@ std::string firstLines(const std::string& text, int count) {
 
 struct Case {
     std::string what, input, dataName, data, fragment;
+    bool readable = false; // read well; refused when the model is evaluated at the start
 };
 
 Case badInput(std::string what, std::string input, std::string fragment) {
@@ -48,6 +50,10 @@ Case badInput(std::string what, std::string input, std::string fragment) {
 }
 Case badData(std::string what, std::string data, std::string fragment) {
     return {std::move(what), goodInput, "chit.txt", std::move(data), std::move(fragment)};
+}
+Case badStart(std::string what, std::string input, std::string data, std::string fragment) {
+    return {std::move(what), std::move(input),    "chit.txt",
+            std::move(data), std::move(fragment), true};
 }
 
 const std::vector<Case>& cases() {
@@ -129,6 +135,12 @@ const std::vector<Case>& cases() {
                 "chit.txt line 4: the file ends early"),
         badData("a line after the data", goodData + "400 1\n",
                 "chit.txt line 5: more lines than the 3 points"),
+        badStart("T = 1e308 with a Xtip", withLine(goodInput, 9, "0.001, 0"),
+                 withLine(goodData, 4, "1e308 1"), "chit.txt line 4: point 3 (T = 1e+308"),
+        badStart("chiT = 1e300", goodInput, withLine(goodData, 2, "2 1e300"),
+                 "chit.txt line 2: point 1 (T = 2, chiT 1e+300)"),
+        badStart("a mean field with its pole above 300 K", withLine(goodInput, 8, "1000, 0"),
+                 goodData, "input.txt: zJ = 1000 puts the pole of the mean field above"),
     };
     return all;
 }
@@ -142,6 +154,7 @@ std::string prepare(const ScratchDir& scratch, const Case& c) {
 
 TEST(Validation, ReadProblemRefusesEveryMalformedFileWithOneLineNamingFileAndLine) {
     for (const Case& c : cases()) {
+        if (c.readable) continue;
         SCOPED_TRACE(c.what);
         ScratchDir scratch;
         Problem problem;
