@@ -282,6 +282,8 @@ const char* statusName(FitStatus status) {
         return "interrupted";
     case FitStatus::Failed:
         break;
+    case FitStatus::SolverFailed:
+        return "solver failed";
     }
     return "failed";
 }
@@ -374,7 +376,7 @@ struct Settings {
 void compareNaive(const SpinSystem& system, Problem& problem, const Run& fast,
                   const std::vector<double>& observed, const Settings& settings, Row& row) {
     std::vector<std::string>& notes = row.notes;
-    const Plan naive = planSpectrum(system, Method::Full);
+    const Plan naive = planSpectrum(system, Method::Full, settings.threads);
     if (naive.bytes > naiveMemoryLimit) {
         notes.push_back(format("naive: estimated %.3g GiB > %.0f GiB", naive.bytes / gib,
                                naiveMemoryLimit / gib));
@@ -420,9 +422,9 @@ Row benchmark(const Case& c, const Settings& settings) {
 
     Problem problem = makeProblem(c);
     const SpinSystem system{problem.twiceSpin, problem.bonds, problem.jCount()};
-    const Plan plan = planSpectrum(system, Method::Automatic);
+    const Plan plan = planSpectrum(system, Method::Automatic, settings.threads);
     row.cells[dimensionColumn] = format("%.0f", plan.dimension);
-    row.cells[largestColumn] = std::to_string(plan.largestBlock);
+    row.cells[largestColumn] = format("%.0f", plan.largestBlock);
     row.cells[methodColumn] = methodText(plan);
     row.cells[memoryColumn] = format("%.3g", plan.bytes / gib);
     row.cells[estimateColumn] = seconds(plan.secondsPerSpectrum);

@@ -5,6 +5,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <gsl/gsl_errno.h>
 #include <gsl/gsl_matrix.h>
@@ -12,6 +13,12 @@
 #include <gsl/gsl_vector.h>
 
 namespace corefit {
+
+void gslErrorsAsCodes() {
+    static const bool once = (gsl_set_error_handler_off(), true);
+    (void)once;
+}
+
 namespace {
 
 using RowMajorMatrix = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
@@ -31,18 +38,6 @@ VectorView view(const gsl_vector* v) {
     return VectorView(v->data, static_cast<Eigen::Index>(v->size),
                       Eigen::InnerStride<>(static_cast<Eigen::Index>(v->stride)));
 }
-
-// GSL reports errors through a handler that aborts by default; here they come back as codes.
-class GslErrorsAsCodes {
-public:
-    GslErrorsAsCodes() : previous_(gsl_set_error_handler_off()) {}
-    ~GslErrorsAsCodes() { gsl_set_error_handler(previous_); }
-    GslErrorsAsCodes(const GslErrorsAsCodes&) = delete;
-    GslErrorsAsCodes& operator=(const GslErrorsAsCodes&) = delete;
-
-private:
-    gsl_error_handler_t* previous_;
-};
 
 struct WorkspaceDeleter {
     void operator()(gsl_multifit_nlinear_workspace* w) const { gsl_multifit_nlinear_free(w); }
@@ -71,6 +66,14 @@ public:
         const Evaluation& first = evaluateAt(start, !free_.empty());
         if (!first.valid) {
             result.evaluations = evaluations_;
+            if (takeInterruption()) {
+                result.status = FitStatus::Interrupted;
+                result.uncertaintyNote = interruptedNote;
+                for (int index : free_)
+                    result.uncertainties[static_cast<std::size_t>(index)] = undetermined;
+                result.deviation = std::numeric_limits<double>::quiet_NaN();
+                return result; // nothing evaluated: no parameters worth writing
+            }
             result.message = "the model cannot be evaluated at the start values: they lie "
                              "outside its domain";
             return result;
@@ -86,23 +89,42 @@ public:
         } else {
             result.status = minimise(result.message);
         }
+        if (takeInterruption()) result.status = FitStatus::Interrupted;
 
         if (!free_.empty() && best_.valid && best_.jacobian.size() == 0 &&
             result.status != FitStatus::Interrupted) {
             evaluateAt(best_.x, true); // the covariance needs the Jacobian at the optimum
+            if (takeInterruption()) result.status = FitStatus::Interrupted;
         }
         result.parameters = best_.parameters;
         result.deviation = best_.deviation;
         result.iterations = iterations_;
         result.evaluations = evaluations_;
-        if (result.status != FitStatus::Failed) estimateUncertainties(result);
+        if (result.status != FitStatus::Failed && result.status != FitStatus::SolverFailed)
+            estimateUncertainties(result);
         return result;
     }
 
 private:
+    static constexpr double undetermined = std::numeric_limits<double>::quiet_NaN();
+    static constexpr const char* interruptedNote =
+        "the run was interrupted before the Jacobian at the best point was known";
+
     int freeCount() const { return static_cast<int>(free_.size()); }
 
-    bool stopRequested() const { return options_.stop && options_.stop->load(); }
+    bool stopRequested() const { return corefit::stopRequested(options_.stop); }
+
+    // An exception of the model, kept while the solver ran: returns whether there was one, an
+    // Interrupted (now handled); any other exception is thrown on.
+    bool takeInterruption() {
+        if (!pending_) return false;
+        const std::exception_ptr pending = std::exchange(pending_, nullptr);
+        try {
+            std::rethrow_exception(pending);
+        } catch (const Interrupted&) {
+            return true;
+        }
+    }
 
     void report(int iteration, double deviation, const std::vector<double>& parameters) const {
         if (options_.onIteration) options_.onIteration({iteration, deviation, &parameters});
@@ -138,9 +160,17 @@ private:
         last_.residuals.setZero(n);
         Eigen::MatrixXd modelJacobian;
         if (withJacobian) modelJacobian.setZero(n, p);
+        if (pending_) return last_;
         ++evaluations_;
-        const bool inDomain = model_.evaluate(last_.parameters, last_.residuals,
-                                              withJacobian ? &modelJacobian : nullptr, free_);
+        bool inDomain = false;
+        try { // no exception may cross GSL: kept, and thrown on once the solver is left
+            inDomain = model_.evaluate(last_.parameters, last_.residuals,
+                                       withJacobian ? &modelJacobian : nullptr, free_);
+        } catch (...) {
+            pending_ = std::current_exception();
+            evaluated_ = false;
+            return last_;
+        }
         if (!inDomain || last_.residuals.size() != n || !last_.residuals.allFinite()) {
             return last_;
         }
@@ -169,10 +199,11 @@ private:
     // after a rejection, when the next trial is less likely to be kept.
     static int residualsCallback(const gsl_vector* x, void* data, gsl_vector* f) {
         auto& self = *static_cast<Fitter*>(data);
-        if (self.stopRequested()) return GSL_EFAILED;
+        if (self.stopRequested() || self.pending_) return GSL_EFAILED;
         const bool withJacobian = self.lastTrialAccepted_;
         self.lastTrialAccepted_ = false;
         const Evaluation& e = self.evaluateAt(view(x), withJacobian);
+        if (self.pending_) return GSL_EFAILED;
         for (std::size_t i = 0; i < f->size; ++i) {
             // Outside the domain: residuals whose norm exceeds that of the current point, so
             // that the ratio test rejects the step.
@@ -218,7 +249,7 @@ private:
         settings.scale = gsl_multifit_nlinear_scale_levenberg;
         settings.solver = gsl_multifit_nlinear_solver_qr;
 
-        const GslErrorsAsCodes errorsAsCodes;
+        gslErrorsAsCodes();
         const std::unique_ptr<gsl_multifit_nlinear_workspace, WorkspaceDeleter> w(
             gsl_multifit_nlinear_alloc(gsl_multifit_nlinear_trust, &settings, fdf.n, fdf.p));
         if (!w) {
@@ -258,37 +289,70 @@ private:
     }
 
     FitStatus stopped(int status, std::string& message) const {
-        if (stopRequested()) return FitStatus::Interrupted;
-        message = std::string("the solver stopped: ") + gsl_strerror(status);
-        return FitStatus::Converged;
+        if (stopRequested() || pending_) return FitStatus::Interrupted; // sorted out by run()
+        message = std::string("the least-squares solver failed after ") +
+                  std::to_string(iterations_) + " iteration" + (iterations_ == 1 ? "" : "s") +
+                  ": " + gsl_strerror(status);
+        return FitStatus::SolverFailed;
     }
 
-    // covariance = D / (n - p) * (J^T J)^-1, from a singular value decomposition of J with unit
-    // columns, so that the condition test does not depend on the parameters' units.
+    // covariance = D / (n - r) * (J^T J)^+, from a singular value decomposition of J with unit
+    // columns, so that the rank test does not depend on the parameters' units. A parameter with
+    // a part along a direction of singular value 0 (the residuals do not change along it) is
+    // undetermined; the others are estimable whatever those directions, and (J^T J)^+ gives
+    // their covariance. r is the number of directions the data determine.
     void estimateUncertainties(FitResult& result) const {
         const Eigen::Index n = n_, p = freeCount();
-        if (p == 0 || n <= p || !best_.valid || best_.jacobian.rows() != n ||
-            best_.jacobian.cols() != p) {
+        if (p == 0) return;
+        for (int index : free_)
+            result.uncertainties[static_cast<std::size_t>(index)] = undetermined;
+        if (!best_.valid || best_.jacobian.rows() != n || best_.jacobian.cols() != p) {
+            result.uncertaintyNote = result.status == FitStatus::Interrupted
+                                         ? interruptedNote
+                                         : "the Jacobian at the best point is not known";
             return;
         }
         const Eigen::VectorXd norms = best_.jacobian.colwise().norm().transpose();
-        if (!(norms.array() > 0).all() || !norms.allFinite()) return;
-        const Eigen::MatrixXd unit = best_.jacobian * norms.cwiseInverse().asDiagonal();
-        const Eigen::JacobiSVD<Eigen::MatrixXd> svd(unit, Eigen::ComputeThinV);
-        const Eigen::VectorXd& s = svd.singularValues();
+        Eigen::MatrixXd unit = best_.jacobian;
+        for (Eigen::Index k = 0; k < p; ++k) {
+            const bool seen = std::isfinite(norms(k)) && norms(k) > 0;
+            unit.col(k) = seen ? Eigen::VectorXd(unit.col(k) / norms(k)) : Eigen::VectorXd::Zero(n);
+            if (!seen) result.unseen.push_back(free_[static_cast<std::size_t>(k)]);
+        }
+        const Eigen::JacobiSVD<Eigen::MatrixXd> svd(unit, Eigen::ComputeFullV);
+        const Eigen::VectorXd& s = svd.singularValues(); // min(n, p) = p of them, descending
         const double rankLimit =
-            s(0) * static_cast<double>(n) * std::numeric_limits<double>::epsilon();
-        if (!(s(p - 1) > rankLimit)) return;
-
-        const Eigen::MatrixXd vs = svd.matrixV() * s.cwiseInverse().asDiagonal();
-        const Eigen::MatrixXd inverse = vs * vs.transpose(); // (J^T J)^-1 with unit columns
-        const double variance = best_.deviation / static_cast<double>(n - p);
-        result.correlation.resize(p, p);
+            s(0) * static_cast<double>(std::max(n, p)) * std::numeric_limits<double>::epsilon();
+        Eigen::Index rank = 0;
+        while (rank < p && s(rank) > rankLimit) ++rank;
+        const Eigen::MatrixXd flat = svd.matrixV().rightCols(p - rank);
+        std::vector<bool> determined(static_cast<std::size_t>(p));
         for (Eigen::Index k = 0; k < p; ++k) {
             const auto uk = static_cast<std::size_t>(k);
+            determined[uk] = flat.cols() == 0 || flat.row(k).norm() < 1e-6;
+            const bool unseen = std::find(result.unseen.begin(), result.unseen.end(), free_[uk]) !=
+                                result.unseen.end();
+            if (!determined[uk] && !unseen) result.entangled.push_back(free_[uk]);
+        }
+        if (n <= rank) {
+            result.uncertaintyNote = std::to_string(n) + " fitted points leave no degree of " +
+                                     "freedom beyond the " + std::to_string(rank) +
+                                     " directions they determine";
+            return;
+        }
+
+        const Eigen::MatrixXd vs =
+            svd.matrixV().leftCols(rank) * s.head(rank).cwiseInverse().asDiagonal();
+        const Eigen::MatrixXd inverse = vs * vs.transpose(); // (J^T J)^+ with unit columns
+        const double variance = best_.deviation / static_cast<double>(n - rank);
+        result.correlation.setConstant(p, p, undetermined);
+        for (Eigen::Index k = 0; k < p; ++k) {
+            const auto uk = static_cast<std::size_t>(k);
+            if (!determined[uk]) continue;
             result.uncertainties[static_cast<std::size_t>(free_[uk])] =
                 std::sqrt(variance * inverse(k, k)) / norms(k) * std::abs(steps_[uk]);
             for (Eigen::Index j = 0; j < p; ++j) {
+                if (!determined[static_cast<std::size_t>(j)]) continue;
                 const double sign =
                     (steps_[uk] < 0) == (steps_[static_cast<std::size_t>(j)] < 0) ? 1.0 : -1.0;
                 result.correlation(k, j) =
@@ -305,6 +369,7 @@ private:
     std::vector<double> steps_;
 
     Evaluation last_, best_, accepted_; // accepted_: the solver's current point
+    std::exception_ptr pending_;        // thrown by the model inside the solver
     bool evaluated_ = false;
     int evaluations_ = 0;
     int iterations_ = 0;

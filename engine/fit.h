@@ -8,6 +8,7 @@
 
 #include <Eigen/Dense>
 
+#include "guards.h"
 #include "problem.h"
 
 namespace corefit {
@@ -43,24 +44,35 @@ enum class FitStatus {
     Evaluated,      // no free parameter: the model at the start values
     Converged,      // D fell by less than tolerance * D, or no step could lower it any more
     IterationLimit, // maxIterations accepted steps without converging
-    Interrupted,    // stop was set; the best parameters so far are returned
-    Failed          // the start values lie outside the model's domain
+    Interrupted,    // stop was set, or the model threw Interrupted; the best parameters so far
+    Failed,         // the start values lie outside the model's domain, or too few points
+    SolverFailed    // the least-squares solver failed; message says how
 };
 
 struct FitResult {
     FitStatus status = FitStatus::Failed;
-    std::vector<double> parameters;    // all parameters, best found
-    double deviation = 0;              // D at those parameters
-    int iterations = 0;                // accepted steps
-    int evaluations = 0;               // calls of evaluate
-    std::vector<int> freeIndices;      // which parameters were free
-    std::vector<double> uncertainties; // per parameter; 0 for fixed ones and when n <= free count
-    Eigen::MatrixXd correlation;       // free x free; empty when not estimable
-    std::string message;               // why it failed, when it did
+    std::vector<double> parameters; // all parameters, best found
+    double deviation = 0;           // D at those parameters; NaN if stopped before the first
+    int iterations = 0;             // accepted steps
+    int evaluations = 0;            // calls of evaluate
+    std::vector<int> freeIndices;   // which parameters were free
+    // Per parameter: 0 for fixed ones, NaN for free ones the data cannot determine.
+    std::vector<double> uncertainties;
+    Eigen::MatrixXd correlation; // free x free; NaN where a parameter is undetermined
+    // Why free parameters are undetermined: unseen ones the data do not depend on at all;
+    // entangled ones lie in a combination of parameters that leaves the residuals unchanged (only
+    // the other combinations are determined); uncertaintyNote says why none could be estimated
+    // (too few points, an interrupted run), or is empty.
+    std::vector<int> unseen, entangled;
+    std::string uncertaintyNote;
+    std::string message; // why it failed, when it did
 };
 
 // Fits the free parameters (step != 0) from their start values, using each step as the
-// parameter's scale. The uncertainties come from covariance = D / (n - p) * (J^T J)^-1 at the end.
+// parameter's scale. The uncertainties come from covariance = D / (n - r) * (J^T J)^+ at the end,
+// r the rank of J: directions the data cannot see are left out, and the parameters along them
+// are undetermined. An exception of the model other than Interrupted is thrown on after the
+// solver has been left.
 FitResult fitLeastSquares(LeastSquaresModel& model, const std::vector<Parameter>& parameters,
                           const FitOptions& options);
 

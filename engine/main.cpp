@@ -10,16 +10,21 @@
 #include <chrono>
 #include <clocale>
 #include <cmath>
+#include <condition_variable>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 #include <thread>
+#include <utility>
 
+#include <fcntl.h>
+#include <semaphore.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -43,26 +48,62 @@ enum ExitCode {
     exitInternal = 5
 };
 
-std::atomic<bool> stopRequested{false};
+// How long a stop request waits for the computation to reach a safe point before the best
+// result so far is written from here and the engine ends.
+constexpr auto stopGrace = std::chrono::milliseconds(500);
 
-extern "C" void requestStop(int) { stopRequested.store(true); }
+StopFlag stopRequest{false};
+std::atomic<int> signalsSeen{0};
+sem_t wakeWatcher;
+
+// The first SIGINT or SIGTERM asks for a stop; a second one ends the engine at once.
+extern "C" void onStopSignal(int signal) {
+    if (signalsSeen.fetch_add(1) > 0) {
+        std::signal(signal, SIG_DFL);
+        std::raise(signal);
+        return;
+    }
+    stopRequest.store(true);
+    sem_post(&wakeWatcher);
+}
 
 void installStopHandlers() {
+    sem_init(&wakeWatcher, 0, 0);
     struct sigaction action {};
-    action.sa_handler = requestStop;
+    action.sa_handler = onStopSignal;
     sigemptyset(&action.sa_mask);
     sigaction(SIGTERM, &action, nullptr);
     sigaction(SIGINT, &action, nullptr);
 }
 
-// corefit.log beside the input: written as the run goes, so that it can be read meanwhile.
+// corefit.log beside the input: a new file, renamed over an earlier log (a link of that name is
+// replaced, never followed), then written line by line as the run goes, so that it can be read
+// meanwhile. Lines come from the computation and from the watcher of stop requests.
 class Log {
 public:
-    void open(const std::string& path) { file_ = std::fopen(path.c_str(), "w"); }
+    void open(const std::string& directory) {
+        const std::string path = joinPath(directory, "corefit.log");
+        const std::string temporary =
+            joinPath(directory, ".corefit.log." + std::to_string(::getpid()) + ".tmp");
+        const int fd =
+            ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+        if (fd < 0 || std::rename(temporary.c_str(), path.c_str()) != 0) {
+            const int error = errno;
+            if (fd >= 0) {
+                ::unlink(temporary.c_str());
+                ::close(fd);
+            }
+            std::fprintf(stderr, "corefit: cannot write %s: %s\n", path.c_str(),
+                         std::strerror(error));
+            return;
+        }
+        file_ = ::fdopen(fd, "w");
+    }
     ~Log() {
         if (file_) std::fclose(file_);
     }
     [[gnu::format(printf, 2, 3)]] void line(const char* format, ...) {
+        const std::lock_guard lock(mutex_);
         if (!file_) return;
         va_list arguments;
         va_start(arguments, format);
@@ -73,6 +114,7 @@ public:
     }
 
 private:
+    std::mutex mutex_;
     std::FILE* file_ = nullptr;
 };
 
@@ -104,6 +146,12 @@ std::string parameterLine(const std::vector<double>& p) {
     return text;
 }
 
+std::string nameList(const std::vector<int>& indices) {
+    std::string text;
+    for (int index : indices) text += (text.empty() ? "" : ", ") + parameterName(index);
+    return text;
+}
+
 std::string spinText(int twiceSpin) {
     return twiceSpin % 2 ? std::to_string(twiceSpin) + "/2" : std::to_string(twiceSpin / 2);
 }
@@ -123,11 +171,11 @@ double physicalMemory() {
 
 std::string gib(double bytes) {
     char text[32];
-    std::snprintf(text, sizeof text, "%.2f GiB", bytes / (1024.0 * 1024.0 * 1024.0));
+    std::snprintf(text, sizeof text, "%.3g GiB", bytes / (1024.0 * 1024.0 * 1024.0));
     return text;
 }
 
-void logProblem(Log& log, const Problem& problem, const Plan& plan) {
+void logProblem(Log& log, const Problem& problem) {
     log.line("input: %s", problem.inputPath.c_str());
     log.line("data: %s (%s, %zu points, fitted from point %d to %d)", problem.dataPath.c_str(),
              problem.kind == DataKind::ChiT ? "chiT in cm3 K mol-1" : "chi in cm3 mol-1",
@@ -151,10 +199,19 @@ void logProblem(Log& log, const Problem& problem, const Plan& plan) {
     }
     log.line("tolerance: %.10g%s", problem.tolerance,
              problem.toleranceDefaulted ? " (default)" : "");
+}
+
+void logPlan(Log& log, const Plan& plan) {
     log.line("method: %s", plan.describe().c_str());
     std::string sizes;
-    for (long size : plan.blockSizes) sizes += (sizes.empty() ? "" : " ") + std::to_string(size);
+    for (double size : plan.blockSizes) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%s%.*g", sizes.empty() ? "" : " ", size < 0x1p53 ? 17 : 4,
+                      size);
+        sizes += text;
+    }
     log.line("block sizes: %s", sizes.c_str());
+    log.line("threads: %d (blocks side by side)", plan.threads);
     log.line("estimated memory %s; estimated %.3g s per spectrum, %.3g s with J slopes",
              gib(plan.bytes).c_str(), plan.secondsPerSpectrum, plan.secondsPerSlopes);
 }
@@ -170,10 +227,107 @@ const char* statusText(FitStatus status) {
     case FitStatus::Interrupted:
         return "interrupted; the best parameters so far are written";
     case FitStatus::Failed:
+    case FitStatus::SolverFailed:
         break;
     }
     return "failed";
 }
+
+// The best parameters reported so far, with the model at every point: what an interrupted run
+// writes.
+struct Snapshot {
+    bool valid = false;
+    int iteration = 0;
+    double deviation = 0;
+    std::vector<double> parameters, calculated;
+};
+
+// Outcome of a snapshot: uncertainties 0 for fixed parameters and undetermined for free ones.
+Outcome snapshotOutcome(const Problem& problem, const Snapshot& best) {
+    Outcome outcome{best.deviation, best.parameters, {}, best.calculated};
+    for (const Parameter& parameter : problem.parameters)
+        outcome.uncertainties.push_back(parameter.free() ? std::nan("") : 0.0);
+    return outcome;
+}
+
+// Coordinates the computation with stop requests. On a stop request, waits stopGrace for the
+// computation to finish by itself; if it does not (it is inside a long diagonalisation), writes
+// the best result so far from here and ends the engine with exit code 3.
+class Run {
+public:
+    Run(Log& log, std::string outputPath)
+        : log_(log), outputPath_(std::move(outputPath)), watcher_([this] { watch(); }) {}
+    ~Run() {
+        finish();
+        finished_ = true;
+        sem_post(&wakeWatcher);
+        watcher_.join();
+    }
+    Run(const Run&) = delete;
+    Run& operator=(const Run&) = delete;
+
+    void setProblem(const Problem* problem) {
+        const std::lock_guard lock(mutex_);
+        problem_ = problem;
+    }
+    void update(const Snapshot& best) {
+        const std::lock_guard lock(mutex_);
+        best_ = best;
+    }
+    Snapshot best() {
+        const std::lock_guard lock(mutex_);
+        return best_;
+    }
+    // The computation is done and writes its own results. Blocks for good (the engine is
+    // ending) once the watcher writes.
+    void finish() {
+        std::unique_lock lock(mutex_);
+        computing_ = false;
+        done_.notify_all();
+    }
+
+private:
+    void watch() {
+        while (sem_wait(&wakeWatcher) != 0 && errno == EINTR) {
+        }
+        if (finished_) return;
+        std::unique_lock lock(mutex_);
+        if (done_.wait_for(lock, stopGrace, [this] { return !computing_; })) return;
+        // The mutex stays held: the computation can no longer write anything.
+        log_.line("stop requested during a computation that cannot be left at once");
+        int code = exitInterrupted;
+        if (problem_ != nullptr && best_.valid) {
+            std::string error;
+            if (writeOutput(outputPath_, *problem_, snapshotOutcome(*problem_, best_), error)) {
+                log_.line("wrote %s: the parameters of iteration %d, deviation %.10g; "
+                          "uncertainties undetermined (interrupted)",
+                          outputPath_.c_str(), best_.iteration, best_.deviation);
+                progress("interrupted: deviation %.10g after %d iteration%s", best_.deviation,
+                         best_.iteration, best_.iteration == 1 ? "" : "s");
+            } else {
+                std::fprintf(stderr, "corefit: %s\n", error.c_str());
+                log_.line("error: %s", error.c_str());
+                code = exitInternal;
+            }
+        } else {
+            log_.line("interrupted before any result; no output.txt written");
+            progress("interrupted before any result");
+        }
+        log_.line("interrupted by a signal; exit code %d", code);
+        std::fflush(stdout);
+        std::_Exit(code);
+    }
+
+    Log& log_;
+    std::string outputPath_;
+    std::mutex mutex_;
+    std::condition_variable done_;
+    bool computing_ = true;
+    std::atomic<bool> finished_{false};
+    const Problem* problem_ = nullptr;
+    Snapshot best_;
+    std::thread watcher_;
+};
 
 struct Options {
     std::string input;
@@ -183,94 +337,91 @@ struct Options {
     double maxSeconds = 3600;
 };
 
-int run(const Options& options) {
-    const auto started = std::chrono::steady_clock::now();
-    Log log;
-    log.open(joinPath(directoryOf(options.input), "corefit.log"));
-    log.line("corefit %s, %s", COREFIT_VERSION, localTime().c_str());
-
-    Problem problem;
-    std::string error;
-    if (!readProblem(options.input, problem, error)) return fail(log, exitBadInput, error);
-    if (!(problem.parameters[gIndex].start > 0))
-        return fail(log, exitBadInput, "input.txt: the start value of g must be positive");
-
-    Method method = Method::Automatic;
-    if (options.method == "full")
-        method = Method::Full;
-    else if (options.method == "m-blocks")
-        method = Method::MBlocks;
-    else if (options.method == "s-blocks")
-        method = Method::SBlocks;
-
-    SpinSystem system{problem.twiceSpin, problem.bonds, problem.jCount()};
-    const Plan plan = planSpectrum(system, method);
-    logProblem(log, problem, plan);
-
-    // Limits, checked before anything large is built.
-    const double memoryLimit = options.maxMemoryGiB > 0
-                                   ? options.maxMemoryGiB * 1024 * 1024 * 1024
-                                   : std::min(16.0 * 1024 * 1024 * 1024, 0.8 * physicalMemory());
-    int freeJ = 0, freeCount = 0;
-    for (std::size_t i = 0; i < problem.parameters.size(); ++i) {
-        freeCount += problem.parameters[i].free();
-        freeJ += i >= firstJIndex && problem.parameters[i].free();
-    }
-    // A fit with free J values needs a spectrum with slopes at each of some 25 iterations.
-    const double estimate =
-        plan.scaled || freeJ == 0 ? plan.secondsPerSpectrum : 25 * plan.secondsPerSlopes;
-    char size[256];
-    std::snprintf(size, sizeof size, "dimension %.0f, largest block %ld (%s)", plan.dimension,
-                  plan.largestBlock, methodName(plan.method));
-    if (plan.bytes > memoryLimit)
-        return fail(log, exitTooLarge,
-                    std::string("problem too large: ") + size + " needs an estimated " +
-                        gib(plan.bytes) + " of memory; the limit is " + gib(memoryLimit) +
-                        " (--max-memory)");
-    if (estimate > options.maxSeconds) {
-        char text[400];
-        std::snprintf(text, sizeof text,
-                      "problem too large: %s needs an estimated %.0f s; the limit is %.0f s "
-                      "(--max-time)",
-                      size, estimate, options.maxSeconds);
-        return fail(log, exitTooLarge, text);
-    }
-
-    const int threads = options.threads > 0
-                            ? options.threads
-                            : static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+// The run after its files are read and its limits checked: the spectrum, the fit, the results.
+int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& problem,
+                const SpinSystem& system, const Plan& plan,
+                std::chrono::steady_clock::time_point started) {
+    int freeCount = 0;
+    for (const Parameter& parameter : problem.parameters) freeCount += parameter.free();
     progress("setup %s; %d free parameter%s, %zu points, %d thread%s", plan.describe().c_str(),
-             freeCount, freeCount == 1 ? "" : "s", problem.points.size(), threads,
-             threads == 1 ? "" : "s");
-    Spectrum spectrum(system, plan, threads);
-    const double setupSeconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    log.line("set up in %.3f s", setupSeconds);
+             freeCount, freeCount == 1 ? "" : "s", problem.points.size(), plan.threads,
+             plan.threads == 1 ? "" : "s");
+    Spectrum spectrum(system, plan, plan.threads, &stopRequest);
+    log.line("set up in %.3f s",
+             std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
 
     SusceptibilityModel model(problem, spectrum);
     FitOptions fitOptions;
     fitOptions.tolerance = problem.tolerance;
-    fitOptions.stop = &stopRequested;
+    fitOptions.stop = &stopRequest;
     fitOptions.onIteration = [&](const IterationReport& report) {
         const std::string values = parameterLine(*report.parameters);
         progress("iteration %d deviation %.10g %s", report.iteration, report.deviation,
                  values.c_str());
         log.line("iteration %d deviation %.10g %s", report.iteration, report.deviation,
                  values.c_str());
+        // The model has just been computed at these parameters: its values are at hand.
+        Snapshot best{true, report.iteration, report.deviation, *report.parameters, {}};
+        try {
+            if (model.predict(best.parameters, best.calculated)) run.update(best);
+        } catch (const Interrupted&) {
+        }
     };
-    const FitResult result = fitLeastSquares(model, problem.parameters, fitOptions);
-    if (result.status == FitStatus::Failed)
-        return fail(log, exitBadInput, "input.txt: " + result.message);
+    FitResult result = fitLeastSquares(model, problem.parameters, fitOptions);
+    // From here on a stop request is not waited for: nothing lasts long.
+    const auto failed = [&](int code, const std::string& message) {
+        run.finish();
+        return fail(log, code, message);
+    };
+    const std::string input = fileName(problem.inputPath), data = fileName(problem.dataPath);
+    if (result.status == FitStatus::Failed) {
+        if (problem.last - problem.first + 1 < freeCount)
+            return failed(exitBadInput,
+                          data + " line 1: " + std::to_string(problem.last - problem.first + 1) +
+                              " fitted points cannot determine the " + std::to_string(freeCount) +
+                              " free parameters of " + input);
+        std::vector<double> start;
+        for (const Parameter& parameter : problem.parameters) start.push_back(parameter.start);
+        std::string fault = model.domainFault(start);
+        if (fault.empty()) fault = input + ": " + result.message;
+        return failed(exitBadInput, fault);
+    }
+    if (result.status == FitStatus::SolverFailed)
+        return failed(exitInternal, "the fit failed: " + result.message);
 
-    Outcome outcome;
-    outcome.deviation = result.deviation;
-    outcome.values = result.parameters;
-    outcome.uncertainties = result.uncertainties;
-    outcome.uncertainties.resize(outcome.values.size(), 0.0);
-    for (double& u : outcome.uncertainties)
-        if (!std::isfinite(u)) u = 0;
-    if (!model.predict(result.parameters, outcome.calculated))
-        return fail(log, exitInternal, "the fitted parameters give no finite susceptibility");
+    Outcome outcome{result.deviation, result.parameters, result.uncertainties, {}};
+    if (result.status != FitStatus::Interrupted) {
+        try {
+            if (!model.predict(result.parameters, outcome.calculated))
+                return failed(exitInternal, "the fitted parameters give no finite susceptibility");
+        } catch (const Interrupted&) {
+            result.status = FitStatus::Interrupted;
+        }
+    }
+    if (result.status == FitStatus::Interrupted) {
+        // What the last reported iteration holds; with the fit's uncertainties when they belong
+        // to the same parameters.
+        const Snapshot best = run.best();
+        if (!best.valid) {
+            run.finish();
+            log.line("interrupted by a signal before any result; no output.txt written");
+            progress("interrupted before any result");
+            return exitInterrupted;
+        }
+        outcome = snapshotOutcome(problem, best);
+        if (best.parameters == result.parameters) {
+            outcome.uncertainties = result.uncertainties;
+        } else {
+            result.unseen.clear();
+            result.entangled.clear();
+            result.correlation.resize(0, 0);
+            result.uncertaintyNote = "the run was interrupted before they could be estimated";
+        }
+        result.parameters = best.parameters;
+        result.deviation = best.deviation;
+        result.iterations = best.iteration;
+    }
+    run.finish();
 
     // Log: values, uncertainties, correlations, agreement factor.
     log.line("result: %s after %d iteration%s; %d evaluations, spectra computed: %d",
@@ -283,29 +434,45 @@ int run(const Options& options) {
     if (observedSquares > 0)
         log.line("agreement factor R = %.6g", result.deviation / observedSquares);
     for (std::size_t i = 0; i < outcome.values.size(); ++i) {
-        const bool free = problem.parameters[i].free();
-        if (free)
-            log.line("  %-4s = %.10g +/- %.4g", parameterName(static_cast<int>(i)).c_str(),
-                     outcome.values[i], outcome.uncertainties[i]);
+        const std::string name = parameterName(static_cast<int>(i));
+        if (!problem.parameters[i].free())
+            log.line("  %-4s = %.10g (fixed)", name.c_str(), outcome.values[i]);
+        else if (std::isnan(outcome.uncertainties[i]))
+            log.line("  %-4s = %.10g +/- undetermined", name.c_str(), outcome.values[i]);
         else
-            log.line("  %-4s = %.10g (fixed)", parameterName(static_cast<int>(i)).c_str(),
-                     outcome.values[i]);
+            log.line("  %-4s = %.10g +/- %.4g", name.c_str(), outcome.values[i],
+                     outcome.uncertainties[i]);
     }
+    for (int index : result.unseen) {
+        const std::string name = parameterName(index);
+        bool used = index < firstJIndex;
+        for (const Bond& bond : problem.bonds) used = used || bond.j == index - firstJIndex;
+        log.line(
+            "undetermined: %s: %s", name.c_str(),
+            used ? "the fitted points do not change with it at these values"
+                 : ("no exchange path uses " + name + ", so the data do not depend on it").c_str());
+    }
+    if (!result.entangled.empty())
+        log.line("undetermined: %s: the fitted points determine only a combination of them, "
+                 "not each (they change the fitted points alike)",
+                 nameList(result.entangled).c_str());
+    if (!result.uncertaintyNote.empty())
+        log.line("uncertainties undetermined: %s", result.uncertaintyNote.c_str());
     if (result.correlation.size() > 0) {
         log.line("correlations of the free parameters:");
         for (Eigen::Index r = 0; r < result.correlation.rows(); ++r)
             for (Eigen::Index c = r + 1; c < result.correlation.cols(); ++c) {
                 const double value = result.correlation(r, c);
+                if (std::isnan(value)) continue;
                 log.line("  %s, %s: %+.4f%s",
                          parameterName(result.freeIndices[static_cast<std::size_t>(r)]).c_str(),
                          parameterName(result.freeIndices[static_cast<std::size_t>(c)]).c_str(),
                          value, std::abs(value) > 0.95 ? "  strongly correlated" : "");
             }
-    } else if (!result.freeIndices.empty()) {
-        log.line("uncertainties not estimable (too few points or a singular Jacobian)");
     }
 
     const std::string outputPath = joinPath(directoryOf(options.input), "output.txt");
+    std::string error;
     if (!writeOutput(outputPath, problem, outcome, error)) return fail(log, exitInternal, error);
 
     const double seconds =
@@ -324,6 +491,88 @@ int run(const Options& options) {
         return exitInterrupted;
     default:
         return exitConverged;
+    }
+}
+
+int run(const Options& options) {
+    const auto started = std::chrono::steady_clock::now();
+    Log log;
+    log.open(directoryOf(options.input));
+    log.line("corefit %s, %s", COREFIT_VERSION, localTime().c_str());
+    Run run(log, joinPath(directoryOf(options.input), "output.txt"));
+
+    Problem problem;
+    std::string error;
+    if (!readProblem(options.input, problem, error)) return fail(log, exitBadInput, error);
+    run.setProblem(&problem);
+    const std::string input = fileName(problem.inputPath);
+    if (!(problem.parameters[gIndex].start > 0))
+        return fail(log, exitBadInput,
+                    input + " line " + std::to_string(problem.siteCount() + 4) +
+                        ": the start value of g must be above 0");
+    logProblem(log, problem);
+
+    Method method = Method::Automatic;
+    if (options.method == "full")
+        method = Method::Full;
+    else if (options.method == "m-blocks")
+        method = Method::MBlocks;
+    else if (options.method == "s-blocks")
+        method = Method::SBlocks;
+
+    // Limits, checked before anything large is built; fewer blocks side by side when that is
+    // what it takes to stay within the memory limit.
+    const SpinSystem system{problem.twiceSpin, problem.bonds, problem.jCount()};
+    const double memoryLimit = options.maxMemoryGiB > 0
+                                   ? options.maxMemoryGiB * 1024 * 1024 * 1024
+                                   : std::min(16.0 * 1024 * 1024 * 1024, 0.8 * physicalMemory());
+    const int threads = options.threads > 0 ? options.threads : defaultThreads();
+    Plan plan = planSpectrum(system, method, threads);
+    while (plan.bytes > memoryLimit && plan.threads > 1)
+        plan = planSpectrum(system, method, plan.threads - 1);
+    logPlan(log, plan);
+    if (plan.threads < threads)
+        log.line("threads lowered from %d to %d to stay within the memory limit", threads,
+                 plan.threads);
+    int freeJ = 0;
+    for (std::size_t i = firstJIndex; i < problem.parameters.size(); ++i)
+        freeJ += problem.parameters[i].free();
+    // A fit with free J values needs a spectrum with slopes at each of some 25 iterations.
+    const double estimate =
+        plan.scaled || freeJ == 0 ? plan.secondsPerSpectrum : 25 * plan.secondsPerSlopes;
+    const std::string size = plan.describe();
+    char text[600];
+    if (!plan.buildable()) {
+        std::snprintf(text, sizeof text,
+                      "problem too large: %s; the limit is %ld, the largest block LAPACK takes",
+                      size.c_str(), maxLapackBlock);
+        return fail(log, exitTooLarge, text);
+    }
+    if (plan.bytes > memoryLimit)
+        return fail(log, exitTooLarge,
+                    "problem too large: " + size + " needs an estimated " + gib(plan.bytes) +
+                        " of memory; the limit is " + gib(memoryLimit) + " (--max-memory)");
+    if (estimate > options.maxSeconds) {
+        std::snprintf(text, sizeof text,
+                      "problem too large: %s needs an estimated %.3g s; the limit is %.0f s "
+                      "(--max-time)",
+                      size.c_str(), estimate, options.maxSeconds);
+        return fail(log, exitTooLarge, text);
+    }
+
+    try {
+        return fitAndWrite(options, log, run, problem, system, plan, started);
+    } catch (const Interrupted&) {
+        run.finish();
+        log.line("interrupted by a signal before any result; no output.txt written");
+        progress("interrupted before any result");
+        return exitInterrupted;
+    } catch (const std::bad_alloc&) {
+        run.finish();
+        return fail(log, exitInternal, "out of memory");
+    } catch (const std::exception& failure) {
+        run.finish();
+        return fail(log, exitInternal, failure.what());
     }
 }
 
@@ -354,6 +603,7 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
 
     installStopHandlers();
+    gslErrorsAsCodes();
     try {
         return run(options);
     } catch (const std::bad_alloc&) {

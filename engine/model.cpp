@@ -1,7 +1,10 @@
 #include "model.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
+
+#include "problem_io.h"
 
 namespace corefit {
 
@@ -95,7 +98,11 @@ bool SusceptibilityModel::compute(const std::vector<double>& p, const std::vecto
             (*derivatives)(row, static_cast<Eigen::Index>(column)) = d * factor;
         }
     }
-    return std::all_of(values.begin(), values.end(), [](double v) { return std::isfinite(v); });
+    if (!std::all_of(values.begin(), values.end(), [](double v) { return std::isfinite(v); }))
+        return false;
+    lastParameters_ = p;
+    lastValues_ = values;
+    return true;
 }
 
 bool SusceptibilityModel::evaluate(const std::vector<double>& p, Eigen::VectorXd& residuals,
@@ -117,7 +124,59 @@ bool SusceptibilityModel::evaluate(const std::vector<double>& p, Eigen::VectorXd
 }
 
 bool SusceptibilityModel::predict(const std::vector<double>& p, std::vector<double>& values) {
+    if (!lastParameters_.empty() && p == lastParameters_) {
+        values = lastValues_;
+        return true;
+    }
     return compute(p, nullptr, values, nullptr);
+}
+
+namespace {
+
+std::string shortReal(double value) {
+    char buffer[32];
+    const auto result =
+        std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::general, 6);
+    return std::string(buffer, result.ptr);
+}
+
+} // namespace
+
+std::string SusceptibilityModel::domainFault(const std::vector<double>& p) {
+    const std::string input = fileName(problem_.inputPath), data = fileName(problem_.dataPath);
+    if (!(p[gIndex] > 0)) return input + ": g is " + shortReal(p[gIndex]) + "; it must be above 0";
+    const auto jCount = static_cast<std::size_t>(problem_.jCount());
+    std::vector<double> jKelvin(jCount);
+    for (std::size_t k = 0; k < jCount; ++k) jKelvin[k] = p[firstJIndex + k] * toKelvin_;
+    const Levels& levels = spectrum_.levels(jKelvin, {});
+    const bool chiT = problem_.kind == DataKind::ChiT;
+    const std::string quantity = chiT ? "chiT" : "chi";
+    double sum = 0;
+    for (std::size_t i = 0; i < problem_.points.size(); ++i) {
+        const Point& point = problem_.points[i];
+        // Point k (from 1) is on line k + 1 of the data file, after the header.
+        const std::string where = data + " line " + std::to_string(i + 2) + ": point " +
+                                  std::to_string(i + 1) + " (T = " + shortReal(point.temperature) +
+                                  ", " + quantity + " " + shortReal(point.observed) + ")";
+        const double moment = thermalMoment(levels, point.temperature).value;
+        Susceptibility s;
+        if (!susceptibility(point.temperature, moment, p[gIndex], p[cIndex], p[zjIndex] * toKelvin_,
+                            p[tipIndex], s))
+            return input + ": zJ = " + shortReal(p[zjIndex]) +
+                   " puts the pole of the mean field above the temperature of " + where +
+                   "; T - 2 zJ <M^2> must stay above 0";
+        const double value = s.chi * (chiT ? point.temperature : 1.0);
+        if (!std::isfinite(value))
+            return where + ": the model gives no finite " + quantity + " there";
+        const int number = static_cast<int>(i) + 1;
+        if (number < problem_.first || number > problem_.last) continue;
+        const double square = (value - point.observed) * (value - point.observed);
+        sum += square;
+        if (!std::isfinite(square) || !std::isfinite(sum))
+            return where + ": its squared deviation from the calculated " + quantity + " " +
+                   shortReal(value) + " exceeds the range of double precision";
+    }
+    return {};
 }
 
 } // namespace corefit

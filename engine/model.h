@@ -2,6 +2,7 @@
 // over the data points.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "fit.h"
@@ -37,8 +38,12 @@ public:
     int residualCount() const override { return problem_.last - problem_.first + 1; }
     bool evaluate(const std::vector<double>& p, Eigen::VectorXd& residuals,
                   Eigen::MatrixXd* jacobian, const std::vector<int>& freeIndices) override;
-    // The fitted quantity at every data point, also outside the fitted range.
+    // The fitted quantity at every data point, also outside the fitted range; at the parameters
+    // of the last evaluation, the values it computed.
     bool predict(const std::vector<double>& p, std::vector<double>& values);
+    // Why the model or the squared deviation is not finite at p: one line that names the file
+    // and line that cause it (a data point, or a start value of the input file), or "".
+    std::string domainFault(const std::vector<double>& p);
 
 private:
     bool compute(const std::vector<double>& p, const std::vector<int>* freeIndices,
@@ -46,6 +51,7 @@ private:
     const Problem& problem_;
     Spectrum& spectrum_;
     double toKelvin_;
+    std::vector<double> lastParameters_, lastValues_; // of the last successful computation
 };
 
 } // namespace corefit

@@ -21,6 +21,8 @@ const char* unitName(EnergyUnit unit); // "cm-1", "meV", "K"
 inline constexpr double curieConstant = 0.375148096;
 
 inline constexpr int maxSites = 20;
+// The largest 2S of a site (S = 10). Up to it the 6j symbols and the size estimate are exact.
+inline constexpr int maxTwiceSpin = 20;
 inline constexpr int maxJValues = 10;
 inline constexpr int maxPoints = 1000;
 inline constexpr double defaultTolerance = 1e-6;
@@ -51,7 +53,7 @@ struct Problem {
     std::string inputPath, dataPath;
     EnergyUnit unit = EnergyUnit::Cm1;
     DataKind kind = DataKind::ChiT;
-    std::vector<int> twiceSpin;          // 2S of every site, each >= 1
+    std::vector<int> twiceSpin;          // 2S of every site, 1 to maxTwiceSpin
     double tolerance = defaultTolerance; // as given, or the default when it was <= 0
     bool toleranceDefaulted = false;
     std::vector<Parameter> parameters; // g, C, zJ, Xtip, J1..Jn (energies in the file's unit)
@@ -71,7 +73,8 @@ namespace corefit {
 struct Outcome {
     double deviation = 0;              // sum of squared deviations over the fitted range
     std::vector<double> values;        // g, C, zJ, Xtip, J1..Jn
-    std::vector<double> uncertainties; // standard uncertainties, 0 for fixed parameters
+    std::vector<double> uncertainties; // standard uncertainties, 0 for fixed parameters, NaN for
+                                       // free ones that could not be estimated ("undetermined")
     std::vector<double> calculated;    // the model at every point, also outside the fitted range
 };
 

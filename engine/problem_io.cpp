@@ -20,12 +20,6 @@ namespace {
 // Far beyond any file the desktop program writes; guards against reading something else whole.
 constexpr std::size_t maxFileBytes = std::size_t{16} << 20;
 
-std::string baseName(const std::string& path) {
-    const auto slash = path.find_last_of('/');
-    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    return name.empty() ? path : name;
-}
-
 bool isSeparator(char c) { return c == ' ' || c == '\t' || c == ',' || c == '\r'; }
 bool isBlank(std::string_view line) {
     return line.find_first_not_of(" \t\r") == std::string_view::npos;
@@ -85,7 +79,7 @@ Parsed parseInteger(std::string_view token, int& value) {
 }
 
 bool readFile(const std::string& path, std::string& text, std::string& error) {
-    const std::string name = baseName(path);
+    const std::string name = fileName(path);
     std::FILE* file = std::fopen(path.c_str(), "rb");
     if (file == nullptr) {
         error = name + ": cannot open: " + std::strerror(errno);
@@ -235,10 +229,11 @@ bool readInput(LineReader& in, Problem& problem) {
         if (!in.take(1, "the spin of site " + std::to_string(site) + " as 2S") ||
             !in.integer(0, twiceSpin))
             return false;
-        if (twiceSpin < 1)
+        if (twiceSpin < 1 || twiceSpin > maxTwiceSpin)
             return in.fail("site " + std::to_string(site) + " has spin " +
-                           std::to_string(twiceSpin) +
-                           "; a spin is given as 2S and must be at least 1");
+                           std::to_string(twiceSpin) + "; a spin is given as 2S and must be 1 to " +
+                           std::to_string(maxTwiceSpin) + " (S = 1/2 to " +
+                           std::to_string(maxTwiceSpin / 2) + ")");
         problem.twiceSpin.push_back(twiceSpin);
     }
 
@@ -334,6 +329,11 @@ bool writeAll(int fd, const std::string& text) {
     return true;
 }
 
+// An uncertainty as written on lines 3 and 5: NaN stands for one that could not be estimated.
+std::string formatUncertainty(double value) {
+    return std::isnan(value) ? std::string("undetermined") : formatReal(value);
+}
+
 std::string outputText(const Problem& problem, const Outcome& outcome) {
     const auto& v = outcome.values;
     const auto& u = outcome.uncertainties;
@@ -341,11 +341,12 @@ std::string outputText(const Problem& problem, const Outcome& outcome) {
                        formatReal(v[cIndex]) + '\n';
     text += formatReal(v[zjIndex]) + ' ' + formatReal(v[tipIndex]) + '\n';
     text += '#';
-    for (int i = 0; i < firstJIndex; ++i) text += ' ' + formatReal(u[static_cast<std::size_t>(i)]);
+    for (int i = 0; i < firstJIndex; ++i)
+        text += ' ' + formatUncertainty(u[static_cast<std::size_t>(i)]);
     text += '\n' + std::to_string(problem.jCount());
     for (std::size_t i = firstJIndex; i < v.size(); ++i) text += ' ' + formatReal(v[i]);
     text += "\n#";
-    for (std::size_t i = firstJIndex; i < u.size(); ++i) text += ' ' + formatReal(u[i]);
+    for (std::size_t i = firstJIndex; i < u.size(); ++i) text += ' ' + formatUncertainty(u[i]);
     text += '\n' + std::to_string(problem.points.size()) + ' ' + std::to_string(problem.first) +
             ' ' + std::to_string(problem.last) + '\n';
     for (std::size_t i = 0; i < problem.points.size(); ++i)
@@ -370,7 +371,8 @@ std::string outcomeFault(const Problem& problem, const Outcome& outcome) {
     for (std::size_t i = 0; i < count; ++i) {
         const std::string name = parameterName(static_cast<int>(i));
         if (!std::isfinite(outcome.values[i])) return "the value of " + name + " is not finite";
-        if (!std::isfinite(outcome.uncertainties[i]))
+        const double u = outcome.uncertainties[i];
+        if (std::isinf(u) || (std::isnan(u) && !problem.parameters[i].free()))
             return "the uncertainty of " + name + " is not finite";
     }
     for (std::size_t i = 0; i < outcome.calculated.size(); ++i)
@@ -382,26 +384,49 @@ std::string outcomeFault(const Problem& problem, const Outcome& outcome) {
 } // namespace
 
 bool readProblem(const std::string& inputPath, Problem& problem, std::string& error) {
+    std::string inputText, dataText;
+    if (!readFile(inputPath, inputText, error)) return false;
     Problem result;
+    {
+        LineReader input(fileName(inputPath), splitLines(inputText), error);
+        if (!readInput(input, result)) return false;
+    }
+    const std::string dataPath = joinPath(directoryOf(inputPath), dataFileName(result.kind));
+    if (!readFile(dataPath, dataText, error)) return false;
+    if (!readProblemText(inputText, dataText, fileName(inputPath), fileName(dataPath), result,
+                         error))
+        return false;
     result.inputPath = inputPath;
-    std::string text;
-    if (!readFile(inputPath, text, error)) return false;
-    LineReader input(baseName(inputPath), splitLines(text), error);
-    if (!readInput(input, result)) return false;
-
-    result.dataPath =
-        joinPath(directoryOf(inputPath), result.kind == DataKind::ChiT ? "chit.txt" : "chi.txt");
-    if (!readFile(result.dataPath, text, error)) return false;
-    LineReader data(baseName(result.dataPath), splitLines(text), error);
-    if (!readData(data, result)) return false;
-
+    result.dataPath = dataPath;
     problem = std::move(result);
     return true;
 }
 
+bool readProblemText(const std::string& inputText, const std::string& dataText,
+                     const std::string& inputName, const std::string& dataName, Problem& problem,
+                     std::string& error) {
+    Problem result;
+    LineReader input(inputName, splitLines(inputText), error);
+    if (!readInput(input, result)) return false;
+    LineReader data(dataName, splitLines(dataText), error);
+    if (!readData(data, result)) return false;
+    result.inputPath = inputName;
+    result.dataPath = dataName;
+    problem = std::move(result);
+    return true;
+}
+
+const char* dataFileName(DataKind kind) { return kind == DataKind::ChiT ? "chit.txt" : "chi.txt"; }
+
+std::string fileName(const std::string& path) {
+    const auto slash = path.find_last_of('/');
+    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    return name.empty() ? path : name;
+}
+
 bool writeOutput(const std::string& outputPath, const Problem& problem, const Outcome& outcome,
                  std::string& error) {
-    const std::string name = baseName(outputPath);
+    const std::string name = fileName(outputPath);
     if (const std::string fault = outcomeFault(problem, outcome); !fault.empty()) {
         error = name + ": not written: " + fault;
         return false;

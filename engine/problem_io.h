@@ -12,7 +12,21 @@ namespace corefit {
 // On failure returns false and sets error to one line naming the file, the line and the problem.
 bool readProblem(const std::string& inputPath, Problem& problem, std::string& error);
 
-// Writes output.txt whole or not at all. On failure returns false and sets error.
+// The same from the two texts in memory; inputName and dataName name the files in messages
+// ("input.txt", "chit.txt"). Sets the problem's inputPath and dataPath to these names.
+bool readProblemText(const std::string& inputText, const std::string& dataText,
+                     const std::string& inputName, const std::string& dataName, Problem& problem,
+                     std::string& error);
+
+// The name of the data file that goes with an input file of this data kind: chit.txt or chi.txt.
+const char* dataFileName(DataKind kind);
+
+// The last part of a path, as messages name a file ("input.txt").
+std::string fileName(const std::string& path);
+
+// Writes output.txt whole or not at all, as a new file renamed over the old one (a link of that
+// name is replaced, never followed). An uncertainty that is NaN is written as the word
+// "undetermined". On failure returns false and sets error.
 bool writeOutput(const std::string& outputPath, const Problem& problem, const Outcome& outcome,
                  std::string& error);
 

@@ -11,6 +11,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include <gsl/gsl_errno.h>
 #include <gsl/gsl_sf_coupling.h>
 
 extern "C" {
@@ -20,6 +21,7 @@ void dgemm_(const char* transa, const char* transb, const int* m, const int* n, 
             const double* alpha, const double* a, const int* lda, const double* b, const int* ldb,
             const double* beta, double* c, const int* ldc);
 void openblas_set_num_threads(int threads);
+int openblas_get_num_threads(void);
 }
 
 namespace corefit {
@@ -38,9 +40,26 @@ const char* methodName(Method method) {
     return "S blocks";
 }
 
-void setBlasThreads(int threads) { openblas_set_num_threads(std::max(1, threads)); }
+int blasThreads() { return openblas_get_num_threads(); }
+
+namespace {
+
+// Once, before the first LAPACK or BLAS call: OpenBLAS's own threads stay idle.
+void keepBlasOnOneThread() {
+    static const bool once = (openblas_set_num_threads(1), true);
+    (void)once;
+}
+
+} // namespace
+
+int defaultThreads() { return static_cast<int>(std::max(1u, std::thread::hardware_concurrency())); }
 
 void symmetricEigen(Eigen::MatrixXd& matrix, Eigen::VectorXd& values, bool vectors) {
+    if (matrix.rows() > maxLapackBlock)
+        throw std::length_error("a block of " + std::to_string(matrix.rows()) +
+                                " exceeds LAPACK's 32-bit sizes (" +
+                                std::to_string(maxLapackBlock) + ")");
+    keepBlasOnOneThread();
     const int n = static_cast<int>(matrix.rows());
     values.resize(n);
     if (n == 0) return;
@@ -63,11 +82,15 @@ namespace {
 
 using Index = Eigen::Index;
 
+// State counts, exact for every cluster the input allows: 20 sites of 2S = 20 have 21^20 < 2^88
+// states. Converted to double only for sizes and estimates.
+__extension__ using Count = unsigned __int128;
+
 // How many product states have each total 2M, by 2M + sum of 2S (an index from 0).
-std::vector<double> momentCounts(const std::vector<int>& twiceSpin) {
-    std::vector<double> counts{1};
+std::vector<Count> momentCounts(const std::vector<int>& twiceSpin) {
+    std::vector<Count> counts{1};
     for (int s : twiceSpin) {
-        std::vector<double> next(counts.size() + static_cast<std::size_t>(s), 0.0);
+        std::vector<Count> next(counts.size() + static_cast<std::size_t>(s), 0);
         for (std::size_t m = 0; m < counts.size(); ++m)
             for (std::size_t k = 0; k <= static_cast<std::size_t>(s); ++k) next[m + k] += counts[m];
         counts = std::move(next);
@@ -92,49 +115,56 @@ std::vector<int> usedJValues(const SpinSystem& system) {
 // Description of one block before it is built: its label and size, and how a level counts.
 struct BlockSpec {
     int twiceLabel = 0; // 2M for M blocks, 2S for S blocks, unused for the full basis
-    long size = 0;
+    double size = 0;    // exact up to 2^53, far beyond any block that is built
     double weight = 1, moment = 0;
+    long built() const { return static_cast<long>(size); } // once the plan is within limits
 };
 
+// The site spins must be those the input allows: the counts and the 6j symbols rely on it.
+void checkSystem(const SpinSystem& system) {
+    if (system.twiceSpin.empty() || system.twiceSpin.size() > static_cast<std::size_t>(maxSites))
+        throw std::invalid_argument("a spin system has 1 to " + std::to_string(maxSites) +
+                                    " sites, not " + std::to_string(system.twiceSpin.size()));
+    for (int s : system.twiceSpin)
+        if (s < 1 || s > maxTwiceSpin)
+            throw std::invalid_argument("a site's 2S is 1 to " + std::to_string(maxTwiceSpin) +
+                                        ", not " + std::to_string(s));
+}
+
 std::vector<BlockSpec> blockSpecs(const SpinSystem& system, Method method) {
-    const std::vector<double> counts = momentCounts(system.twiceSpin);
+    checkSystem(system);
+    const std::vector<Count> counts = momentCounts(system.twiceSpin);
     const int total = sumTwiceSpin(system.twiceSpin);
     std::vector<BlockSpec> specs;
     if (method == Method::Full) {
-        double dimension = 0;
-        for (double c : counts) dimension += c;
-        specs.push_back({0, static_cast<long>(dimension), 1, 0});
+        Count dimension = 0;
+        for (Count c : counts) dimension += c;
+        specs.push_back({0, static_cast<double>(dimension), 1, 0});
         return specs;
     }
     // counts index i holds 2M = 2i - total; M >= 0 from i = ceil(total / 2).
     for (int twiceM = total % 2; twiceM <= total; twiceM += 2) {
         const auto i = static_cast<std::size_t>((twiceM + total) / 2);
-        const double here = counts[i], above = i + 1 < counts.size() ? counts[i + 1] : 0;
+        const Count here = counts[i], above = i + 1 < counts.size() ? counts[i + 1] : 0;
         const double m = twiceM / 2.0;
         if (method == Method::MBlocks) {
             const double weight = twiceM > 0 ? 2 : 1;
-            specs.push_back({twiceM, static_cast<long>(here), weight, weight * m * m});
-        } else if (here - above > 0) {
+            specs.push_back({twiceM, static_cast<double>(here), weight, weight * m * m});
+        } else if (here > above) {
             const double multiplicity = twiceM + 1;
-            specs.push_back({twiceM, static_cast<long>(here - above), multiplicity,
+            specs.push_back({twiceM, static_cast<double>(here - above), multiplicity,
                              m * (m + 1) * multiplicity / 3});
         }
     }
     return specs;
 }
 
-// Blocks at least this large are diagonalised one at a time with all BLAS threads; smaller ones
-// run side by side, one block per thread.
-constexpr long largeBlock = 700;
-// Threads counted in the memory estimate of blocks that run side by side.
-constexpr double maxThreads = 8;
-
 // Bytes of a dense n x n matrix of doubles.
 double squareBytes(double n) { return n * n * 8; }
 
-// Seconds for dsyevd on an n x n matrix, two threads, from measurements on 2-core machines.
+// Seconds for dsyevd on an n x n matrix, one thread, from measurements on 2-core machines.
 double eigenSeconds(double n, bool vectors) {
-    const double valuesOnly = 4.2e-11 * n * n * n;
+    const double valuesOnly = 7.5e-11 * n * n * n;
     return vectors ? 2.6 * valuesOnly : valuesOnly;
 }
 
@@ -166,7 +196,7 @@ struct ProductBasis {
 // Fills matrices[slot of J] of the product states `states` (all of one total M, or all states).
 void buildProductBlock(const SpinSystem& system, const std::vector<int>& jSlot,
                        const std::vector<long>& states, std::vector<Eigen::MatrixXd>& matrices,
-                       std::vector<double>* stateMoment) {
+                       std::vector<double>* stateMoment, const StopFlag* stop) {
     const ProductBasis basis(system.twiceSpin);
     const Index n = static_cast<Index>(states.size());
     std::unordered_map<long, Index> position;
@@ -176,6 +206,7 @@ void buildProductBlock(const SpinSystem& system, const std::vector<int>& jSlot,
     if (stateMoment) stateMoment->resize(states.size());
 
     for (Index col = 0; col < n; ++col) {
+        if (col % 256 == 0) throwIfStopped(stop);
         const long code = states[static_cast<std::size_t>(col)];
         if (stateMoment) {
             const double m = basis.twiceM(code) / 2.0;
@@ -293,6 +324,8 @@ double sign(int twicePhase) { return (twicePhase / 2) % 2 == 0 ? 1.0 : -1.0; }
 // first(j1, j1', j2, J, J'): <j1 j2 J || T(1) || j1' j2 J'> / <j1||T||j1'>
 class Recoupling {
 public:
+    Recoupling() { gslErrorsAsCodes(); }
+
     double second(int j1, int j2, int J, int Jp) {
         const std::uint64_t key = pack(0, j1, j2, J, Jp, 0);
         auto found = memo_.find(key);
@@ -300,7 +333,7 @@ public:
         double value = 0;
         if (triangle(j1, j2, J) && triangle(j1, j2, Jp) && triangle(J, Jp, 2))
             value = sign(j1 + j2 + J + 2) * std::sqrt((J + 1.0) * (Jp + 1.0)) *
-                    gsl_sf_coupling_6j(j2, J, j1, Jp, j2, 2);
+                    sixJ(j2, J, j1, Jp, j2, 2);
         memo_.emplace(key, value);
         return value;
     }
@@ -312,12 +345,26 @@ public:
         if (triangle(j1, j2, J) && triangle(j1p, j2, Jp) && triangle(J, Jp, 2) &&
             triangle(j1, j1p, 2))
             value = sign(j1 + j2 + Jp + 2) * std::sqrt((J + 1.0) * (Jp + 1.0)) *
-                    gsl_sf_coupling_6j(j1, J, j2, Jp, j1p, 2);
+                    sixJ(j1, J, j2, Jp, j1p, 2);
         memo_.emplace(key, value);
         return value;
     }
 
 private:
+    // The 6j symbol of arguments given as 2j; a GSL failure (an overflow) is thrown, not ignored.
+    static double sixJ(int a, int b, int c, int d, int e, int f) {
+        gsl_sf_result result;
+        const int status = gsl_sf_coupling_6j_e(a, b, c, d, e, f, &result);
+        if (status != GSL_SUCCESS || !std::isfinite(result.val)) {
+            char text[160];
+            std::snprintf(text, sizeof text,
+                          "GSL cannot compute the 6j symbol {%d/2 %d/2 %d/2; "
+                          "%d/2 %d/2 %d/2}: %s",
+                          a, b, c, d, e, f, gsl_strerror(status));
+            throw std::runtime_error(text);
+        }
+        return result.val;
+    }
     static std::uint64_t pack(int kind, int a, int b, int c, int d, int e) {
         auto u = [](int v) { return static_cast<std::uint64_t>(v) & 0xfff; };
         return (static_cast<std::uint64_t>(kind) << 60) | (u(a) << 48) | (u(b) << 36) |
@@ -391,92 +438,119 @@ void addCoupledBond(const CoupledBlock& block, const std::vector<int>& spins, in
     }
 }
 
-// Runs body(i) for i in [0, count) on up to `threads` threads.
-void parallelFor(long count, int threads, const std::function<void(long)>& body) {
+// Runs body(i) for i in [0, count) on up to `threads` threads, each taking the next i when it is
+// done (so a thread slowed by other work takes fewer). Stops starting new ones when stop is set,
+// and then throws Interrupted; the first exception of a body is thrown once all have ended.
+void parallelFor(long count, int threads, const StopFlag* stop,
+                 const std::function<void(long)>& body) {
     if (threads <= 1 || count <= 1) {
-        for (long i = 0; i < count; ++i) body(i);
+        for (long i = 0; i < count; ++i) {
+            throwIfStopped(stop);
+            body(i);
+        }
         return;
     }
     std::atomic<long> next{0};
     std::exception_ptr failure;
     std::mutex failureMutex;
-    std::vector<std::thread> pool;
-    for (int t = 0; t < std::min<long>(threads, count); ++t)
-        pool.emplace_back([&] {
-            for (long i; (i = next++) < count;) {
-                try {
-                    body(i);
-                } catch (...) {
-                    std::lock_guard lock(failureMutex);
-                    if (!failure) failure = std::current_exception();
-                }
+    auto work = [&] {
+        for (long i; !stopRequested(stop) && (i = next++) < count;) {
+            try {
+                body(i);
+            } catch (...) {
+                std::lock_guard lock(failureMutex);
+                if (!failure) failure = std::current_exception();
+                next = count;
             }
-        });
+        }
+    };
+    std::vector<std::thread> pool;
+    for (int t = 1; t < std::min<long>(threads, count); ++t) pool.emplace_back(work);
+    work();
     for (auto& thread : pool) thread.join();
     if (failure) std::rethrow_exception(failure);
+    throwIfStopped(stop);
 }
 
 void buildCoupledBlock(const SpinSystem& system, const std::vector<int>& jSlot, int twiceTotal,
-                       std::vector<Eigen::MatrixXd>& matrices, int threads) {
+                       std::vector<Eigen::MatrixXd>& matrices, int threads, const StopFlag* stop) {
     const CoupledBlock block(system.twiceSpin, twiceTotal);
     for (auto& matrix : matrices) matrix.setZero(block.size(), block.size());
-    // Rows are independent and each fills its own column: chunks of rows run side by side.
+    // Rows are independent and each fills its own column: chunks of rows run side by side, and
+    // a stop request is seen between slices of rows.
+    constexpr long slice = 64;
     const long chunks = threads > 1 ? 8L * threads : 1;
-    parallelFor(chunks, threads, [&](long chunk) {
+    parallelFor(chunks, threads, stop, [&](long chunk) {
         Recoupling recoupling;
         const long begin = block.size() * chunk / chunks, end = block.size() * (chunk + 1) / chunks;
-        for (const Bond& bond : system.bonds)
-            addCoupledBond(
-                block, system.twiceSpin, std::min(bond.a, bond.b), std::max(bond.a, bond.b),
-                recoupling,
-                matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])], begin,
-                end);
+        for (long from = begin; from < end; from += slice) {
+            throwIfStopped(stop);
+            for (const Bond& bond : system.bonds)
+                addCoupledBond(
+                    block, system.twiceSpin, std::min(bond.a, bond.b), std::max(bond.a, bond.b),
+                    recoupling,
+                    matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])],
+                    from, std::min(from + slice, end));
+        }
     });
 }
 
 } // namespace
 
 std::string Plan::describe() const {
-    char text[200];
-    std::snprintf(text, sizeof text, "%s: dimension %.0f, %zu block%s, largest %ld%s",
-                  methodName(method), dimension, blockSizes.size(),
-                  blockSizes.size() == 1 ? "" : "s", largestBlock,
+    char text[240];
+    std::snprintf(text, sizeof text, "%s: dimension %.*g, %zu block%s, largest %.*g%s",
+                  methodName(method), dimension < 0x1p53 ? 17 : 4, dimension, blockSizes.size(),
+                  blockSizes.size() == 1 ? "" : "s", largestBlock < 0x1p53 ? 17 : 4, largestBlock,
                   scaled ? ", one J: spectrum scaled" : "");
     return text;
 }
 
-Plan planSpectrum(const SpinSystem& system, Method method) {
+Plan planSpectrum(const SpinSystem& system, Method method, int threads) {
     Plan plan;
     plan.method = method == Method::Automatic ? Method::SBlocks : method;
+    plan.threads = std::max(1, threads);
+    const std::vector<BlockSpec> specs = blockSpecs(system, plan.method);
     const std::vector<int> used = usedJValues(system);
     plan.scaled = used.size() <= 1;
-    for (double c : momentCounts(system.twiceSpin)) plan.dimension += c;
+    Count dimension = 0;
+    for (Count c : momentCounts(system.twiceSpin)) dimension += c;
+    plan.dimension = static_cast<double>(dimension);
     const double k = static_cast<double>(std::max<std::size_t>(used.size(), 1));
-    double stored = 0;
-    for (const BlockSpec& spec : blockSpecs(system, plan.method)) {
-        plan.blockSizes.push_back(spec.size);
-        plan.largestBlock = std::max(plan.largestBlock, spec.size);
-        const auto n = static_cast<double>(spec.size);
+    double stored = 0, levels = 0, spectrum = 0, slopes = 0, longest = 0, longestSlopes = 0;
+    for (const BlockSpec& spec : specs) {
+        const double n = spec.size;
+        plan.blockSizes.push_back(n);
+        plan.largestBlock = std::max(plan.largestBlock, n);
         stored += squareBytes(n);
-        plan.secondsPerSpectrum += eigenSeconds(n, plan.method == Method::Full);
+        levels += n;
+        const double values = eigenSeconds(n, plan.method == Method::Full);
         // eigenvectors, then one product per J for the slopes
-        plan.secondsPerSlopes += eigenSeconds(n, true) + k * 1.0e-10 * n * n * n;
+        const double withSlopes = eigenSeconds(n, true) + k * 1.0e-10 * n * n * n;
+        spectrum += values;
+        slopes += withSlopes;
+        longest = std::max(longest, values);
+        longestSlopes = std::max(longestSlopes, withSlopes);
     }
-    const double largest = static_cast<double>(plan.largestBlock);
-    // Scaled: a large block's matrix is built, diagonalised and dropped, one at a time, while
-    // small blocks run side by side (dsyevd's workspace is 2n^2 more with eigenvectors).
-    // Otherwise: one matrix per J for every block, plus the working copy, the product for the
-    // slopes and dsyevd's workspace of the largest.
-    const double small = std::min(largest, static_cast<double>(largeBlock));
-    plan.bytes = plan.scaled ? (plan.method == Method::Full ? 3.2 : 1.2) * squareBytes(largest) +
-                                   maxThreads * 3.2 * squareBytes(small)
-                             : k * stored + 4.2 * squareBytes(largest) +
-                                   maxThreads * 4.2 * squareBytes(small);
+    // Blocks run side by side: the work shared by the threads, but never less than the largest.
+    const double t = plan.threads;
+    plan.secondsPerSpectrum = std::max(spectrum / t, longest);
+    plan.secondsPerSlopes =
+        plan.scaled ? plan.secondsPerSpectrum : std::max(slopes / t, longestSlopes);
+
+    // Memory: what the blocks being worked on hold at once, for the `threads` largest. Scaled:
+    // a block's matrix is built, diagonalised and dropped (dsyevd's workspace is 2n^2 more with
+    // eigenvectors, for the full basis). Otherwise: one matrix per J for every block is kept,
+    // and each block being worked on adds its working copy, the product for the slopes and
+    // dsyevd's workspace.
+    std::vector<double> sizes = plan.blockSizes;
+    std::sort(sizes.begin(), sizes.end(), std::greater<>());
+    const double working = plan.scaled ? (plan.method == Method::Full ? 3.2 : 1.2) : 4.2;
+    plan.bytes = plan.scaled ? 0 : k * stored;
+    for (std::size_t i = 0; i < sizes.size() && i < static_cast<std::size_t>(plan.threads); ++i)
+        plan.bytes += working * squareBytes(sizes[i]);
     // The program itself, and the levels with their slopes (kept twice while they are gathered).
-    double levels = 0;
-    for (long size : plan.blockSizes) levels += static_cast<double>(size);
     plan.bytes += 64.0 * 1024 * 1024 + 2 * 8 * (3 + k) * levels;
-    if (plan.scaled) plan.secondsPerSlopes = plan.secondsPerSpectrum;
     return plan;
 }
 
@@ -490,8 +564,13 @@ struct Spectrum::Block {
     std::vector<Eigen::VectorXd> slopes;
 };
 
-Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads)
-    : system_(system), plan_(plan), threads_(std::max(1, threads)), usedJ_(usedJValues(system)) {
+Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, const StopFlag* stop)
+    : system_(system), plan_(plan), threads_(std::max(1, threads)), stop_(stop),
+      usedJ_(usedJValues(system)) {
+    keepBlasOnOneThread();
+    if (!plan.buildable())
+        throw std::length_error(plan.describe() + ": the largest block exceeds " +
+                                std::to_string(maxLapackBlock) + ", the largest LAPACK takes");
     std::vector<int> jSlot(static_cast<std::size_t>(std::max(system.jCount, 1)), 0);
     for (std::size_t slot = 0; slot < usedJ_.size(); ++slot)
         jSlot[static_cast<std::size_t>(usedJ_[slot])] = static_cast<int>(slot);
@@ -500,42 +579,37 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads)
         blocks_.push_back(std::make_unique<Block>());
         blocks_.back()->spec = spec;
     }
-    // Largest first, so that the pool ends with the small ones.
+    // Largest first, so that the threads end with the small ones.
     std::stable_sort(blocks_.begin(), blocks_.end(),
                      [](const auto& x, const auto& y) { return x->spec.size > y->spec.size; });
 
-    auto build = [&](Block& block, int buildThreads) {
+    // A lone block is built by all threads, row by row; otherwise one block per thread.
+    const int buildThreads = blocks_.size() == 1 ? threads_ : 1;
+    parallelFor(static_cast<long>(blocks_.size()), threads_, stop_, [&](long i) {
+        Block& block = *blocks_[static_cast<std::size_t>(i)];
         block.perJ.resize(usedJ_.size());
         if (plan.method == Method::SBlocks) {
-            buildCoupledBlock(system, jSlot, block.spec.twiceLabel, block.perJ, buildThreads);
+            buildCoupledBlock(system, jSlot, block.spec.twiceLabel, block.perJ, buildThreads,
+                              stop_);
         } else {
             const auto states = productStates(system, block.spec, plan.method);
             buildProductBlock(system, jSlot, states, block.perJ,
-                              plan.method == Method::Full ? &block.stateMoment : nullptr);
+                              plan.method == Method::Full ? &block.stateMoment : nullptr, stop_);
         }
         if (!plan_.scaled) return;
         // One J (or none): diagonalise once at J = 1 and keep only the levels.
-        const auto n = static_cast<Index>(block.spec.size);
+        const auto n = static_cast<Index>(block.spec.built());
         Eigen::MatrixXd matrix =
             block.perJ.empty() ? Eigen::MatrixXd::Zero(n, n) : std::move(block.perJ[0]);
         block.perJ.clear();
         const bool vectors = plan.method == Method::Full;
+        throwIfStopped(stop_);
         symmetricEigen(matrix, block.unitValues, vectors);
         if (vectors) {
             const Eigen::Map<const Eigen::VectorXd> m2(block.stateMoment.data(), n);
             block.unitMoments = matrix.array().square().matrix().transpose() * m2;
         }
-    };
-    long large = 0;
-    while (large < static_cast<long>(blocks_.size()) &&
-           blocks_[static_cast<std::size_t>(large)]->spec.size >= largeBlock)
-        ++large;
-    setBlasThreads(threads_);
-    for (long i = 0; i < large; ++i) build(*blocks_[static_cast<std::size_t>(i)], threads_);
-    setBlasThreads(1);
-    parallelFor(static_cast<long>(blocks_.size()) - large, threads_,
-                [&](long i) { build(*blocks_[static_cast<std::size_t>(large + i)], 1); });
-    setBlasThreads(threads_);
+    });
     if (plan_.scaled) diagonalisations_ = 1;
 }
 
@@ -543,7 +617,7 @@ Spectrum::~Spectrum() = default;
 
 void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
                            const std::vector<bool>& slopeFor) {
-    const auto n = static_cast<Index>(block.spec.size);
+    const auto n = static_cast<Index>(block.spec.built());
     const std::size_t used = usedJ_.size();
     auto wanted = [&](std::size_t slot) {
         const auto j = static_cast<std::size_t>(usedJ_[slot]);
@@ -584,24 +658,12 @@ void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
 
 void Spectrum::diagonaliseAll(const std::vector<double>& jKelvin,
                               const std::vector<bool>& slopeFor) {
-    long large = 0;
-    while (large < static_cast<long>(blocks_.size()) &&
-           blocks_[static_cast<std::size_t>(large)]->spec.size >= largeBlock)
-        ++large;
-    setBlasThreads(threads_);
-    for (long i = 0; i < large; ++i)
-        diagonalise(*blocks_[static_cast<std::size_t>(i)], jKelvin, slopeFor);
-    setBlasThreads(1);
     // Threads only pay where there is work to share: a few small blocks run serially.
-    double smallWork = 0;
-    for (const auto& block : blocks_)
-        if (block->spec.size < largeBlock)
-            smallWork += std::pow(static_cast<double>(block->spec.size), 3);
-    const int smallThreads = smallWork > 1e6 ? threads_ : 1;
-    parallelFor(static_cast<long>(blocks_.size()) - large, smallThreads, [&](long i) {
-        diagonalise(*blocks_[static_cast<std::size_t>(large + i)], jKelvin, slopeFor);
+    double work = 0;
+    for (const auto& block : blocks_) work += std::pow(block->spec.size, 3);
+    parallelFor(static_cast<long>(blocks_.size()), work > 1e6 ? threads_ : 1, stop_, [&](long i) {
+        diagonalise(*blocks_[static_cast<std::size_t>(i)], jKelvin, slopeFor);
     });
-    setBlasThreads(threads_);
     if (!plan_.scaled) diagonalisations_ += 1;
 }
 

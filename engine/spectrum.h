@@ -6,6 +6,10 @@
 //   elements from irreducible tensor operators (Wigner 6j symbols).
 // The Hamiltonian is kept as one matrix per J value, so a new set of J values costs one
 // diagonalisation per block; with a single J the spectrum is computed once and scaled.
+// Blocks are built and diagonalised side by side, one block per thread, largest first; LAPACK
+// itself runs on one thread. (OpenBLAS's own threads wait for each other at every step of a
+// dsyevd: with another program busy on one of two cores, one dsyevd of n = 2000 took 30 times
+// longer on two OpenBLAS threads than on one. Whole blocks per thread do not wait.)
 #pragma once
 
 #include <memory>
@@ -14,6 +18,7 @@
 
 #include <Eigen/Dense>
 
+#include "guards.h"
 #include "problem.h"
 
 namespace corefit {
@@ -34,32 +39,45 @@ struct Levels {
     std::vector<std::vector<double>> slope; // slope[k][n] = dE_n / dJ_k, for the J asked for
 };
 
-// Sizes and costs of a method on a system, known before anything is built.
+// The largest block LAPACK's 32-bit sizes take: dsyevd's workspace of 1 + 6n + 2n^2 doubles.
+inline constexpr long maxLapackBlock = 32766;
+
+// Sizes and costs of a method on a system, known before anything is built. Every count is exact
+// (as a double: exact up to 2^53, and never wrapped) for any system the input allows.
 struct Plan {
     Method method = Method::SBlocks;
-    double dimension = 0;         // Hilbert space dimension
-    std::vector<long> blockSizes; // the blocks that are diagonalised
-    long largestBlock = 0;
+    int threads = 1;                // blocks diagonalised side by side
+    double dimension = 0;           // Hilbert space dimension
+    std::vector<double> blockSizes; // the blocks that are diagonalised
+    double largestBlock = 0;
     bool scaled = false;           // at most one J is used: one spectrum, scaled
     double bytes = 0;              // estimated peak memory of the spectrum
     double secondsPerSpectrum = 0; // estimated diagonalisation time, eigenvalues only
     double secondsPerSlopes = 0;   // estimated time with eigenvectors and J slopes
-    std::string describe() const;  // "S blocks: dimension 46656, 31 blocks, largest 609"
+    bool buildable() const { return largestBlock <= static_cast<double>(maxLapackBlock); }
+    std::string describe() const; // "S blocks: dimension 46656, 31 blocks, largest 609"
 };
 
-Plan planSpectrum(const SpinSystem& system, Method method);
+// Throws std::invalid_argument for a system outside the input's limits (sites, 2S).
+Plan planSpectrum(const SpinSystem& system, Method method, int threads = 1);
+
+// The threads corefit uses unless told otherwise: one per core.
+int defaultThreads();
 
 class Spectrum {
 public:
-    // Builds the block matrices (the Hamiltonian per J value) of plan.method. threads: how many
-    // blocks are diagonalised at once and how many BLAS threads a large block gets.
-    Spectrum(const SpinSystem& system, const Plan& plan, int threads);
+    // Builds the block matrices (the Hamiltonian per J value) of plan.method; threads: how many
+    // blocks are built and diagonalised at once. Throws Interrupted when stop is set (checked
+    // between blocks and between rows), std::length_error when the plan is not buildable.
+    Spectrum(const SpinSystem& system, const Plan& plan, int threads,
+             const StopFlag* stop = nullptr);
     ~Spectrum();
     Spectrum(const Spectrum&) = delete;
     Spectrum& operator=(const Spectrum&) = delete;
 
     // The levels at J values jKelvin (one per J, kelvin). slopeFor[k] asks for dE/dJ_k
     // (empty: none). The last result is kept, so asking again with the same values is free.
+    // Throws Interrupted when stop is set (checked between blocks).
     const Levels& levels(const std::vector<double>& jKelvin, const std::vector<bool>& slopeFor);
 
     int diagonalisations() const { return diagonalisations_; }
@@ -74,6 +92,7 @@ private:
     SpinSystem system_;
     Plan plan_;
     int threads_;
+    const StopFlag* stop_;
     std::vector<std::unique_ptr<Block>> blocks_;
     std::vector<int> usedJ_; // J indices that appear in a bond
     Levels levels_;
@@ -84,8 +103,11 @@ private:
 };
 
 // Eigenvalues (ascending) of a symmetric matrix, and eigenvectors in place of it when asked:
-// LAPACK dsyevd. Throws std::runtime_error if LAPACK reports a failure.
+// LAPACK dsyevd on the calling thread. Throws std::runtime_error if LAPACK reports a failure,
+// std::length_error beyond maxLapackBlock.
 void symmetricEigen(Eigen::MatrixXd& matrix, Eigen::VectorXd& values, bool vectors);
-void setBlasThreads(int threads);
+
+// How many threads OpenBLAS would use for one call (the engine keeps it at 1).
+int blasThreads();
 
 } // namespace corefit

@@ -1,9 +1,13 @@
-// corefit as a program: a real measurement, the interrupt, the size limits.
+// corefit as a program: a real measurement, undetermined uncertainties, the interrupt, the size
+// limits, its files.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "support/corefit_run.h"
 #include "support/fixtures.h"
@@ -43,10 +47,8 @@ std::string ringInput(int sites, int twiceSpin, const std::vector<std::pair<doub
     return text.str();
 }
 
-} // namespace
-
-TEST(Corefit, FitsTheDNit2MeasurementsAsPublished) {
-    // Two S = 1/2 radicals, chiT in kelvin units; g and J free, C, zJ and Xtip fixed at 0.
+// chit.txt of the D-NIT2 measurements (two S = 1/2 radicals, kelvin units); returns the count.
+int writeDNit2Data(const ScratchDir& dir) {
     std::ifstream example(CORVANE_SOURCE_DIR "/examples/d-nit2.qpi");
     std::ostringstream data;
     int count = 0;
@@ -55,10 +57,18 @@ TEST(Corefit, FitsTheDNit2MeasurementsAsPublished) {
             data << line.substr(6) << "\n";
             ++count;
         }
-    ASSERT_GT(count, 20);
-    ScratchDir dir;
     dir.write("chit.txt",
               std::to_string(count) + ", 1, " + std::to_string(count) + "\n" + data.str());
+    return count;
+}
+
+} // namespace
+
+TEST(Corefit, FitsTheDNit2MeasurementsAsPublished) {
+    // g and J free, C, zJ and Xtip fixed at 0.
+    ScratchDir dir;
+    const int count = writeDNit2Data(dir);
+    ASSERT_GT(count, 20);
     const std::string input = dir.write(
         "input.txt", ringInput(2, 1, {{2.0, 0.01}, {0, 0}, {0, 0}, {0, 0}}, {{-200, 2}}, "2, 0"));
     const CorefitRun run = runCorefit(input);
@@ -72,6 +82,31 @@ TEST(Corefit, FitsTheDNit2MeasurementsAsPublished) {
     EXPECT_GT(output[4][0], 0) << "an uncertainty for J";
     EXPECT_EQ(output[0][2], 0) << "C stays fixed";
     EXPECT_NE(dir.read("corefit.log").find("agreement factor R"), std::string::npos);
+}
+
+TEST(Corefit, MarksTheUncertaintyOfAFreeJNoPathUsesAndEstimatesTheOthers) {
+    // The same fit with a free J2 on no pair: g and J1 keep their uncertainties.
+    ScratchDir dir;
+    writeDNit2Data(dir);
+    const auto g = std::vector<std::pair<double, double>>{{2.0, 0.01}, {0, 0}, {0, 0}, {0, 0}};
+    const std::string input = dir.write("input.txt", ringInput(2, 1, g, {{-200, 2}}, "2, 0"));
+    ASSERT_EQ(runCorefit(input).exitCode, 0);
+    const auto alone = readOutput(dir);
+    dir.write("input.txt", ringInput(2, 1, g, {{-200, 2}, {5, 0.1}}, "2, 0"));
+    const CorefitRun run = runCorefit(input);
+    ASSERT_EQ(run.exitCode, 0) << run.errors;
+    const auto output = readOutput(dir);
+    EXPECT_NEAR(output[2][0], alone[2][0], 1e-6 * alone[2][0]) << "g";
+    EXPECT_NEAR(output[4][0], alone[4][0], 1e-6 * alone[4][0]) << "J1";
+    std::istringstream text(dir.read("output.txt"));
+    std::vector<std::string> lines(5);
+    for (std::string& line : lines) std::getline(text, line);
+    EXPECT_EQ(lines[2].rfind("# ", 0), 0u) << lines[2];
+    EXPECT_EQ(lines[2].substr(lines[2].size() - 6), " 0 0 0") << "fixed C, zJ, Xtip";
+    EXPECT_EQ(lines[4].rfind("# ", 0), 0u) << lines[4];
+    EXPECT_EQ(lines[4].substr(lines[4].size() - 13), " undetermined") << lines[4];
+    EXPECT_NE(dir.read("corefit.log").find("J2: no exchange path uses J2"), std::string::npos)
+        << dir.read("corefit.log");
 }
 
 TEST(Corefit, InterruptWritesTheBestParametersSoFarAndExits3) {
@@ -105,25 +140,79 @@ TEST(Corefit, InterruptWritesTheBestParametersSoFarAndExits3) {
     EXPECT_NE(dir.read("corefit.log").find("interrupted"), std::string::npos);
 }
 
+TEST(Corefit, StopsInsideALongDiagonalisationAndEndsAtOnceOnASecondSignal) {
+    // A 13-site ring in M blocks with both J free: the first spectrum, with eigenvectors for the
+    // slopes, takes seconds. A signal arrives while it is computed, before any result.
+    for (const int signals : {1, 2}) {
+        SCOPED_TRACE(signals);
+        ScratchDir dir;
+        dir.write("chit.txt", "3, 1, 3\n2 0.3\n10 0.5\n300 1.1\n");
+        const std::string input =
+            dir.write("input.txt", ringInput(13, 1, {{2.3, 0.01}, {0, 0}, {0, 0}, {0, 0}},
+                                             {{-3, 0.1}, {-2, 0.1}}, "2, 0"));
+        const CorefitRun run =
+            runCorefit(input, {"--method", "m-blocks", "--threads", "1"},
+                       [&](const std::string& line, pid_t pid) {
+                           if (line.rfind("setup ", 0) != 0) return;
+                           std::this_thread::sleep_for(std::chrono::milliseconds(300));
+                           for (int i = 0; i < signals; ++i) {
+                               if (i > 0)
+                                   std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                               ::kill(pid, SIGINT);
+                           }
+                       });
+        if (signals == 1) {
+            EXPECT_EQ(run.exitCode, 3) << run.out << run.errors;
+            EXPECT_NE(dir.read("corefit.log").find("interrupted"), std::string::npos);
+        } else {
+            EXPECT_EQ(run.exitCode, -1) << "ended by the second signal";
+        }
+        EXPECT_FALSE(dir.has("output.txt")) << "no result to write yet";
+    }
+}
+
 TEST(Corefit, RefusesProblemsBeyondItsLimitsAtOnce) {
     ScratchDir dir;
     dir.write("chit.txt", "2, 1, 2\n10  1\n300  3\n");
-    // Twenty S = 5/2 sites: 3.7e15 states.
-    const std::string input = dir.write(
-        "input.txt", ringInput(20, 5, {{2, 0.01}, {0, 0}, {0, 0}, {0, 0}}, {{-5, 0.1}}, "2, 0"));
-    const CorefitRun huge = runCorefit(input);
-    EXPECT_EQ(huge.exitCode, 4);
-    EXPECT_NE(huge.errors.find("dimension 3656158440062976"), std::string::npos) << huge.errors;
-    EXPECT_NE(huge.errors.find("the limit is"), std::string::npos) << huge.errors;
-    EXPECT_FALSE(dir.has("output.txt"));
+    // Twenty S = 5/2 sites (3.7e15 states), and twenty S = 10 sites (2.8e26, beyond 64 bits).
+    for (const auto& [twiceSpin, dimension] :
+         {std::pair{5, "dimension 3656158440062976"}, std::pair{20, "dimension 2.782e+26"}}) {
+        const std::string input =
+            dir.write("input.txt", ringInput(20, twiceSpin, {{2, 0.01}, {0, 0}, {0, 0}, {0, 0}},
+                                             {{-5, 0.1}}, "2, 0"));
+        const CorefitRun huge = runCorefit(input);
+        EXPECT_EQ(huge.exitCode, 4);
+        EXPECT_NE(huge.errors.find(dimension), std::string::npos) << huge.errors;
+        EXPECT_NE(huge.errors.find("the limit is"), std::string::npos) << huge.errors;
+        EXPECT_FALSE(dir.has("output.txt"));
+    }
 
     // A small problem under a tiny memory limit is refused the same way; with none, it runs.
-    dir.write("input.txt",
-              ringInput(6, 5, {{2, 0}, {0, 0}, {0, 0}, {0, 0}}, {{-5, 0}, {-3, 0}}, "2, 0"));
+    const std::string input = dir.write(
+        "input.txt", ringInput(6, 5, {{2, 0}, {0, 0}, {0, 0}, {0, 0}}, {{-5, 0}, {-3, 0}}, "2, 0"));
     const CorefitRun limited = runCorefit(input, {"--max-memory", "0.001"});
     EXPECT_EQ(limited.exitCode, 4);
     EXPECT_NE(limited.errors.find("--max-memory"), std::string::npos) << limited.errors;
     const CorefitRun evaluated = runCorefit(input);
     EXPECT_EQ(evaluated.exitCode, 0) << evaluated.errors;
     EXPECT_EQ(readOutput(dir).size(), 8u);
+}
+
+TEST(Corefit, ReplacesLinksNamedLikeItsFilesAndLeavesTheirTargetsAlone) {
+    ScratchDir dir;
+    dir.write("chit.txt", "3, 1, 3\n2 0.3\n10 0.5\n300 0.7\n");
+    const std::string input = dir.write(
+        "input.txt", ringInput(2, 1, {{2, 0.01}, {0, 0}, {0, 0}, {0, 0}}, {{-10, 0.1}}, "2, 0"));
+    const std::vector<std::string> names{"corefit.log", "output.txt"};
+    for (const std::string& name : names) {
+        dir.write("kept-" + name, "kept\n");
+        std::filesystem::create_symlink("kept-" + name, dir.file(name));
+    }
+    ASSERT_EQ(runCorefit(input).exitCode, 0);
+    for (const std::string& name : names) {
+        EXPECT_EQ(dir.read("kept-" + name), "kept\n") << name;
+        EXPECT_FALSE(std::filesystem::is_symlink(dir.file(name))) << name;
+    }
+    EXPECT_NE(dir.read("corefit.log").find("wrote"), std::string::npos);
+    EXPECT_EQ(readOutput(dir).size(), 9u);
 }

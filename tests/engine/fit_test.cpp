@@ -23,6 +23,7 @@ struct CurveModel : LeastSquaresModel {
     Curve y;
     VectorXd t, observed;
     std::function<bool(const Values&)> inDomain = [](const Values&) { return true; };
+    std::function<bool(const Values&)> jacobianAt = [](const Values&) { return true; };
     bool nanOutside = false;
     int calls = 0;
 
@@ -30,7 +31,7 @@ struct CurveModel : LeastSquaresModel {
     bool evaluate(const Values& p, VectorXd& r, Eigen::MatrixXd* jacobian,
                   const std::vector<int>& free) override {
         ++calls;
-        if (!inDomain(p) && !nanOutside) return false;
+        if ((!inDomain(p) && !nanOutside) || (jacobian && !jacobianAt(p))) return false;
         r = inDomain(p) ? residuals(p) : VectorXd(VectorXd::Constant(t.size(), NAN));
         if (jacobian) {
             *jacobian = Eigen::MatrixXd::NullaryExpr(
@@ -142,16 +143,77 @@ TEST(FitLeastSquares, MatchesLinearRegressionWithAFixedParameterAndANegativeStep
     EXPECT_EQ(model.calls, result.evaluations);
 }
 
-TEST(FitLeastSquares, LeavesUncertaintiesUnestimatedWithoutSpareDataOrWithAFlatDirection) {
-    // Two points for two parameters; then three points at one t, which fix only a + b.
-    for (CurveModel model : {quadratic(Eigen::Vector2d(1, 2), Eigen::Vector2d(3, 5)),
-                             quadratic(Eigen::Vector3d(1, 1, 1), Eigen::Vector3d(3, 3.1, 2.9))}) {
-        const FitResult result = fitLeastSquares(model, {{0, 1}, {0, 1}, {0, 0}}, {});
+TEST(FitLeastSquares, EstimatesWhatTheDataDetermineAndMarksTheRestUndetermined) {
+    // y = a + b t; c changes nothing. With spare points a and b are estimated as by a regression
+    // on 1 and t; with none, or with every t alike (only a + b is seen), they are undetermined.
+    const auto line = [](const VectorXd& t, const VectorXd& y) {
+        return CurveModel(
+            [](double x, const Values& p, int k) {
+                return k < 0 ? p[0] + p[1] * x : k == 0 ? 1.0 : k == 1 ? x : 0.0;
+            },
+            t, y);
+    };
+    const VectorXd t = VectorXd::LinSpaced(12, 1.0, 9.25);
+    const VectorXd y = (2.0 - 1.5 * t.array()).matrix() + noise(12, 0.5);
+    Eigen::MatrixXd x(12, 2);
+    x << VectorXd::Ones(12), t;
+    const Eigen::Matrix2d inverse = (x.transpose() * x).inverse();
+    const Eigen::Vector2d ab = inverse * x.transpose() * y;
+    const double variance = (x * ab - y).squaredNorm() / 10;
+    const double nan = std::nan("");
+    struct Case {
+        const char* what;
+        CurveModel model;
+        double cStep;
+        Values uncertainties;
+        std::vector<int> unseen, entangled;
+        bool noted;
+    };
+    const std::vector<Case> cases{
+        {"spare points, c free",
+         line(t, y),
+         0.5,
+         {std::sqrt(variance * inverse(0, 0)), std::sqrt(variance * inverse(1, 1)), nan},
+         {2},
+         {},
+         false},
+        {"no spare point",
+         line(Eigen::Vector2d(1, 2), Eigen::Vector2d(3, 5)),
+         0,
+         {nan, nan, 0},
+         {},
+         {},
+         true},
+        {"one t, c free",
+         line(Eigen::Vector3d(1, 1, 1), Eigen::Vector3d(3, 3.1, 2.9)),
+         0.5,
+         {nan, nan, nan},
+         {2},
+         {0, 1},
+         false},
+    };
+    for (Case c : cases) {
+        SCOPED_TRACE(c.what);
+        const FitResult result = fitLeastSquares(c.model, {{0, 1}, {0, 1}, {7, c.cStep}}, {});
         EXPECT_EQ(result.status, FitStatus::Converged);
-        EXPECT_NEAR(model.y(1.0, result.parameters, -1), 3.0, 1e-6);
-        EXPECT_EQ(result.uncertainties, Values({0, 0, 0}));
-        EXPECT_EQ(result.correlation.size(), 0);
+        for (std::size_t k = 0; k < 3; ++k)
+            if (std::isnan(c.uncertainties[k]))
+                EXPECT_TRUE(std::isnan(result.uncertainties[k])) << k;
+            else
+                EXPECT_NEAR(result.uncertainties[k], c.uncertainties[k], 1e-8) << k;
+        EXPECT_EQ(result.unseen, c.unseen);
+        EXPECT_EQ(result.entangled, c.entangled);
+        EXPECT_EQ(result.uncertaintyNote.empty(), !c.noted);
     }
+}
+
+TEST(FitLeastSquares, ReportsASolverFailureAsAFailureWithItsMessage) {
+    // The Jacobian cannot be had beyond the start: the solver fails at its first accepted step.
+    CurveModel model = decay({5, 0.4, 1}, 0.1);
+    model.jacobianAt = [](const Values& p) { return p[1] == 1; };
+    const FitResult result = fitLeastSquares(model, {{3, 0.5}, {1, 0.1}, {0, 0.5}}, {});
+    EXPECT_EQ(result.status, FitStatus::SolverFailed);
+    EXPECT_NE(result.message.find("solver failed"), std::string::npos) << result.message;
 }
 
 TEST(FitLeastSquares, EvaluatesTheStartOnceWhenNothingIsFreeAndFailsOutsideTheDomain) {

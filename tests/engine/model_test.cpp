@@ -124,6 +124,12 @@ TEST(Susceptibility, ClosedForms) {
         const SpinSystem nickel{{2, 2}, {{1, 0, 0}}, 1};
         EXPECT_NEAR(clusterChiT(nickel, {9}, g, t), kambeChiT({{0, 1}, {2, 1}, {4, 1}}, 9, g, t),
                     1e-12);
+        // And of two S = 10, the largest spin the input allows.
+        std::vector<std::pair<int, int>> tens;
+        for (int twiceS = 0; twiceS <= 40; twiceS += 2) tens.push_back({twiceS, 1});
+        const SpinSystem tenTen{{20, 20}, {{0, 1, 0}}, 1};
+        EXPECT_NEAR(clusterChiT(tenTen, {-3}, g, t), kambeChiT(tens, -3, g, t),
+                    1e-12 * kambeChiT(tens, -3, g, t));
         // Equilateral triangle of S = 1/2: two doublets and a quartet.
         const SpinSystem triangle{{1, 1, 1}, {{0, 1, 0}, {1, 2, 0}, {2, 0, 0}}, 1};
         EXPECT_NEAR(clusterChiT(triangle, {-30}, g, t), kambeChiT({{1, 2}, {3, 1}}, -30, g, t),

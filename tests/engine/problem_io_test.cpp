@@ -99,20 +99,27 @@ TEST(WriteOutput, WritesTheExactLayoutAndReplacesAnEarlierFile) {
     dir.write("output.txt", "from an earlier run\n");
     std::string error;
 
+    // J2 free, but its uncertainty undetermined (NaN); a fixed parameter cannot have one.
+    Problem problem = smallProblem(2);
+    problem.parameters[5].step = 1;
     Outcome outcome{0.000123456789012,
                     {2.0123456789, 0, -0.25, 3.1e-06, -102.5, 1234567890123.0},
-                    {0.0012, 0, 0, 3.1e-06, 0.5, 0},
+                    {0.0012, 0, 0, 3.1e-06, 0.5, std::nan("")},
                     {0.125, 0.5, 0.99999999999}};
-    ASSERT_TRUE(writeOutput(dir.file("output.txt"), smallProblem(2), outcome, error)) << error;
+    ASSERT_TRUE(writeOutput(dir.file("output.txt"), problem, outcome, error)) << error;
     EXPECT_EQ(dir.read("output.txt"), "0.000123456789 2.012345679 0\n"
                                       "-0.25 3.1e-06\n"
                                       "# 0.0012 0 0 3.1e-06\n"
                                       "2 -102.5 1.23456789e+12\n"
-                                      "# 0.5 0\n"
+                                      "# 0.5 undetermined\n"
                                       "3 2 3\n"
                                       "2 0.125 0.1\n"
                                       "10 0.5 0.5\n"
                                       "300 1 1\n");
+
+    problem.parameters[5].step = 0;
+    EXPECT_FALSE(writeOutput(dir.file("output.txt"), problem, outcome, error));
+    EXPECT_NE(error.find("uncertainty of J2"), std::string::npos) << error;
 
     Outcome noJ{1, {2, 0, 0, 0}, {0, 0, 0, 0}, {1, 2, 3}};
     ASSERT_TRUE(writeOutput(dir.file("output.txt"), smallProblem(0), noJ, error)) << error;

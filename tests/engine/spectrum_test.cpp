@@ -6,6 +6,8 @@
 
 #include "spectrum.h"
 
+extern "C" int openblas_get_num_threads(void);
+
 using namespace corefit;
 
 namespace {
@@ -109,6 +111,16 @@ TEST(Spectrum, KeepsTheLastSpectrum) {
     EXPECT_EQ(spectrum.diagonalisations(), 2);
 }
 
+TEST(Spectrum, LeavesLapackOnOneThreadWhateverItsOwnThreads) {
+    // OpenBLAS's threads wait for each other at every step of a dsyevd: next to other work on
+    // the machine that made a spectrum many times slower than on one thread. Blocks run side by
+    // side on the engine's threads instead.
+    const Cluster cluster = clusters()[3];
+    Spectrum spectrum(cluster.system, planSpectrum(cluster.system, Method::MBlocks, 2), 2);
+    spectrum.levels(cluster.j, {true, true});
+    EXPECT_EQ(openblas_get_num_threads(), 1);
+}
+
 TEST(Spectrum, SingleJIsDiagonalisedOnceAndScaled) {
     const SpinSystem ring{{5, 5, 5, 5}, {{0, 1, 0}, {1, 2, 0}, {2, 3, 0}, {3, 0, 0}}, 1};
     const Plan plan = planSpectrum(ring, Method::Automatic);
@@ -137,4 +149,12 @@ TEST(Spectrum, PlanSizesOfStandardProblems) {
     EXPECT_EQ(planSpectrum(ring(16, 1), Method::SBlocks).largestBlock, 3640);
     EXPECT_EQ(planSpectrum(ring(8, 5), Method::SBlocks).largestBlock, 16576);
     EXPECT_EQ(planSpectrum(ring(20, 1), Method::MBlocks).largestBlock, 184756);
+    // Twenty S = 10 sites, the most the input allows: 21^20 states, beyond 64 bits. No count
+    // wraps: one block per total spin 0 to 200, and an estimate far beyond any limit.
+    const Plan largest = planSpectrum(ring(20, 20), Method::SBlocks);
+    EXPECT_DOUBLE_EQ(largest.dimension, std::pow(21.0, 20));
+    EXPECT_EQ(largest.blockSizes.size(), 201u);
+    EXPECT_GT(largest.largestBlock, 1e22);
+    EXPECT_GT(largest.bytes, 1e40);
+    EXPECT_FALSE(largest.buildable());
 }

@@ -1,0 +1,30 @@
+// Guards of a run. Stopping on request: a flag, set from a signal handler, is checked at safe
+// points (between blocks, between rows of a block being built); a computation that finds it set
+// throws Interrupted, which the fit turns into its Interrupted status. And GSL's errors as codes.
+#pragma once
+
+#include <atomic>
+#include <stdexcept>
+
+namespace corefit {
+
+using StopFlag = std::atomic<bool>;
+
+class Interrupted : public std::runtime_error {
+public:
+    Interrupted() : std::runtime_error("interrupted on request") {}
+};
+
+inline bool stopRequested(const StopFlag* stop) {
+    return stop != nullptr && stop->load(std::memory_order_relaxed);
+}
+
+inline void throwIfStopped(const StopFlag* stop) {
+    if (stopRequested(stop)) throw Interrupted();
+}
+
+// GSL reports errors through a handler that aborts the program by default. The engine turns it
+// off once for the whole run and checks the status of every GSL call instead.
+void gslErrorsAsCodes();
+
+} // namespace corefit
