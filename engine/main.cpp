@@ -244,7 +244,7 @@ struct Snapshot {
 
 // Outcome of a snapshot: uncertainties 0 for fixed parameters and undetermined for free ones.
 Outcome snapshotOutcome(const Problem& problem, const Snapshot& best) {
-    Outcome outcome{best.deviation, best.parameters, {}, best.calculated};
+    Outcome outcome{best.deviation, best.parameters, {}, best.calculated, {}, {}};
     for (const Parameter& parameter : problem.parameters)
         outcome.uncertainties.push_back(parameter.free() ? std::nan("") : 0.0);
     return outcome;
@@ -389,7 +389,7 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
     if (result.status == FitStatus::SolverFailed)
         return failed(exitInternal, "the fit failed: " + result.message);
 
-    Outcome outcome{result.deviation, result.parameters, result.uncertainties, {}};
+    Outcome outcome{result.deviation, result.parameters, result.uncertainties, {}, {}, {}};
     if (result.status != FitStatus::Interrupted) {
         try {
             if (!model.predict(result.parameters, outcome.calculated))
@@ -422,6 +422,13 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
         result.iterations = best.iteration;
     }
     run.finish();
+    if (result.correlation.size() > 0 &&
+        result.correlation.rows() == static_cast<Eigen::Index>(result.freeIndices.size())) {
+        outcome.correlated = result.freeIndices;
+        for (Eigen::Index a = 0; a < result.correlation.rows(); ++a)
+            for (Eigen::Index b = 0; b < result.correlation.cols(); ++b)
+                outcome.correlation.push_back(result.correlation(a, b));
+    }
 
     // Log: values, uncertainties, correlations, agreement factor.
     log.line("result: %s after %d iteration%s; %d evaluations, spectra computed: %d",

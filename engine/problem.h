@@ -76,6 +76,10 @@ struct Outcome {
     std::vector<double> uncertainties; // standard uncertainties, 0 for fixed parameters, NaN for
                                        // free ones that could not be estimated ("undetermined")
     std::vector<double> calculated;    // the model at every point, also outside the fitted range
+    // The correlations of the free parameters when they were estimated: correlated holds their
+    // indices (as in values), correlation the matrix row by row (NaN where undetermined).
+    std::vector<int> correlated;
+    std::vector<double> correlation;
 };
 
 } // namespace corefit

@@ -353,6 +353,20 @@ std::string outputText(const Problem& problem, const Outcome& outcome) {
         text += formatReal(problem.points[i].temperature) + ' ' +
                 formatReal(outcome.calculated[i]) + ' ' + formatReal(problem.points[i].observed) +
                 '\n';
+    // The correlations, after the pairs: "# correlation P" and the parameter numbers (1 g ..
+    // 14 J10), then one row of P values per parameter.
+    const std::size_t count = outcome.correlated.size();
+    if (count > 0 && outcome.correlation.size() == count * count) {
+        text += "# correlation " + std::to_string(count);
+        for (int index : outcome.correlated) text += ' ' + std::to_string(index + 1);
+        text += '\n';
+        for (std::size_t a = 0; a < count; ++a) {
+            text += '#';
+            for (std::size_t b = 0; b < count; ++b)
+                text += ' ' + formatUncertainty(outcome.correlation[a * count + b]);
+            text += '\n';
+        }
+    }
     return text;
 }
 

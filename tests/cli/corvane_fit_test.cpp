@@ -75,6 +75,8 @@ TEST(CorvaneFit, NoiseFreeChiOfAStrongAntiferromagnetGivesBackGAndJ) {
     EXPECT_NEAR(fit["g"]["fitted"].get<double>(), g, 1e-5 * g);
     EXPECT_NEAR(fit["J"][0]["fitted"].get<double>(), j, 1e-5 * -j);
     EXPECT_TRUE(fit["g"]["uncertainty"].is_number());
+    EXPECT_EQ(fit["correlations"]["parameters"], nlohmann::json::parse(R"(["g", "J1"])"));
+    EXPECT_EQ(fit["correlations"]["matrix"][1][1].get<double>(), 1.0);
 }
 
 TEST(CorvaneFit, FailuresGoToTheErrorStreamWithANonZeroExit) {
