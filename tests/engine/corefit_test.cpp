@@ -18,11 +18,13 @@ using corvane::testing::ScratchDir;
 
 namespace {
 
-// The numbers of every line of output.txt ("#" lines included, without the "#").
+// The numbers of every line of output.txt up to the correlations ("#" lines included, without
+// the "#").
 std::vector<std::vector<double>> readOutput(const ScratchDir& dir) {
     std::vector<std::vector<double>> lines;
     std::istringstream text(dir.read("output.txt"));
     for (std::string line; std::getline(text, line);) {
+        if (line.rfind("# correlation", 0) == 0) break;
         if (!line.empty() && line[0] == '#') line.erase(0, 1);
         std::istringstream numbers(line);
         lines.emplace_back();
