@@ -165,8 +165,12 @@ TEST(Validation, ReadProblemRefusesEveryMalformedFileWithOneLineNamingFileAndLin
     }
 }
 
+// The exit code and the one line on the error stream: the faults found only once the problem
+// is evaluated, and two of those the reader finds (the reader's own test has the rest).
 TEST(Validation, CorefitExitsWithCode2AndWritesNoOutput) {
+    int unreadable = 0;
     for (const Case& c : cases()) {
+        if (!c.readable && ++unreadable > 2) continue;
         SCOPED_TRACE(c.what);
         ScratchDir scratch;
         const CorefitRun run = runCorefit(prepare(scratch, c));
