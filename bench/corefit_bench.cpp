@@ -5,6 +5,11 @@
 //
 // Prints the machine, the date and one table (aligned text, or CSV with --csv) on the standard
 // output; progress goes to the standard error stream.
+//
+//   corefit-bench --under-load [--rounds N]
+//
+// Instead: the 16 x S=1/2 ring with the default threads and with one, on an idle machine and with
+// one core kept busy by another process, side by side in one run.
 #include <algorithm>
 #include <chrono>
 #include <clocale>
@@ -14,12 +19,16 @@
 #include <ctime>
 #include <exception>
 #include <fstream>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -28,6 +37,8 @@
 #include "model.h"
 #include "problem.h"
 #include "spectrum.h"
+
+extern "C" void openblas_set_num_threads(int threads);
 
 namespace {
 
@@ -370,6 +381,8 @@ struct Settings {
     double naiveBudget = 120;
     bool large = false, csv = false;
     std::vector<int> cases; // 1-based; empty: all
+    bool underLoad = false;
+    int rounds = 3;
 };
 
 // The naive reference on the same problem and data, where it fits the memory and time budgets.
@@ -468,6 +481,135 @@ Row benchmark(const Case& c, const Settings& settings) {
     return row;
 }
 
+// ---------------------------------------------------------------------------------------------
+// Under load: what another busy program on the machine does to the engine's threads.
+
+// Another process that keeps one core busy while it lives, as `yes > /dev/null` would.
+class BusyCore {
+public:
+    BusyCore() {
+        pid_ = ::fork();
+        if (pid_ < 0) throw std::runtime_error("cannot start a busy process");
+        if (pid_ == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            volatile unsigned long spin = 0;
+            for (;;) spin = spin + 1;
+        }
+    }
+    ~BusyCore() {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+    }
+    BusyCore(const BusyCore&) = delete;
+    BusyCore& operator=(const BusyCore&) = delete;
+
+private:
+    pid_t pid_ = -1;
+};
+
+struct LoadTimes {
+    std::vector<double> setup, evaluation, slopes;
+};
+
+// One evaluation as `corefit` runs it with no free parameter (the spectrum built, then chiT at
+// new J values, eigenvalues only), and one spectrum with J slopes as every fit step needs it.
+void measureOnce(const Case& c, int threads, LoadTimes& times) {
+    Problem problem = makeProblem(c);
+    const SpinSystem system{problem.twiceSpin, problem.bonds, problem.jCount()};
+    const Plan plan = planSpectrum(system, Method::Automatic, threads);
+    auto started = Clock::now();
+    Spectrum spectrum(system, plan, threads);
+    times.setup.push_back(secondsSince(started));
+    SusceptibilityModel model(problem, spectrum);
+    std::vector<double> p = trueValues(problem), values;
+    started = Clock::now();
+    if (!model.predict(p, values)) throw std::runtime_error("no finite susceptibility");
+    times.evaluation.push_back(secondsSince(started));
+    std::vector<double> jKelvin(c.j);
+    for (double& j : jKelvin) j *= 1.001;
+    started = Clock::now();
+    spectrum.levels(jKelvin, std::vector<bool>(jKelvin.size(), true));
+    times.slopes.push_back(secondsSince(started));
+}
+
+// One dsyevd (eigenvalues only) of a random symmetric matrix on `threads` OpenBLAS threads: how
+// large blocks were diagonalised before the engine kept LAPACK on one thread.
+double blasDiagonalisation(Eigen::Index n, int threads) {
+    Eigen::MatrixXd matrix = Eigen::MatrixXd::Random(n, n);
+    matrix = (matrix + matrix.transpose()).eval();
+    Eigen::VectorXd values;
+    openblas_set_num_threads(threads);
+    const auto started = Clock::now();
+    symmetricEigen(matrix, values, false);
+    const double seconds = secondsSince(started);
+    openblas_set_num_threads(1);
+    return seconds;
+}
+
+std::string loadAverage() {
+    std::ifstream file("/proc/loadavg");
+    double one = 0;
+    file >> one;
+    return file ? format("%.2f", one) : std::string("unknown");
+}
+
+int runUnderLoad(const Settings& settings) {
+    const Case ring16 = standardCases()[6];
+    const int defaults = defaultThreads();
+    constexpr Eigen::Index blasSize = 1000;
+    struct Setting {
+        bool loaded;
+        int threads;
+    };
+    const std::vector<Setting> order{{false, defaults}, {false, 1}, {true, defaults}, {true, 1}};
+    std::vector<LoadTimes> times(order.size());
+    std::vector<std::vector<double>> blas(order.size());
+    std::vector<std::string> averages;
+    for (int round = 1; round <= settings.rounds; ++round) {
+        for (std::size_t k = 0; k < order.size(); ++k) {
+            const Setting& setting = order[k];
+            averages.push_back(loadAverage());
+            std::unique_ptr<BusyCore> busy;
+            if (setting.loaded) busy = std::make_unique<BusyCore>();
+            measureOnce(ring16, setting.threads, times[k]);
+            blas[k].push_back(blasDiagonalisation(blasSize, setting.threads));
+            progress("round %d, %s, %d thread%s: setup %.3g s, evaluation %.3g s, slopes %.3g s; "
+                     "dsyevd on %d OpenBLAS thread%s %.3g s",
+                     round, setting.loaded ? "one core busy" : "idle", setting.threads,
+                     setting.threads == 1 ? "" : "s", times[k].setup.back(),
+                     times[k].evaluation.back(), times[k].slopes.back(), setting.threads,
+                     setting.threads == 1 ? "" : "s", blas[k].back());
+        }
+    }
+
+    std::printf("corefit-bench --under-load, corefit %s, %s\n", COREFIT_VERSION,
+                localTime().c_str());
+    std::printf("machine: %s, nproc %ld; default threads %d; %d round%s, medians; load average "
+                "before each measurement %s to %s\n",
+                cpuModel().c_str(), ::sysconf(_SC_NPROCESSORS_ONLN), defaults, settings.rounds,
+                settings.rounds == 1 ? "" : "s",
+                std::min_element(averages.begin(), averages.end())->c_str(),
+                std::max_element(averages.begin(), averages.end())->c_str());
+    std::printf("%s, evaluation as corefit runs it; busy: another process spinning on one core\n\n",
+                ring16.name.c_str());
+    std::printf("%-4s  %-11s  %8s  %8s  %8s  %11s  %11s  %12s  %11s\n", "load", "threads",
+                "setup s", "eval s", "slopes s", "setup+eval", "slopes", "dsyevd 1000", "dsyevd");
+    std::printf("%-4s  %-11s  %8s  %8s  %8s  %11s  %11s  %12s  %11s\n", "", "", "", "", "",
+                "vs 1 thread", "vs 1 thread", "OpenBLAS s", "vs 1 thread");
+    for (std::size_t k = 0; k < order.size(); ++k) {
+        const std::size_t one = k % 2 ? k : k + 1; // the one-thread run of the same load
+        const double setupEval = median(times[k].setup) + median(times[k].evaluation);
+        const double oneSetupEval = median(times[one].setup) + median(times[one].evaluation);
+        std::printf("%-4s  %-11s  %8.3g  %8.3g  %8.3g  %11.2f  %11.2f  %12.3g  %11.2f\n",
+                    order[k].loaded ? "busy" : "idle",
+                    format("%d%s", order[k].threads, k % 2 ? "" : " (default)").c_str(),
+                    median(times[k].setup), median(times[k].evaluation), median(times[k].slopes),
+                    setupEval / oneSetupEval, median(times[k].slopes) / median(times[one].slopes),
+                    median(blas[k]), median(blas[k]) / median(blas[one]));
+    }
+    return 0;
+}
+
 int run(const Settings& settings) {
     const std::vector<Case> cases = standardCases();
     for (int k : settings.cases)
@@ -535,12 +677,16 @@ int main(int argc, char** argv) {
     app.add_flag("--large", settings.large, "also run the 8 x S=5/2 ring (may take many minutes)");
     app.add_option("--case", settings.cases, "run only these problems (1-8; repeatable)");
     app.add_flag("--csv", settings.csv, "print CSV instead of an aligned table");
+    app.add_flag("--under-load", settings.underLoad,
+                 "instead: the 16 x S=1/2 ring with the default threads and with one, idle and "
+                 "with one core kept busy by another process");
+    app.add_option("--rounds", settings.rounds, "rounds of --under-load (default 3)")
+        ->check(CLI::Range(1, 100));
     CLI11_PARSE(app, argc, argv);
-    if (settings.threads <= 0)
-        settings.threads = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+    if (settings.threads <= 0) settings.threads = defaultThreads();
 
     try {
-        return run(settings);
+        return settings.underLoad ? runUnderLoad(settings) : run(settings);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "corefit-bench: %s\n", failure.what());
         return 2;
