@@ -46,6 +46,75 @@ void openDialog(const char* name, DialogProc procedure) {
     if (const DialogTemplate* dialog = findDialogTemplate(name)) dialogBox(*dialog, procedure);
 }
 
+// A settings dialog whose procedure is not there yet ends as its Cancel would.
+std::intptr_t notYet(Dialog& dialog, DialogMessage message, int, Notification) {
+    if (message != DialogMessage::Initialise) return 0;
+    dialog.end(0);
+    return 1;
+}
+
+// [SECTION] Mouse modes: switching them
+
+void endDetails() {
+    const bool wasOn = shell.detailsPick == 1;
+    shell.menu.uncheck(idmDetails);
+    shell.detailsPick = 0;
+    if (wasOn && shell.host != nullptr) {
+        shell.host->setCursor(CursorShape::Arrow);
+        shell.host->releaseMouse();
+    }
+}
+void endSelect() {
+    shell.selectByMouse = 0;
+    shell.menu.uncheck(idmSelectByMouse);
+}
+void endZoom() {
+    shell.zoomByMouse = 0;
+    shell.menu.uncheck(idmZoomByMouse);
+}
+void endMouseModes() {
+    endDetails();
+    endSelect();
+    endZoom();
+}
+
+void toggleDetails() {
+    if (shell.menu.isChecked(idmDetails)) {
+        endDetails();
+        return;
+    }
+    shell.menu.check(idmDetails);
+    if (shell.host != nullptr) {
+        shell.host->setCursor(CursorShape::Cross);
+        shell.host->captureMouse();
+    }
+    shell.detailsPick = 1;
+    endSelect();
+    endZoom();
+}
+
+void toggleSelectByMouse() {
+    if (shell.menu.isChecked(idmSelectByMouse)) {
+        endSelect();
+        return;
+    }
+    endDetails();
+    shell.menu.check(idmSelectByMouse);
+    shell.selectByMouse = 1;
+    endZoom();
+}
+
+void toggleZoomByMouse() {
+    if (shell.menu.isChecked(idmZoomByMouse)) {
+        endZoom();
+        return;
+    }
+    shell.menu.check(idmZoomByMouse);
+    shell.zoomByMouse = 1;
+    endSelect();
+    endDetails();
+}
+
 // [SECTION] The command table
 
 using Handler = void (*)(int id);
@@ -108,6 +177,37 @@ const CommandRow commandTable[] = {
          repaint();
      }},
     {idmAbout, idmAbout, [](int) { openDialog("DL_ABOUT", About); }},
+    {idmDetails, idmDetails, [](int) { toggleDetails(); }},
+    {idmSelectByMouse, idmSelectByMouse, [](int) { toggleSelectByMouse(); }},
+    {idmZoomByMouse, idmZoomByMouse, [](int) { toggleZoomByMouse(); }},
+    {idmSelectCustomize, idmSelectCustomize,
+     [](int) {
+         openDialog("DL_SELDOS", notYet);
+         repaint();
+         endMouseModes();
+     }},
+    {idmZoomCustomize, idmZoomCustomize,
+     [](int) {
+         openDialog("DL_ZOOM", notYet);
+         if (plotSettings.fixedAspect == 0) openDialog("DL_BORDER", notYet);
+         endZoom();
+         repaint();
+     }},
+    {idmBorderWidth, idmBorderWidth,
+     [](int) {
+         openDialog("DL_BORDERW", notYet);
+         repaint();
+     }},
+    {idmLabel, idmLabel,
+     [](int) {
+         openDialog("DL_LABEL", notYet);
+         repaint();
+     }},
+    {idmCurveAttributes, idmCurveAttributes,
+     [](int) {
+         openDialog("DL_STYLE", notYet);
+         repaint();
+     }},
 };
 
 } // namespace

@@ -146,6 +146,26 @@ TEST_F(MainWindowTest, DisplayCommandsToggleTheirFlagsMarksAndRepaint) {
     EXPECT_EQ(host.repaints, before);
 }
 
+TEST_F(MainWindowTest, TheMouseModesExcludeEachOtherAndCustomizeEndsThem) {
+    command(idmDetails);
+    EXPECT_EQ(shell.detailsPick, 1);
+    EXPECT_TRUE(shell.menu.isChecked(idmDetails));
+    command(idmSelectByMouse); // ends Details
+    EXPECT_EQ(shell.detailsPick + shell.selectByMouse * 10, 10);
+    EXPECT_FALSE(shell.menu.isChecked(idmDetails));
+    command(idmZoomByMouse); // ends Select
+    EXPECT_EQ(shell.selectByMouse + shell.zoomByMouse * 10, 10);
+    command(idmZoomByMouse); // leaves Zoom
+    EXPECT_EQ(shell.zoomByMouse, 0);
+    command(idmDetails);
+    command(idmSelectCustomize); // ends all three, repaints
+    EXPECT_EQ(shell.detailsPick + shell.selectByMouse + shell.zoomByMouse, 0);
+    EXPECT_FALSE(shell.menu.isChecked(idmDetails));
+    command(idmZoomByMouse);
+    command(idmZoomDefault);
+    EXPECT_FALSE(shell.menu.isChecked(idmZoomByMouse));
+}
+
 TEST_F(MainWindowTest, OpenFitsWithTheProgressDialogAndEnablesTheNewCurve) {
     useGoodEngine();
     choosers.answers.push_back(dir.write("cu2.qpi", dimer));
