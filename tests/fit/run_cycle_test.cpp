@@ -11,19 +11,13 @@
 #include "fit/report.h"
 #include "fit/run_cycle.h"
 #include "support/fixtures.h"
+#include "support/stand_in_engine.h"
 
 namespace corvane {
 namespace {
 
-const char* const dimer =
-    "TITLE Cu2\nKEYWD DATA_FILE=XTT ENERGY_UNIT=K PRECISION=0.0001\n"
-    "KEYWD G_START=2.0 G_STEP=0.01\nJ_VALUE1 -100 1\n"
-    "SPIN_ON_SITE1 1\nSPIN_ON_SITE2 1\n"
-    "INTERACTION sites 1 and 2 coupled by J1\nT_CHI 2 0.51\nT_CHI 300 0.0012\n";
-
-// What a good engine leaves for that problem.
-const char* const goodOutput = "0.0125 2.1 0.003\n-0.2 0.00015\n# 0.01 0.001 0 0\n"
-                               "1 -97.25\n# 0.5\n2 1 2\n2 0.48 0.51\n300 0.0013 0.0012\n";
+using testing::dimerInput;
+using testing::dimerOutput;
 
 struct Recorder final : EngineProgress {
     void status(const std::string& text) override { statuses.push_back(text); }
@@ -38,21 +32,16 @@ protected:
     void SetUp() override {
         resetFitDocument();
         runState.reset();
-        runState.inputPath = dir.write("cu2.qpi", dimer);
+        runState.inputPath = dir.write("cu2.qpi", dimerInput);
     }
     void TearDown() override { unsetenv("CORVANE_ENGINE"); }
 
     // An engine script: body runs with $out set to the output file beside the input file.
-    void useEngine(const std::string& body) {
-        const std::string path = dir.write(
-            "engine.sh", "#!/bin/sh\nout=\"$(dirname \"$1\")/output.txt\"\n" + body + "\n");
-        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
-        setenv("CORVANE_ENGINE", path.c_str(), 1);
-    }
+    void useEngine(const std::string& body) { testing::useScriptEngine(dir, body); }
     void useGoodEngine() {
         useEngine(std::string("echo 'iteration 1 deviation 0.5'\necho 'iteration 2 deviation "
                               "0.0125'\nprintf '") +
-                  goodOutput + "' > \"$out\"");
+                  dimerOutput + "' > \"$out\"");
     }
 
     testing::ScratchDir dir;
@@ -75,7 +64,7 @@ std::string undated(const std::string& report) {
 
 TEST(RunCyclePaths, TheReportIsAlwaysBesideItsInputFile) {
     const std::pair<const char*, const char*> reports[] = {
-        {"/fits/dimer.qpi", "/fits/dimer.qpo"},
+        {"/fits/dimerInput.qpi", "/fits/dimerInput.qpo"},
         {"/my fits/a.b.qpi", "/my fits/a.b.qpo"},
         {"/dir/dot.dir/noext/fitfile", "/dir/dot.dir/noext/fitfile.qpo"},
         {"plain/fitfile", "plain/fitfile.qpo"},
@@ -84,9 +73,9 @@ TEST(RunCyclePaths, TheReportIsAlwaysBesideItsInputFile) {
     };
     for (const auto& [input, report] : reports) EXPECT_EQ(deriveReportPath(input), report);
     // One directory rule for every file of a run.
-    EXPECT_EQ(deriveWorkDir("/fits/dimer.qpi"), "/fits");
-    EXPECT_EQ(deriveWorkDir("/dimer.qpi"), "");
-    runState.workDir = deriveWorkDir("dimer.qpi");
+    EXPECT_EQ(deriveWorkDir("/fits/dimerInput.qpi"), "/fits");
+    EXPECT_EQ(deriveWorkDir("/dimerInput.qpi"), "");
+    runState.workDir = deriveWorkDir("dimerInput.qpi");
     EXPECT_EQ(inWorkDir(engineInputName), "./input.txt");
 }
 
@@ -127,7 +116,7 @@ TEST_F(RunCycleTest, AFailedRunLeavesReportAndDocumentAsTheyWereAndSaysWhy) {
          "input.txt line 4: site 2 has spin 0."},
         {"silent", "exit 0", RunOutcome::NoResults,
          "The fit gave no results: the fitting engine ended without leaving results."},
-        {"truncated", "head -n 7 > \"$out\" <<EOF\n" + std::string(goodOutput) + "EOF",
+        {"truncated", "head -n 7 > \"$out\" <<EOF\n" + std::string(dimerOutput) + "EOF",
          RunOutcome::NoResults,
          "The fit results in " + dir.file("output.txt") +
              " cannot be used: it ends after 1 of its 2 pair lines."},
@@ -160,7 +149,7 @@ TEST_F(RunCycleTest, AFailedRunLeavesReportAndDocumentAsTheyWereAndSaysWhy) {
 }
 
 TEST_F(RunCycleTest, AnInterruptedEngineStillGivesItsBestResult) {
-    useEngine(std::string("trap 'printf \"") + goodOutput +
+    useEngine(std::string("trap 'printf \"") + dimerOutput +
               "\" > \"$out\"; exit 3' TERM\necho 'iteration 1'\n"
               "while :; do sleep 0.02; done");
     progress.interruptAfterFirstLine = true;
@@ -181,12 +170,12 @@ TEST_F(RunCycleTest, ARunnerHandsOverLinesAsTheyComeAndStopsTheEngineAsAsked) {
         bool leftOutput;
     } runs[] = {
         {"to its end",
-         std::string("echo 'iteration 1'; echo 'iteration 2'; printf '") + goodOutput +
+         std::string("echo 'iteration 1'; echo 'iteration 2'; printf '") + dimerOutput +
              "' > \"$out\"",
          0, true, 0, 0, true},
         // The first request: the engine writes its best result so far and exits with 3.
         {"interrupted",
-         std::string("trap 'printf \"") + goodOutput + "\" > \"$out\"; exit 3' TERM\n" +
+         std::string("trap 'printf \"") + dimerOutput + "\" > \"$out\"; exit 3' TERM\n" +
              waitForever,
          1, true, 3, 0, true},
         // The second: an engine that goes on after the first is stopped at once.

@@ -18,6 +18,7 @@
 #include "shell/commands.h"
 #include "shell/main_window.h"
 #include "support/fixtures.h"
+#include "support/stand_in_engine.h"
 
 namespace corvane {
 namespace {
@@ -39,13 +40,8 @@ public:
     std::string log;
 };
 
-const char* const dimer =
-    "TITLE Cu2\nKEYWD DATA_FILE=XTT ENERGY_UNIT=K PRECISION=0.0001\n"
-    "KEYWD G_START=2.0 G_STEP=0.01\nJ_VALUE1 -100 1\n"
-    "SPIN_ON_SITE1 1\nSPIN_ON_SITE2 1\n"
-    "INTERACTION sites 1 and 2 coupled by J1\nT_CHI 2 0.51\nT_CHI 300 0.0012\n";
-const char* const goodOutput = "0.0125 2.1 0.003\n-0.2 0.00015\n# 0.01 0.001 0 0\n"
-                               "1 -97.25\n# 0.5\n2 1 2\n2 0.48 0.51\n300 0.0013 0.0012\n";
+using testing::dimerInput;
+using testing::dimerOutput;
 
 class MainWindowTest : public ::testing::Test {
 protected:
@@ -60,14 +56,9 @@ protected:
     }
     bool command(int id) { return send(WindowMessage::Command, id); }
 
-    void useEngine(const std::string& body) {
-        const std::string path = dir.write(
-            "engine.sh", "#!/bin/sh\nout=\"$(dirname \"$1\")/output.txt\"\n" + body + "\n");
-        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
-        setenv("CORVANE_ENGINE", path.c_str(), 1);
-    }
+    void useEngine(const std::string& body) { testing::useScriptEngine(dir, body); }
     void useGoodEngine() {
-        useEngine(std::string("echo 'iteration 1 deviation 0.5'\nprintf '") + goodOutput +
+        useEngine(std::string("echo 'iteration 1 deviation 0.5'\nprintf '") + dimerOutput +
                   "' > \"$out\"");
     }
     // The progress dialog, fed until it ends or waits for Close; its status line then.
@@ -168,7 +159,7 @@ TEST_F(MainWindowTest, TheMouseModesExcludeEachOtherAndCustomizeEndsThem) {
 
 TEST_F(MainWindowTest, OpenFitsWithTheProgressDialogAndEnablesTheNewCurve) {
     useGoodEngine();
-    choosers.answers.push_back(dir.write("cu2.qpi", dimer));
+    choosers.answers.push_back(dir.write("cu2.qpi", dimerInput));
     expectProgress();
     command(idmOpen);
     EXPECT_EQ(choosers.requests.at(0).defaultExtension, "QPI");
@@ -209,7 +200,7 @@ TEST_F(MainWindowTest, OpenFitsWithTheProgressDialogAndEnablesTheNewCurve) {
 
 TEST_F(MainWindowTest, AFailedRunKeepsTheDialogWithTheReasonAndChangesNothing) {
     useGoodEngine();
-    choosers.answers.push_back(dir.write("cu2.qpi", dimer));
+    choosers.answers.push_back(dir.write("cu2.qpi", dimerInput));
     expectProgress();
     command(idmOpen);
     const std::string report = dir.read("cu2.qpo");
@@ -242,10 +233,10 @@ TEST_F(MainWindowTest, AFailedRunKeepsTheDialogWithTheReasonAndChangesNothing) {
 }
 
 TEST_F(MainWindowTest, InterruptGivesTheBestFitSoFarAndLogFileShowsTheLog) {
-    useEngine(std::string("trap 'printf \"") + goodOutput +
+    useEngine(std::string("trap 'printf \"") + dimerOutput +
               "\" > \"$out\"; exit 3' TERM\necho 'iteration 1 deviation 0.5'\n"
               "while :; do sleep 0.02; done");
-    choosers.answers.push_back(dir.write("cu2.qpi", dimer));
+    choosers.answers.push_back(dir.write("cu2.qpi", dimerInput));
     dialogs.expect("DL_SPIN", [](HeadlessDialog& d) {
         for (int round = 0; round < 50 && d.text(100).find("Iteration 1") == std::string::npos;
              ++round) {
