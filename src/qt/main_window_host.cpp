@@ -296,6 +296,19 @@ void MainWindowHost::closeCover() {
 
 void MainWindowHost::quit(int exitCode) { QApplication::exit(exitCode); }
 
+int MainWindowHost::clientWidth() const { return plot_->width(); }
+int MainWindowHost::clientHeight() const { return plot_->height(); }
+
+void MainWindowHost::showBand(int x0, int y0, int x1, int y1) {
+    if (band_ == nullptr) band_ = new QRubberBand(QRubberBand::Rectangle, plot_);
+    band_->setGeometry(QRect(QPoint(x0, y0), QPoint(x1, y1)).normalized());
+    band_->show();
+}
+
+void MainWindowHost::hideBand() {
+    if (band_ != nullptr) band_->hide();
+}
+
 void MainWindowHost::showLogFile(const std::string& path) {
     if (log_ == nullptr) log_ = new LogWindow(*this);
     log_->follow(qText(path));

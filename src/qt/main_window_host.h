@@ -9,6 +9,7 @@
 
 #include <QMainWindow>
 #include <QPointer>
+#include <QRubberBand>
 #include <functional>
 #include <memory>
 #include <string>
@@ -66,6 +67,10 @@ public:
     void closeCover() override;
     void quit(int exitCode) override;
     void showLogFile(const std::string& path) override;
+    int clientWidth() const override;
+    int clientHeight() const override;
+    void showBand(int x0, int y0, int x1, int y1) override;
+    void hideBand() override;
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -84,6 +89,7 @@ private:
     std::unique_ptr<WidgetWindow> plotServices_;
     QPointer<CoverPage> cover_;
     QPointer<LogWindow> log_;
+    QRubberBand* band_ = nullptr; // over the plot, so the plot is not painted again under it
     std::unordered_map<const MenuItem*, QAction*> actions_;
     std::unordered_map<int, QAction*> commands_;
 };

@@ -1,5 +1,7 @@
 #include "shell/main_window.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <string_view>
 
@@ -210,7 +212,118 @@ const CommandRow commandTable[] = {
      }},
 };
 
+// [SECTION] Mouse modes: the left button and the pointer
+
+void onLeftButtonDown(int x, int y) {
+    if (shell.host != nullptr) shell.host->closeCover();
+    if (shell.zoomByMouse == 0 && shell.selectByMouse == 0) return;
+    shell.dragging = 1;
+    shell.dragStartX = shell.dragLastX = x;
+    shell.dragStartY = shell.dragLastY = y;
+    if (shell.host != nullptr) shell.host->captureMouse();
+}
+
+// A factor times (1 + change), never below 0 (a product below 0 becomes 0.001).
+void scaleFactor(float& factor, double change) {
+    const double product = static_cast<double>(factor) * (1.0 + change);
+    factor = product < 0 ? 0.001f : static_cast<float>(product);
+}
+
+void onMouseMove(int x, int y) {
+    if (shell.dragging == 0 || shell.host == nullptr) return;
+    const int right = shell.host->clientWidth(), bottom = shell.host->clientHeight();
+    if (x < 0) return; // left of the window: the move is ignored
+    if (x > right) x = right - 1;
+    if (y < 0) y = 0;
+    if (y > bottom) y = bottom - 1;
+    if (x == shell.dragLastX && y == shell.dragLastY) return;
+    const double dx = x - shell.dragLastX, dy = y - shell.dragLastY;
+    if (shell.zoomByMouse == 1) {
+        if (plotSettings.fixedAspect == 1) {
+            scaleFactor(plotSettings.zoom, (dy + dx) / plotLayout.deviceHeight);
+        } else {
+            scaleFactor(plotSettings.verticalRatio, dy / plotLayout.deviceHeight);
+            scaleFactor(plotSettings.horizontalRatio, dx / plotLayout.deviceWidth);
+        }
+        shell.dragLastX = x;
+        shell.dragLastY = y;
+        repaint();
+    } else if (shell.selectByMouse == 1) {
+        shell.dragLastX = x;
+        shell.dragLastY = y;
+        shell.host->showBand(shell.dragStartX, shell.dragStartY, x, y);
+    }
+}
+
+// The band's two corners become the ends of both axes (not put in order), in 32-bit floats.
+void applySelection() {
+    const auto end = [](AxisScale& axis, float from, float to) {
+        axis.min = from;
+        axis.max = to;
+        if (axis.min == axis.max) axis.max = axis.max + 0.00001f;
+        axis.labelTo = axis.max;
+        axis.labelFrom = axis.min;
+        axis.majorInterval = (axis.labelTo - axis.labelFrom) / 5;
+    };
+    const PlotLayout& l = plotLayout;
+    const float width = static_cast<float>(l.frameRight - l.frameLeft);
+    const float height = static_cast<float>(l.frameBottom - l.frameTop);
+    AxisScale& t = plotSettings.tAxis;
+    AxisScale& chi = plotSettings.chiAxis;
+    end(t, t.min + (t.max - t.min) * static_cast<float>(shell.dragStartX - l.frameLeft) / width,
+        t.min + (t.max - t.min) * static_cast<float>(shell.dragLastX - l.frameLeft) / width);
+    const float top = chi.max, span = chi.max - chi.min;
+    end(chi, top - span * static_cast<float>(shell.dragLastY - l.frameTop) / height,
+        top - span * static_cast<float>(shell.dragStartY - l.frameTop) / height);
+}
+
+void onLeftButtonUp(int x, int y) {
+    if (shell.zoomByMouse == 1) {
+        shell.dragging = 0;
+        if (shell.host != nullptr) shell.host->releaseMouse();
+    } else if (shell.selectByMouse == 1) {
+        // A release without a press in select mode applies nothing.
+        if (shell.dragging == 1) applySelection();
+        if (shell.host != nullptr) {
+            shell.host->hideBand();
+            shell.host->releaseMouse();
+        }
+        repaint();
+        shell.dragging = 0;
+    } else if (shell.detailsPick == 1) {
+        endDetails();
+        fitDocument.currentCalculation = pickCurve(x, y);
+        // The fitting parameter dialog opens here once it exists.
+    }
+}
+
 } // namespace
+
+int pickCurve(int x, int y) {
+    const PlotLayout& l = plotLayout;
+    if (x <= l.frameLeft || x >= l.frameRight) return -1;
+    const AxisScale& t = plotSettings.tAxis;
+    const AxisScale& chi = plotSettings.chiAxis;
+    const double under = t.min + static_cast<double>(t.max - t.min) * (x - l.frameLeft) /
+                                     (l.frameRight - l.frameLeft);
+    const FitDocument& doc = fitDocument;
+    const auto temperature = [&](int pair) { return doc.pairs[slot(pair)].temperature; };
+    for (int k = 0; k < std::min(doc.calculationCount, maxCalculations); ++k) {
+        if (plotSettings.curveShown[static_cast<std::size_t>(k)] != 1) continue;
+        const auto& fitted = displayedFit[static_cast<std::size_t>(k)];
+        for (int j = 2; j <= doc.pairCount; ++j) { // pair 1 has no segment before it
+            if (!(temperature(j) > under)) continue;
+            const double f0 = fitted[slot(j - 1)], f1 = fitted[slot(j)];
+            const double v = f0 + (under - temperature(j - 1)) /
+                                      (temperature(j) - temperature(j - 1)) * (f1 - f0);
+            const double yc =
+                l.frameTop + (chi.max - v) / (chi.max - chi.min) * (l.frameBottom - l.frameTop);
+            if (!std::isfinite(yc)) continue;
+            if (std::fabs(y - std::trunc(yc)) < 4.0) return k;
+        }
+    }
+    return -1;
+}
 
 bool runCommand(int id) {
     for (const CommandRow& row : commandTable) {
@@ -263,10 +376,13 @@ bool MainWndProc(const WindowEvent& event) {
     case WindowMessage::Command:
         return runCommand(event.command);
     case WindowMessage::LeftButtonDown:
-        if (shell.host != nullptr) shell.host->closeCover();
+        onLeftButtonDown(event.x, event.y);
         return true;
     case WindowMessage::MouseMove:
+        onMouseMove(event.x, event.y);
+        return true;
     case WindowMessage::LeftButtonUp:
+        onLeftButtonUp(event.x, event.y);
         return true;
     case WindowMessage::Close:
         return false;

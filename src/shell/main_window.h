@@ -47,16 +47,30 @@ public:
     virtual void quit(int exitCode) = 0;
     // Shows the engine's log file, read-only and following what the engine adds.
     virtual void showLogFile(const std::string& path) = 0;
+    // The client area's width and height in pixels.
+    virtual int clientWidth() const = 0;
+    virtual int clientHeight() const = 0;
+    // The rubber band of a selection by mouse: the rectangle with corners (x0, y0) and (x1, y1)
+    // drawn over the plot as it is, without painting the plot again; hideBand removes it.
+    virtual void showBand(int x0, int y0, int x1, int y1) = 0;
+    virtual void hideBand() = 0;
 };
 
 // The state of the shell: the menu of the main window and its mouse modes.
 struct Shell {
-    Menu menu;                 // "MenuMenu", as the window shows it
-    ShellHost* host = nullptr; // the window; null before start-up
-    int detailsPick = 0;       // a click picks a fitted curve and shows its parameters
-    int selectByMouse = 0;     // a drag selects the displayed range
-    int zoomByMouse = 0;       // a drag zooms the frame
+    Menu menu;                          // "MenuMenu", as the window shows it
+    ShellHost* host = nullptr;          // the window; null before start-up
+    int detailsPick = 0;                // a click picks a fitted curve and shows its parameters
+    int selectByMouse = 0;              // a drag selects the displayed range
+    int zoomByMouse = 0;                // a drag zooms the frame
+    int dragging = 0;                   // the left button went down in select or zoom mode
+    int dragStartX = 0, dragStartY = 0; // where the drag began, client pixels
+    int dragLastX = 0, dragLastY = 0;   // its last accepted position
 };
+
+// The calculation (0-based) whose shown fitted curve passes within 4 pixels vertically of
+// (x, y) in the plot as last painted; -1 for none. The first in calculation order wins.
+int pickCurve(int x, int y);
 
 // The shell of this process.
 extern Shell shell;

@@ -14,6 +14,8 @@
 #include "platform/headless_dialog.h"
 #include "platform/recording_surface.h"
 #include "platform/resources.h"
+#include "plot/axes.h"
+#include "plot/paint.h"
 #include "plot/plot_settings.h"
 #include "shell/commands.h"
 #include "shell/main_window.h"
@@ -33,11 +35,16 @@ public:
     void closeCover() override { coverOpen = false; }
     void quit(int code) override { exitCode = code; }
     void showLogFile(const std::string& path) override { log = path; }
+    int clientWidth() const override { return 1024; }
+    int clientHeight() const override { return 705; }
+    void showBand(int x0, int y0, int x1, int y1) override { band = {x0, y0, x1, y1}; }
+    void hideBand() override { band.clear(); }
 
     int repaints = 0;
     bool coverOpen = true;
     int exitCode = -1;
     std::string log;
+    std::vector<int> band;
 };
 
 using testing::dimerInput;
@@ -55,6 +62,23 @@ protected:
         return MainWndProc({message, command, 0, 0, nullptr});
     }
     bool command(int id) { return send(WindowMessage::Command, id); }
+    void mouse(WindowMessage message, int x, int y) { MainWndProc({message, 0, x, y, nullptr}); }
+    // A document of two calculations on a straight rising line, laid out on the screen.
+    void loadLine() {
+        fitDocument.pairCount = 3;
+        fitDocument.pairs[0] = {100, 1.0};
+        fitDocument.pairs[1] = {200, 2.0};
+        fitDocument.pairs[2] = {300, 3.0};
+        fitDocument.calculationCount = 2;
+        for (int k = 0; k < 2; ++k) {
+            fitDocument.calculations[slot(k + 1)].lastPair = 3;
+            for (int i = 0; i < 3; ++i)
+                fitDocument.calculations[slot(k + 1)].fittedValues[static_cast<std::size_t>(i)] =
+                    (i + 1) * (k == 0 ? 1.0 : 0.5);
+        }
+        refreshAfterLoad(false);
+        paintPlot(screen);
+    }
 
     void useEngine(const std::string& body) { testing::useScriptEngine(dir, body); }
     void useGoodEngine() {
@@ -155,6 +179,85 @@ TEST_F(MainWindowTest, TheMouseModesExcludeEachOtherAndCustomizeEndsThem) {
     command(idmZoomByMouse);
     command(idmZoomDefault);
     EXPECT_FALSE(shell.menu.isChecked(idmZoomByMouse));
+}
+
+TEST_F(MainWindowTest, ZoomByMouseScalesTheFrameAsThePointerMovesWithinTheWindow) {
+    loadLine();
+    command(idmZoomByMouse);
+    mouse(WindowMessage::LeftButtonDown, 500, 300);
+    mouse(WindowMessage::MouseMove, 510, 305); // fixed ratio: both directions on the zoom
+    EXPECT_FLOAT_EQ(plotSettings.zoom, static_cast<float>(1.0 * (1 + 15.0 / 705)));
+    const float zoom = plotSettings.zoom;
+    mouse(WindowMessage::MouseMove, -3, 100);  // left of the window: ignored
+    mouse(WindowMessage::MouseMove, 510, 305); // where it was: ignored
+    EXPECT_EQ(plotSettings.zoom, zoom);
+    mouse(WindowMessage::LeftButtonUp, 510, 305);
+
+    command(idmFixRatio); // free ratios: each direction on its own
+    mouse(WindowMessage::LeftButtonDown, 500, 300);
+    mouse(WindowMessage::MouseMove, 510, 300);
+    EXPECT_FLOAT_EQ(plotSettings.horizontalRatio, static_cast<float>(1 + 10.0 / 1024));
+    EXPECT_EQ(plotSettings.verticalRatio, 1.0f);
+    mouse(WindowMessage::MouseMove, 2000, -50); // held one pixel inside, and at the top
+    EXPECT_EQ(shell.dragLastX * 10000 + shell.dragLastY, 1023 * 10000 + 0);
+    mouse(WindowMessage::MouseMove, 1023, 5000); // below: one pixel inside
+    EXPECT_EQ(shell.dragLastY, 704);
+    mouse(WindowMessage::LeftButtonUp, 0, 0);
+    EXPECT_EQ(shell.dragging, 0);
+    EXPECT_EQ(shell.zoomByMouse, 1); // the mode stays on
+}
+
+TEST_F(MainWindowTest, ABandSelectsTheRangesAndAClickPicksTheShownCurveUnderIt) {
+    loadLine();
+    const PlotLayout l = plotLayout;
+    const AxisScale t = plotSettings.tAxis, chi = plotSettings.chiAxis;
+    command(idmSelectByMouse);
+    mouse(WindowMessage::LeftButtonUp, 600, 300); // no press in select mode: nothing applied
+    EXPECT_EQ(plotSettings.tAxis.max, t.max);
+
+    // A band drawn right to left and bottom to top: the axes run the other way.
+    const int x0 = l.frameRight - 10, x1 = l.frameLeft + 20, y0 = l.frameBottom - 5,
+              y1 = l.frameTop + 15;
+    mouse(WindowMessage::LeftButtonDown, x0, y0);
+    mouse(WindowMessage::MouseMove, x1, y1);
+    EXPECT_EQ(host.band, (std::vector<int>{x0, y0, x1, y1}));
+    mouse(WindowMessage::LeftButtonUp, 5, 5); // the last accepted move counts, not the release
+    EXPECT_TRUE(host.band.empty());
+    const float w = static_cast<float>(l.frameRight - l.frameLeft);
+    const float h = static_cast<float>(l.frameBottom - l.frameTop);
+    const auto f = [](int v) { return static_cast<float>(v); };
+    EXPECT_FLOAT_EQ(plotSettings.tAxis.min, t.min + (t.max - t.min) * f(x0 - l.frameLeft) / w);
+    EXPECT_FLOAT_EQ(plotSettings.tAxis.max, t.min + (t.max - t.min) * f(x1 - l.frameLeft) / w);
+    EXPECT_GT(plotSettings.tAxis.min, plotSettings.tAxis.max);
+    EXPECT_GT(plotSettings.chiAxis.min, plotSettings.chiAxis.max);
+    EXPECT_FLOAT_EQ(plotSettings.chiAxis.max,
+                    chi.max - (chi.max - chi.min) * f(y0 - l.frameTop) / h);
+
+    // A click without a move: both ends the value under it, each maximum raised by 0.00001.
+    mouse(WindowMessage::LeftButtonDown, 500, 300);
+    mouse(WindowMessage::LeftButtonUp, 500, 300);
+    EXPECT_GT(plotSettings.tAxis.max, plotSettings.tAxis.min);
+    EXPECT_LT(plotSettings.tAxis.max - plotSettings.tAxis.min, 0.0001f);
+
+    // Picks, on the ranges of the data again: curve 1 (chiT = T / 100) at T = 150 K, shown;
+    // curve 2 (half of it) hidden.
+    command(idmSelectDefault);
+    plotSettings.curveShown = {1, 0};
+    paintPlot(screen);
+    const int x = plotX(150.0), y = plotY(1.5);
+    EXPECT_EQ(pickCurve(x, y + 3), 0);
+    EXPECT_EQ(pickCurve(x, y + 5), -1);
+    EXPECT_EQ(pickCurve(plotLayout.frameLeft, y), -1);
+    EXPECT_EQ(pickCurve(x, plotY(0.75)), -1); // curve 2 lies there, but is hidden
+    plotSettings.curveShown[1] = 1;
+    EXPECT_EQ(pickCurve(x, plotY(0.75)), 1);
+
+    // Details: the release picks, and ends the mode.
+    command(idmDetails);
+    mouse(WindowMessage::LeftButtonUp, x, y);
+    EXPECT_EQ(fitDocument.currentCalculation, 0);
+    EXPECT_EQ(shell.detailsPick, 0);
+    EXPECT_FALSE(shell.menu.isChecked(idmDetails));
 }
 
 TEST_F(MainWindowTest, OpenFitsWithTheProgressDialogAndEnablesTheNewCurve) {
