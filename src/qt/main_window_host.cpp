@@ -84,6 +84,24 @@ private:
     MainWindowHost& host_;
 };
 
+// The rubber band of a selection: a widget over the band's outline that inverts the pixels of
+// the plot beneath it, as an inverting pen would, so the plot is never painted again for it.
+class BandOverlay final : public QWidget {
+public:
+    explicit BandOverlay(QWidget* parent) : QWidget(parent) {
+        setAttribute(Qt::WA_TransparentForMouseEvents);
+        setAttribute(Qt::WA_NoSystemBackground);
+    }
+
+protected:
+    void paintEvent(QPaintEvent*) override {
+        QPainter painter(this);
+        painter.setCompositionMode(QPainter::RasterOp_NotDestination);
+        painter.setPen(QPen(Qt::black, 1));
+        painter.drawRect(0, 0, width() - 1, height() - 1);
+    }
+};
+
 // The cover page over the centre of the empty window; a left click on it closes it for good.
 class CoverPage final : public QWidget {
 public:
@@ -300,7 +318,7 @@ int MainWindowHost::clientWidth() const { return plot_->width(); }
 int MainWindowHost::clientHeight() const { return plot_->height(); }
 
 void MainWindowHost::showBand(int x0, int y0, int x1, int y1) {
-    if (band_ == nullptr) band_ = new QRubberBand(QRubberBand::Rectangle, plot_);
+    if (band_ == nullptr) band_ = new BandOverlay(plot_);
     band_->setGeometry(QRect(QPoint(x0, y0), QPoint(x1, y1)).normalized());
     band_->show();
 }

@@ -9,7 +9,6 @@
 
 #include <QMainWindow>
 #include <QPointer>
-#include <QRubberBand>
 #include <functional>
 #include <memory>
 #include <string>
@@ -89,7 +88,7 @@ private:
     std::unique_ptr<WidgetWindow> plotServices_;
     QPointer<CoverPage> cover_;
     QPointer<LogWindow> log_;
-    QRubberBand* band_ = nullptr; // over the plot, so the plot is not painted again under it
+    QWidget* band_ = nullptr; // the band over the plot, so the plot is not painted again under it
     std::unordered_map<const MenuItem*, QAction*> actions_;
     std::unordered_map<int, QAction*> commands_;
 };
