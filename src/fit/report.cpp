@@ -177,8 +177,8 @@ bool countFits(int count, int limit) { return count >= 0 && count <= limit; }
 // value a finite number the report can print, and the pairs the problem's own.
 class OutputReader {
 public:
-    OutputReader(const std::vector<LinePiece>& lines, FitDocument& doc)
-        : lines_(lines), doc_(doc) {}
+    OutputReader(const std::vector<LinePiece>& lines, FitDocument& doc, int calculation)
+        : lines_(lines), doc_(doc), calculation_(calculation) {}
 
     bool read(std::string& problem) {
         if (!readAll()) {
@@ -239,7 +239,7 @@ private:
         if (lines_.size() < headLines)
             return fail(0, formatC("it ends after line %zu, before the number of pairs (line 6)",
                                    lines_.size()));
-        Calculation& calc = doc_.calculations[slot(doc_.calculationCount)];
+        Calculation& calc = doc_.calculations[slot(calculation_)];
         Calculation found = calc;
         int jCount = 0, pairCount = 0;
         if (!real(1, 1, "squared deviation", found.deviation) ||
@@ -329,6 +329,7 @@ private:
 
     const std::vector<LinePiece>& lines_;
     FitDocument& doc_;
+    int calculation_; // the calculation (from 1) that takes the results
     std::string problem_;
 };
 
@@ -644,23 +645,27 @@ std::string reportText(const FitDocument& doc, const std::string& date) {
     return out;
 }
 
-bool readEngineOutput(const std::string& contents, FitDocument& doc, std::string& problem) {
-    if (doc.calculationCount < 1 || doc.calculationCount > maxCalculations) {
+bool readEngineOutput(const std::string& contents, FitDocument& doc, std::string& problem,
+                      int calculation) {
+    if (calculation == 0) calculation = doc.calculationCount;
+    if (doc.calculationCount < 1 || doc.calculationCount > maxCalculations || calculation < 1 ||
+        calculation > doc.calculationCount) {
         problem = "the document has no calculation to take them";
         return false;
     }
     const std::vector<LinePiece> lines = cutIntoPieces(contents, engineLineLength);
-    return OutputReader(lines, doc).read(problem);
+    return OutputReader(lines, doc, calculation).read(problem);
 }
 
-ReportWrite writeReport(const std::string& outputPath, const std::string& reportPath) {
+ReportWrite writeReport(const std::string& outputPath, const std::string& reportPath,
+                        int calculation) {
     std::string contents, reason;
     if (!readWholeFile(outputPath, contents, reason, maxReportFileBytes))
         return {fileExists(outputPath) ? ReportWrite::UnusableOutput : ReportWrite::NoOutput,
                 reason};
     auto updated = std::make_unique<FitDocument>(fitDocument);
     std::string problem;
-    if (!readEngineOutput(contents, *updated, problem))
+    if (!readEngineOutput(contents, *updated, problem, calculation))
         return {ReportWrite::UnusableOutput, problem};
     if (!writeWholeFile(reportPath, reportText(*updated, reportDate(std::time(nullptr))), reason))
         return {ReportWrite::NotWritten, reason};

@@ -1,10 +1,10 @@
 // The results report (.qpo) and the engine's output file.
 //
-// After every engine run, writeReport stores the engine's output.txt into the newest
-// calculation of fitDocument and rewrites the report whole: the problem once, then every
-// calculation made so far. The report is also the saved form of a fit: readReport takes it
-// back into the document by its labels, so the layout is a storage format as much as a display
-// one.
+// After every engine run, writeReport stores the engine's output.txt into the calculation of
+// fitDocument that was fitted (the newest unless another is named) and rewrites the report whole:
+// the problem once, then every calculation made so far. The report is also the saved form of a fit:
+// readReport takes it back into the document by its labels, so the layout is a storage format as
+// much as a display one.
 #pragma once
 
 #include <ctime>
@@ -22,12 +22,14 @@ std::string reportDate(std::time_t when);
 // The whole report for doc, with date as its date line.
 std::string reportText(const FitDocument& doc, const std::string& date);
 
-// Stores the engine output in contents into calculation doc.calculationCount: fitted values,
+// Stores the engine output in contents into calculation number calculation (from 1; 0 for the
+// newest, doc.calculationCount), which must exist: fitted values,
 // their uncertainties, squared deviation, fitted range and fitted curve. The output must be the
 // problem's own: its J and pair counts those of doc, its pairs doc's pairs, every value a
 // finite number that the report can print. False, with what is wrong ("line 6: ...") in
 // problem, when it is not; doc is then unchanged.
-bool readEngineOutput(const std::string& contents, FitDocument& doc, std::string& problem);
+bool readEngineOutput(const std::string& contents, FitDocument& doc, std::string& problem,
+                      int calculation = 0);
 
 // What became of a report write.
 struct ReportWrite {
@@ -40,10 +42,12 @@ struct ReportWrite {
     std::string detail; // the system's reason or what is wrong with the output
 };
 
-// Reads outputPath into fitDocument, writes the report with every calculation to reportPath
-// (whole or not at all) and deletes outputPath. Unless the outcome is Written, fitDocument and
-// the report on disk stay as they were; the caller tells the user why.
-ReportWrite writeReport(const std::string& outputPath, const std::string& reportPath);
+// Reads outputPath into calculation number calculation of fitDocument (0: the newest), writes the
+// report with every calculation to reportPath (whole or not at all) and deletes outputPath. Unless
+// the outcome is Written, fitDocument and the report on disk stay as they were; the caller tells
+// the user why.
+ReportWrite writeReport(const std::string& outputPath, const std::string& reportPath,
+                        int calculation = 0);
 
 // Takes a report's text into doc, which is not cleared first: calculations whose numbers are
 // not above doc.calculationCount when their section is met are left as they are. False, with

@@ -75,9 +75,9 @@ void beginRecalculation() {
     if (fileExists(outputPath)) removeFile(outputPath);
 }
 
-RunOutcome completeRun(std::string* problem) {
+RunOutcome completeRun(std::string* problem, int calculation) {
     const std::string outputPath = inWorkDir(engineOutputName);
-    const ReportWrite write = writeReport(outputPath, runState.reportPath);
+    const ReportWrite write = writeReport(outputPath, runState.reportPath, calculation);
     if (write.outcome == ReportWrite::Written) return RunOutcome::Fitted;
     const std::string why = noResultsText(write, outputPath);
     if (problem != nullptr)

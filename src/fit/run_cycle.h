@@ -47,10 +47,11 @@ void beginRecalculation();
 
 // Second half of both, once the EngineRunner of the run has finished (runState.lastEngineRun
 // holds how it ended): reads the engine output from workDir/output.txt, where the engine ran,
-// into the newest calculation of the document, writes the report to runState.reportPath, and
-// tells the user why when there are no usable results (or, with problem, leaves the
-// sentence there for a window that shows it itself).
-RunOutcome completeRun(std::string* problem = nullptr);
+// into calculation number calculation (from 1; 0 for the newest) of the document, writes the
+// report with every calculation to runState.reportPath, and tells the user why when there are
+// no usable results (or, with problem, leaves the sentence there for a window that shows it
+// itself).
+RunOutcome completeRun(std::string* problem = nullptr, int calculation = 0);
 
 // New and Open in one call: beginInputCycle, runEngine(progress), completeRun.
 RunOutcome runInputCycle(EngineProgress* progress);

@@ -106,6 +106,9 @@ public:
     virtual void setText(int id, std::string_view text) = 0;
     virtual std::string text(int id) const = 0;
 
+    // The text shown when the pointer rests on the control; "" shows none.
+    virtual void setToolTip(int id, std::string_view text) = 0;
+
     virtual void enable(int id, bool enabled = true) = 0;
     void disable(int id) { enable(id, false); }
     virtual bool isEnabled(int id) const = 0;

@@ -46,9 +46,13 @@ HeadlessDialog::HeadlessDialog(const DialogTemplate& dialog, DialogProc procedur
     controls_.reserve(dialog.controls.size());
     for (const ControlTemplate& c : dialog.controls) {
         bool hasText = c.kind != ControlKind::ListBox && c.kind != ControlKind::ComboBox;
-        controls_.push_back(
-            {&c, hasText ? c.text : std::string(), (c.style & csDisabled) == 0,
-             c.kind == ControlKind::BlackRect, {}, -1});
+        controls_.push_back({&c,
+                             hasText ? c.text : std::string(),
+                             (c.style & csDisabled) == 0,
+                             std::string(),
+                             c.kind == ControlKind::BlackRect,
+                             {},
+                             -1});
     }
 }
 
@@ -178,6 +182,15 @@ void HeadlessDialog::setText(int id, std::string_view text) {
 std::string HeadlessDialog::text(int id) const {
     const Control* c = find(id);
     return c != nullptr ? c->text : std::string();
+}
+
+void HeadlessDialog::setToolTip(int id, std::string_view text) {
+    if (Control* c = find(id)) c->toolTip = text;
+}
+
+std::string HeadlessDialog::toolTip(int id) const {
+    const Control* c = find(id);
+    return c != nullptr ? c->toolTip : std::string();
 }
 
 void HeadlessDialog::enable(int id, bool enabled) {

@@ -37,6 +37,8 @@ public:
     const DialogTemplate& dialogTemplate() const override { return *template_; }
     void setText(int id, std::string_view text) override;
     std::string text(int id) const override;
+    void setToolTip(int id, std::string_view text) override;
+    std::string toolTip(int id) const;
     void enable(int id, bool enabled) override;
     bool isEnabled(int id) const override;
     void setFocus(int id) override;
@@ -58,6 +60,7 @@ private:
         const ControlTemplate* tmpl;
         std::string text;
         bool enabled;
+        std::string toolTip;
         bool checked = false;
         std::vector<std::string> rows;
         int selection = -1;

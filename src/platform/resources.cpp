@@ -94,6 +94,67 @@ DialogTemplate dlSpin() {
     return d;
 }
 
+// The fitting parameter information dialog: the parameter table on the left (start, step and
+// fitted value of g, C, zJ, Xtip and J # 1 to J # 10), the curve's counts, range, precision and
+// deviation on the right, and its three buttons below them.
+DialogTemplate dlInfo() {
+    constexpr unsigned editable = csBorder | csTabStop;
+    constexpr int fieldLength = 14; // characters a field takes
+    DialogTemplate d;
+    d.name = "DL_INFO";
+    d.title = "Fitting Parameter Information";
+    d.x = 100;
+    d.y = 50;
+    d.width = 298;
+    d.height = 243;
+    d.fontFace = "Arial";
+    d.fontPoints = 10;
+    d.style = dsCaption | dsSystemMenu;
+    d.controls = {
+        {1, Kind::GroupBox, "Parameters", 6, 3, 194, 232},
+        {12, Kind::Static, "Starting Value", 40, 14, 50, 10, csCentre},
+        {3, Kind::Static, "Step", 92, 14, 50, 10, csCentre},
+        {5, Kind::Static, "Fitted", 144, 14, 52, 10, csCentre},
+    };
+    // One row per parameter: its label, then start, step and fitted value at base, base + 10
+    // and base + 20.
+    auto row = [&d](int labelId, const char* label, int base, int y) {
+        d.controls.push_back({labelId, Kind::Static, label, 12, y + 2, 27, 10});
+        d.controls.push_back({base, Kind::Edit, "", 40, y, 50, 12, editable, fieldLength});
+        d.controls.push_back({base + 10, Kind::Edit, "", 92, y, 50, 12, editable, fieldLength});
+        d.controls.push_back({base + 20, Kind::Edit, "", 144, y, 52, 12, csReadOnly});
+    };
+    row(2, "g", 100, 26);
+    row(7, "C", 200, 40);
+    row(4, "zJ", 300, 54);
+    row(9, "Xtip", 400, 68);
+    for (int n = 1; n <= 10; ++n) {
+        const std::string label = "J # " + std::to_string(n);
+        row(n == 1 ? 11 : 11 + n, label.c_str(), 1000 * n, 82 + 14 * (n - 1));
+    }
+    const std::vector<ControlTemplate> right = {
+        {23, Kind::Static, "FITTING CURVE #", 206, 9, 62, 10},
+        {700, Kind::Edit, "", 268, 8, 24, 12, csReadOnly},
+        {10, Kind::Static, "Spin Sites:", 206, 27, 50, 10},
+        {500, Kind::Edit, "", 258, 26, 34, 12, csReadOnly},
+        {24, Kind::Static, "Data Pairs:", 206, 41, 50, 10},
+        {501, Kind::Edit, "", 258, 40, 34, 12, csReadOnly},
+        {25, Kind::Static, "Fitting From:", 206, 59, 50, 10},
+        {502, Kind::Edit, "", 258, 58, 34, 12, editable, fieldLength},
+        {26, Kind::Static, "To:", 206, 73, 50, 10},
+        {503, Kind::Edit, "", 258, 72, 34, 12, editable, fieldLength},
+        {27, Kind::Static, "Precision:", 206, 91, 86, 10},
+        {504, Kind::Edit, "", 206, 102, 86, 12, editable, fieldLength},
+        {22, Kind::Static, "Square Deviation:", 206, 120, 86, 10},
+        {600, Kind::Edit, "", 206, 131, 86, 12, csReadOnly},
+        {997, Kind::Button, "Add New", 219, 177, 60, 14, csTabStop},
+        {998, Kind::Button, "Re-calculate", 219, 197, 60, 14, csTabStop},
+        {999, Kind::Button, "Close", 219, 217, 60, 14, csTabStop | csDefault},
+    };
+    d.controls.insert(d.controls.end(), right.begin(), right.end());
+    return d;
+}
+
 } // namespace
 
 Menu loadMenu(std::string_view name) {
@@ -102,7 +163,7 @@ Menu loadMenu(std::string_view name) {
 }
 
 const DialogTemplate* findDialogTemplate(std::string_view name) {
-    static const std::array<DialogTemplate, 2> templates{dlAbout(), dlSpin()};
+    static const std::array<DialogTemplate, 3> templates{dlAbout(), dlSpin(), dlInfo()};
     for (const DialogTemplate& d : templates)
         if (d.name == name) return &d;
     return nullptr;

@@ -1,5 +1,7 @@
 #include "qt/dialog_host.h"
 
+#include <algorithm>
+
 #include <QApplication>
 #include <QCheckBox>
 #include <QCloseEvent>
@@ -329,6 +331,9 @@ void QtDialog::setText(int id, std::string_view text) {
             QSignalBlocker comboBlocker(c->combo);
             c->combo->setCurrentIndex(-1);
         }
+        // The limit is on what the user types: a longer text of the program's is shown whole.
+        if (c->tmpl->maxLength > 0)
+            c->field->setMaxLength(std::max(c->tmpl->maxLength, static_cast<int>(q.size())));
         c->field->setText(q);
     } else if (c->button != nullptr) {
         c->button->setText(q);
@@ -348,6 +353,10 @@ std::string QtDialog::text(int id) const {
     if (auto* label = qobject_cast<QLabel*>(c->widget)) return stdText(label->text());
     if (auto* group = qobject_cast<QGroupBox*>(c->widget)) return stdText(group->title());
     return {};
+}
+
+void QtDialog::setToolTip(int id, std::string_view text) {
+    if (const Control* c = find(id)) c->widget->setToolTip(qText(text));
 }
 
 void QtDialog::enable(int id, bool enabled) {

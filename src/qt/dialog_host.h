@@ -65,6 +65,7 @@ public:
     const DialogTemplate& dialogTemplate() const override { return *template_; }
     void setText(int id, std::string_view text) override;
     std::string text(int id) const override;
+    void setToolTip(int id, std::string_view text) override;
     void enable(int id, bool enabled) override;
     bool isEnabled(int id) const override;
     void setFocus(int id) override;

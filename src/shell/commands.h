@@ -12,7 +12,9 @@ namespace corvane {
 // The About box (DL_ABOUT): OK or the close box end it with 1.
 std::intptr_t About(Dialog& dialog, DialogMessage message, int control, Notification notification);
 
-// The run cycle's commands: File > New, Open and Plot, and Re-calculate (command 123).
+// The run cycle's commands: File > New, Open and Plot, and Re-calculate (command 123), which
+// fits the current calculation again from the engine input written for it and stores the
+// results into it (into the newest when there is no current one).
 void newCommand();
 void openCommand();
 void plotCommand();

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "dialogs/info.h"
 #include "fit/fit_document.h"
 #include "fit/run_state.h"
 #include "platform/resources.h"
@@ -293,7 +294,9 @@ void onLeftButtonUp(int x, int y) {
     } else if (shell.detailsPick == 1) {
         endDetails();
         fitDocument.currentCalculation = pickCurve(x, y);
-        // The fitting parameter dialog opens here once it exists.
+        const DialogTemplate* info = findDialogTemplate("DL_INFO");
+        if (fitDocument.currentCalculation >= 0 && info != nullptr)
+            createDialog(*info, infoProcedure(fitDocument.currentCalculation));
     }
 }
 

@@ -38,7 +38,8 @@ constexpr int feedMilliseconds = 50;
 // with the reason and Close.
 class SpinRun final : public EngineProgress {
 public:
-    explicit SpinRun(Dialog& dialog) : dialog_(dialog), runner_(this) {}
+    SpinRun(Dialog& dialog, int calculation)
+        : dialog_(dialog), runner_(this), calculation_(calculation) {}
 
     void status(const std::string& text) override { dialog_.setText(statusLine, text); }
     void line(const std::string& text) override {
@@ -93,7 +94,7 @@ private:
         dialog_.disable(interruptButton);
         dialog_.disable(logButton);
         std::string problem;
-        outcome_ = completeRun(&problem);
+        outcome_ = completeRun(&problem, calculation_);
         if (outcome_ == RunOutcome::Fitted) {
             dialog_.end(1);
             return;
@@ -106,6 +107,7 @@ private:
 
     Dialog& dialog_;
     EngineRunner runner_;
+    int calculation_; // the calculation (from 1) that takes the results; 0 the newest
     bool interrupted_ = false;
     RunOutcome outcome_ = RunOutcome::NoResults;
 
@@ -115,6 +117,8 @@ public:
 
 // The run of the dialog now open; the dialog is modal, so there is one at a time.
 std::unique_ptr<SpinRun> spinRun;
+// The calculation (from 1) the next run's results go to; 0 the newest.
+int spinTarget = 0;
 
 // The log file view, as the desktop shows it.
 void showLog() {
@@ -126,7 +130,7 @@ void showLog() {
 std::intptr_t spinBar(Dialog& dialog, DialogMessage message, int control, Notification) {
     switch (message) {
     case DialogMessage::Initialise:
-        spinRun = std::make_unique<SpinRun>(dialog);
+        spinRun = std::make_unique<SpinRun>(dialog, spinTarget);
         spinRun->start();
         return 1;
     case DialogMessage::Timer:
@@ -149,11 +153,14 @@ std::intptr_t spinBar(Dialog& dialog, DialogMessage message, int control, Notifi
 
 namespace {
 
-// Runs the engine in DL_SPIN; the outcome of the run.
-RunOutcome runEngineDialog() {
+// Runs the engine in DL_SPIN, its results going to calculation number calculation (from 1; 0
+// the newest); the outcome of the run.
+RunOutcome runEngineDialog(int calculation = 0) {
     const DialogTemplate* dialog = findDialogTemplate("DL_SPIN");
     if (dialog == nullptr) return RunOutcome::EngineNotStarted;
+    spinTarget = calculation;
     dialogBox(*dialog, spinBar);
+    spinTarget = 0;
     const RunOutcome outcome = spinRun ? spinRun->outcome() : RunOutcome::NoResults;
     spinRun.reset();
     return outcome;
@@ -211,8 +218,13 @@ void plotCommand() {
 }
 
 void recalculateCommand() {
+    // The current calculation is the one the engine input was written from; without one, the
+    // newest.
+    const FitDocument& doc = fitDocument;
+    const int k = doc.currentCalculation;
+    const int target = k >= 0 && k < doc.calculationCount ? k + 1 : 0;
     beginRecalculation();
-    if (runEngineDialog() == RunOutcome::Fitted) refreshAfterLoad(true);
+    if (runEngineDialog(target) == RunOutcome::Fitted) refreshAfterLoad(true);
 }
 
 void refreshAfterLoad(bool keepCurrent) {

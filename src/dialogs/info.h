@@ -1,0 +1,33 @@
+// The fitting parameter information dialog (DL_INFO): one calculation of the document, its
+// starting values and steps to edit, and Re-calculate and Add New to fit again from them.
+//
+// Each open dialog is bound to the calculation it was opened on: it shows that calculation,
+// Re-calculate stores into it and the engine's results go into it; Add New stores into a new,
+// last calculation and fits that one. While a fit started from any of these dialogs runs, no
+// dialog offers Add New or Re-calculate; the dialog that started it closes when the run ends.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "platform/dialog.h"
+
+namespace corvane {
+
+// What one open dialog keeps: the calculation it is bound to and whether a field has been
+// entered with valid text (which offers the fitting buttons).
+struct InfoState {
+    int calculation = -1; // 0-based index into fitDocument.calculations
+    bool edited = false;
+    bool fitting = false; // this dialog started the run now in flight
+    Dialog* dialog = nullptr;
+};
+
+// The dialog procedure of DL_INFO for the dialog whose state is state.
+std::intptr_t MOInfo(InfoState& state, Dialog& dialog, DialogMessage message, int control,
+                     Notification notification);
+
+// A procedure for a new dialog bound to calculation (0-based), to open DL_INFO with.
+DialogProc infoProcedure(int calculation);
+
+} // namespace corvane

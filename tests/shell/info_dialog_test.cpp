@@ -1,0 +1,284 @@
+// The fitting parameter dialog without a display: opened by a Details pick or on a calculation,
+// driven through the headless host, fitting through the window with stand-in engines.
+#include <cmath>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+
+#include "dialogs/info.h"
+#include "fit/fit_document.h"
+#include "fit/run_state.h"
+#include "platform/headless_dialog.h"
+#include "platform/recording_surface.h"
+#include "platform/resources.h"
+#include "plot/axes.h"
+#include "plot/paint.h"
+#include "plot/plot_settings.h"
+#include "shell/commands.h"
+#include "shell/main_window.h"
+#include "support/fixtures.h"
+#include "support/stand_in_engine.h"
+
+namespace corvane {
+namespace {
+
+class QuietHost final : public ShellHost {
+public:
+    void setCursor(CursorShape) override {}
+    void captureMouse() override {}
+    void releaseMouse() override {}
+    void invalidate(bool) override {}
+    void update() override {}
+    void closeCover() override {}
+    void quit(int) override {}
+    void showLogFile(const std::string&) override {}
+    int clientWidth() const override { return 1024; }
+    int clientHeight() const override { return 705; }
+    void showBand(int, int, int, int) override {}
+    void hideBand() override {}
+};
+
+constexpr int addNew = 997, recalculate = 998, closeButton = 999;
+
+class InfoDialogTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        resetPlot();
+        startUp(host, screen);
+    }
+    void TearDown() override { unsetenv("CORVANE_ENGINE"); }
+
+    // The dimer fitted once from its input file: one calculation, one J value, two pairs.
+    void fitDimer() {
+        testing::useScriptEngine(dir,
+                                 std::string("printf '") + testing::dimerOutput + "' > \"$out\"");
+        expectProgress();
+        openInputFile(dir.write("cu2.qpi", testing::dimerInput));
+        ASSERT_EQ(fitDocument.calculationCount, 1);
+    }
+    // count calculations, each a copy of the first.
+    void copies(int count) {
+        for (int k = 1; k < count; ++k)
+            fitDocument.calculations[slot(k + 1)] = fitDocument.calculations[0];
+        fitDocument.calculationCount = count;
+    }
+    HeadlessDialog* open(int calculation) {
+        createDialog(*findDialogTemplate("DL_INFO"), infoProcedure(calculation));
+        return dialogs.modeless("DL_INFO");
+    }
+    // The progress dialog, fed until it ends or closed when it waits; during runs first.
+    void expectProgress(std::function<void()> during = nullptr) {
+        dialogs.expect("DL_SPIN", [during](HeadlessDialog& d) {
+            if (during) during();
+            for (int round = 0; round < 2000 && !d.hasEnded() && d.tick(); ++round)
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            if (!d.hasEnded()) d.click(1000);
+        });
+    }
+    static void retype(HeadlessDialog& d, int id, const std::string& text) {
+        d.clearText(id);
+        d.type(id, text);
+    }
+
+    QuietHost host;
+    RecordingSurface screen{1024, 768};
+    testing::ScratchDir dir;
+    testing::RecordingPort messages;
+    HeadlessDialogPort dialogs;
+};
+
+TEST_F(InfoDialogTest, APickOpensTheDialogFilledFromThePickedCalculation) {
+    FitDocument& doc = fitDocument;
+    doc.pairCount = 3;
+    doc.siteCount = 4;
+    doc.jCount = 3;
+    for (int n = 1; n <= 3; ++n) doc.pairs[slot(n)] = {100.0 * n, 1.0 * n};
+    copies(2);
+    Calculation& second = doc.calculations[1];
+    second.firstPair = 2;
+    second.lastPair = 3;
+    second.g = {2.0, 0.01, 2.0567, 0.0056};
+    second.c.uncertainty = std::nan("");
+    second.tolerance = 0.0001;
+    second.zJ.start = 1e-7;         // too small for six decimals
+    second.tip.start = 123456789.5; // longer than a field takes
+    for (int i = 0; i < 3; ++i) {
+        doc.calculations[0].fittedValues[static_cast<std::size_t>(i)] = i + 1.0;
+        second.fittedValues[static_cast<std::size_t>(i)] = (i + 1) * 0.5;
+    }
+    refreshAfterLoad(false);
+    plotSettings.curveShown = {1, 1};
+    paintPlot(screen);
+
+    MainWndProc({WindowMessage::Command, idmDetails, 0, 0, nullptr});
+    MainWndProc({WindowMessage::LeftButtonUp, 0, plotX(250.0), plotY(1.25), nullptr});
+    HeadlessDialog* d = dialogs.modeless("DL_INFO");
+    ASSERT_NE(d, nullptr);
+    const struct {
+        int id;
+        const char* text;
+    } shown[] = {{700, "2"},
+                 {500, "4"},
+                 {501, "3"},
+                 {502, "2"},
+                 {503, "3"},
+                 {504, "0.000100"},
+                 {100, "2.000000"},
+                 {110, "0.010000"},
+                 {120, "2.056700"},
+                 {300, "0.000000"},
+                 {400, "123456789.500000"}};
+    for (const auto& field : shown) EXPECT_EQ(d->text(field.id), field.text) << field.id;
+    EXPECT_EQ(d->toolTip(120), "standard uncertainty 0.0056");
+    EXPECT_EQ(d->toolTip(220), ""); // not known
+    for (int n = 1; n <= 10; ++n) {
+        for (int id : {1000 * n, 1000 * n + 10, 1000 * n + 20}) {
+            EXPECT_EQ(d->isEnabled(id), n <= 3) << id;
+            EXPECT_EQ(d->text(id).empty(), n > 3) << id;
+        }
+    }
+    EXPECT_FALSE(d->isEnabled(addNew) || d->isEnabled(recalculate));
+    EXPECT_TRUE(d->isEnabled(closeButton));
+
+    // A pick that finds nothing: no calculation current, no dialog, the open one as it was.
+    MainWndProc({WindowMessage::Command, idmDetails, 0, 0, nullptr});
+    MainWndProc({WindowMessage::LeftButtonUp, 0, plotLayout.frameLeft + 1, 2, nullptr});
+    EXPECT_EQ(doc.currentCalculation, -1);
+    EXPECT_EQ(dialogs.opened().size(), 1u);
+    EXPECT_EQ(dialogs.modeless("DL_INFO"), d);
+    d->click(closeButton);
+    EXPECT_TRUE(d->hasEnded());
+}
+
+TEST_F(InfoDialogTest, FieldsTakeSignedDecimalsAndTheRangeIntegersOnly) {
+    fitDimer();
+    const struct {
+        int id;
+        const char* text;
+        bool accepted;
+    } cases[] = {
+        {100, "-.5", true},   {110, "+3", true},  {1010, "12.", true},  {504, "0.5 ", true},
+        {502, "+7", true},    {503, "-3", true},  {100, "1e-5", false}, {502, "2.5", false},
+        {1000, "1,5", false}, {503, "7x", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.id) + " '" + c.text + "'");
+        HeadlessDialog* d = open(0);
+        ASSERT_NE(d, nullptr);
+        d->focusOn(c.id);
+        const std::size_t before = messages.beeps.size();
+        d->clearText(c.id);
+        const std::size_t cleared = messages.beeps.size();
+        d->type(c.id, c.text);
+        EXPECT_EQ(messages.beeps.size() == cleared, c.accepted);
+        d->focusOn(c.id == 200 ? 210 : 200); // leaving the field checks it again
+        EXPECT_EQ(d->hasFocus(c.id), !c.accepted);
+        EXPECT_TRUE(d->isEnabled(recalculate)); // the valid text the field held on entry
+        EXPECT_GE(cleared, before);
+        d->closeBySystemMenu();
+        EXPECT_TRUE(d->hasEnded());
+    }
+    EXPECT_EQ(fitDocument.calculations[0].g.start, 2.0); // nothing stored
+}
+
+TEST_F(InfoDialogTest, ReCalculateStoresIntoItsOwnCalculationAndItsResultsGoThere) {
+    fitDimer();
+    copies(2);
+    fitDocument.calculations[1].deviation = 7.0;
+    HeadlessDialog* d = open(0);
+    ASSERT_NE(d, nullptr);
+    fitDocument.currentCalculation = -1; // a pick that found nothing
+
+    // A range outside the pairs is refused, with nothing stored or run.
+    for (const auto& [first, last, offending] :
+         {std::tuple{"0", "2", 502}, {"2", "3", 503}, {"2", "1", 503}}) {
+        retype(*d, 502, first);
+        retype(*d, 503, last);
+        const std::size_t beeps = messages.beeps.size();
+        d->click(recalculate);
+        EXPECT_EQ(messages.beeps.size(), beeps + 1);
+        EXPECT_TRUE(d->hasFocus(offending)) << first << ".." << last;
+    }
+    EXPECT_EQ(dialogs.opened().size(), 2u); // DL_SPIN of the first fit, this dialog
+    EXPECT_EQ(fitDocument.calculations[0].firstPair, 1);
+
+    retype(*d, 502, "1");
+    retype(*d, 503, "2");
+    retype(*d, 100, "2.2");
+    retype(*d, 1000, "-90");
+    expectProgress();
+    d->click(recalculate);
+    EXPECT_TRUE(d->hasEnded());
+    const Calculation& own = fitDocument.calculations[0];
+    EXPECT_EQ(own.g.start, 2.2);
+    EXPECT_EQ(own.j[0].start, -90.0);
+    EXPECT_EQ(own.deviation, 0.0125); // the results came here
+    EXPECT_EQ(fitDocument.calculations[1].deviation, 7.0);
+    EXPECT_EQ(fitDocument.currentCalculation, 0);
+    EXPECT_NE(dir.read("cu2.qpo").find("-90.000000"), std::string::npos);
+    EXPECT_TRUE(messages.messages.empty());
+}
+
+TEST_F(InfoDialogTest, AFailedReCalculateStoresOnlyTheLiveJRowsAndStillCloses) {
+    fitDimer();
+    FitDocument& doc = fitDocument;
+    doc.jCount = 3;
+    doc.calculations[0].j[3].start = 42.0; // a row above jCount
+    HeadlessDialog* d = open(0);
+    ASSERT_NE(d, nullptr);
+    retype(*d, 2000, "5");
+    retype(*d, 3010, "0.5");
+    expectProgress(); // the output has one J value: no results
+    d->click(recalculate);
+    EXPECT_TRUE(d->hasEnded());
+    EXPECT_EQ(doc.calculations[0].j[1].start, 5.0);
+    EXPECT_EQ(doc.calculations[0].j[2].step, 0.5);
+    EXPECT_EQ(doc.calculations[0].j[3].start, 42.0);
+    EXPECT_EQ(doc.calculationCount, 1);
+}
+
+TEST_F(InfoDialogTest, AddNewFitsANewLastCalculationAndIsGreyedAtTen) {
+    fitDimer();
+    HeadlessDialog* first = open(0);
+    ASSERT_NE(first, nullptr);
+    retype(*first, 110, "0.02");
+    expectProgress();
+    first->click(addNew);
+    EXPECT_TRUE(first->hasEnded());
+    ASSERT_EQ(fitDocument.calculationCount, 2);
+    EXPECT_EQ(fitDocument.currentCalculation, 1);
+    EXPECT_EQ(fitDocument.calculations[1].g.step, 0.02);
+    EXPECT_EQ(fitDocument.calculations[1].deviation, 0.0125);
+    EXPECT_EQ(fitDocument.calculations[0].g.step, 0.01);
+    HeadlessDialog* again = open(1);
+    EXPECT_EQ(again->text(700), "2");
+    again->click(closeButton);
+
+    // Two dialogs at nine calculations: during a fit from one, neither offers a fit; the
+    // one that started it closes, the other no longer offers Add New.
+    copies(9);
+    HeadlessDialog* a = open(2);
+    HeadlessDialog* b = open(5);
+    a->focusOn(110); // the focus starts in 100
+    b->focusOn(110);
+    ASSERT_TRUE(a->isEnabled(addNew) && b->isEnabled(addNew) && b->isEnabled(recalculate));
+    bool offeredDuringRun = true;
+    expectProgress([&] {
+        offeredDuringRun = a->isEnabled(addNew) || a->isEnabled(recalculate) ||
+                           b->isEnabled(addNew) || b->isEnabled(recalculate);
+    });
+    a->click(addNew);
+    EXPECT_FALSE(offeredDuringRun);
+    EXPECT_TRUE(a->hasEnded());
+    EXPECT_EQ(fitDocument.calculationCount, 10);
+    EXPECT_FALSE(b->hasEnded());
+    EXPECT_FALSE(b->isEnabled(addNew));
+    EXPECT_TRUE(b->isEnabled(recalculate));
+    HeadlessDialog* c = open(9);
+    c->focusOn(110);
+    EXPECT_FALSE(c->isEnabled(addNew));
+    EXPECT_TRUE(c->isEnabled(recalculate));
+}
+
+} // namespace
+} // namespace corvane
