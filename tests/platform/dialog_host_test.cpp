@@ -9,6 +9,7 @@
 #include <QPushButton>
 #include <QTest>
 #include <QTimer>
+#include <functional>
 #include <gtest/gtest.h>
 
 #include "platform/resources.h"
@@ -139,15 +140,28 @@ TEST_F(QtDialogHostTest, TheWidgetsReportTheUsersActionsToTheProcedure) {
     EXPECT_FALSE(window.isVisible());
 }
 
+// Acts on the modal dialog once it is up and visible (not before: the event loop may turn
+// before the dialog has shown).
+void whenModal(std::function<void(QWidget*)> action) {
+    auto* timer = new QTimer;
+    QObject::connect(timer, &QTimer::timeout, [timer, action] {
+        QWidget* modal = QApplication::activeModalWidget();
+        if (modal == nullptr || !modal->isVisible()) return;
+        timer->stop();
+        timer->deleteLater();
+        action(modal);
+    });
+    timer->start(5);
+}
+
 TEST_F(QtDialogHostTest, ModalDialogsEndByTheirProcedure) {
     Recorder recorder;
     QtDialogPort port;
     // Closed by the close box: the procedure decides the result.
-    QTimer::singleShot(0, [] { QApplication::activeModalWidget()->close(); });
+    whenModal([](QWidget* modal) { modal->close(); });
     EXPECT_EQ(port.dialogBox(recorder.dialog, recorder.procedure()), 7);
     // Enter presses the default button.
-    QTimer::singleShot(0,
-                       [] { QTest::keyClick(QApplication::activeModalWidget(), Qt::Key_Return); });
+    whenModal([](QWidget* modal) { QTest::keyClick(modal, Qt::Key_Return); });
     EXPECT_EQ(port.dialogBox(recorder.dialog, recorder.procedure()), 3);
     // A dialog ended while it initialises never shows.
     EXPECT_EQ(port.dialogBox(recorder.dialog,
@@ -162,8 +176,8 @@ TEST_F(QtDialogHostTest, MessageBoxesShowTheStylesButtonsAndIcon) {
     QtMessagePort port;
     QMessageBox::StandardButtons buttons;
     QMessageBox::Icon icon = QMessageBox::NoIcon;
-    QTimer::singleShot(0, [&] {
-        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+    whenModal([&](QWidget* modal) {
+        auto* box = qobject_cast<QMessageBox*>(modal);
         ASSERT_NE(box, nullptr);
         buttons = box->standardButtons();
         icon = box->icon();
@@ -185,8 +199,8 @@ TEST_F(QtDialogHostTest, TheOpenFileChooserOffersTheFiltersAndAppendsTheExtensio
                             dir.file("old.qpi")};
     QStringList filters;
     QString shown;
-    QTimer::singleShot(0, [&] {
-        auto* chooser = qobject_cast<QFileDialog*>(QApplication::activeModalWidget());
+    whenModal([&](QWidget* modal) {
+        auto* chooser = qobject_cast<QFileDialog*>(modal);
         ASSERT_NE(chooser, nullptr);
         filters = chooser->nameFilters();
         shown = chooser->selectedNameFilter();
@@ -197,7 +211,7 @@ TEST_F(QtDialogHostTest, TheOpenFileChooserOffersTheFiltersAndAppendsTheExtensio
     EXPECT_EQ(filters, QStringList({"Fitting input files (*.qpi)", "ALL Files (*.*)"}));
     EXPECT_EQ(shown, "ALL Files (*.*)");
 
-    QTimer::singleShot(0, [] { QApplication::activeModalWidget()->close(); });
+    whenModal([](QWidget* modal) { modal->close(); });
     EXPECT_FALSE(port.chooseOpenFile(request));
 }
 
