@@ -495,7 +495,7 @@ private:
         const std::string where = formatC("calculation # %d", n);
         for (FitParameter* parameter : fourParameters(calc)) parameter->uncertainty = std::nan("");
         for (FitParameter& j : calc.j) j.uncertainty = std::nan("");
-        enum Part { initial, initialJ, fitted, fittedJ, pairs, table, partCount };
+        enum SectionPart { initial, initialJ, fitted, fittedJ, pairs, table, partCount };
         std::array<bool, partCount> seen{};
         for (;;) {
             if (!row(where)) return false;
