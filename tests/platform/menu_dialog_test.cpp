@@ -115,48 +115,5 @@ TEST(HeadlessDialog, TypingClickingAndChoosingSendWhatRealControlsSend) {
     EXPECT_FALSE(dialog.type(100, "1")); // an ended dialog takes nothing
 }
 
-TEST(HeadlessDialog, AFailedCheckKeepsTheFocusInTheField) {
-    testing::RecordingPort messages;
-    Probe probe;
-    HeadlessDialog dialog(probe.dialog, probe.procedure());
-    dialog.open();
-    dialog.type(100, "a");
-    probe.log.clear();
-    EXPECT_TRUE(dialog.focusOn(300));
-    EXPECT_EQ(dialog.focus(), 100);
-    EXPECT_EQ(probe.log, std::vector<std::string>{n(100, Notification::EditFocusLost)});
-    EXPECT_EQ(messages.beeps.size(), 2u);
-}
-
-TEST(HeadlessDialogPort, RunsModalDialogsWithTheirUserAndKeepsModelessOnes) {
-    Probe probe;
-    HeadlessDialogPort port;
-    port.expect("DL_PROBE", [](HeadlessDialog& d) { d.click(2); });
-    EXPECT_EQ(dialogBox(probe.dialog, probe.procedure()), -5);
-    // Without a user the dialog is closed as by its system menu.
-    EXPECT_EQ(dialogBox(probe.dialog, probe.procedure()), 0);
-    EXPECT_EQ(probe.log.back(), "close");
-    // A procedure that never ends its dialog gives -1.
-    EXPECT_EQ(dialogBox(probe.dialog,
-                        [](Dialog&, DialogMessage, int, Notification) { return std::intptr_t{0}; }),
-              -1);
-
-    Dialog* opened = createDialog(probe.dialog, probe.procedure());
-    HeadlessDialog* modeless = port.modeless("DL_PROBE");
-    ASSERT_NE(modeless, nullptr);
-    EXPECT_EQ(opened, modeless);
-    modeless->closeBySystemMenu();
-    EXPECT_EQ(port.modeless("DL_PROBE"), nullptr);
-    EXPECT_EQ(port.opened().size(), 4u);
-
-    // A dialog ended while it initialises never takes input.
-    EXPECT_EQ(createDialog(probe.dialog,
-                           [](Dialog& d, DialogMessage m, int, Notification) {
-                               if (m == DialogMessage::Initialise) d.end(1);
-                               return std::intptr_t{1};
-                           }),
-              nullptr);
-}
-
 } // namespace
 } // namespace corvane

@@ -16,38 +16,15 @@
 #include "plot/plot_settings.h"
 #include "shell/commands.h"
 #include "shell/main_window.h"
-#include "support/fixtures.h"
-#include "support/stand_in_engine.h"
+#include "shell_fixture.h"
 
 namespace corvane {
 namespace {
 
-class QuietHost final : public ShellHost {
-public:
-    void setCursor(CursorShape) override {}
-    void captureMouse() override {}
-    void releaseMouse() override {}
-    void invalidate(bool) override {}
-    void update() override {}
-    void closeCover() override {}
-    void quit(int) override {}
-    void showLogFile(const std::string&) override {}
-    int clientWidth() const override { return 1024; }
-    int clientHeight() const override { return 705; }
-    void showBand(int, int, int, int) override {}
-    void hideBand() override {}
-};
-
 constexpr int addNew = 997, recalculate = 998, closeButton = 999;
 
-class InfoDialogTest : public ::testing::Test {
+class InfoDialogTest : public testing::ShellTest {
 protected:
-    void SetUp() override {
-        resetPlot();
-        startUp(host, screen);
-    }
-    void TearDown() override { unsetenv("CORVANE_ENGINE"); }
-
     // The dimer fitted once from its input file: one calculation, one J value, two pairs.
     void fitDimer() {
         testing::useScriptEngine(dir,
@@ -66,25 +43,10 @@ protected:
         createDialog(*findDialogTemplate("DL_INFO"), infoProcedure(calculation));
         return dialogs.modeless("DL_INFO");
     }
-    // The progress dialog, fed until it ends or closed when it waits; during runs first.
-    void expectProgress(std::function<void()> during = nullptr) {
-        dialogs.expect("DL_SPIN", [during](HeadlessDialog& d) {
-            if (during) during();
-            for (int round = 0; round < 2000 && !d.hasEnded() && d.tick(); ++round)
-                std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            if (!d.hasEnded()) d.click(1000);
-        });
-    }
     static void retype(HeadlessDialog& d, int id, const std::string& text) {
         d.clearText(id);
         d.type(id, text);
     }
-
-    QuietHost host;
-    RecordingSurface screen{1024, 768};
-    testing::ScratchDir dir;
-    testing::RecordingPort messages;
-    HeadlessDialogPort dialogs;
 };
 
 TEST_F(InfoDialogTest, APickOpensTheDialogFilledFromThePickedCalculation) {
@@ -263,7 +225,7 @@ TEST_F(InfoDialogTest, AddNewFitsANewLastCalculationAndIsGreyedAtTen) {
     b->focusOn(110);
     ASSERT_TRUE(a->isEnabled(addNew) && b->isEnabled(addNew) && b->isEnabled(recalculate));
     bool offeredDuringRun = true;
-    expectProgress([&] {
+    expectProgress(nullptr, [&] {
         offeredDuringRun = a->isEnabled(addNew) || a->isEnabled(recalculate) ||
                            b->isEnabled(addNew) || b->isEnabled(recalculate);
     });

@@ -19,45 +19,16 @@
 #include "plot/plot_settings.h"
 #include "shell/commands.h"
 #include "shell/main_window.h"
-#include "support/fixtures.h"
-#include "support/stand_in_engine.h"
+#include "shell_fixture.h"
 
 namespace corvane {
 namespace {
 
-class RecordingHost final : public ShellHost {
-public:
-    void setCursor(CursorShape) override {}
-    void captureMouse() override {}
-    void releaseMouse() override {}
-    void invalidate(bool) override { ++repaints; }
-    void update() override {}
-    void closeCover() override { coverOpen = false; }
-    void quit(int code) override { exitCode = code; }
-    void showLogFile(const std::string& path) override { log = path; }
-    int clientWidth() const override { return 1024; }
-    int clientHeight() const override { return 705; }
-    void showBand(int x0, int y0, int x1, int y1) override { band = {x0, y0, x1, y1}; }
-    void hideBand() override { band.clear(); }
-
-    int repaints = 0;
-    bool coverOpen = true;
-    int exitCode = -1;
-    std::string log;
-    std::vector<int> band;
-};
-
 using testing::dimerInput;
 using testing::dimerOutput;
 
-class MainWindowTest : public ::testing::Test {
+class MainWindowTest : public testing::ShellTest {
 protected:
-    void SetUp() override {
-        resetPlot();
-        startUp(host, screen);
-    }
-    void TearDown() override { unsetenv("CORVANE_ENGINE"); }
-
     bool send(WindowMessage message, int command = 0) {
         return MainWndProc({message, command, 0, 0, nullptr});
     }
@@ -80,27 +51,10 @@ protected:
         paintPlot(screen);
     }
 
-    void useEngine(const std::string& body) { testing::useScriptEngine(dir, body); }
     void useGoodEngine() {
         useEngine(std::string("echo 'iteration 1 deviation 0.5'\nprintf '") + dimerOutput +
                   "' > \"$out\"");
     }
-    // The progress dialog, fed until it ends or waits for Close; its status line then.
-    void expectProgress(std::string* status = nullptr, bool close = true) {
-        dialogs.expect("DL_SPIN", [status, close](HeadlessDialog& d) {
-            for (int round = 0; round < 2000 && !d.hasEnded() && d.tick(); ++round)
-                std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            if (status != nullptr) *status = d.text(100);
-            if (close && !d.hasEnded()) d.click(1000);
-        });
-    }
-
-    RecordingHost host;
-    RecordingSurface screen{1024, 768};
-    testing::ScratchDir dir;
-    testing::RecordingPort messages;
-    HeadlessDialogPort dialogs;
-    ScriptedChoosers choosers;
 };
 
 TEST_F(MainWindowTest, AtStartOnlyFileAndAboutAreUsableAndTheMarksFollowTheirFlags) {

@@ -1,0 +1,74 @@
+// The shell without a display: a host that records what the window procedure asks of it, and a
+// fixture with the headless dialogs, choosers and message port installed and the shell started.
+#pragma once
+
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/choosers.h"
+#include "platform/headless_dialog.h"
+#include "platform/recording_surface.h"
+#include "plot/plot_settings.h"
+#include "shell/main_window.h"
+#include "support/fixtures.h"
+#include "support/stand_in_engine.h"
+
+namespace corvane::testing {
+
+class RecordingHost final : public ShellHost {
+public:
+    void setCursor(CursorShape) override {}
+    void captureMouse() override {}
+    void releaseMouse() override {}
+    void invalidate(bool) override { ++repaints; }
+    void update() override {}
+    void closeCover() override { coverOpen = false; }
+    void quit(int code) override { exitCode = code; }
+    void showLogFile(const std::string& path) override { log = path; }
+    int clientWidth() const override { return 1024; }
+    int clientHeight() const override { return 705; }
+    void showBand(int x0, int y0, int x1, int y1) override { band = {x0, y0, x1, y1}; }
+    void hideBand() override { band.clear(); }
+
+    int repaints = 0;
+    bool coverOpen = true;
+    int exitCode = -1;
+    std::string log;
+    std::vector<int> band;
+};
+
+class ShellTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        resetPlot();
+        startUp(host, screen);
+    }
+    void TearDown() override { unsetenv("CORVANE_ENGINE"); }
+
+    void useEngine(const std::string& body) { useScriptEngine(dir, body); }
+    // The progress dialog of the next run: during (if any) first, then fed until it ends; when
+    // it waits for Close, its status line goes to status and Close is pressed.
+    void expectProgress(std::string* status = nullptr, std::function<void()> during = nullptr) {
+        dialogs.expect("DL_SPIN", [status, during](HeadlessDialog& d) {
+            if (during) during();
+            for (int round = 0; round < 2000 && !d.hasEnded() && d.tick(); ++round)
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            if (status != nullptr) *status = d.text(100);
+            if (!d.hasEnded()) d.click(1000);
+        });
+    }
+
+    RecordingHost host;
+    RecordingSurface screen{1024, 768};
+    ScratchDir dir;
+    RecordingPort messages;
+    HeadlessDialogPort dialogs;
+    ScriptedChoosers choosers;
+};
+
+} // namespace corvane::testing
