@@ -9,6 +9,7 @@
 #include "fit/fit_document.h"
 #include "fit/limits.h"
 #include "platform/resources.h"
+#include "shell/commands.h"
 #include "shell/main_window.h"
 #include "text/text.h"
 
@@ -174,6 +175,8 @@ void fit(InfoState& state, Dialog& dialog, bool addNew) {
     if (!rangeAccepted(dialog)) return;
     const int k = addNew ? count : state.calculation;
     Calculation& calc = doc.calculations[slot(k + 1)];
+    const Calculation before = calc;
+    const int current = doc.currentCalculation;
     if (addNew) {
         calc = Calculation{};
         doc.calculationCount = count + 1;
@@ -191,14 +194,22 @@ void fit(InfoState& state, Dialog& dialog, bool addNew) {
         calc.j[slot(n)].step = readReal(dialog, jStart(n) + stepOffset);
     }
     doc.currentCalculation = k;
-    if (!writeDialogEngineInput()) { // after its message; the new calculation is not kept
+    // Without results the document stays as its report has it: the calculation as it was, and
+    // no new one whose curve nobody fitted.
+    const auto restore = [&] {
+        calc = before;
         doc.calculationCount = count;
+        doc.currentCalculation = current;
+    };
+    if (!writeDialogEngineInput()) { // after its message
+        restore();
         return;
     }
     runInFlight = true;
     state.fitting = true;
     offerButtonsEverywhere();
     MainWndProc({WindowMessage::Command, idmRecalculate, 0, 0, nullptr});
+    if (!lastRunGaveResults()) restore();
     runInFlight = false;
     state.fitting = false;
     close(state, dialog);
@@ -238,6 +249,13 @@ std::intptr_t MOInfo(InfoState& state, Dialog& dialog, DialogMessage message, in
         return 0;
     }
     return 0;
+}
+
+void closeInfoDialogs() {
+    for (const std::weak_ptr<InfoState>& open : openInfos) {
+        const std::shared_ptr<InfoState> state = open.lock();
+        if (state && state->dialog != nullptr && !state->fitting) close(*state, *state->dialog);
+    }
 }
 
 DialogProc infoProcedure(int calculation) {

@@ -27,6 +27,10 @@ struct InfoState {
 std::intptr_t MOInfo(InfoState& state, Dialog& dialog, DialogMessage message, int control,
                      Notification notification);
 
+// Closes every open dialog but the one whose fit runs: for when the document is replaced, and
+// their calculations with it.
+void closeInfoDialogs();
+
 // A procedure for a new dialog bound to calculation (0-based), to open DL_INFO with.
 DialogProc infoProcedure(int calculation);
 

@@ -19,6 +19,8 @@ void newCommand();
 void openCommand();
 void plotCommand();
 void recalculateCommand();
+// Whether the latest run of the engine from the window gave results that were stored.
+bool lastRunGaveResults();
 
 // The progress dialog (DL_SPIN): runs the engine while it is shown and follows it from the
 // event loop; Interrupt asks the engine to stop with its best fit (a second time, at once), Log

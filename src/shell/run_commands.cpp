@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 
+#include "dialogs/info.h"
 #include "fit/engine_run.h"
 #include "fit/exchange_files.h"
 #include "fit/fit_document.h"
@@ -119,6 +120,8 @@ public:
 std::unique_ptr<SpinRun> spinRun;
 // The calculation (from 1) the next run's results go to; 0 the newest.
 int spinTarget = 0;
+// How the latest run ended.
+RunOutcome lastOutcome = RunOutcome::NoResults;
 
 // The log file view, as the desktop shows it.
 void showLog() {
@@ -156,14 +159,15 @@ namespace {
 // Runs the engine in DL_SPIN, its results going to calculation number calculation (from 1; 0
 // the newest); the outcome of the run.
 RunOutcome runEngineDialog(int calculation = 0) {
+    lastOutcome = RunOutcome::EngineNotStarted;
     const DialogTemplate* dialog = findDialogTemplate("DL_SPIN");
-    if (dialog == nullptr) return RunOutcome::EngineNotStarted;
+    if (dialog == nullptr) return lastOutcome;
     spinTarget = calculation;
     dialogBox(*dialog, spinBar);
     spinTarget = 0;
-    const RunOutcome outcome = spinRun ? spinRun->outcome() : RunOutcome::NoResults;
+    lastOutcome = spinRun ? spinRun->outcome() : RunOutcome::NoResults;
     spinRun.reset();
-    return outcome;
+    return lastOutcome;
 }
 
 void closeCover() {
@@ -177,6 +181,7 @@ const std::vector<FileFilter> reportFilters = {{"Fitting output files (*.qpo)", 
 
 // The input cycle of New and Open on runState.inputPath.
 void fitInputFile() {
+    closeInfoDialogs(); // their calculations belong to the problem being left
     if (!beginInputCycle()) return;
     if (runEngineDialog() == RunOutcome::Fitted) refreshAfterLoad(false);
 }
@@ -206,6 +211,7 @@ void openCommand() {
 
 void plotFile(const std::string& path) {
     closeCover();
+    closeInfoDialogs();
     if (plotReport(path)) refreshAfterLoad(false);
 }
 
@@ -226,6 +232,8 @@ void recalculateCommand() {
     beginRecalculation();
     if (runEngineDialog(target) == RunOutcome::Fitted) refreshAfterLoad(true);
 }
+
+bool lastRunGaveResults() { return lastOutcome == RunOutcome::Fitted; }
 
 void refreshAfterLoad(bool keepCurrent) {
     FitDocument& doc = fitDocument;

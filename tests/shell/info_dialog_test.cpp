@@ -181,22 +181,40 @@ TEST_F(InfoDialogTest, ReCalculateStoresIntoItsOwnCalculationAndItsResultsGoTher
     EXPECT_TRUE(messages.messages.empty());
 }
 
-TEST_F(InfoDialogTest, AFailedReCalculateStoresOnlyTheLiveJRowsAndStillCloses) {
+TEST_F(InfoDialogTest, AFitWithoutResultsLeavesTheDocumentAsItsReportHasIt) {
     fitDimer();
     FitDocument& doc = fitDocument;
-    doc.jCount = 3;
+    doc.jCount = 3; // the engine's output has one J value: no results
+    doc.calculations[0].j[1].start = 7.0;
     doc.calculations[0].j[3].start = 42.0; // a row above jCount
     HeadlessDialog* d = open(0);
     ASSERT_NE(d, nullptr);
     retype(*d, 2000, "5");
     retype(*d, 3010, "0.5");
-    expectProgress(); // the output has one J value: no results
+    bool storedLiveRowsOnly = false;
+    expectProgress(nullptr, [&] {
+        const Calculation& c = doc.calculations[0];
+        storedLiveRowsOnly = c.j[1].start == 5.0 && c.j[2].step == 0.5 && c.j[3].start == 42.0;
+    });
     d->click(recalculate);
-    EXPECT_TRUE(d->hasEnded());
-    EXPECT_EQ(doc.calculations[0].j[1].start, 5.0);
-    EXPECT_EQ(doc.calculations[0].j[2].step, 0.5);
-    EXPECT_EQ(doc.calculations[0].j[3].start, 42.0);
+    EXPECT_TRUE(storedLiveRowsOnly);
+    EXPECT_TRUE(d->hasEnded()); // whatever the outcome
+    EXPECT_EQ(doc.calculations[0].j[1].start, 7.0);
+
+    HeadlessDialog* e = open(0);
+    retype(*e, 2000, "6");
+    expectProgress();
+    e->click(addNew);
+    EXPECT_TRUE(e->hasEnded());
     EXPECT_EQ(doc.calculationCount, 1);
+    EXPECT_EQ(doc.currentCalculation, 0);
+
+    // Dialogs of a problem that is left close with it.
+    HeadlessDialog* f = open(0);
+    doc.jCount = 1;
+    expectProgress();
+    openInputFile(dir.file("cu2.qpi"));
+    EXPECT_TRUE(f->hasEnded());
 }
 
 TEST_F(InfoDialogTest, AddNewFitsANewLastCalculationAndIsGreyedAtTen) {
