@@ -214,6 +214,7 @@ void QtDialog::build() {
         }
         }
         c.widget->setGeometry(rect);
+        c.widget->setObjectName(QString::number(t.id)); // found by its control id
         c.widget->setEnabled((t.style & csDisabled) == 0);
         if ((t.style & csTabStop) == 0 && c.button == nullptr && c.field == nullptr &&
             c.list == nullptr && c.combo == nullptr)

@@ -7,6 +7,7 @@
 #include <QMenuBar>
 #include <QMimeData>
 #include <QPlainTextEdit>
+#include <QLineEdit>
 #include <QScrollBar>
 #include <QTest>
 #include <QUrl>
@@ -19,6 +20,7 @@
 #include "platform/resources.h"
 #include "plot/axes.h"
 #include "plot/plot_settings.h"
+#include "qt/dialog_host.h"
 #include "qt/main_window_host.h"
 #include "support/fixtures.h"
 
@@ -54,6 +56,8 @@ protected:
         doc->pairs[1] = {300, 0.7};
         doc->calculationCount = 1;
         doc->currentCalculation = 0;
+        doc->calculations[0].fittedValues[0] = 0.5;
+        doc->calculations[0].fittedValues[1] = 0.7;
         return dir.write("cu2.qpo", reportText(*doc, "d"));
     }
     void drop(const std::string& path) {
@@ -153,6 +157,44 @@ TEST_F(MainWindowHostTest, ADroppedReportIsPlottedWithTheFrameInBlack) {
     EXPECT_EQ(plot.pixelColor(midX, top - 3), QColor(Qt::white));
     EXPECT_EQ(plot.pixelColor(2, 2), QColor(Qt::white));
     EXPECT_EQ(plot.pixelColor(plot.width() - 3, plot.height() - 3), QColor(Qt::white));
+}
+
+TEST_F(MainWindowHostTest, ADetailsClickOpensTheCurvesParametersAndAZoomDragGrowsTheFrame) {
+    QtDialogPort dialogs(host.get());
+    setDialogPort(&dialogs);
+    drop(writeReport());
+    ASSERT_EQ(plotSettings.plotLoaded, 1);
+    QWidget& plot = host->plotWidget();
+
+    host->action(idmDetails)->trigger();
+    EXPECT_EQ(plot.cursor().shape(), Qt::CrossCursor);
+    // Midway along the curve's only segment.
+    QTest::mouseClick(&plot, Qt::LeftButton, {}, QPoint(plotX(151.0), plotY(0.6)));
+    QWidget* info = nullptr;
+    for (QWidget* w : QApplication::topLevelWidgets())
+        if (w->isVisible() && w->windowTitle() == "Fitting Parameter Information") info = w;
+    ASSERT_NE(info, nullptr);
+    auto* number = info->findChild<QLineEdit*>("700");
+    ASSERT_NE(number, nullptr);
+    EXPECT_EQ(number->text(), "1");
+    info->close();
+
+    // Fixed ratio: the zoom grows by the pointer's travel over the plot's device height.
+    host->action(idmZoomByMouse)->trigger();
+    plot.grab(); // laid out at the present zoom
+    const int width = plotLayout.frameRight - plotLayout.frameLeft;
+    const QPoint from(plot.width() / 2, plot.height() / 2);
+    QTest::mousePress(&plot, Qt::LeftButton, {}, from);
+    QMouseEvent move(QEvent::MouseMove, QPointF(from + QPoint(20, 10)),
+                     plot.mapToGlobal(QPointF(from + QPoint(20, 10))), Qt::NoButton,
+                     Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(&plot, &move);
+    QTest::mouseRelease(&plot, Qt::LeftButton, {}, from + QPoint(20, 10));
+    const double factor = 1.0 + 30.0 / plotLayout.deviceHeight;
+    EXPECT_FLOAT_EQ(plotSettings.zoom, static_cast<float>(factor));
+    plot.grab();
+    EXPECT_NEAR(plotLayout.frameRight - plotLayout.frameLeft, width * factor, 2.0);
+    setDialogPort(nullptr);
 }
 
 TEST_F(MainWindowHostTest, TheLogWindowFollowsItsFileToTheEnd) {
