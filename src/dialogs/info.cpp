@@ -1,5 +1,7 @@
 #include "dialogs/info.h"
 
+#include "dialogs/fields.h"
+
 #include <array>
 #include <cmath>
 #include <string>
@@ -64,17 +66,10 @@ bool isEditable(int id) {
 }
 
 // A field's text as it is read: its first 14 characters, blanks trimmed at both ends.
-std::string fieldText(const Dialog& dialog, int id) {
-    std::array<char, fieldLength + 1> buffer{};
-    const std::string text = dialog.text(id);
-    text.copy(buffer.data(), fieldLength);
-    trimLeft(buffer.data());
-    trimRight(buffer.data());
-    return buffer.data();
-}
+std::string field(const Dialog& dialog, int id) { return fieldText(dialog, id, fieldLength); }
 
-double readReal(const Dialog& dialog, int id) { return readLeadingReal(fieldText(dialog, id)); }
-int readInteger(const Dialog& dialog, int id) { return readLeadingInteger(fieldText(dialog, id)); }
+double readReal(const Dialog& dialog, int id) { return readLeadingReal(field(dialog, id)); }
+int readInteger(const Dialog& dialog, int id) { return readLeadingInteger(field(dialog, id)); }
 
 void showCount(Dialog& dialog, int id, int value) {
     dialog.setText(id, formatC("%u", static_cast<unsigned>(value)));
@@ -133,14 +128,10 @@ void close(InfoState& state, Dialog& dialog) {
 
 // Whenever an editable field reports anything: its text must be a number of its kind.
 void check(InfoState& state, Dialog& dialog, int id) {
-    const std::string text = fieldText(dialog, id);
     const bool integer = id == firstPairField || id == lastPairField;
-    if (integer ? isInteger(text.c_str()) : isReal(text.c_str())) {
+    if (checkField(dialog, id, integer ? FieldKind::Integer : FieldKind::Real, fieldLength)) {
         state.edited = true;
         offerButtons(state);
-    } else {
-        dialog.beep();
-        dialog.setFocus(id);
     }
 }
 
@@ -156,8 +147,7 @@ bool rangeAccepted(Dialog& dialog) {
     else if (last < first || last > pairs)
         offending = lastPairField;
     if (offending == 0) return true;
-    dialog.beep();
-    dialog.setFocus(offending);
+    refuse(dialog, offending);
     return false;
 }
 

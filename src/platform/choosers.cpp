@@ -42,6 +42,35 @@ std::optional<std::string> chooseOpenFile(const OpenFileRequest& request) {
     return currentPort->chooseOpenFile(request);
 }
 
+std::optional<SavedFile> chooseSaveFile(const SaveFileRequest& request) {
+    return currentPort->chooseSaveFile(request);
+}
+
+std::optional<FontChoice> chooseFont(Colour initialColour) {
+    return currentPort->chooseFont(initialColour);
+}
+
+namespace {
+
+template <typename T> std::optional<T> next(std::deque<std::optional<T>>& answers) {
+    if (answers.empty()) return {};
+    std::optional<T> answer = std::move(answers.front());
+    answers.pop_front();
+    return answer;
+}
+
+} // namespace
+
+std::optional<SavedFile> ScriptedChoosers::chooseSaveFile(const SaveFileRequest& request) {
+    saveRequests.push_back(request);
+    return next(saveAnswers);
+}
+
+std::optional<FontChoice> ScriptedChoosers::chooseFont(Colour initialColour) {
+    fontRequests.push_back(initialColour);
+    return next(fontAnswers);
+}
+
 std::optional<std::string> ScriptedChoosers::chooseOpenFile(const OpenFileRequest& request) {
     requests.push_back(request);
     if (answers.empty()) return {};

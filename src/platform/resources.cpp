@@ -155,6 +155,191 @@ DialogTemplate dlInfo() {
     return d;
 }
 
+// The buttons OK, Cancel and Help side by side at y, centred across width, Help disabled.
+void addButtonRow(DialogTemplate& d, int okId, int cancelId, int y) {
+    const int left = (d.width - 3 * 50 - 2 * 20) / 2;
+    d.controls.push_back({okId, Kind::Button, "OK", left, y, 50, 14, csTabStop | csDefault});
+    d.controls.push_back({cancelId, Kind::Button, "Cancel", left + 70, y, 50, 14, csTabStop});
+    d.controls.push_back(
+        {995, Kind::Button, "Help", left + 140, y, 50, 14, csTabStop | csDisabled});
+}
+
+constexpr unsigned numberField = csBorder | csTabStop;
+constexpr int numberLength = 14;
+
+// The displayed ranges: for each axis a read-only row with the range in force and an editable
+// row with the new one.
+DialogTemplate dlSelDos() {
+    DialogTemplate d;
+    d.name = "DL_SELDOS";
+    d.title = "Chi - T Display Range ";
+    d.x = 50;
+    d.y = 50;
+    d.width = 244;
+    d.height = 180;
+    d.fontFace = "MS Sans Serif";
+    d.style = dsCaption | dsSystemMenu | dsModalFrame;
+    struct Group {
+        int id;
+        const char* title;
+        int labels; // ids of the six labels: labels .. labels + 5
+        const char* unit;
+        int current, fresh; // ids of the from fields; the to fields are 100 further
+        int y;
+    };
+    const Group groups[] = {{1, "Teparature Range", 11, "K", 100, 300, 6},
+                            {2, "Chi (ChiT) Range", 17, "", 101, 301, 76}};
+    for (const Group& g : groups) {
+        d.controls.push_back({g.id, Kind::GroupBox, g.title, 8, g.y, 228, 62});
+        const char* const first[] = {"From", "to", g.unit};
+        const char* const second[] = {"Display from", "to", g.unit};
+        for (int row = 0; row < 2; ++row) {
+            const int y = g.y + 16 + 22 * row;
+            const char* const* texts = row == 0 ? first : second;
+            const int from = row == 0 ? g.current : g.fresh;
+            const unsigned style = row == 0 ? unsigned{csReadOnly} : numberField;
+            const int length = row == 0 ? 0 : numberLength;
+            d.controls.push_back({g.labels + 3 * row, Kind::Static, texts[0], 14, y + 2, 46, 10});
+            d.controls.push_back({from, Kind::Edit, "", 62, y, 66, 12, style, length});
+            d.controls.push_back(
+                {g.labels + 3 * row + 1, Kind::Static, texts[1], 132, y + 2, 12, 10});
+            d.controls.push_back({from + 100, Kind::Edit, "", 146, y, 66, 12, style, length});
+            d.controls.push_back(
+                {g.labels + 3 * row + 2, Kind::Static, texts[2], 216, y + 2, 14, 10});
+        }
+    }
+    addButtonRow(d, 998, 999, 154);
+    return d;
+}
+
+// Titles, ranges and numbering of the axes, and the label font.
+DialogTemplate dlLabel() {
+    DialogTemplate d;
+    d.name = "DL_LABEL";
+    d.title = "Labeling...";
+    d.x = 50;
+    d.y = 50;
+    d.width = 301;
+    d.height = 318;
+    d.fontFace = "MS Sans Serif";
+    d.style = dsCaption | dsSystemMenu | dsModalFrame;
+    constexpr int titleLength = 79;
+    d.controls = {
+        {10, Kind::Static, "The label for x-axis:", 10, 6, 140, 10},
+        {100, Kind::Edit, "", 10, 17, 281, 12, numberField, titleLength},
+        {20, Kind::Static, "The label for y-axis:", 10, 34, 140, 10},
+        {200, Kind::Edit, "", 10, 45, 281, 12, numberField, titleLength},
+    };
+    struct Group {
+        int id;
+        const char* title;
+        int minLabel, maxLabel, fromLabel, toLabel, intervalLabel, digitsLabel, minorLabel;
+        int base; // the minimum field; maximum base + 1, from base + 100, to base + 101,
+                  // interval base + 110, digits base + 120, minor intervals base + 130
+        int y;
+    };
+    const Group groups[] = {
+        {40, "Numerical labels for Temperature", 3, 4, 41, 42, 43, 44, 36, 300, 64},
+        {45, "Numerical labels for Chi:", 5, 6, 46, 49, 47, 48, 37, 600, 162},
+    };
+    for (const Group& g : groups) {
+        d.controls.push_back({g.id, Kind::GroupBox, g.title, 6, g.y, 289, 92});
+        const int y = g.y + 14;
+        auto pair = [&d](int labelId, const char* label, int x, int rowY, int field) {
+            d.controls.push_back({labelId, Kind::Static, label, x, rowY + 2, 60, 10});
+            d.controls.push_back(
+                {field, Kind::Edit, "", x + 62, rowY, 70, 12, numberField, numberLength});
+        };
+        pair(g.minLabel, "Minimum value:", 14, y, g.base);
+        pair(g.maxLabel, "Maximum value:", 152, y, g.base + 1);
+        pair(g.fromLabel, "From:", 14, y + 18, g.base + 100);
+        pair(g.toLabel, "To:", 152, y + 18, g.base + 101);
+        pair(g.intervalLabel, "Major interval:", 14, y + 36, g.base + 110);
+        pair(g.digitsLabel, "decimal digits:", 152, y + 36, g.base + 120);
+        d.controls.push_back(
+            {g.minorLabel, Kind::Static, "Number of minor intervals:", 14, y + 56, 100, 10});
+        d.controls.push_back(
+            {g.base + 130, Kind::Edit, "", 114, y + 54, 32, 12, numberField, numberLength});
+    }
+    d.controls.push_back({500, Kind::Button, "Text font", 10, 266, 60, 14, csTabStop});
+    addButtonRow(d, 998, 999, 294);
+    return d;
+}
+
+// Colours, markers, line styles and the pen width.
+DialogTemplate dlStyle() {
+    DialogTemplate d;
+    d.name = "DL_STYLE";
+    d.title = "Curve Attributes";
+    d.x = 30;
+    d.y = 10;
+    d.width = 248;
+    d.height = 265;
+    d.fontFace = "MS Sans Serif";
+    d.style = dsCaption | dsSystemMenu | dsModalFrame;
+    constexpr unsigned list = csDropDownList | csTabStop;
+    d.controls = {
+        {1, Kind::GroupBox, "Width", 8, 4, 232, 30},
+        {1000, Kind::ComboBox, "", 60, 14, 54, 80, csDropDown | csTabStop, 11},
+        {-1, Kind::GroupBox, "Color", 8, 38, 112, 196},
+        {-1, Kind::GroupBox, "Style", 128, 38, 112, 196},
+        {20, Kind::Static, "Expt.", 16, 52, 40, 10},
+        {100, Kind::ComboBox, "", 58, 50, 56, 80, list},
+        {31, Kind::Static, "Expt.", 136, 52, 34, 10},
+        {200, Kind::ComboBox, "", 170, 50, 64, 80, list},
+    };
+    for (int n = 1; n <= 10; ++n) {
+        const int y = 50 + 16 * n;
+        const std::string label = "Fitted " + std::to_string(n);
+        d.controls.push_back({9 + n, Kind::Static, label, 16, y + 2, 40, 10});
+        d.controls.push_back({100 + n, Kind::ComboBox, "", 58, y, 56, 80, list});
+        d.controls.push_back({20 + n, Kind::Static, label, 136, y + 2, 34, 10});
+        d.controls.push_back({200 + n, Kind::ComboBox, "", 170, y, 64, 80, list});
+    }
+    addButtonRow(d, 999, 998, 242);
+    return d;
+}
+
+// The zoom ratio and border width dialogs: one box of presets that also takes a typed value.
+DialogTemplate dlOneBox(const char* name, const char* title) {
+    DialogTemplate d;
+    d.name = name;
+    d.title = title;
+    d.x = 80;
+    d.y = 50;
+    d.width = 145;
+    d.height = 67;
+    d.fontFace = "MS Sans Serif";
+    d.style = dsCaption | dsModalFrame;
+    d.controls = {
+        {100, Kind::ComboBox, "", 10, 6, 70, 56, csTabStop, 11},
+        {999, Kind::Button, "OK", 89, 6, 46, 14, csTabStop | csDefault},
+        {998, Kind::Button, "Cancel", 89, 25, 46, 14, csTabStop},
+        {995, Kind::Button, "Help", 89, 44, 46, 14, csTabStop | csDisabled},
+    };
+    return d;
+}
+
+DialogTemplate dlBorder() {
+    DialogTemplate d;
+    d.name = "DL_BORDER";
+    d.title = "Border Ratio";
+    d.x = 80;
+    d.y = 50;
+    d.width = 220;
+    d.height = 146;
+    d.fontFace = "MS Sans Serif";
+    d.style = dsCaption | dsModalFrame;
+    d.controls = {
+        {10, Kind::GroupBox, "Horizontal", 8, 4, 98, 112},
+        {100, Kind::ComboBox, "", 16, 17, 82, 92, csTabStop, 11},
+        {20, Kind::GroupBox, "Vertical", 114, 4, 98, 112},
+        {200, Kind::ComboBox, "", 122, 17, 82, 92, csTabStop, 11},
+    };
+    addButtonRow(d, 999, 998, 124);
+    return d;
+}
+
 } // namespace
 
 Menu loadMenu(std::string_view name) {
@@ -163,7 +348,15 @@ Menu loadMenu(std::string_view name) {
 }
 
 const DialogTemplate* findDialogTemplate(std::string_view name) {
-    static const std::array<DialogTemplate, 3> templates{dlAbout(), dlSpin(), dlInfo()};
+    static const std::array<DialogTemplate, 9> templates{dlAbout(),
+                                                         dlSpin(),
+                                                         dlInfo(),
+                                                         dlSelDos(),
+                                                         dlLabel(),
+                                                         dlStyle(),
+                                                         dlOneBox("DL_ZOOM", "Zoom Ratio"),
+                                                         dlBorder(),
+                                                         dlOneBox("DL_BORDERW", "Border Width")};
     for (const DialogTemplate& d : templates)
         if (d.name == name) return &d;
     return nullptr;

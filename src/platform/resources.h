@@ -43,8 +43,8 @@ enum MenuCommand : int {
 // menu when there is no such resource.
 Menu loadMenu(std::string_view name);
 
-// The dialog template named name ("DL_ABOUT", "DL_SPIN", "DL_INFO"); nullptr when there is
-// none.
+// The dialog template named name ("DL_ABOUT", "DL_SPIN", "DL_INFO", "DL_SELDOS", "DL_LABEL",
+// "DL_STYLE", "DL_ZOOM", "DL_BORDER", "DL_BORDERW"); nullptr when there is none.
 const DialogTemplate* findDialogTemplate(std::string_view name);
 
 } // namespace corvane

@@ -190,6 +190,7 @@ void QtDialog::build() {
                 if (c.combo->isEditable()) {
                     c.combo->setInsertPolicy(QComboBox::NoInsert);
                     c.field = c.combo->lineEdit();
+                    if (t.maxLength > 0) c.field->setMaxLength(t.maxLength);
                 }
                 // The template's height includes the dropped list.
                 rect.setHeight(c.combo->sizeHint().height());
@@ -197,6 +198,7 @@ void QtDialog::build() {
             } else { // simple: the field above a list that is always shown
                 c.widget = new QWidget(&w);
                 c.field = new QLineEdit(c.widget);
+                if (t.maxLength > 0) c.field->setMaxLength(t.maxLength);
                 c.list = new QListWidget(c.widget);
                 c.list->setFocusPolicy(Qt::NoFocus); // the focus stays in the field
                 int fieldHeight = c.field->sizeHint().height();

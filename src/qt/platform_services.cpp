@@ -1,10 +1,18 @@
 #include "qt/platform_services.h"
 
 #include <QApplication>
+#include <QComboBox>
+#include <QDialogButtonBox>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QFontDialog>
+#include <QFormLayout>
 #include <QMessageBox>
+#include <QPixmap>
+#include <QScreen>
+#include <QVBoxLayout>
 #include <QWidget>
+#include <cmath>
 
 namespace corvane {
 
@@ -47,17 +55,121 @@ int QtMessagePort::messageBox(const std::string& text, const std::string& captio
 
 void QtMessagePort::beep(unsigned) { QApplication::beep(); }
 
+namespace {
+
+QStringList nameFilters(const std::vector<FileFilter>& filters) {
+    QStringList names;
+    for (const FileFilter& filter : filters) {
+        QString description = QString::fromStdString(filter.description);
+        QString pattern = QString::fromStdString(filter.pattern);
+        names << (description.endsWith("(" + pattern + ")") ? description
+                                                            : description + " (" + pattern + ")");
+    }
+    return names;
+}
+
+// "png" of "*.png"; "" for "*.*".
+QString extensionOf(const FileFilter& filter) {
+    const QString pattern = QString::fromStdString(filter.pattern);
+    return pattern.startsWith("*.") && !pattern.mid(2).contains('*') ? pattern.mid(2) : QString();
+}
+
+// The colours a font's colour is chosen from, as desktop font choosers offer them.
+struct NamedColour {
+    const char* name;
+    Colour colour;
+};
+constexpr NamedColour fontColours[] = {
+    {"Black", 0x000000},  {"Maroon", 0x000080},  {"Green", 0x008000}, {"Olive", 0x008080},
+    {"Navy", 0x800000},   {"Purple", 0x800080},  {"Teal", 0x808000},  {"Gray", 0x808080},
+    {"Silver", 0xC0C0C0}, {"Red", 0x0000FF},     {"Lime", 0x00FF00},  {"Yellow", 0x00FFFF},
+    {"Blue", 0xFF0000},   {"Fuchsia", 0xFF00FF}, {"Aqua", 0xFFFF00},  {"White", 0xFFFFFF},
+};
+
+QColor qColour(Colour c) { return QColor(int(redOf(c)), int(greenOf(c)), int(blueOf(c))); }
+
+} // namespace
+
+std::optional<SavedFile> QtChooserPort::chooseSaveFile(const SaveFileRequest& request) {
+    QFileDialog dialog(owner_);
+    dialog.setAcceptMode(QFileDialog::AcceptSave);
+    const QStringList filters = nameFilters(request.filters);
+    dialog.setNameFilters(filters);
+    // A bare name gets the extension of the filter in force, before the dialog asks whether
+    // to replace a file of that name.
+    const auto follow = [&](const QString& chosen) {
+        const qsizetype index = filters.indexOf(chosen);
+        if (index >= 0) dialog.setDefaultSuffix(extensionOf(request.filters[std::size_t(index)]));
+    };
+    QObject::connect(&dialog, &QFileDialog::filterSelected, &dialog, follow);
+    if (request.filterIndex >= 1 && request.filterIndex <= filters.size()) {
+        dialog.selectNameFilter(filters[request.filterIndex - 1]);
+        follow(filters[request.filterIndex - 1]);
+    }
+    if (!request.initialPath.empty()) {
+        QFileInfo initial(QString::fromStdString(request.initialPath));
+        dialog.setDirectory(initial.absolutePath());
+        dialog.selectFile(initial.fileName());
+    }
+    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty()) return {};
+    const qsizetype index = filters.indexOf(dialog.selectedNameFilter());
+    return SavedFile{dialog.selectedFiles().first().toStdString(), index >= 0 ? int(index) + 1 : 1};
+}
+
+std::optional<FontChoice> QtChooserPort::chooseFont(Colour initialColour) {
+    QDialog dialog(owner_);
+    dialog.setWindowTitle(QStringLiteral("Font"));
+    auto* fonts = new QFontDialog(&dialog);
+    fonts->setWindowFlags(Qt::Widget);
+    fonts->setOptions(QFontDialog::NoButtons | QFontDialog::DontUseNativeDialog |
+                      QFontDialog::ScalableFonts | QFontDialog::NonScalableFonts);
+    auto* colours = new QComboBox(&dialog);
+    int initialRow = -1;
+    for (const NamedColour& c : fontColours) {
+        QPixmap swatch(16, 16);
+        swatch.fill(qColour(c.colour));
+        colours->addItem(QIcon(swatch), QString::fromLatin1(c.name), QVariant(c.colour));
+        if (c.colour == initialColour) initialRow = colours->count() - 1;
+    }
+    if (initialRow < 0) { // a colour of another origin stays choosable
+        QPixmap swatch(16, 16);
+        swatch.fill(qColour(initialColour));
+        colours->addItem(QIcon(swatch), QStringLiteral("Custom"), QVariant(initialColour));
+        initialRow = colours->count() - 1;
+    }
+    colours->setCurrentIndex(initialRow);
+    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, &dialog);
+    QObject::connect(buttons, &QDialogButtonBox::accepted, &dialog, &QDialog::accept);
+    QObject::connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
+    auto* colourRow = new QFormLayout;
+    colourRow->addRow(QStringLiteral("&Colour:"), colours);
+    auto* layout = new QVBoxLayout(&dialog);
+    layout->addWidget(fonts);
+    layout->addLayout(colourRow);
+    layout->addWidget(buttons);
+    if (dialog.exec() != QDialog::Accepted) return {};
+
+    const QFont font = fonts->currentFont();
+    FontChoice choice;
+    // As a screen font's description gives it: the character height in pixels, negative.
+    const QScreen* screen = owner_ != nullptr ? owner_->screen() : QGuiApplication::primaryScreen();
+    const double dpi = screen != nullptr ? screen->logicalDotsPerInchY() : 96.0;
+    const double points = font.pointSizeF() > 0 ? font.pointSizeF() : 12.0;
+    choice.font.lfHeight = -static_cast<int>(std::lround(points * dpi / 72.0));
+    choice.font.lfWeight = font.weight();
+    choice.font.lfItalic = font.italic() ? 1 : 0;
+    choice.font.lfUnderline = font.underline() ? 1 : 0;
+    choice.font.lfStrikeOut = font.strikeOut() ? 1 : 0;
+    setFaceName(choice.font, font.family().toLatin1().toStdString());
+    choice.colour = colours->currentData().toUInt();
+    return choice;
+}
+
 std::optional<std::string> QtChooserPort::chooseOpenFile(const OpenFileRequest& request) {
     QFileDialog dialog(owner_);
     dialog.setAcceptMode(QFileDialog::AcceptOpen);
     dialog.setFileMode(QFileDialog::AnyFile);
-    QStringList filters;
-    for (const FileFilter& filter : request.filters) {
-        QString description = QString::fromStdString(filter.description);
-        QString pattern = QString::fromStdString(filter.pattern);
-        filters << (description.endsWith("(" + pattern + ")") ? description
-                                                              : description + " (" + pattern + ")");
-    }
+    const QStringList filters = nameFilters(request.filters);
     dialog.setNameFilters(filters);
     if (request.filterIndex >= 1 && request.filterIndex <= filters.size())
         dialog.selectNameFilter(filters[request.filterIndex - 1]);

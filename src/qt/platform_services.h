@@ -23,6 +23,9 @@ class QtChooserPort final : public ChooserPort {
 public:
     explicit QtChooserPort(QWidget* owner = nullptr) : owner_(owner) {}
     std::optional<std::string> chooseOpenFile(const OpenFileRequest& request) override;
+    std::optional<SavedFile> chooseSaveFile(const SaveFileRequest& request) override;
+    // Qt's font dialog with a colour box below it, in one window.
+    std::optional<FontChoice> chooseFont(Colour initialColour) override;
 
 private:
     QWidget* owner_;

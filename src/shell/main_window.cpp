@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "dialogs/info.h"
+#include "dialogs/plot_dialogs.h"
 #include "fit/fit_document.h"
 #include "fit/run_state.h"
 #include "platform/resources.h"
@@ -47,13 +48,6 @@ void toggleByMark(int& flag, int item) {
 
 void openDialog(const char* name, DialogProc procedure) {
     if (const DialogTemplate* dialog = findDialogTemplate(name)) dialogBox(*dialog, procedure);
-}
-
-// A settings dialog whose procedure is not there yet ends as its Cancel would.
-std::intptr_t notYet(Dialog& dialog, DialogMessage message, int, Notification) {
-    if (message != DialogMessage::Initialise) return 0;
-    dialog.end(0);
-    return 1;
 }
 
 // [SECTION] Mouse modes: switching them
@@ -185,30 +179,30 @@ const CommandRow commandTable[] = {
     {idmZoomByMouse, idmZoomByMouse, [](int) { toggleZoomByMouse(); }},
     {idmSelectCustomize, idmSelectCustomize,
      [](int) {
-         openDialog("DL_SELDOS", notYet);
+         openDialog("DL_SELDOS", SelectDOS);
          repaint();
          endMouseModes();
      }},
     {idmZoomCustomize, idmZoomCustomize,
      [](int) {
-         openDialog("DL_ZOOM", notYet);
-         if (plotSettings.fixedAspect == 0) openDialog("DL_BORDER", notYet);
+         openDialog("DL_ZOOM", Zoom);
+         if (plotSettings.fixedAspect == 0) openDialog("DL_BORDER", Border);
          endZoom();
          repaint();
      }},
     {idmBorderWidth, idmBorderWidth,
      [](int) {
-         openDialog("DL_BORDERW", notYet);
+         openDialog("DL_BORDERW", BorderWidth);
          repaint();
      }},
     {idmLabel, idmLabel,
      [](int) {
-         openDialog("DL_LABEL", notYet);
+         openDialog("DL_LABEL", Label);
          repaint();
      }},
     {idmCurveAttributes, idmCurveAttributes,
      [](int) {
-         openDialog("DL_STYLE", notYet);
+         openDialog("DL_STYLE", Style);
          repaint();
      }},
 };

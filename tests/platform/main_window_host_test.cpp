@@ -3,11 +3,11 @@
 #include <QAction>
 #include <QApplication>
 #include <QDropEvent>
+#include <QLineEdit>
 #include <QMenu>
 #include <QMenuBar>
 #include <QMimeData>
 #include <QPlainTextEdit>
-#include <QLineEdit>
 #include <QScrollBar>
 #include <QTest>
 #include <QUrl>
@@ -186,8 +186,8 @@ TEST_F(MainWindowHostTest, ADetailsClickOpensTheCurvesParametersAndAZoomDragGrow
     const QPoint from(plot.width() / 2, plot.height() / 2);
     QTest::mousePress(&plot, Qt::LeftButton, {}, from);
     QMouseEvent move(QEvent::MouseMove, QPointF(from + QPoint(20, 10)),
-                     plot.mapToGlobal(QPointF(from + QPoint(20, 10))), Qt::NoButton,
-                     Qt::LeftButton, Qt::NoModifier);
+                     plot.mapToGlobal(QPointF(from + QPoint(20, 10))), Qt::NoButton, Qt::LeftButton,
+                     Qt::NoModifier);
     QApplication::sendEvent(&plot, &move);
     QTest::mouseRelease(&plot, Qt::LeftButton, {}, from + QPoint(20, 10));
     const double factor = 1.0 + 30.0 / plotLayout.deviceHeight;

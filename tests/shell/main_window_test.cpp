@@ -32,7 +32,6 @@ protected:
     bool send(WindowMessage message, int command = 0) {
         return MainWndProc({message, command, 0, 0, nullptr});
     }
-    bool command(int id) { return send(WindowMessage::Command, id); }
     void mouse(WindowMessage message, int x, int y) { MainWndProc({message, 0, x, y, nullptr}); }
     // A document of two calculations on a straight rising line, laid out on the screen.
     void loadLine() {

@@ -51,6 +51,7 @@ protected:
     void TearDown() override { unsetenv("CORVANE_ENGINE"); }
 
     void useEngine(const std::string& body) { useScriptEngine(dir, body); }
+    bool command(int id) { return MainWndProc({WindowMessage::Command, id, 0, 0, nullptr}); }
     // The progress dialog of the next run: during (if any) first, then fed until it ends; when
     // it waits for Close, its status line goes to status and Close is pressed.
     void expectProgress(std::string* status = nullptr, std::function<void()> during = nullptr) {

@@ -1,0 +1,454 @@
+#include "dialogs/plot_dialogs.h"
+
+#include <array>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "dialogs/fields.h"
+#include "fit/fit_document.h"
+#include "platform/choosers.h"
+#include "platform/messages.h"
+#include "plot/plot_settings.h"
+#include "text/text.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr int helpButton = 995;
+constexpr int numberLength = 14; // characters of a numeric field that are read
+constexpr int boxLength = 11;    // characters of a zoom, border or width box that are read
+
+bool isEditNotification(Notification n) {
+    return n == Notification::EditChanged || n == Notification::EditFocusGained ||
+           n == Notification::EditFocusLost;
+}
+
+void showFloat(Dialog& dialog, int id, float value) {
+    dialog.setText(id, formatC("%f", static_cast<double>(value)));
+}
+
+// A float field scanned at OK: its number, or value as it was when it holds none.
+float scannedFloat(const Dialog& dialog, int id, float value) {
+    scanReal(fieldText(dialog, id, numberLength), value);
+    return value;
+}
+
+// Numbering of five major intervals spanning the range exactly.
+void numberRange(AxisScale& axis) {
+    axis.labelTo = axis.max;
+    axis.labelFrom = axis.min;
+    axis.majorInterval = (axis.labelTo - axis.labelFrom) / 5.0f;
+}
+
+// [SECTION] Display range
+
+enum RangeControl : int {
+    rangeTMin = 100,
+    rangeTMax = 200,
+    rangeChiMin = 101,
+    rangeChiMax = 201,
+    newTMin = 300,
+    newTMax = 400,
+    newChiMin = 301,
+    newChiMax = 401,
+    rangeOk = 998,
+    rangeCancel = 999,
+};
+
+// The new range of one axis from its two fields; false after refusing it (an end that is not
+// finite, or no width at all).
+bool readRange(Dialog& dialog, const AxisScale& old, int fromId, int toId, AxisScale& axis) {
+    axis = old;
+    axis.min = scannedFloat(dialog, fromId, old.min);
+    axis.max = scannedFloat(dialog, toId, old.max);
+    if (!std::isfinite(axis.min)) {
+        refuse(dialog, fromId);
+        return false;
+    }
+    if (!std::isfinite(axis.max) || axis.min == axis.max) {
+        refuse(dialog, toId);
+        return false;
+    }
+    numberRange(axis);
+    return true;
+}
+
+// [SECTION] Labeling
+
+// The fields of one axis in DL_LABEL.
+struct AxisFields {
+    AxisScale PlotSettings::*axis;
+    int min, max, from, to, interval, digits, minorCount;
+};
+constexpr std::array<AxisFields, 2> axisFields = {{
+    {&PlotSettings::tAxis, 300, 301, 400, 401, 410, 420, 430},
+    {&PlotSettings::chiAxis, 600, 601, 700, 701, 710, 720, 730},
+}};
+enum LabelControl : int {
+    xTitleField = 100,
+    yTitleField = 200,
+    fontButton = 500,
+    labelOk = 998,
+    labelCancel = 999,
+};
+constexpr int maxDigits = 10; // decimals a number of the axes may have
+
+std::optional<FieldKind> labelFieldKind(int id) {
+    for (const AxisFields& f : axisFields) {
+        for (int real : {f.min, f.max, f.from, f.to, f.interval})
+            if (id == real) return FieldKind::Real;
+        if (id == f.digits || id == f.minorCount) return FieldKind::Integer;
+    }
+    return std::nullopt;
+}
+
+// One axis as the fields give it; false after refusing what the plot cannot number.
+bool readAxis(Dialog& dialog, const AxisFields& f, AxisScale& axis) {
+    axis = plotSettings.*f.axis;
+    const std::array<std::pair<int, float AxisScale::*>, 5> reals = {
+        {{f.min, &AxisScale::min},
+         {f.max, &AxisScale::max},
+         {f.from, &AxisScale::labelFrom},
+         {f.to, &AxisScale::labelTo},
+         {f.interval, &AxisScale::majorInterval}}};
+    for (const auto& [id, field] : reals) {
+        axis.*field = scannedFloat(dialog, id, axis.*field);
+        if (!std::isfinite(axis.*field)) {
+            refuse(dialog, id);
+            return false;
+        }
+    }
+    axis.digits = unsignedValue(fieldText(dialog, f.digits, numberLength));
+    axis.minorCount = unsignedValue(fieldText(dialog, f.minorCount, numberLength));
+    int offending = 0;
+    if (axis.min == axis.max)
+        offending = f.max;
+    else if (!(axis.majorInterval > 0))
+        offending = f.interval;
+    else if (axis.digits > maxDigits)
+        offending = f.digits;
+    else if (axis.minorCount < 1)
+        offending = f.minorCount;
+    if (offending == 0) return true;
+    refuse(dialog, offending);
+    return false;
+}
+
+void copyTitle(std::array<char, axisLabelSize>& title, const std::string& text) {
+    title.fill('\0');
+    text.copy(title.data(), title.size() - 1);
+}
+
+// [SECTION] Curve attributes
+
+enum StyleControl : int {
+    widthBox = 1000,
+    experimentalColourBox = 100, // curve n: 100 + n
+    experimentalMarkerBox = 200, // curve n: style 200 + n
+    styleOk = 999,
+    styleCancel = 998,
+};
+constexpr int widthCount = 5;
+
+void fillRows(Dialog& dialog, int id, const char* const* names, int count, int row) {
+    for (int k = 0; k < count; ++k) dialog.addRow(id, names[k]);
+    dialog.select(id, row);
+}
+
+// The row chosen in box id, or keep when none is.
+int chosenRow(const Dialog& dialog, int id, int keep) {
+    const int row = dialog.selection(id);
+    return row >= 0 ? row : keep;
+}
+
+// [SECTION] Zoom ratio, border ratio and border width
+
+enum BoxControl : int {
+    firstBox = 100,
+    secondBox = 200, // the border ratio's vertical factor
+    boxOk = 999,
+    boxCancel = 998,
+};
+constexpr std::array<const char*, 12> zoomRows = {"8.0", "5.0", "3.0",  "1.0",  "0.8",  "0.5",
+                                                  "0.3", "0.1", "0.08", "0.05", "0.03", "0.01"};
+constexpr std::array<const char*, 6> borderRows = {"3.0", "1.0", "0.8", "0.5", "0.3", "0.1"};
+constexpr std::array<const char*, 10> widthRows = {"1", "2", "3", "4", "5",
+                                                   "6", "7", "8", "9", "10"};
+
+template <std::size_t N>
+void fillBox(Dialog& dialog, int id, const std::array<const char*, N>& rows, int choice) {
+    dialog.clearRows(id);
+    fillRows(dialog, id, rows.data(), static_cast<int>(N), choice);
+}
+
+// The value of box id at OK. Its chosen row is remembered in choice at once (-1: a typed value).
+// False after refusing the text (beep, focus in the box); true with no value when the text,
+// though it passes, holds no number.
+bool readRatio(Dialog& dialog, int id, int& choice, std::optional<float>& value) {
+    choice = dialog.selection(id);
+    const std::string text =
+        choice >= 0 ? dialog.rowText(id, choice) : fieldText(dialog, id, boxLength);
+    value.reset();
+    float scanned = 0;
+    if (!passes(text, FieldKind::Real) ||
+        (scanReal(text, scanned) && !(scanned > 0 && std::isfinite(scanned)))) {
+        refuse(dialog, id);
+        return false;
+    }
+    if (scanReal(text, scanned)) value = scanned;
+    return true;
+}
+
+// setting multiplied by the factor read from box id, if any; refused (false) when the product
+// would not be a positive, finite size.
+bool applyFactor(Dialog& dialog, int id, float& setting, const std::optional<float>& factor) {
+    if (!factor) return true;
+    const float product = setting * *factor;
+    if (!(product > 0) || !std::isfinite(product)) {
+        refuse(dialog, id);
+        return false;
+    }
+    setting = product;
+    return true;
+}
+
+// Cancel of the three: only after Yes to the question.
+void confirmCancel(Dialog& dialog) {
+    if (messageBox("Are you sure to cancel ?", "Warning...", mbYesNo | mbIconQuestion) == idYes)
+        dialog.end(0);
+}
+
+// What the three have in common: the disabled Help, Cancel, and the close command.
+std::intptr_t boxDialog(Dialog& dialog, DialogMessage message, int control,
+                        const std::function<void()>& fill, const std::function<void()>& ok) {
+    switch (message) {
+    case DialogMessage::Initialise:
+        dialog.disable(helpButton);
+        fill();
+        return 1;
+    case DialogMessage::Command:
+        if (control == boxOk) ok();
+        if (control == boxCancel) confirmCancel(dialog);
+        return 1;
+    case DialogMessage::Close:
+        dialog.end(0);
+        return 1;
+    case DialogMessage::Timer:
+        return 0;
+    }
+    return 0;
+}
+
+} // namespace
+
+std::intptr_t SelectDOS(Dialog& dialog, DialogMessage message, int control,
+                        Notification notification) {
+    PlotSettings& s = plotSettings;
+    switch (message) {
+    case DialogMessage::Initialise:
+        for (int id : {rangeTMin, newTMin}) showFloat(dialog, id, s.tAxis.min);
+        for (int id : {rangeTMax, newTMax}) showFloat(dialog, id, s.tAxis.max);
+        for (int id : {rangeChiMin, newChiMin}) showFloat(dialog, id, s.chiAxis.min);
+        for (int id : {rangeChiMax, newChiMax}) showFloat(dialog, id, s.chiAxis.max);
+        dialog.disable(helpButton);
+        return 1;
+    case DialogMessage::Command:
+        if (control == rangeOk) {
+            AxisScale t, chi;
+            if (!readRange(dialog, s.tAxis, newTMin, newTMax, t) ||
+                !readRange(dialog, s.chiAxis, newChiMin, newChiMax, chi))
+                return 1;
+            s.tAxis = t;
+            s.chiAxis = chi;
+            dialog.end(1);
+        } else if (control == rangeCancel) {
+            dialog.end(0);
+        } else if ((control == newTMin || control == newTMax || control == newChiMin ||
+                    control == newChiMax) &&
+                   isEditNotification(notification)) {
+            checkField(dialog, control, FieldKind::Real, numberLength);
+        }
+        return 1;
+    case DialogMessage::Close:
+        dialog.end(0);
+        return 1;
+    case DialogMessage::Timer:
+        return 0;
+    }
+    return 0;
+}
+
+std::intptr_t Label(Dialog& dialog, DialogMessage message, int control, Notification notification) {
+    PlotSettings& s = plotSettings;
+    switch (message) {
+    case DialogMessage::Initialise:
+        dialog.setText(xTitleField, s.xAxisLabel.data());
+        dialog.setText(yTitleField, s.yAxisLabel.data());
+        for (const AxisFields& f : axisFields) {
+            const AxisScale& a = s.*f.axis;
+            showFloat(dialog, f.min, a.min);
+            showFloat(dialog, f.max, a.max);
+            showFloat(dialog, f.from, a.labelFrom);
+            showFloat(dialog, f.to, a.labelTo);
+            showFloat(dialog, f.interval, a.majorInterval);
+            dialog.setText(f.digits, formatC("%u", static_cast<unsigned>(a.digits)));
+            dialog.setText(f.minorCount, formatC("%u", static_cast<unsigned>(a.minorCount)));
+        }
+        dialog.disable(helpButton);
+        return 1;
+    case DialogMessage::Command:
+        if (control == labelOk) {
+            std::array<AxisScale, axisFields.size()> axes;
+            for (std::size_t k = 0; k < axisFields.size(); ++k)
+                if (!readAxis(dialog, axisFields[k], axes[k])) return 1;
+            copyTitle(s.xAxisLabel, dialog.text(xTitleField));
+            copyTitle(s.yAxisLabel, dialog.text(yTitleField));
+            for (std::size_t k = 0; k < axisFields.size(); ++k) s.*axisFields[k].axis = axes[k];
+            dialog.end(1);
+        } else if (control == labelCancel) {
+            dialog.end(0);
+        } else if (control == fontButton && notification == Notification::Clicked) {
+            // In force at once, whether the dialog is then confirmed or cancelled.
+            if (const std::optional<FontChoice> chosen = chooseFont(s.labelColour)) {
+                s.labelFont = chosen->font;
+                s.labelColour = chosen->colour;
+            }
+        } else if (const std::optional<FieldKind> kind = labelFieldKind(control);
+                   kind && isEditNotification(notification)) {
+            checkField(dialog, control, *kind, numberLength);
+        }
+        return 1;
+    case DialogMessage::Close:
+        dialog.end(0);
+        return 1;
+    case DialogMessage::Timer:
+        return 0;
+    }
+    return 0;
+}
+
+std::intptr_t Style(Dialog& dialog, DialogMessage message, int control, Notification) {
+    PlotSettings& s = plotSettings;
+    CurveAttributes& c = s.curves;
+    switch (message) {
+    case DialogMessage::Initialise: {
+        const int shown = s.experimentalShown == 1 ? c.experimentalMarker : -1;
+        fillRows(dialog, experimentalColourBox, plotColourNames.data(), plotColourCount,
+                 c.experimentalColour);
+        fillRows(dialog, experimentalMarkerBox, markerKindNames.data(), markerKindCount, shown);
+        for (int n = 1; n <= maxCalculations; ++n) {
+            const std::size_t k = static_cast<std::size_t>(n - 1);
+            fillRows(dialog, experimentalColourBox + n, plotColourNames.data(), plotColourCount,
+                     c.curveColour[k]);
+            fillRows(dialog, experimentalMarkerBox + n, lineStyleNames.data(), lineStyleCount,
+                     c.curveStyle[k]);
+            const bool live = n <= fitDocument.calculationCount;
+            dialog.enable(experimentalColourBox + n, live);
+            dialog.enable(experimentalMarkerBox + n, live);
+        }
+        for (int w = 1; w <= widthCount; ++w) dialog.addRow(widthBox, formatC("%d", w));
+        dialog.select(widthBox, c.penWidthChoice);
+        dialog.disable(helpButton);
+        return 1;
+    }
+    case DialogMessage::Command:
+        if (control == styleOk) {
+            const int row = dialog.selection(widthBox);
+            char text[boxLength + 1] = {};
+            (row >= 0 ? dialog.rowText(widthBox, row) : dialog.text(widthBox))
+                .copy(text, boxLength);
+            trimLeft(text);
+            trimRight(text);
+            if (!isInteger(text)) {
+                refuse(dialog, widthBox);
+                return 1;
+            }
+            const int width = readLeadingInteger(text);
+            if (width < 1 || width > widthCount) {
+                dialog.beep();
+                messageBox("Width value range: 1 - 5 !", "Warning...", mbOk);
+                dialog.setFocus(widthBox);
+                return 1;
+            }
+            c.penWidthChoice = width - 1;
+            c.penWidth = width;
+            c.experimentalColour = chosenRow(dialog, experimentalColourBox, c.experimentalColour);
+            c.experimentalMarker = chosenRow(dialog, experimentalMarkerBox, c.experimentalMarker);
+            for (int n = 1; n <= maxCalculations; ++n) {
+                const std::size_t k = static_cast<std::size_t>(n - 1);
+                c.curveColour[k] = chosenRow(dialog, experimentalColourBox + n, c.curveColour[k]);
+                c.curveStyle[k] = chosenRow(dialog, experimentalMarkerBox + n, c.curveStyle[k]);
+            }
+            dialog.end(1);
+        } else if (control == styleCancel) {
+            dialog.end(0);
+        }
+        return 1;
+    case DialogMessage::Close:
+        dialog.end(0);
+        return 1;
+    case DialogMessage::Timer:
+        return 0;
+    }
+    return 0;
+}
+
+std::intptr_t Zoom(Dialog& dialog, DialogMessage message, int control, Notification) {
+    PlotSettings& s = plotSettings;
+    return boxDialog(
+        dialog, message, control, [&] { fillBox(dialog, firstBox, zoomRows, s.zoomChoice); },
+        [&] {
+            std::optional<float> factor;
+            if (!readRatio(dialog, firstBox, s.zoomChoice, factor) ||
+                !applyFactor(dialog, firstBox, s.zoom, factor))
+                return;
+            dialog.end(1);
+        });
+}
+
+std::intptr_t Border(Dialog& dialog, DialogMessage message, int control, Notification) {
+    PlotSettings& s = plotSettings;
+    return boxDialog(
+        dialog, message, control,
+        [&] {
+            fillBox(dialog, firstBox, borderRows, s.horizontalRatioChoice);
+            fillBox(dialog, secondBox, borderRows, s.verticalRatioChoice);
+        },
+        [&] {
+            // Each factor is applied as soon as it is read: a refused vertical factor leaves
+            // the horizontal one applied, and the next OK applies it again.
+            std::optional<float> factor;
+            if (!readRatio(dialog, firstBox, s.horizontalRatioChoice, factor) ||
+                !applyFactor(dialog, firstBox, s.horizontalRatio, factor) ||
+                !readRatio(dialog, secondBox, s.verticalRatioChoice, factor) ||
+                !applyFactor(dialog, secondBox, s.verticalRatio, factor))
+                return;
+            dialog.end(1);
+        });
+}
+
+std::intptr_t BorderWidth(Dialog& dialog, DialogMessage message, int control, Notification) {
+    PlotSettings& s = plotSettings;
+    return boxDialog(
+        dialog, message, control, [&] { fillBox(dialog, firstBox, widthRows, s.frameWidthChoice); },
+        [&] {
+            s.frameWidthChoice = dialog.selection(firstBox);
+            const std::string text = s.frameWidthChoice >= 0
+                                         ? dialog.rowText(firstBox, s.frameWidthChoice)
+                                         : fieldText(dialog, firstBox, boxLength);
+            int width = 0;
+            const bool number = scanInteger(text, width);
+            if (!passes(text, FieldKind::Integer) || (number && width < 1)) {
+                refuse(dialog, firstBox);
+                return;
+            }
+            if (number) s.frameLineWidth = width;
+            dialog.end(1);
+        });
+}
+
+} // namespace corvane
