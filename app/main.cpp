@@ -19,6 +19,7 @@
 #include "qt/dialog_host.h"
 #include "qt/main_window_host.h"
 #include "qt/platform_services.h"
+#include "qt/printer_port.h"
 
 namespace {
 
@@ -72,9 +73,11 @@ int main(int argc, char** argv) {
     corvane::QtMessagePort messages;
     corvane::QtChooserPort choosers(&window);
     corvane::QtDialogPort dialogs(&window);
+    corvane::QtPrinterPort printers(&window);
     corvane::setMessagePort(&messages);
     corvane::setChooserPort(&choosers);
     corvane::setDialogPort(&dialogs);
+    corvane::setPrinterPort(&printers);
 
     const QScreen* screen = QGuiApplication::primaryScreen();
     if (screen == nullptr) {
@@ -90,6 +93,7 @@ int main(int argc, char** argv) {
         QTimer::singleShot(0, &window, [path] { corvane::openFile(path); });
     }
     const int status = QApplication::exec();
+    corvane::setPrinterPort(nullptr);
     corvane::setDialogPort(nullptr);
     corvane::setChooserPort(nullptr);
     corvane::setMessagePort(nullptr);

@@ -20,6 +20,7 @@ std::vector<MenuItem> menuMenu() {
                     {Item::command(idmNew, "&New..."), Item::command(idmOpen, "&Open..."),
                      Item::command(idmPlot, "P&lot..."), Item::command(idmPrint, "&Print..."),
                      Item::command(idmPrintSetup, "Print &Setup..."),
+                     Item::command(idmExportPlot, "&Export Plot..."),
                      Item::command(idmExit, "E&xit")}),
         Item::command(idmDetails, "&Details", false),
         Item::popup("D&isplay",

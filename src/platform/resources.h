@@ -16,6 +16,7 @@ enum MenuCommand : int {
     idmPlot = 102,
     idmPrint = 103,
     idmPrintSetup = 104,
+    idmExportPlot = 105,
     idmExit = 106,
     idmRecalculate = 123, // no item: sent by the fitting parameter dialog
     idmDetails = 200,

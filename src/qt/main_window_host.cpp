@@ -25,6 +25,7 @@
 #include "plot/plot_settings.h"
 #include "qt/painter_surface.h"
 #include "qt/platform_services.h"
+#include "qt/plot_export.h"
 
 // The resources are compiled into this static library; their registration is called for.
 static void registerResources() { Q_INIT_RESOURCE(corvane); }
@@ -236,6 +237,7 @@ void MainWindowHost::buildMenuBar() {
         QKeySequence keys;
     } shortcuts[] = {{idmOpen, QKeySequence(Qt::CTRL | Qt::Key_O)},
                      {idmPlot, QKeySequence(Qt::CTRL | Qt::Key_L)},
+                     {idmPrint, QKeySequence(Qt::CTRL | Qt::Key_P)},
                      {idmExit, QKeySequence(Qt::CTRL | Qt::Key_Q)}};
     for (const auto& shortcut : shortcuts)
         if (QAction* a = action(shortcut.id)) a->setShortcut(shortcut.keys);
@@ -316,6 +318,11 @@ void MainWindowHost::quit(int exitCode) { QApplication::exit(exitCode); }
 
 int MainWindowHost::clientWidth() const { return plot_->width(); }
 int MainWindowHost::clientHeight() const { return plot_->height(); }
+
+bool MainWindowHost::savePlot(const std::string& path, std::string& error) {
+    const ShownSurface shown{screen_.metrics, screen_.dotsPerInch};
+    return exportPlot(path, clientWidth(), clientHeight(), error, &shown);
+}
 
 void MainWindowHost::showBand(int x0, int y0, int x1, int y1) {
     if (band_ == nullptr) band_ = new BandOverlay(plot_);

@@ -70,6 +70,7 @@ public:
     int clientHeight() const override;
     void showBand(int x0, int y0, int x1, int y1) override;
     void hideBand() override;
+    bool savePlot(const std::string& path, std::string& error) override;
 
 protected:
     void closeEvent(QCloseEvent* event) override;

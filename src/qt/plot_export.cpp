@@ -66,20 +66,24 @@ Format formatOf(const std::string& path) {
 }
 
 // paintPlot on painter's device, whose coordinates are mapped to width x height pixels.
-void paintOn(QPainter& painter, int width, int height) {
+void paintOn(QPainter& painter, int width, int height, const ShownSurface* shownAs) {
     painter.setWindow(0, 0, width, height);
     painter.fillRect(0, 0, width, height, Qt::white);
-    const DeviceMetrics metrics{width, height, width * 25.4 / exportDpi, height * 25.4 / exportDpi};
-    PainterSurface surface(painter, metrics, exportDpi);
+    const DeviceMetrics metrics =
+        shownAs != nullptr
+            ? shownAs->metrics
+            : DeviceMetrics{width, height, width * 25.4 / exportDpi, height * 25.4 / exportDpi};
+    PainterSurface surface(painter, metrics, shownAs != nullptr ? shownAs->dotsPerInch : exportDpi);
     const int referenceWidth = plotLayout.referenceWidth;
-    plotLayout.referenceWidth = width;
+    plotLayout.referenceWidth = metrics.horizontalResolution;
     paintPlot(surface);
     plotLayout.referenceWidth = referenceWidth;
 }
 
 } // namespace
 
-bool exportPlot(const std::string& outputPath, int width, int height, std::string& error) {
+bool exportPlot(const std::string& outputPath, int width, int height, std::string& error,
+                const ShownSurface* shownAs) {
     const Format format = formatOf(outputPath);
     if (format == Format::Unknown) {
         error = "unknown picture format of " + outputPath + ": use .png, .pdf or .svg";
@@ -103,7 +107,7 @@ bool exportPlot(const std::string& outputPath, int width, int height, std::strin
         image.setDotsPerMeterY(dotsPerMeter);
         QPainter painter;
         if (painter.begin(&image)) {
-            paintOn(painter, width, height);
+            paintOn(painter, width, height, shownAs);
             painter.end();
             painted = image.save(&buffer, "PNG");
         }
@@ -117,7 +121,7 @@ bool exportPlot(const std::string& outputPath, int width, int height, std::strin
         writer.setTitle(QStringLiteral("Corvane plot"));
         QPainter painter;
         if (painter.begin(&writer)) {
-            paintOn(painter, width, height);
+            paintOn(painter, width, height, shownAs);
             painted = painter.end();
         }
     } else {
@@ -129,7 +133,7 @@ bool exportPlot(const std::string& outputPath, int width, int height, std::strin
         generator.setTitle(QStringLiteral("Corvane plot"));
         QPainter painter;
         if (painter.begin(&generator)) {
-            paintOn(painter, width, height);
+            paintOn(painter, width, height, shownAs);
             painted = painter.end();
         }
     }

@@ -3,9 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "platform/dialog.h"
+#include "platform/printing.h"
 
 namespace corvane {
 
@@ -21,6 +23,17 @@ void plotCommand();
 void recalculateCommand();
 // Whether the latest run of the engine from the window gave results that were stored.
 bool lastRunGaveResults();
+
+// File > Print (command 103): the print dialog, then one page of the plot as the window shows
+// it, laid out on the printer's page, under the report's name; "Cannot print!" when the dialog
+// is cancelled or no printer surface can be made. A printer chosen in Print Setup (104) is
+// where the next Print's dialog starts; each Print after that starts on the default printer.
+void printCommand();
+void printSetupCommand();
+// The printer surface that the print dialog gives; nullptr when cancelled or none can be made.
+std::unique_ptr<PrinterSurface> choosePrinter();
+// File > Export Plot (105): the plot at the window's size as a PNG, PDF or SVG file.
+void exportPlotCommand();
 
 // The progress dialog (DL_SPIN): runs the engine while it is shown and follows it from the
 // event loop; Interrupt asks the engine to stop with its best fit (a second time, at once), Log

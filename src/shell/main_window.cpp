@@ -125,6 +125,9 @@ const CommandRow commandTable[] = {
     {idmNew, idmNew, [](int) { newCommand(); }},
     {idmOpen, idmOpen, [](int) { openCommand(); }},
     {idmPlot, idmPlot, [](int) { plotCommand(); }},
+    {idmPrint, idmPrint, [](int) { printCommand(); }},
+    {idmPrintSetup, idmPrintSetup, [](int) { printSetupCommand(); }},
+    {idmExportPlot, idmExportPlot, [](int) { exportPlotCommand(); }},
     {idmExit, idmExit,
      [](int) {
          if (shell.host != nullptr) shell.host->quit(0);
@@ -335,6 +338,7 @@ void startUp(ShellHost& host, Surface& screen) {
     shell = Shell{};
     shell.menu = loadMenu("MenuMenu");
     shell.host = &host;
+    shell.printSetup.flags = pdReturnDc | pdNoPageNums | pdNoSelection;
     runState.reset();
     measureDevice(screen);
     initPlotSettings();

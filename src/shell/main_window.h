@@ -10,6 +10,7 @@
 
 #include "platform/choosers.h"
 #include "platform/menu.h"
+#include "platform/printing.h"
 #include "platform/surface.h"
 
 namespace corvane {
@@ -54,6 +55,9 @@ public:
     // drawn over the plot as it is, without painting the plot again; hideBand removes it.
     virtual void showBand(int x0, int y0, int x1, int y1) = 0;
     virtual void hideBand() = 0;
+    // The plot as the window shows it, at the window's size, written to path as PNG, PDF or
+    // SVG by its extension; false with the reason in error.
+    virtual bool savePlot(const std::string& path, std::string& error) = 0;
 };
 
 // The state of the shell: the menu of the main window and its mouse modes.
@@ -66,6 +70,7 @@ struct Shell {
     int dragging = 0;                   // the left button went down in select or zoom mode
     int dragStartX = 0, dragStartY = 0; // where the drag began, client pixels
     int dragLastX = 0, dragLastY = 0;   // its last accepted position
+    PrintSetup printSetup;              // the print dialog's record; its printer lasts a Print
 };
 
 // The calculation (0-based) whose shown fitted curve passes within 4 pixels vertically of

@@ -7,10 +7,14 @@
 #include <QMenu>
 #include <QMenuBar>
 #include <QMimeData>
+#include <QPageLayout>
 #include <QPlainTextEdit>
+#include <QPrinter>
 #include <QScrollBar>
+#include <QSvgRenderer>
 #include <QTest>
 #include <QUrl>
+#include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <memory>
@@ -22,6 +26,8 @@
 #include "plot/plot_settings.h"
 #include "qt/dialog_host.h"
 #include "qt/main_window_host.h"
+#include "qt/platform_services.h"
+#include "qt/printer_port.h"
 #include "support/fixtures.h"
 
 namespace corvane {
@@ -92,11 +98,12 @@ TEST_F(MainWindowHostTest, TheMenuBarMirrorsTheShellsMenu) {
         EXPECT_EQ(bar[k]->isEnabled(), k == 0 || k == 6) << k;
     }
     ASSERT_NE(bar[0]->menu(), nullptr);
-    EXPECT_EQ(bar[0]->menu()->actions().size(), 6);
+    EXPECT_EQ(bar[0]->menu()->actions().size(), 7);
     EXPECT_EQ(host->action(idmOpen)->shortcut(), QKeySequence("Ctrl+O"));
     EXPECT_EQ(host->action(idmPlot)->shortcut(), QKeySequence("Ctrl+L"));
     EXPECT_EQ(host->action(idmExit)->shortcut(), QKeySequence("Ctrl+Q"));
-    EXPECT_TRUE(host->action(idmPrint)->shortcut().isEmpty());
+    EXPECT_EQ(host->action(idmPrint)->shortcut(), QKeySequence("Ctrl+P"));
+    EXPECT_EQ(host->action(idmExportPlot)->text().toStdString(), "&Export Plot...");
 
     // Checkable only while checked; a command's mark follows the shell, not Qt's own toggle.
     QAction* fixRatio = host->action(idmFixRatio);
@@ -195,6 +202,72 @@ TEST_F(MainWindowHostTest, ADetailsClickOpensTheCurvesParametersAndAZoomDragGrow
     plot.grab();
     EXPECT_NEAR(plotLayout.frameRight - plotLayout.frameLeft, width * factor, 2.0);
     setDialogPort(nullptr);
+}
+
+// The darkest pixel of row y within reach of x, as a grey level.
+int darkestNear(const QImage& image, int x, int y, int reach) {
+    int darkest = 255;
+    for (int at = std::max(0, x - reach); at <= std::min(image.width() - 1, x + reach); ++at)
+        darkest = std::min(darkest, qGray(image.pixel(at, y)));
+    return darkest;
+}
+
+TEST_F(MainWindowHostTest, PrintGivesOnePdfPageOfThePlotAndExportWritesTheThreeFormats) {
+    // The print dialog: cancelled once, then printing to a PDF file.
+    const std::string pdf = dir.file("printed.pdf");
+    int shown = 0;
+    QPageLayout page;
+    int resolution = 0;
+    QtPrinterPort printers(host.get(), [&](QPrinter& printer, bool) {
+        if (shown++ == 0) return false;
+        printer.setOutputFormat(QPrinter::PdfFormat);
+        printer.setOutputFileName(QString::fromStdString(pdf));
+        page = printer.pageLayout();
+        resolution = printer.resolution();
+        return true;
+    });
+    setPrinterPort(&printers);
+    drop(writeReport());
+    host->action(idmPrint)->trigger();
+    ASSERT_EQ(messages.messages.size(), 1u);
+    EXPECT_EQ(messages.messages[0].text, "Cannot print!");
+    host->action(idmPrint)->trigger();
+    setPrinterPort(nullptr);
+
+    // One page, with the left side of the frame where the printer's layout put it.
+    const PlotLayout printed = plotLayout;
+    const std::string prefix = dir.file("page");
+    const std::string render = "pdftoppm -r 100 -png '" + pdf + "' '" + prefix + "'";
+    ASSERT_EQ(std::system(render.c_str()), 0);
+    EXPECT_EQ(dir.listing().find("page-2"), std::string::npos);
+    QImage image(QString::fromStdString(prefix + "-1.png"));
+    ASSERT_FALSE(image.isNull());
+    const QRect paint = page.paintRectPixels(resolution);
+    const double scale = 100.0 / resolution;
+    const int midY = int((paint.top() + (printed.frameTop + printed.frameBottom) / 2) * scale);
+    const int left = int((paint.left() + printed.frameLeft - frameMarginX()) * scale);
+    EXPECT_LT(darkestNear(image, left, midY, 3), 100);
+    EXPECT_EQ(darkestNear(image, left - 40, midY, 3), 255); // white outside
+
+    // Export Plot: each format opens, the PNG at the window's size with the frame where the
+    // window has it.
+    ScriptedChoosers choosers;
+    for (const char* name : {"plot.png", "plot.pdf", "plot.svg"})
+        choosers.saveAnswers.push_back(SavedFile{dir.file(name), 1});
+    const QImage window = host->plotWidget().grab().toImage();
+    const PlotLayout shownLayout = plotLayout;
+    for (int k = 0; k < 3; ++k) host->action(idmExportPlot)->trigger();
+    const QImage png(QString::fromStdString(dir.file("plot.png")));
+    ASSERT_EQ(png.size(), window.size());
+    const int y = (shownLayout.frameTop + shownLayout.frameBottom) / 2;
+    const int x = shownLayout.frameLeft - frameMarginX();
+    EXPECT_EQ(png.pixelColor(x, y), QColor(Qt::black));
+    EXPECT_EQ(png.pixelColor(x - 3, y), QColor(Qt::white));
+    EXPECT_TRUE(QSvgRenderer(QString::fromStdString(dir.file("plot.svg"))).isValid());
+    const std::string pdfPages =
+        "pdftoppm -r 10 -png '" + dir.file("plot.pdf") + "' '" + dir.file("export") + "'";
+    EXPECT_EQ(std::system(pdfPages.c_str()), 0);
+    EXPECT_EQ(messages.messages.size(), 1u);
 }
 
 TEST_F(MainWindowHostTest, TheLogWindowFollowsItsFileToTheEnd) {

@@ -22,9 +22,9 @@ namespace corvane::testing {
 
 class RecordingHost final : public ShellHost {
 public:
-    void setCursor(CursorShape) override {}
-    void captureMouse() override {}
-    void releaseMouse() override {}
+    void setCursor(CursorShape shape) override { cursor = shape; }
+    void captureMouse() override { captured = true; }
+    void releaseMouse() override { captured = false; }
     void invalidate(bool) override { ++repaints; }
     void update() override {}
     void closeCover() override { coverOpen = false; }
@@ -34,12 +34,21 @@ public:
     int clientHeight() const override { return 705; }
     void showBand(int x0, int y0, int x1, int y1) override { band = {x0, y0, x1, y1}; }
     void hideBand() override { band.clear(); }
+    bool savePlot(const std::string& path, std::string& error) override {
+        saved.push_back(path);
+        error = saveError;
+        return saveError.empty();
+    }
 
+    CursorShape cursor = CursorShape::Arrow;
+    bool captured = false;
     int repaints = 0;
     bool coverOpen = true;
     int exitCode = -1;
     std::string log;
     std::vector<int> band;
+    std::vector<std::string> saved;
+    std::string saveError; // "" saves
 };
 
 class ShellTest : public ::testing::Test {
