@@ -123,6 +123,10 @@ std::optional<FontChoice> QtChooserPort::chooseFont(Colour initialColour) {
     fonts->setWindowFlags(Qt::Widget);
     fonts->setOptions(QFontDialog::NoButtons | QFontDialog::DontUseNativeDialog |
                       QFontDialog::ScalableFonts | QFontDialog::NonScalableFonts);
+    // No font of the plot is preselected: the dialog starts on the desktop's own.
+    QFont start = QApplication::font();
+    start.setPointSize(12);
+    fonts->setCurrentFont(start);
     auto* colours = new QComboBox(&dialog);
     int initialRow = -1;
     for (const NamedColour& c : fontColours) {

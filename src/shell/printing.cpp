@@ -56,12 +56,13 @@ std::unique_ptr<PrinterSurface> choosePrinter() {
 }
 
 void printCommand() {
-    Busy busy;
+    // The wait cursor and the held mouse come after the dialog, which needs the mouse itself.
     std::unique_ptr<PrinterSurface> printer = choosePrinter();
     if (!printer) {
         messageBox("Cannot print!", "", mbOk | mbIconHand);
         return;
     }
+    Busy busy;
     // A failure of the job is not reported; the calls that remain are made all the same.
     printer->startDoc(runState.reportPath);
     printer->startPage();
