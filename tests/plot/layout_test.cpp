@@ -164,40 +164,5 @@ TEST_F(LayoutTest, APrintScaleOf4WidensFrameLinesAndLengthensTicks) {
     EXPECT_EQ(page.callsOf(SurfaceOp::Ellipse)[0].x2 - page.callsOf(SurfaceOp::Ellipse)[0].x1, 20);
 }
 
-TEST_F(LayoutTest, DefaultCommandsResetTheirOwnSettingsOnly) {
-    loadDefault();
-    PlotSettings& s = plotSettings;
-    s.zoom = 3;
-    s.frameLineWidth = 7;
-    s.frameWidthChoice = 6;
-    s.zoomChoice = 2;
-    s.tAxis = {1, 2, 1, 2, 0.5f, 4, 0};
-    s.curves.penWidth = 4;
-    s.curves.penWidthChoice = 3;
-    s.gridLines = 1;
-    s.labelColour = 0x123456;
-    resetZoomDefaults();
-    EXPECT_EQ(s.zoom, 1.0f);
-    EXPECT_EQ(s.frameLineWidth, 2);
-    EXPECT_EQ(s.frameWidthChoice, 6);
-    EXPECT_EQ(s.zoomChoice, 2);
-    resetDisplayDefaults();
-    EXPECT_EQ(s.frameWidthChoice, 1);
-    EXPECT_EQ(s.tAxis.minorCount, 2);
-    EXPECT_EQ(s.tAxis.digits, 2);
-    EXPECT_EQ(s.tAxis.max, 300.0f);
-    EXPECT_EQ(s.curves.penWidth, s.curves.penWidthChoice + 1);
-    EXPECT_EQ(s.gridLines, 0);
-    EXPECT_EQ(s.labelColour, black);
-
-    // Start-up keeps the chosen label font and colour.
-    s.labelFont.lfHeight = 30;
-    s.labelColour = 0x00FF00;
-    initPlotSettings();
-    EXPECT_EQ(s.labelFont.lfHeight, 30);
-    EXPECT_EQ(s.labelColour, 0x00FF00u);
-    EXPECT_EQ(s.plotLoaded, 0);
-}
-
 } // namespace
 } // namespace corvane
