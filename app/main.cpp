@@ -19,6 +19,7 @@
 #include "qt/dialog_host.h"
 #include "qt/main_window_host.h"
 #include "qt/platform_services.h"
+#include "qt/wait_port.h"
 
 namespace {
 
@@ -75,6 +76,8 @@ int main(int argc, char** argv) {
     corvane::setMessagePort(&messages);
     corvane::setChooserPort(&choosers);
     corvane::setDialogPort(&dialogs);
+    corvane::QtWaitPort waiting;
+    corvane::setWaitPort(&waiting);
 
     const QScreen* screen = QGuiApplication::primaryScreen();
     if (screen == nullptr) {
@@ -90,6 +93,7 @@ int main(int argc, char** argv) {
         QTimer::singleShot(0, &window, [path] { corvane::openFile(path); });
     }
     const int status = QApplication::exec();
+    corvane::setWaitPort(nullptr);
     corvane::setDialogPort(nullptr);
     corvane::setChooserPort(nullptr);
     corvane::setMessagePort(nullptr);
