@@ -48,9 +48,10 @@ void DataPreview::paintEvent(QPaintEvent*) {
     }
     if (tHigh == tLow) tHigh = tLow + 1;
     if (vHigh == vLow) vHigh = vLow + 1;
+    const QRectF inner = QRectF(frame).adjusted(4, 4, -4, -4); // markers stay inside the frame
     const auto place = [&](const QPointF& p) {
-        return QPointF(frame.left() + (p.x() - tLow) / (tHigh - tLow) * frame.width(),
-                       frame.bottom() - (p.y() - vLow) / (vHigh - vLow) * frame.height());
+        return QPointF(inner.left() + (p.x() - tLow) / (tHigh - tLow) * inner.width(),
+                       inner.bottom() - (p.y() - vLow) / (vHigh - vLow) * inner.height());
     };
     painter.setRenderHint(QPainter::Antialiasing);
     painter.setBrush(QColor(0x1f, 0x5f, 0xaf));

@@ -596,7 +596,11 @@ void NewQpiWindow::addShape(PathShape shape) {
     }
     const int added = addPaths(now, shape, sites, shapeJ_->value());
     setPaths(now.paths);
-    statusBar()->showMessage(tr("%n path(s) added.", nullptr, added), 5000);
+    statusBar()->showMessage(added == 1 ? tr("1 path added.")
+                                        : tr("%1 paths added; a pair joined already is not added "
+                                             "again.")
+                                              .arg(added),
+                             5000);
     changed();
 }
 
