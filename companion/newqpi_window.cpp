@@ -18,10 +18,12 @@
 #include <QListWidget>
 #include <QMenuBar>
 #include <QPushButton>
+#include <QShortcut>
 #include <QSpinBox>
 #include <QStatusBar>
 #include <QTableWidget>
 #include <QVBoxLayout>
+#include <algorithm>
 #include <memory>
 
 #include "data_preview.h"
@@ -329,14 +331,10 @@ QWidget* NewQpiWindow::buildPaths() {
         paths_->editItem(paths_->item(paths_->rowCount() - 1, 0));
         changed();
     });
-    connect(remove, &QPushButton::clicked, this, [this] {
-        const QModelIndexList rows = paths_->selectionModel()->selectedRows();
-        std::vector<int> gone;
-        for (const QModelIndex& index : rows) gone.push_back(index.row());
-        std::sort(gone.rbegin(), gone.rend());
-        for (int row : gone) paths_->removeRow(row);
-        changed();
-    });
+    connect(remove, &QPushButton::clicked, this, [this] { removeSelectedRows(paths_); });
+    auto* del = new QShortcut(QKeySequence::Delete, paths_, nullptr, nullptr,
+                              Qt::WidgetWithChildrenShortcut);
+    connect(del, &QShortcut::activated, this, [this] { removeSelectedRows(paths_); });
     connect(paths_, &QTableWidget::itemChanged, this, &NewQpiWindow::changed);
     return box;
 }
@@ -381,14 +379,14 @@ QWidget* NewQpiWindow::buildData() {
         if (!path.isEmpty()) importFile(path);
     });
     connect(paste, &QPushButton::clicked, this, &NewQpiWindow::pasteData);
-    connect(remove, &QPushButton::clicked, this, [this] {
-        const QModelIndexList rows = data_->selectionModel()->selectedRows();
-        std::vector<int> gone;
-        for (const QModelIndex& index : rows) gone.push_back(index.row());
-        std::sort(gone.rbegin(), gone.rend());
-        for (int row : gone) data_->removeRow(row);
-        changed();
-    });
+    connect(remove, &QPushButton::clicked, this, [this] { removeSelectedRows(data_); });
+    // In the table, Delete removes the selected pairs and Ctrl+V pastes a whole data set.
+    auto* del = new QShortcut(QKeySequence::Delete, data_, nullptr, nullptr,
+                              Qt::WidgetWithChildrenShortcut);
+    connect(del, &QShortcut::activated, this, [this] { removeSelectedRows(data_); });
+    auto* pasteKey =
+        new QShortcut(QKeySequence::Paste, data_, nullptr, nullptr, Qt::WidgetWithChildrenShortcut);
+    connect(pasteKey, &QShortcut::activated, this, &NewQpiWindow::pasteData);
     connect(valueColumn_, &QSpinBox::valueChanged, this, &NewQpiWindow::reimport);
     connect(data_, &QTableWidget::itemChanged, this, &NewQpiWindow::changed);
     return box;
@@ -640,6 +638,15 @@ bool NewQpiWindow::importFile(const QString& path) {
                          QStringLiteral(".qpi");
     if (title_->text().isEmpty()) title_->setText(file.completeBaseName());
     return true;
+}
+
+void NewQpiWindow::removeSelectedRows(QTableWidget* table) {
+    std::vector<int> gone;
+    for (const QModelIndex& index : table->selectionModel()->selectedRows())
+        gone.push_back(index.row());
+    std::sort(gone.rbegin(), gone.rend());
+    for (int row : gone) table->removeRow(row);
+    changed();
 }
 
 void NewQpiWindow::pasteData() {

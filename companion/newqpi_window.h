@@ -84,6 +84,7 @@ private:
     void setPaths(const std::vector<PathText>& paths);
     void addShape(PathShape shape);
     void pasteData();
+    void removeSelectedRows(QTableWidget* table);
     void reimport();
     void changed();
     void check();

@@ -1,6 +1,7 @@
 // newQPI's window under the offscreen platform: a dimer built from a measured file and saved,
 // an input file opened, Cancel.
 #include <QApplication>
+#include <QClipboard>
 #include <QComboBox>
 #include <QLineEdit>
 #include <QPushButton>
@@ -33,6 +34,8 @@ protected:
     void SetUp() override {
         setenv("XDG_RUNTIME_DIR", dir.path().c_str(), 1); // the name store of this test alone
         window.show();
+        window.activateWindow();
+        ASSERT_TRUE(QTest::qWaitForWindowActive(&window));
     }
     // The button of the window labelled text (without its "&").
     QPushButton* button(const QString& text) {
@@ -112,6 +115,13 @@ TEST_F(NewQpiWindowTest, AnInputFileOpensForEditingAndCancelStoresNoName) {
     EXPECT_EQ(window.dataTable()->rowCount(), 29);
     EXPECT_EQ(window.pathsTable()->item(0, 2)->text(), "J1");
     EXPECT_EQ(window.form().c.step, "0.00003");
+
+    // Cells copied from a spreadsheet replace the data: Ctrl+V in the table.
+    QGuiApplication::clipboard()->setText("T\tchiT\n2,0\t0,51\n300\t0,0012\n");
+    window.dataTable()->setFocus();
+    QTest::keyClick(window.dataTable(), Qt::Key_V, Qt::ControlModifier);
+    ASSERT_EQ(window.dataTable()->rowCount(), 2);
+    EXPECT_EQ(window.form().pairs[0].value, "0.51");
 
     window.titleField()->setText("D-NIT2, edited");
     messages.answers = {corvane::idNo, corvane::idYes};
