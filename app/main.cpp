@@ -20,6 +20,7 @@
 #include "qt/main_window_host.h"
 #include "qt/platform_services.h"
 #include "qt/printer_port.h"
+#include "qt/wait_port.h"
 
 namespace {
 
@@ -78,6 +79,8 @@ int main(int argc, char** argv) {
     corvane::setChooserPort(&choosers);
     corvane::setDialogPort(&dialogs);
     corvane::setPrinterPort(&printers);
+    corvane::QtWaitPort waiting;
+    corvane::setWaitPort(&waiting);
 
     const QScreen* screen = QGuiApplication::primaryScreen();
     if (screen == nullptr) {
@@ -94,6 +97,7 @@ int main(int argc, char** argv) {
     }
     const int status = QApplication::exec();
     corvane::setPrinterPort(nullptr);
+    corvane::setWaitPort(nullptr);
     corvane::setDialogPort(nullptr);
     corvane::setChooserPort(nullptr);
     corvane::setMessagePort(nullptr);

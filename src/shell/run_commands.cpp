@@ -188,12 +188,6 @@ void fitInputFile() {
 
 } // namespace
 
-void newCommand() {
-    closeCover();
-    // newQPI, the program that creates input files, is not there yet: no file can be created.
-    messageBox("Unable to create input file for fitting!", "Error...", mbOk | mbIconHand);
-}
-
 void openInputFile(const std::string& path) {
     closeCover();
     runState.inputPath = path;

@@ -1,0 +1,122 @@
+// The window of newQPI: one form for a whole fitting problem, checked as it is typed, saved as
+// an input file whose name goes to the name store for the desktop program.
+#pragma once
+
+#include <QMainWindow>
+#include <QString>
+#include <functional>
+#include <string>
+
+#include "problem_form.h"
+
+class QAction;
+class QCheckBox;
+class QComboBox;
+class QLabel;
+class QLineEdit;
+class QListWidget;
+class QPushButton;
+class QSpinBox;
+class QTableWidget;
+
+namespace newqpi {
+
+class DataPreview;
+
+class NewQpiWindow final : public QMainWindow {
+public:
+    NewQpiWindow();
+
+    // Fills the form from the input file at path; false (after the reader's message) when it
+    // cannot be read. The file's name is then offered when saving.
+    bool openInputFile(const QString& path);
+    // Imports pairs from text with its value in the column chosen; source names it in messages
+    // and the status line. False, after a message, when there are none.
+    bool importText(const std::string& text, const QString& source);
+    bool importFile(const QString& path);
+
+    // The form as the fields hold it, and its problems as last shown.
+    ProblemForm form() const;
+    QStringList problems() const;
+
+    // Save: refused with a beep while a problem remains; otherwise the save dialog, the file
+    // written whole, its name stored, the window closed. The same as the Save button.
+    void save();
+
+    // The file choosers, replaced by the tests: the name to save under ("" for Cancel), the
+    // file to import or open ("" for Cancel).
+    std::function<QString(const QString& suggested)> chooseSavePath;
+    std::function<QString()> chooseImportPath;
+    std::function<QString()> chooseOpenPath;
+
+    // The fields, for the tests.
+    QLineEdit* titleField() const { return title_; }
+    QSpinBox* siteCountField() const { return siteCount_; }
+    QTableWidget* sitesTable() const { return sites_; }
+    QSpinBox* jCountField() const { return jCount_; }
+    QTableWidget* jTable() const { return jValues_; }
+    QTableWidget* pathsTable() const { return paths_; }
+    QTableWidget* dataTable() const { return data_; }
+    QComboBox* unitField() const { return unit_; }
+    QPushButton* saveButton() const { return saveButton_; }
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+
+private:
+    struct ParameterRow {
+        QLineEdit* start;
+        QLineEdit* step;
+        QCheckBox* fit;
+    };
+    QWidget* buildProblem();
+    QWidget* buildParameters();
+    QWidget* buildSites();
+    QWidget* buildJValues();
+    QWidget* buildPaths();
+    QWidget* buildData();
+    void buildMenu();
+
+    void setForm(const ProblemForm& form);
+    void setSiteCount(int count);
+    void setJCount(int count);
+    void setPairs(const std::vector<PairText>& pairs);
+    void setPaths(const std::vector<PathText>& paths);
+    void addShape(PathShape shape);
+    void pasteData();
+    void removeSelectedRows(QTableWidget* table);
+    void reimport();
+    void changed();
+    void check();
+    bool confirmDiscard();
+
+    QLineEdit* title_;
+    QComboBox* observed_;
+    QComboBox* unit_;
+    QLineEdit* precision_;
+    ParameterRow g_, c_, zJ_, tip_;
+    QSpinBox* siteCount_;
+    QComboBox* allSites_;
+    QTableWidget* sites_;
+    QSpinBox* jCount_;
+    QTableWidget* jValues_;
+    QTableWidget* paths_;
+    QLineEdit* shapeSites_;
+    QSpinBox* shapeJ_;
+    QSpinBox* valueColumn_;
+    QTableWidget* data_;
+    DataPreview* preview_;
+    QLabel* dataNote_;
+    QListWidget* problems_;
+    QPushButton* saveButton_;
+    QAction* saveAction_ = nullptr;
+
+    std::string importedText_; // the text last imported, read again when the column changes
+    QString importedSource_;
+    QString suggestedPath_; // offered in the save dialog
+    bool filling_ = false;  // the program, not the user, is changing the fields
+    bool edited_ = false;   // the user has changed something since the start or the last open
+    bool done_ = false;     // saved (or cancelled): closing asks nothing
+};
+
+} // namespace newqpi

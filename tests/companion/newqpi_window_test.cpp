@@ -1,0 +1,138 @@
+// newQPI's window under the offscreen platform: a dimer built from a measured file and saved,
+// an input file opened, Cancel.
+#include <QApplication>
+#include <QClipboard>
+#include <QComboBox>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QSpinBox>
+#include <QTableWidget>
+#include <QTest>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <memory>
+
+#include "fit/input_file.h"
+#include "newqpi_window.h"
+#include "platform/files.h"
+#include "qpname/qpname.h"
+#include "support/fixtures.h"
+
+namespace newqpi {
+namespace {
+
+class NewQpiWindowTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (QApplication::instance() != nullptr) return;
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+        static int argc = 1;
+        static char name[] = "newqpi_window_test";
+        static char* argv[] = {name, nullptr};
+        new QApplication(argc, argv);
+    }
+    void SetUp() override {
+        setenv("XDG_RUNTIME_DIR", dir.path().c_str(), 1); // the name store of this test alone
+        window.show();
+        window.activateWindow();
+        ASSERT_TRUE(QTest::qWaitForWindowActive(&window));
+    }
+    // The button of the window labelled text (without its "&").
+    QPushButton* button(const QString& text) {
+        for (QPushButton* b : window.findChildren<QPushButton*>())
+            if (b->text().remove('&') == text) return b;
+        ADD_FAILURE() << "no button " << text.toStdString();
+        return nullptr;
+    }
+
+    corvane::testing::ScratchDir dir;
+    corvane::testing::RecordingPort messages;
+    NewQpiWindow window;
+};
+
+const QString examples = QStringLiteral(CORVANE_SOURCE_DIR "/examples/");
+
+TEST_F(NewQpiWindowTest, ADimerBuiltFromAMeasuredFileIsSavedAndItsNameStored) {
+    EXPECT_FALSE(window.saveButton()->isEnabled());
+    window.chooseImportPath = [] { return examples + "d-nit2.tsv"; };
+    QTest::mouseClick(button("Import..."), Qt::LeftButton);
+    ASSERT_EQ(window.dataTable()->rowCount(), 29);
+    EXPECT_EQ(window.dataTable()->item(28, 1)->text(), "0.003");
+    EXPECT_EQ(window.titleField()->text(), "d-nit2");
+
+    window.unitField()->setCurrentIndex(2); // K
+    window.siteCountField()->setValue(2);
+    EXPECT_TRUE(window.problems().contains("Site 1 has no spin."));
+    for (int row = 0; row < 2; ++row)
+        static_cast<QComboBox*>(window.sitesTable()->cellWidget(row, 0))->setCurrentIndex(1);
+    window.jCountField()->setValue(1);
+    EXPECT_EQ(window.problems(), QStringList{"J1 is not used by any path."});
+    window.jTable()->item(0, 0)->setText("-200");
+    window.jTable()->item(0, 1)->setText("2");
+    QTest::mouseClick(button("Chain"), Qt::LeftButton); // all sites: 1 and 2
+    ASSERT_EQ(window.pathsTable()->rowCount(), 1);
+
+    // A value mistyped in the table keeps Save from being used until it is put right.
+    window.dataTable()->item(3, 1)->setText("O.334");
+    EXPECT_EQ(window.problems(), QStringList{"Pair 4: the chiT value \"O.334\" is not a number."});
+    EXPECT_FALSE(window.saveButton()->isEnabled());
+    window.dataTable()->item(3, 1)->setText("0.334");
+    ASSERT_EQ(window.problems(), QStringList{});
+    ASSERT_TRUE(window.saveButton()->isEnabled());
+
+    QString offered;
+    window.chooseSavePath = [&](const QString& suggested) {
+        offered = suggested;
+        return QString::fromStdString(dir.file("dimer.qpi"));
+    };
+    QTest::mouseClick(window.saveButton(), Qt::LeftButton);
+    EXPECT_EQ(offered, examples + "d-nit2.qpi"); // beside the data
+    EXPECT_FALSE(window.isVisible());
+    EXPECT_TRUE(messages.messages.empty());
+    EXPECT_EQ(corvane::get_qpname(), dir.file("dimer.qpi"));
+
+    auto doc = std::make_unique<corvane::FitDocument>();
+    ASSERT_TRUE(corvane::readInputText(dir.read("dimer.qpi"), "dimer.qpi", *doc));
+    EXPECT_EQ(doc->title, "d-nit2");
+    EXPECT_EQ(doc->energyUnit, corvane::EnergyUnit::Kelvin);
+    EXPECT_EQ(doc->dataKind, corvane::DataKind::ChiT);
+    ASSERT_EQ(doc->siteCount, 2);
+    EXPECT_EQ(doc->sites[0].spin, 1);
+    EXPECT_EQ(doc->sites[1].spin, 1);
+    ASSERT_EQ(doc->interactionCount, 1);
+    EXPECT_EQ(doc->interactions[0].parameterIndex, corvane::firstJParameter);
+    EXPECT_EQ(doc->calculations[0].j[0].start, -200);
+    EXPECT_EQ(doc->calculations[0].g.step, 0.01);
+    EXPECT_EQ(doc->calculations[0].c.step, 0); // not fitted
+    ASSERT_EQ(doc->pairCount, 29);
+    EXPECT_EQ(doc->pairs[0].temperature, 288.445);
+    EXPECT_EQ(doc->pairs[3].observed, 0.334);
+}
+
+TEST_F(NewQpiWindowTest, AnInputFileOpensForEditingAndCancelStoresNoName) {
+    ASSERT_TRUE(window.openInputFile(examples + "d-nit2.qpi"));
+    EXPECT_EQ(window.problems(), QStringList{});
+    EXPECT_EQ(window.dataTable()->rowCount(), 29);
+    EXPECT_EQ(window.pathsTable()->item(0, 2)->text(), "J1");
+    EXPECT_EQ(window.form().c.step, "0.00003");
+
+    // Cells copied from a spreadsheet replace the data: Ctrl+V in the table.
+    QGuiApplication::clipboard()->setText("T\tchiT\n2,0\t0,51\n300\t0,0012\n");
+    window.dataTable()->setFocus();
+    QTest::keyClick(window.dataTable(), Qt::Key_V, Qt::ControlModifier);
+    ASSERT_EQ(window.dataTable()->rowCount(), 2);
+    EXPECT_EQ(window.form().pairs[0].value, "0.51");
+
+    window.titleField()->setText("D-NIT2, edited");
+    messages.answers = {corvane::idNo, corvane::idYes};
+    QTest::mouseClick(button("Cancel"), Qt::LeftButton); // "No": the window stays
+    EXPECT_TRUE(window.isVisible());
+    QTest::mouseClick(button("Cancel"), Qt::LeftButton);
+    EXPECT_FALSE(window.isVisible());
+    ASSERT_EQ(messages.messages.size(), 2u);
+    EXPECT_EQ(messages.messages[0].text, "Discard the input file begun here?");
+    EXPECT_EQ(corvane::get_qpname(), "");
+}
+
+} // namespace
+} // namespace newqpi
