@@ -64,11 +64,6 @@ TEST(RunCyclePaths, TheReportIsAlwaysBesideItsInputFile) {
         {"/fits/.hidden", "/fits/.hidden.qpo"},
     };
     for (const auto& [input, report] : reports) EXPECT_EQ(deriveReportPath(input), report);
-    // One directory rule for every file of a run.
-    EXPECT_EQ(deriveWorkDir("/fits/dimerInput.qpi"), "/fits");
-    EXPECT_EQ(deriveWorkDir("/dimerInput.qpi"), "");
-    runState.workDir = deriveWorkDir("dimerInput.qpi");
-    EXPECT_EQ(inWorkDir(engineInputName), "./input.txt");
 }
 
 TEST_F(RunCycleTest, AFitWritesTheReportAndPassesTheEnginesProgressOn) {
@@ -112,12 +107,6 @@ TEST_F(RunCycleTest, AFailedRunLeavesReportAndDocumentAsTheyWereAndSaysWhy) {
          RunOutcome::NoResults,
          "The fit results in " + dir.file("output.txt") +
              " cannot be used: it ends after 1 of its 2 pair lines."},
-        {"garbage", "head -c 300 /bin/sh > \"$out\"", RunOutcome::NoResults,
-         "The fit results in " + dir.file("output.txt") + " cannot be used: "},
-        {"another problem", "printf '0.1 2 0\\n0 0\\n#\\n3 1 2 3\\n#\\n3 1 3\\n' > \"$out\"",
-         RunOutcome::NoResults, "cannot be used: line 4: 3 J values, but the problem has 1."},
-        {"not finite", "printf '0.1 nan 0\\n0 0\\n#\\n1 -97\\n#\\n2 1 2\\n' > \"$out\"",
-         RunOutcome::NoResults, "line 1: the value of g \"nan\" is not a finite number."},
         {"killed", "echo 'iteration 1'; printf '0.1 2' > \"$out\"; kill -9 $$",
          RunOutcome::NoResults, " (the fitting engine was killed by signal 9 (Killed))."},
     };
