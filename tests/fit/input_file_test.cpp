@@ -183,7 +183,6 @@ TEST_F(InputFileTest, AFaultyProblemIsRefusedWithFileAndLineAndChangesNothing) {
         if (message.front() != 'M') {
             EXPECT_NE(shown.find("problem.qpi"), std::string::npos);
         }
-        EXPECT_EQ(port.messages[0].caption, "Error");
         EXPECT_EQ(fitDocument.title, "Previous");
         EXPECT_EQ(fitDocument.jCount + fitDocument.siteCount + fitDocument.pairCount, 4);
         EXPECT_EQ(dir.listing(), "problem.qpi") << message;
