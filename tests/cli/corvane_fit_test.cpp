@@ -178,7 +178,7 @@ TEST_F(CorvaneFit, RunFitsEveryExampleAndExportGivesBackWhatTheReportPrints) {
     EXPECT_GE(examples, 4);
 }
 
-TEST_F(CorvaneFit, PlotDrawsAReportOrTheFitJustMadeWithItsOptions) {
+TEST_F(CorvaneFit, PlotDrawsAReportOrTheFitJustMadeAsPngPdfOrSvg) {
     const std::string input = dir.file("d-nit2.qpi");
     std::filesystem::copy_file(CORVANE_SOURCE_DIR "/examples/d-nit2.qpi", input);
     const Outcome fit = run(dir, {"run", input, "-o", dir.file("fit.png"), "--size", "640x480"});
@@ -192,10 +192,20 @@ TEST_F(CorvaneFit, PlotDrawsAReportOrTheFitJustMadeWithItsOptions) {
     EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("chi.pdf"), "--chi", "--grid"}).exitCode, 0);
     EXPECT_EQ(dir.read("chi.pdf").substr(0, 5), "%PDF-");
 
+    EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("plot.svg")}).exitCode, 0);
+    EXPECT_NE(dir.read("plot.svg").find("Temperature (K)"), std::string::npos);
+
+    // Nothing is left of a plot that cannot be drawn or written.
     EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("x.png"), "--size", "0x480"}).exitCode, 5);
-    EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("x.bmp")}).exitCode, 5);
+    const Outcome bmp = run(dir, {"plot", report, "-o", dir.file("x.bmp")});
+    EXPECT_EQ(bmp.exitCode, 5);
+    EXPECT_NE(bmp.err.find("x.bmp: use .png, .pdf or .svg"), std::string::npos) << bmp.err;
+    const Outcome unwritable = run(dir, {"plot", report, "-o", dir.file("no/dir/x.png")});
+    EXPECT_EQ(unwritable.exitCode, 5);
+    EXPECT_NE(unwritable.err.find("cannot write " + dir.file("no/dir/x.png")), std::string::npos);
     EXPECT_EQ(run(dir, {"plot", input, "-o", dir.file("x.png")}).exitCode, 1);
-    EXPECT_FALSE(dir.has("x.png") || dir.has("x.bmp"));
+    EXPECT_EQ(dir.listing(),
+              "chi.pdf chit.txt corefit.log d-nit2.qpi d-nit2.qpo fit.png input.txt plot.svg");
 }
 
 TEST_F(CorvaneFit, AFitStoppedAtTheIterationLimitIsExplainedWithoutTheEnginesWords) {

@@ -234,6 +234,7 @@ TEST_F(MainWindowHostTest, PrintGivesOnePdfPageOfThePlotAndExportGivesThePlotAsT
     const int x = shownLayout.frameLeft - frameMarginX();
     EXPECT_EQ(png.pixelColor(x, y), QColor(Qt::black));
     EXPECT_EQ(png.pixelColor(x - 3, y), QColor(Qt::white));
+    EXPECT_EQ(png.pixelColor(plotX(300), plotY(0.7)), QColor(Qt::red)); // the marker of 300 K
     EXPECT_TRUE(messages.messages.empty());
 }
 
