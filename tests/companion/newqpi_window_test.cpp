@@ -96,7 +96,6 @@ TEST_F(NewQpiWindowTest, ADimerBuiltFromAMeasuredFileIsSavedAndItsNameStored) {
     ASSERT_EQ(doc->interactionCount, 1);
     EXPECT_EQ(doc->interactions[0].parameterIndex, corvane::firstJParameter);
     EXPECT_EQ(doc->calculations[0].j[0].start, -200);
-    EXPECT_EQ(doc->calculations[0].g.step, 0.01);
     EXPECT_EQ(doc->calculations[0].c.step, 0); // not fitted
     ASSERT_EQ(doc->pairCount, 29);
     EXPECT_EQ(doc->pairs[0].temperature, 288.445);
