@@ -30,10 +30,6 @@ protected:
         EXPECT_EQ(dialogs.pendingUsers(), 0u) << name << " did not open";
         return host.repaints - before;
     }
-    static void retype(HeadlessDialog& d, int id, const std::string& text) {
-        d.clearText(id);
-        d.type(id, text);
-    }
     // OK refuses: a beep, the focus in field, the dialog open.
     void expectRefused(HeadlessDialog& d, int ok, int field) {
         const std::size_t beeps = messages.beeps.size();

@@ -72,6 +72,10 @@ protected:
         refreshAfterLoad(false);
     }
     bool command(int id) { return MainWndProc({WindowMessage::Command, id, 0, 0, nullptr}); }
+    static void retype(HeadlessDialog& d, int id, const std::string& text) {
+        d.clearText(id);
+        d.type(id, text);
+    }
     // The progress dialog of the next run: during (if any) first, then fed until it ends; when
     // it waits for Close, its status line goes to status and Close is pressed.
     void expectProgress(std::string* status = nullptr, std::function<void()> during = nullptr) {
