@@ -66,20 +66,6 @@ TEST(RunCyclePaths, TheReportIsAlwaysBesideItsInputFile) {
     for (const auto& [input, report] : reports) EXPECT_EQ(deriveReportPath(input), report);
 }
 
-TEST_F(RunCycleTest, AFitWritesTheReportAndPassesTheEnginesProgressOn) {
-    dir.write("output.txt", "stale output of an earlier run");
-    useGoodEngine();
-    ASSERT_EQ(runInputCycle(&progress), RunOutcome::Fitted);
-    EXPECT_EQ(progress.statuses, std::vector<std::string>{engineRunningText});
-    EXPECT_EQ(progress.lines, (std::vector<std::string>{"iteration 1 deviation 0.5",
-                                                        "iteration 2 deviation 0.0125"}));
-    EXPECT_EQ(runState.reportPath, dir.file("cu2.qpo"));
-    EXPECT_EQ(runState.workDir, dir.path());
-    EXPECT_EQ(fitDocument.calculations[0].j[0].fitted, -97.25);
-    EXPECT_EQ(dir.listing(), "chit.txt cu2.qpi cu2.qpo engine.sh input.txt");
-    EXPECT_TRUE(port.messages.empty());
-}
-
 TEST_F(RunCycleTest, AFailedRunLeavesReportAndDocumentAsTheyWereAndSaysWhy) {
     useGoodEngine();
     ASSERT_EQ(runInputCycle(nullptr), RunOutcome::Fitted);
