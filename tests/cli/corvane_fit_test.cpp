@@ -13,7 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "support/fixtures.h"
+#include "support/stand_in_engine.h"
 #include "text/text.h"
 
 extern char** environ;
@@ -24,6 +24,13 @@ namespace {
 struct Outcome {
     int exitCode;
     std::string out, err;
+};
+
+// Each test in a scratch directory; a stand-in engine (CORVANE_ENGINE) lasts one test.
+class CorvaneFit : public ::testing::Test {
+protected:
+    void TearDown() override { unsetenv("CORVANE_ENGINE"); }
+    testing::ScratchDir dir;
 };
 
 // Runs corvane-fit with the arguments, each passed as one argument.
@@ -39,8 +46,7 @@ Outcome run(const testing::ScratchDir& dir, std::initializer_list<std::string> a
     return outcome;
 }
 
-TEST(CorvaneFit, PrepareWritesTheExchangeFilesAndSaysWhere) {
-    testing::ScratchDir dir;
+TEST_F(CorvaneFit, PrepareWritesTheExchangeFilesAndSaysWhere) {
     std::filesystem::create_directory(dir.file("my data"));
     const std::string input = dir.file("my data/cu2-dimer.qpi");
     std::filesystem::copy_file(CORVANE_SOURCE_DIR "/examples/cu2-dimer.qpi", input);
@@ -57,8 +63,7 @@ TEST(CorvaneFit, PrepareWritesTheExchangeFilesAndSaysWhere) {
 
 // chi of a copper(II) dimer is of the order of 1e-4 cm3 mol-1 when J is -300 cm-1: six decimals
 // would keep one or two of its digits, so the engine must get them all.
-TEST(CorvaneFit, NoiseFreeChiOfAStrongAntiferromagnetGivesBackGAndJ) {
-    testing::ScratchDir dir;
+TEST_F(CorvaneFit, NoiseFreeChiOfAStrongAntiferromagnetGivesBackGAndJ) {
     const double g = 2.1, j = -300.0, jKelvin = j * 1.4387768775, c0 = 0.375148096;
     std::string input = "TITLE Cu2, J = -300 cm-1\nKEYWD DATA_FILE=XT ENERGY_UNIT=CM-1 "
                         "PRECISION=1e-12\nKEYWD G_START=2.0 G_STEP=0.01\n"
@@ -79,8 +84,7 @@ TEST(CorvaneFit, NoiseFreeChiOfAStrongAntiferromagnetGivesBackGAndJ) {
     EXPECT_EQ(fit["correlations"]["matrix"][1][1].get<double>(), 1.0);
 }
 
-TEST(CorvaneFit, FailuresGoToTheErrorStreamWithANonZeroExit) {
-    testing::ScratchDir dir;
+TEST_F(CorvaneFit, FailuresGoToTheErrorStreamWithANonZeroExit) {
     const Outcome limit = run(dir, {"prepare", dir.write("big.qpi", "J_VALUE11 1 1\n")});
     EXPECT_EQ(limit.exitCode, 1);
     EXPECT_EQ(limit.err, "Error: Maximum J values are 10 !\n");
@@ -93,11 +97,9 @@ TEST(CorvaneFit, FailuresGoToTheErrorStreamWithANonZeroExit) {
               std::string::npos);
 
     // No engine: exit 2, the status on the output, one line on the error stream, no report.
-    const std::string input = dir.file("cu2.qpi");
-    std::filesystem::copy_file(CORVANE_SOURCE_DIR "/examples/cu2-dimer.qpi", input);
+    const std::string input = dir.write("cu2.qpi", testing::dimerInput);
     setenv("CORVANE_ENGINE", dir.file("no-engine").c_str(), 1);
     const Outcome noEngine = run(dir, {"run", input});
-    unsetenv("CORVANE_ENGINE");
     EXPECT_EQ(noEngine.exitCode, 2);
     EXPECT_NE(noEngine.out.find("Unable to fit magnetic susceptibility !"), std::string::npos);
     EXPECT_EQ(std::count(noEngine.err.begin(), noEngine.err.end(), '\n'), 1) << noEngine.err;
@@ -131,8 +133,7 @@ std::string rowsFromJson(const nlohmann::json& doc, const nlohmann::json& calc) 
     return rows;
 }
 
-TEST(CorvaneFit, RunFitsEveryExampleAndExportGivesBackWhatTheReportPrints) {
-    testing::ScratchDir dir;
+TEST_F(CorvaneFit, RunFitsEveryExampleAndExportGivesBackWhatTheReportPrints) {
     int examples = 0;
     for (const auto& entry : std::filesystem::directory_iterator(CORVANE_SOURCE_DIR "/examples")) {
         if (entry.path().extension() != ".qpi") continue;
@@ -177,8 +178,7 @@ TEST(CorvaneFit, RunFitsEveryExampleAndExportGivesBackWhatTheReportPrints) {
     EXPECT_GE(examples, 4);
 }
 
-TEST(CorvaneFit, PlotDrawsAReportOrTheFitJustMadeAsPngPdfOrSvg) {
-    testing::ScratchDir dir;
+TEST_F(CorvaneFit, PlotDrawsAReportOrTheFitJustMadeAsPngPdfOrSvg) {
     const std::string input = dir.file("d-nit2.qpi");
     std::filesystem::copy_file(CORVANE_SOURCE_DIR "/examples/d-nit2.qpi", input);
     const Outcome fit = run(dir, {"run", input, "-o", dir.file("fit.png"), "--size", "640x480"});
@@ -191,40 +191,31 @@ TEST(CorvaneFit, PlotDrawsAReportOrTheFitJustMadeAsPngPdfOrSvg) {
     const std::string report = dir.file("d-nit2.qpo");
     EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("chi.pdf"), "--chi", "--grid"}).exitCode, 0);
     EXPECT_EQ(dir.read("chi.pdf").substr(0, 5), "%PDF-");
-    EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("plot.svg")}).exitCode, 0);
-    EXPECT_NE(dir.read("plot.svg").find("<svg"), std::string::npos);
 
+    EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("plot.svg")}).exitCode, 0);
+    EXPECT_NE(dir.read("plot.svg").find("Temperature (K)"), std::string::npos);
+
+    // Nothing is left of a plot that cannot be drawn or written.
     EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("x.png"), "--size", "0x480"}).exitCode, 5);
-    EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("x.bmp")}).exitCode, 5);
+    const Outcome bmp = run(dir, {"plot", report, "-o", dir.file("x.bmp")});
+    EXPECT_EQ(bmp.exitCode, 5);
+    EXPECT_NE(bmp.err.find("x.bmp: use .png, .pdf or .svg"), std::string::npos) << bmp.err;
+    const Outcome unwritable = run(dir, {"plot", report, "-o", dir.file("no/dir/x.png")});
+    EXPECT_EQ(unwritable.exitCode, 5);
+    EXPECT_NE(unwritable.err.find("cannot write " + dir.file("no/dir/x.png")), std::string::npos);
     EXPECT_EQ(run(dir, {"plot", input, "-o", dir.file("x.png")}).exitCode, 1);
-    EXPECT_FALSE(dir.has("x.png") || dir.has("x.bmp"));
+    EXPECT_EQ(dir.listing(),
+              "chi.pdf chit.txt corefit.log d-nit2.qpi d-nit2.qpo fit.png input.txt plot.svg");
 }
 
-// A stand-in engine: a script that CORVANE_ENGINE names while the object lives.
-class FakeEngine {
-public:
-    FakeEngine(const testing::ScratchDir& dir, const std::string& body) {
-        const std::string path = dir.write("engine.sh", "#!/bin/sh\n" + body + "\n");
-        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
-        setenv("CORVANE_ENGINE", path.c_str(), 1);
-    }
-    ~FakeEngine() { unsetenv("CORVANE_ENGINE"); }
-};
-
-TEST(CorvaneFit, AFitStoppedAtTheIterationLimitIsExplainedWithoutTheEnginesWords) {
-    testing::ScratchDir dir;
-    const std::string input = dir.write(
-        "cu2.qpi", "TITLE Cu2\nKEYWD DATA_FILE=XTT ENERGY_UNIT=K PRECISION=0.0001\n"
-                   "KEYWD G_START=2.0 G_STEP=0.01\nJ_VALUE1 -100 1\nSPIN_ON_SITE1 1\n"
-                   "SPIN_ON_SITE2 1\nINTERACTION sites 1 and 2 coupled by J1\nT_CHI 2 0.51\n"
-                   "T_CHI 300 0.0012\n");
+TEST_F(CorvaneFit, AFitStoppedAtTheIterationLimitIsExplainedWithoutTheEnginesWords) {
+    const std::string input = dir.write("cu2.qpi", testing::dimerInput);
     // As corefit leaves it: results written, and the log's last line names them.
-    FakeEngine engine(dir, "dir=$(dirname \"$1\")\n"
-                           "printf '0.0125 2.1 0.003\\n-0.2 0.00015\\n# 0.01 0.001 0 0\\n1 "
-                           "-97.25\\n# 0.5\\n2 1 2\\n2 0.48 0.51\\n300 0.0013 0.0012\\n' "
-                           "> \"$dir/output.txt\"\n"
-                           "echo \"wrote $dir/output.txt; 0.01 s in all\" > \"$dir/corefit.log\"\n"
-                           "exit 1");
+    testing::useScriptEngine(
+        dir, std::string("printf '") + testing::dimerOutput +
+                 "' > \"$out\"\n"
+                 "echo \"wrote $out; 0.01 s in all\" > \"$(dirname \"$1\")/corefit.log\"\n"
+                 "exit 1");
     const Outcome fit = run(dir, {"run", input});
     EXPECT_EQ(fit.exitCode, 0) << fit.err;
     EXPECT_NE(fit.out.find("\nNote: the fit stopped at its iteration limit before converging; "
@@ -302,12 +293,10 @@ bool ended(pid_t pid) {
     return false;
 }
 
-TEST(CorvaneFit, ASecondInterruptOrTheEndOfCorvaneFitEndsAnEngineThatIgnoresRequests) {
-    testing::ScratchDir dir;
-    const std::string input = dir.file("cu2.qpi");
-    std::filesystem::copy_file(CORVANE_SOURCE_DIR "/examples/cu2-dimer.qpi", input);
-    FakeEngine engine(dir, "trap '' TERM INT\necho $$ > \"$(dirname \"$1\")/engine.pid\"\n"
-                           "echo 'iteration 1'\nexec sleep 60");
+TEST_F(CorvaneFit, ASecondInterruptOrTheEndOfCorvaneFitEndsAnEngineThatIgnoresRequests) {
+    const std::string input = dir.write("cu2.qpi", testing::dimerInput);
+    testing::useScriptEngine(dir, "trap '' TERM INT\necho $$ > \"$(dirname \"$1\")/engine.pid\"\n"
+                                  "echo 'iteration 1'\nexec sleep 60");
     const struct {
         const char* name;
         std::vector<int> signals;

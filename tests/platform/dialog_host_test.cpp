@@ -16,20 +16,14 @@
 #include "qt/dialog_host.h"
 #include "qt/platform_services.h"
 #include "support/fixtures.h"
+#include "support/qt_application.h"
 
 namespace corvane {
 namespace {
 
 class QtDialogHostTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() {
-        if (QApplication::instance() != nullptr) return;
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-        static int argc = 1;
-        static char name[] = "dialog_host_test";
-        static char* argv[] = {name, nullptr};
-        new QApplication(argc, argv);
-    }
+    static void SetUpTestSuite() { testing::ensureApplication(); }
     static std::intptr_t none(Dialog&, DialogMessage, int, Notification) { return 0; }
 };
 
@@ -44,7 +38,6 @@ TEST_F(QtDialogHostTest, PlacesControlsAtTheirDialogUnitsInTheDialogFont) {
     EXPECT_LE(units.height, 14);
     EXPECT_EQ(about.window().size(), dialogRect(units, 0, 0, 189, 112).size());
     EXPECT_EQ(about.widget(999)->geometry(), dialogRect(units, 81, 90, 32, 14));
-    EXPECT_EQ(about.text(999), "OK");
     EXPECT_EQ(dialogRect({6, 13}, 81, 90, 32, 14), QRect(122, 146, 48, 23));
 
     QtDialog spin(*findDialogTemplate("DL_SPIN"), none, nullptr);
@@ -55,7 +48,6 @@ TEST_F(QtDialogHostTest, PlacesControlsAtTheirDialogUnitsInTheDialogFont) {
     ASSERT_NE(status, nullptr);
     EXPECT_TRUE(status->isReadOnly());
     EXPECT_EQ(status->alignment() & Qt::AlignHCenter, Qt::AlignHCenter);
-    EXPECT_EQ(spin.window().windowTitle(), "Calculating Magnetic Susceptibility");
 }
 
 // Procedure of a dialog with a field, a simple combo box and a drop-down list, and OK.

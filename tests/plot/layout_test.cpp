@@ -14,10 +14,6 @@ TEST_F(LayoutTest, AScreenOf1024By768SquarePixelsPlacesTheFrame) {
     const PlotLayout& l = plotLayout;
     EXPECT_EQ(l.deviceWidth, 1024);
     EXPECT_EQ(l.deviceHeight, 705);
-    EXPECT_EQ(l.centreX, 512);
-    EXPECT_EQ(l.centreY, 352);
-    EXPECT_EQ(l.pixelAspect, 1.0f);
-    EXPECT_EQ(l.referenceWidth, 1024);
 
     loadDefault();
     paintPlot(surface);
@@ -28,8 +24,7 @@ TEST_F(LayoutTest, AScreenOf1024By768SquarePixelsPlacesTheFrame) {
     ASSERT_EQ(outer.size(), 1u);
     EXPECT_EQ(std::vector<int>({outer[0].x1, outer[0].y1, outer[0].x2, outer[0].y2}),
               std::vector<int>({123, 81, 901, 624}));
-    EXPECT_EQ(outer[0].pen, (Pen{PenStyle::Solid, 2, black}));
-    EXPECT_EQ(outer[0].brush.colour, white);
+    EXPECT_EQ(outer[0].brush.colour, white); // the data on white
 
     plotSettings.zoom = 0.5f;
     layoutFrame();
@@ -77,12 +72,8 @@ TEST_F(LayoutTest, DefaultAxesHaveFiveNumberedIntervalsWithAMinorTickBetween) {
     EXPECT_EQ(texts[0].font.lfEscapement, 900);
     EXPECT_EQ(texts[1].text, "Temperature (K)");
     EXPECT_EQ(std::make_pair(texts[1].x1, texts[1].y1), std::make_pair(460, 664));
-    for (const SurfaceCall& t : texts) {
+    for (const SurfaceCall& t : texts)
         EXPECT_EQ(std::make_pair(t.font.lfHeight, t.font.lfWidth), std::make_pair(16, 7));
-        EXPECT_EQ(t.font.lfWeight, 700);
-        EXPECT_STREQ(t.font.lfFaceName.data(), "Arial");
-        EXPECT_EQ(t.textColour, black);
-    }
     const char* chiNumbers[] = {"     0.00", "     0.20", "     0.40",
                                 "     0.60", "     0.80", "     1.00"};
     const char* tNumbers[] = {"     0.00", "    60.00", "   120.00",

@@ -43,10 +43,6 @@ protected:
         createDialog(*findDialogTemplate("DL_INFO"), infoProcedure(calculation));
         return dialogs.modeless("DL_INFO");
     }
-    static void retype(HeadlessDialog& d, int id, const std::string& text) {
-        d.clearText(id);
-        d.type(id, text);
-    }
 };
 
 TEST_F(InfoDialogTest, APickOpensTheDialogFilledFromThePickedCalculation) {

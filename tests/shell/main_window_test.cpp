@@ -78,11 +78,7 @@ TEST_F(MainWindowTest, AtStartOnlyFileAndAboutAreUsableAndTheMarksFollowTheirFla
 }
 
 TEST_F(MainWindowTest, DisplayCommandsToggleTheirFlagsMarksAndRepaint) {
-    fitDocument.pairCount = 2;
-    fitDocument.pairs[0] = {2, 0.5};
-    fitDocument.pairs[1] = {300, 0.7};
-    fitDocument.calculationCount = 2;
-    refreshAfterLoad(false);
+    loadTwoPairs();
     host.repaints = 0;
 
     command(idmExperimental);
@@ -204,13 +200,6 @@ TEST_F(MainWindowTest, ABandSelectsTheRangesAndAClickPicksTheShownCurveUnderIt) 
     EXPECT_EQ(pickCurve(x, plotY(0.75)), -1); // curve 2 lies there, but is hidden
     plotSettings.curveShown[1] = 1;
     EXPECT_EQ(pickCurve(x, plotY(0.75)), 1);
-
-    // Details: the release picks, and ends the mode.
-    command(idmDetails);
-    mouse(WindowMessage::LeftButtonUp, x, y);
-    EXPECT_EQ(fitDocument.currentCalculation, 0);
-    EXPECT_EQ(shell.detailsPick, 0);
-    EXPECT_FALSE(shell.menu.isChecked(idmDetails));
 }
 
 TEST_F(MainWindowTest, OpenFitsWithTheProgressDialogAndEnablesTheNewCurve) {
@@ -218,11 +207,6 @@ TEST_F(MainWindowTest, OpenFitsWithTheProgressDialogAndEnablesTheNewCurve) {
     choosers.answers.push_back(dir.write("cu2.qpi", dimerInput));
     expectProgress();
     command(idmOpen);
-    EXPECT_EQ(choosers.requests.at(0).defaultExtension, "QPI");
-    EXPECT_EQ(choosers.requests.at(0).filters.at(0).description, "Fitting input files (*.qpi)");
-    EXPECT_FALSE(host.coverOpen);
-    EXPECT_EQ(runState.reportPath, dir.file("cu2.qpo"));
-    EXPECT_TRUE(dir.has("cu2.qpo"));
     for (int position = 1; position <= 5; ++position)
         EXPECT_TRUE(shell.menu.isEnabled(AtPosition{position}));
     EXPECT_TRUE(shell.menu.isEnabled(idmFitted1) && shell.menu.isChecked(idmFitted1));
@@ -269,7 +253,6 @@ TEST_F(MainWindowTest, AFailedRunKeepsTheDialogWithTheReasonAndChangesNothing) {
     } faults[] = {
         {"missing", "", "Unable to fit magnetic susceptibility !"},
         {"failing", "echo 'input.txt line 4: site 2 has spin 0' >&2; exit 2", "site 2 has spin 0"},
-        {"no results", "exit 0", "ended without leaving results"},
     };
     for (const auto& fault : faults) {
         SCOPED_TRACE(fault.name);

@@ -78,8 +78,6 @@ TEST_F(NewCommandTest, NoNameStoredOrNoCompanionLeavesThePlotAsItWas) {
         runCommand(idmNew);
         ASSERT_EQ(messages.messages.size(), 1u) << program;
         EXPECT_EQ(messages.messages[0].text, "Unable to create input file for fitting!");
-        EXPECT_EQ(messages.messages[0].caption, "Error...");
-        EXPECT_EQ(messages.messages[0].style, 0x10u);
         EXPECT_EQ(plotSettings.plotLoaded, 0);
     }
 }

@@ -10,10 +10,12 @@
 #include <thread>
 #include <vector>
 
+#include "fit/fit_document.h"
 #include "platform/choosers.h"
 #include "platform/headless_dialog.h"
 #include "platform/recording_surface.h"
 #include "plot/plot_settings.h"
+#include "shell/commands.h"
 #include "shell/main_window.h"
 #include "support/fixtures.h"
 #include "support/stand_in_engine.h"
@@ -60,7 +62,20 @@ protected:
     void TearDown() override { unsetenv("CORVANE_ENGINE"); }
 
     void useEngine(const std::string& body) { useScriptEngine(dir, body); }
+    // A loaded document: the pairs (10 K, 0.5) and (300 K, 0.8), two calculations over both.
+    void loadTwoPairs() {
+        fitDocument.pairCount = 2;
+        fitDocument.pairs[0] = {10, 0.5};
+        fitDocument.pairs[1] = {300, 0.8};
+        fitDocument.calculationCount = 2;
+        for (int k = 0; k < 2; ++k) fitDocument.calculations[slot(k + 1)].lastPair = 2;
+        refreshAfterLoad(false);
+    }
     bool command(int id) { return MainWndProc({WindowMessage::Command, id, 0, 0, nullptr}); }
+    static void retype(HeadlessDialog& d, int id, const std::string& text) {
+        d.clearText(id);
+        d.type(id, text);
+    }
     // The progress dialog of the next run: during (if any) first, then fed until it ends; when
     // it waits for Close, its status line goes to status and Close is pressed.
     void expectProgress(std::string* status = nullptr, std::function<void()> during = nullptr) {
