@@ -26,12 +26,6 @@ namespace corefit {
 enum class Method { Automatic, Full, MBlocks, SBlocks };
 const char* methodName(Method method); // "automatic", "full", "M blocks", "S blocks"
 
-struct SpinSystem {
-    std::vector<int> twiceSpin; // 2S per site
-    std::vector<Bond> bonds;    // sites and J index, 0-based
-    int jCount = 0;
-};
-
 // Levels at one set of J values (kelvin). Level n stands for weight[n] states of energy
 // energy[n]; moment[n] is the sum of M^2 over those states.
 struct Levels {
