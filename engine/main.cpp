@@ -532,8 +532,10 @@ int run(const Options& options) {
     // Limits, checked before anything large is built; fewer blocks side by side when that is
     // what it takes to stay within the memory limit.
     const SpinSystem system{problem.twiceSpin, problem.bonds, problem.jCount()};
+    std::shared_ptr<const SplitGroup> group;
     if (options.symmetry) {
         const SiteSymmetry symmetry = findSymmetry(system);
+        group = std::make_shared<const SplitGroup>(splitGroup(symmetry, problem.siteCount()));
         std::string generators;
         for (const Permutation& g : symmetry.generators)
             generators += (generators.empty() ? "" : ", ") + cycleText(g);
@@ -548,9 +550,9 @@ int run(const Options& options) {
                                    ? options.maxMemoryGiB * 1024 * 1024 * 1024
                                    : std::min(16.0 * 1024 * 1024 * 1024, 0.8 * physicalMemory());
     const int threads = options.threads > 0 ? options.threads : defaultThreads();
-    Plan plan = planSpectrum(system, method, threads);
+    Plan plan = planSpectrum(system, method, threads, group);
     while (plan.bytes > memoryLimit && plan.threads > 1)
-        plan = planSpectrum(system, method, plan.threads - 1);
+        plan = planSpectrum(system, method, plan.threads - 1, group);
     logPlan(log, plan);
     if (plan.threads < threads)
         log.line("threads lowered from %d to %d to stay within the memory limit", threads,

@@ -20,6 +20,7 @@
 
 #include "guards.h"
 #include "problem.h"
+#include "symmetry.h"
 
 namespace corefit {
 
@@ -48,12 +49,17 @@ struct Plan {
     double bytes = 0;              // estimated peak memory of the spectrum
     double secondsPerSpectrum = 0; // estimated diagonalisation time, eigenvalues only
     double secondsPerSlopes = 0;   // estimated time with eigenvectors and J slopes
+    // S blocks split further by this group's irreducible representations (when of order > 1).
+    std::shared_ptr<const SplitGroup> group;
     bool buildable() const { return largestBlock <= static_cast<double>(maxLapackBlock); }
+    bool split() const { return group != nullptr && group->order() > 1; }
     std::string describe() const; // "S blocks: dimension 46656, 31 blocks, largest 609"
 };
 
-// Throws std::invalid_argument for a system outside the input's limits (sites, 2S).
-Plan planSpectrum(const SpinSystem& system, Method method, int threads = 1);
+// Throws std::invalid_argument for a system outside the input's limits (sites, 2S). With a
+// group of order > 1, S blocks (and the automatic method) are split by it.
+Plan planSpectrum(const SpinSystem& system, Method method, int threads = 1,
+                  std::shared_ptr<const SplitGroup> group = nullptr);
 
 // The threads corefit uses unless told otherwise: one per core.
 int defaultThreads();

@@ -435,7 +435,7 @@ SplitGroup splitGroup(const SiteSymmetry& symmetry, int sites) {
         std::snprintf(text, sizeof text, "cyclic %d + reflections, x %d more swap%s", m, zCount,
                       zCount == 1 ? "" : "s");
     else
-        std::snprintf(text, sizeof text, "order %d, commuting swaps", out.order());
+        std::snprintf(text, sizeof text, "order %d", out.order());
     out.name = text;
     return out;
 }
