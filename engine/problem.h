@@ -87,6 +87,7 @@ struct Outcome {
     // indices (as in values), correlation the matrix row by row (NaN where undetermined).
     std::vector<int> correlated;
     std::vector<double> correlation;
+    std::string note; // written last, as a line beginning with "# " (FTLM's error), or empty
 };
 
 } // namespace corefit

@@ -35,6 +35,8 @@ const char* methodName(Method method) {
         return "full";
     case Method::MBlocks:
         return "M blocks";
+    case Method::Ftlm:
+        return "FTLM";
     case Method::SBlocks:
         break;
     }
@@ -386,9 +388,31 @@ void addCoupledBond(const CoupledBlock& block, const std::vector<int>& spins, in
     }
 }
 
-// Runs body(i) for i in [0, count) on up to `threads` threads, each taking the next i when it is
-// done (so a thread slowed by other work takes fewer). Stops starting new ones when stop is set,
-// and then throws Interrupted; the first exception of a body is thrown once all have ended.
+void buildCoupledBlock(const SpinSystem& system, const std::vector<int>& jSlot, int twiceTotal,
+                       std::vector<Eigen::MatrixXd>& matrices, int threads, const StopFlag* stop) {
+    const CoupledBlock block(system.twiceSpin, twiceTotal);
+    for (auto& matrix : matrices) matrix.setZero(block.size(), block.size());
+    // Rows are independent and each fills its own column: chunks of rows run side by side, and
+    // a stop request is seen between slices of rows.
+    constexpr long slice = 64;
+    const long chunks = threads > 1 ? 8L * threads : 1;
+    parallelFor(chunks, threads, stop, [&](long chunk) {
+        Recoupling recoupling;
+        const long begin = block.size() * chunk / chunks, end = block.size() * (chunk + 1) / chunks;
+        for (long from = begin; from < end; from += slice) {
+            throwIfStopped(stop);
+            for (const Bond& bond : system.bonds)
+                addCoupledBond(
+                    block, system.twiceSpin, std::min(bond.a, bond.b), std::max(bond.a, bond.b),
+                    recoupling,
+                    matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])],
+                    from, std::min(from + slice, end));
+        }
+    });
+}
+
+} // namespace
+
 void parallelFor(long count, int threads, const StopFlag* stop,
                  const std::function<void(long)>& body) {
     if (threads <= 1 || count <= 1) {
@@ -420,31 +444,6 @@ void parallelFor(long count, int threads, const StopFlag* stop,
     throwIfStopped(stop);
 }
 
-void buildCoupledBlock(const SpinSystem& system, const std::vector<int>& jSlot, int twiceTotal,
-                       std::vector<Eigen::MatrixXd>& matrices, int threads, const StopFlag* stop) {
-    const CoupledBlock block(system.twiceSpin, twiceTotal);
-    for (auto& matrix : matrices) matrix.setZero(block.size(), block.size());
-    // Rows are independent and each fills its own column: chunks of rows run side by side, and
-    // a stop request is seen between slices of rows.
-    constexpr long slice = 64;
-    const long chunks = threads > 1 ? 8L * threads : 1;
-    parallelFor(chunks, threads, stop, [&](long chunk) {
-        Recoupling recoupling;
-        const long begin = block.size() * chunk / chunks, end = block.size() * (chunk + 1) / chunks;
-        for (long from = begin; from < end; from += slice) {
-            throwIfStopped(stop);
-            for (const Bond& bond : system.bonds)
-                addCoupledBond(
-                    block, system.twiceSpin, std::min(bond.a, bond.b), std::max(bond.a, bond.b),
-                    recoupling,
-                    matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])],
-                    from, std::min(from + slice, end));
-        }
-    });
-}
-
-} // namespace
-
 std::string Plan::describe() const {
     char text[320];
     std::string name = methodName(method);
@@ -458,11 +457,51 @@ std::string Plan::describe() const {
     return text;
 }
 
+namespace {
+
+// FTLM: sparse blocks of fixed M; the time from the matrix-vector products and the
+// reorthogonalisation of the exact levels, measured on 2-core machines.
+Plan planFtlm(const SpinSystem& system, Plan plan) {
+    checkSystem(system);
+    const FtlmSizes sizes = ftlmSizes(system);
+    const FtlmSettings& f = plan.ftlm;
+    Count dimension = 0;
+    for (Count c : momentCounts(system.twiceSpin)) dimension += c;
+    plan.dimension = static_cast<double>(dimension);
+    plan.blockSizes = sizes.blocks;
+    double seconds = 0, longest = 0, stored = 0, working = 0;
+    const double slots = std::max<double>(static_cast<double>(usedJValues(system).size()), 1);
+    for (std::size_t b = 0; b < sizes.blocks.size(); ++b) {
+        const double n = sizes.blocks[b], nonzeros = sizes.nonzeros[b];
+        plan.largestBlock = std::max(plan.largestBlock, n);
+        stored += nonzeros * 21 + n * 8 * (slots + 1);
+        double t = 0;
+        if (n <= static_cast<double>(f.denseLimit)) {
+            t = eigenSeconds(n, false) + 1e-9 * n * n;
+            working = std::max(working, 1.2 * squareBytes(n));
+        } else {
+            const double products = f.vectors * f.steps + 80.0 * (f.exactLevels + 2);
+            t = products * (nonzeros * 3e-9 + n * 2e-8) + (f.exactLevels + 2) * 80.0 * 80.0 * n * 2e-9;
+            working = std::max(working, (80.0 + f.exactLevels + 6) * n * 8);
+        }
+        seconds += t;
+        longest = std::max(longest, t);
+    }
+    plan.secondsPerSpectrum = std::max(seconds / plan.threads, longest);
+    plan.secondsPerSlopes = plan.secondsPerSpectrum; // J slopes by differences: one more per J
+    plan.bytes = 64.0 * 1024 * 1024 + stored + plan.threads * working;
+    return plan;
+}
+
+} // namespace
+
 Plan planSpectrum(const SpinSystem& system, Method method, int threads,
-                  std::shared_ptr<const SplitGroup> group) {
+                  std::shared_ptr<const SplitGroup> group, const FtlmSettings& ftlm) {
     Plan plan;
     plan.method = method == Method::Automatic ? Method::SBlocks : method;
     plan.threads = std::max(1, threads);
+    plan.ftlm = ftlm;
+    if (plan.method == Method::Ftlm) return planFtlm(system, plan);
     if (plan.method == Method::SBlocks && group && group->order() > 1) plan.group = std::move(group);
     const std::vector<BlockSpec> specs = blockSpecs(system, plan.method, plan.group.get());
     const std::vector<int> used = usedJValues(system);
@@ -537,6 +576,10 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     : system_(system), plan_(plan), threads_(std::max(1, threads)), stop_(stop),
       usedJ_(usedJValues(system)) {
     keepBlasOnOneThread();
+    if (plan.method == Method::Ftlm) {
+        ftlm_ = std::make_unique<FtlmSpectrum>(system, plan.ftlm, threads_, stop_);
+        return;
+    }
     if (!plan.buildable())
         throw std::length_error(plan.describe() + ": the largest block exceeds " +
                                 std::to_string(maxLapackBlock) + ", the largest LAPACK takes");
@@ -676,7 +719,14 @@ const Levels& Spectrum::levels(const std::vector<double>& jKelvin,
             if (slopeFor[k] && (k >= have.size() || !have[k])) return false;
         return true;
     };
-    if (cached_ && cachedJ_ == jKelvin && covers(cachedSlopes_)) return levels_;
+    if (cached_ && cachedJ_ == jKelvin && (ftlm_ || covers(cachedSlopes_))) return levels_;
+    if (ftlm_) {
+        ftlm_->levels(jKelvin, levels_);
+        ++diagonalisations_;
+        cachedJ_ = jKelvin;
+        cached_ = true;
+        return levels_;
+    }
 
     diagonaliseAll(jKelvin, slopeFor);
     Levels& out = levels_;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "model.h"
 #include "spectrum.h"
 #include "symmetry.h"
 
@@ -53,7 +54,7 @@ std::vector<double> allStates(const Levels& levels) {
     return states;
 }
 
-double thermalMoment(const Levels& levels, double t) {
+double momentAt(const Levels& levels, double t) {
     const double e0 = *std::min_element(levels.energy.begin(), levels.energy.end());
     double z = 0, m = 0;
     for (std::size_t n = 0; n < levels.energy.size(); ++n) {
@@ -80,8 +81,8 @@ void expectSameSpectrum(const Levels& levels, const Levels& reference,
     for (std::size_t i = 0; i < states.size(); ++i)
         ASSERT_NEAR(states[i], referenceStates[i], tolerance * scale) << "state " << i;
     for (double t : {0.5, 3.0, 40.0, 300.0})
-        EXPECT_NEAR(thermalMoment(levels, t), thermalMoment(reference, t),
-                    tolerance * thermalMoment(reference, t) + 1e-20)
+        EXPECT_NEAR(momentAt(levels, t), momentAt(reference, t),
+                    tolerance * momentAt(reference, t) + 1e-20)
             << "T = " << t;
     for (std::size_t n = 0; n < levels.energy.size(); ++n) {
         if (levels.slope.empty() || levels.slope[0].empty()) break;
@@ -216,5 +217,48 @@ TEST(Spectrum, SymmetryBlocksAgreeWithWholeSBlocks) {
         Spectrum split(cluster.system, plan, 2);
         expectSameSpectrum(split.levels(cluster.j, allSlopes), whole.levels(cluster.j, allSlopes),
                            cluster.j, 1e-10);
+    }
+}
+
+// FTLM on clusters of 10 and 12 sites, its blocks above 100 states by random vectors: within
+// four of its own standard errors of the exact <M^2>, and the same numbers again from the same
+// seed.
+TEST(Ftlm, AgreesWithExactWithinItsErrorAndRepeatsFromItsSeed) {
+    SpinSystem ring12{std::vector<int>(12, 1), {}, 2};
+    for (int i = 0; i < 12; ++i) ring12.bonds.push_back({i, (i + 1) % 12, i % 2});
+    SpinSystem mixed{{1, 2, 1, 2, 1, 2, 1, 2, 1, 2}, {}, 2};
+    for (int i = 0; i < 10; ++i) mixed.bonds.push_back({i, (i + 1) % 10, 0});
+    mixed.bonds.push_back({0, 5, 1});
+    const std::vector<Cluster> cases{{"ring 12 x 1/2, J1/J2", ring12, {-10, -7}},
+                                     {"ring of 1/2 and 1, one cross path", mixed, {-15, 4}}};
+    FtlmSettings settings;
+    settings.vectors = 12;
+    settings.steps = 60;
+    settings.exactLevels = 4;
+    settings.denseLimit = 100;
+    for (const Cluster& cluster : cases) {
+        SCOPED_TRACE(cluster.name);
+        Spectrum exact(cluster.system, planSpectrum(cluster.system, Method::SBlocks), 1);
+        const Levels reference = exact.levels(cluster.j, {});
+        const Plan plan = planSpectrum(cluster.system, Method::Ftlm, 2, nullptr, settings);
+        Spectrum ftlm(cluster.system, plan, 2);
+        EXPECT_FALSE(ftlm.exactSlopes());
+        const Levels estimate = ftlm.levels(cluster.j, {});
+        ASSERT_EQ(estimate.samples, settings.vectors);
+        for (double t : {2.0, 5.0, 20.0, 100.0, 300.0}) {
+            const double error = thermalMomentError(estimate, t);
+            EXPECT_GT(error, 0);
+            EXPECT_NEAR(thermalMoment(estimate, t).value, momentAt(reference, t),
+                        4 * error + 1e-9)
+                << "T = " << t;
+        }
+        Spectrum again(cluster.system, plan, 1);
+        EXPECT_EQ(again.levels(cluster.j, {}).energy, estimate.energy);
+        EXPECT_EQ(again.levels(cluster.j, {}).weight, estimate.weight);
+        settings.seed = 2;
+        Spectrum otherSeed(cluster.system,
+                           planSpectrum(cluster.system, Method::Ftlm, 2, nullptr, settings), 2);
+        EXPECT_NE(otherSeed.levels(cluster.j, {}).weight, estimate.weight);
+        settings.seed = 1;
     }
 }
