@@ -350,8 +350,9 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
              freeCount, freeCount == 1 ? "" : "s", problem.points.size(), plan.threads,
              plan.threads == 1 ? "" : "s");
     Spectrum spectrum(system, plan, plan.threads, &stopRequest);
-    log.line("set up in %.3f s",
-             std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+    log.line("set up in %.3f s (building the matrices: %.3f thread-seconds)",
+             std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(),
+             spectrum.buildSeconds());
 
     SusceptibilityModel model(problem, spectrum);
     FitOptions fitOptions;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -595,6 +596,12 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     std::stable_sort(blocks_.begin(), blocks_.end(),
                      [](const auto& x, const auto& y) { return x->spec.size > y->spec.size; });
 
+    std::mutex buildMutex;
+    auto countBuild = [&](std::chrono::steady_clock::time_point started) {
+        const std::lock_guard lock(buildMutex);
+        buildSeconds_ +=
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    };
     // One J (or none): diagonalise once at J = 1 and keep only the levels.
     auto diagonaliseOnce = [&](Block& block) {
         const auto n = static_cast<Index>(block.spec.built());
@@ -625,8 +632,10 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
         parallelFor(static_cast<long>(bySpin.size()), threads_, stop_, [&](long i) {
             const auto& list = bySpin[static_cast<std::size_t>(i)];
             std::vector<std::vector<Eigen::MatrixXd>> matrices;
+            const auto started = std::chrono::steady_clock::now();
             buildSplitBlocks(system, *plan.group, tree, jSlot, usedJ_.size(),
                              list[0]->spec.twiceLabel, matrices, stop_);
+            countBuild(started);
             for (Block* block : list) {
                 auto& perJ = matrices[static_cast<std::size_t>(block->spec.irrep)];
                 if (!perJ.empty() && perJ[0].rows() != block->spec.built())
@@ -645,6 +654,7 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     parallelFor(static_cast<long>(blocks_.size()), threads_, stop_, [&](long i) {
         Block& block = *blocks_[static_cast<std::size_t>(i)];
         block.perJ.resize(usedJ_.size());
+        const auto started = std::chrono::steady_clock::now();
         if (plan.method == Method::SBlocks) {
             buildCoupledBlock(system, jSlot, block.spec.twiceLabel, block.perJ, buildThreads,
                               stop_);
@@ -653,6 +663,7 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
             buildProductBlock(system, jSlot, states, block.perJ,
                               plan.method == Method::Full ? &block.stateMoment : nullptr, stop_);
         }
+        countBuild(started);
         if (plan_.scaled) diagonaliseOnce(block);
     });
     if (plan_.scaled) diagonalisations_ = 1;

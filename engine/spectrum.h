@@ -91,6 +91,9 @@ public:
 
     int diagonalisations() const { return diagonalisations_; }
     bool exactSlopes() const { return plan_.method != Method::Ftlm; }
+    // Thread-seconds the constructor spent building block matrices (the rest of it, for a
+    // scaled spectrum, diagonalising them).
+    double buildSeconds() const { return buildSeconds_; }
     const Plan& plan() const { return plan_; }
 
 private:
@@ -111,6 +114,7 @@ private:
     std::vector<bool> cachedSlopes_;
     bool cached_ = false;
     int diagonalisations_ = 0;
+    double buildSeconds_ = 0;
 };
 
 // Eigenvalues (ascending) of a symmetric matrix, and eigenvectors in place of it when asked:

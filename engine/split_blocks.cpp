@@ -32,19 +32,37 @@ double character(const SplitGroup::Irrep& irrep, std::size_t element) {
     return irrep.dimension == 1 ? m[0] : m[0] + m[3];
 }
 
-// The coupled states of one total spin on the tree: the values 2j of the internal nodes.
+// The coupled states of one total spin on the tree: the values 2j of the internal nodes, with
+// an open-addressing index from values to state.
 struct TreeStates {
     int internal = 0;
     std::vector<std::uint16_t> values; // state after state
-    std::unordered_map<std::u16string, int> index;
-    int count() const { return static_cast<int>(index.size()); }
+    std::vector<int> slots;            // -1 or a state; a power of 2 long
+    int count() const { return static_cast<int>(values.size() / static_cast<std::size_t>(internal)); }
     const std::uint16_t* state(int i) const {
         return values.data() + static_cast<std::size_t>(i) * static_cast<std::size_t>(internal);
     }
+    std::size_t hash(const std::uint16_t* state) const {
+        std::uint64_t h = 0xcbf29ce484222325ULL;
+        for (int k = 0; k < internal; ++k) h = (h ^ state[k]) * 0x100000001b3ULL;
+        return static_cast<std::size_t>(h ^ (h >> 29));
+    }
+    bool same(int i, const std::uint16_t* state) const {
+        return std::equal(state, state + internal, this->state(i));
+    }
+    void index() {
+        std::size_t size = 16;
+        while (size < 2 * static_cast<std::size_t>(count())) size *= 2;
+        slots.assign(size, -1);
+        for (int i = 0; i < count(); ++i) {
+            std::size_t at = hash(state(i)) & (size - 1);
+            while (slots[at] >= 0) at = (at + 1) & (size - 1);
+            slots[at] = i;
+        }
+    }
     int find(const std::uint16_t* state) const {
-        const auto found = index.find(
-            std::u16string(reinterpret_cast<const char16_t*>(state), static_cast<std::size_t>(internal)));
-        return found == index.end() ? -1 : found->second;
+        for (std::size_t at = hash(state) & (slots.size() - 1);; at = (at + 1) & (slots.size() - 1))
+            if (slots[at] < 0 || same(slots[at], state)) return slots[at];
     }
 };
 
@@ -60,9 +78,6 @@ TreeStates enumerateStates(const SpinSystem& system, const CouplingTree& tree, i
     // Internal nodes come after their children: assign them in order.
     auto assign = [&](auto&& self, int k) -> void {
         if (k == states.internal) {
-            states.index.emplace(std::u16string(reinterpret_cast<const char16_t*>(current.data()),
-                                                current.size()),
-                                 states.count());
             states.values.insert(states.values.end(), current.begin(), current.end());
             return;
         }
@@ -79,6 +94,7 @@ TreeStates enumerateStates(const SpinSystem& system, const CouplingTree& tree, i
         }
     };
     assign(assign, 0);
+    states.index();
     return states;
 }
 
@@ -275,6 +291,12 @@ void buildSplitBlocks(const SpinSystem& system, const SplitGroup& group, const C
                 if (here.rank() == 0 || there.rank() == 0) continue;
                 const double factor = group.irreps[k].dimension / static_cast<double>(group.order()) *
                                       signOf[t] * value;
+                if (group.irreps[k].dimension == 1) {
+                    matrices[k][slot](here.offset, there.offset) +=
+                        factor * here.w(0, 0) *
+                        group.irreps[k].matrix[static_cast<std::size_t>(mover[t])][0] * there.aw(0, 0);
+                    continue;
+                }
                 const Small y = here.w.transpose() *
                                 (representation(group.irreps[k], static_cast<std::size_t>(mover[t])) * there.aw);
                 matrices[k][slot].block(here.offset, there.offset, here.rank(), there.rank()) +=

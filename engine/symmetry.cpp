@@ -209,7 +209,8 @@ std::string cycleText(const Permutation& p) {
         text += "(";
         for (std::size_t j = i; !seen[j]; j = static_cast<std::size_t>(p[j])) {
             seen[j] = 1;
-            text += (text.back() == '(' ? "" : " ") + std::to_string(j + 1);
+            if (text.back() != '(') text += ' ';
+            text += std::to_string(j + 1);
         }
         text += ")";
     }
