@@ -774,7 +774,8 @@ int runScale(const Settings& settings) {
                               : format("(est %.0f)", presentEstimate).c_str(),
                     now.ok ? seconds(whole(now)).c_str() : "failed",
                     before.ok && now.ok ? format("%.3g", whole(before) / whole(now)).c_str() : "-",
-                    target.fit ? spectraPerFit * fast.secondsPerSlopes : fast.secondsPerSpectrum,
+                    fast.secondsToBuild +
+                        (target.fit ? spectraPerFit * fast.secondsPerSlopes : fast.secondsPerSpectrum),
                     fast.bytes / gib, now.peakBytes / gib, now.build,
                     before.ok && now.ok ? format("%.1e", largestDifference(now.values, before.values)).c_str()
                                         : "-");

@@ -213,8 +213,10 @@ void logPlan(Log& log, const Plan& plan) {
     }
     log.line("block sizes: %s", sizes.c_str());
     log.line("threads: %d (blocks side by side)", plan.threads);
-    log.line("estimated memory %s; estimated %.3g s per spectrum, %.3g s with J slopes",
-             gib(plan.bytes).c_str(), plan.secondsPerSpectrum, plan.secondsPerSlopes);
+    log.line("estimated memory %s; estimated %.3g s to build, %.3g s per spectrum, %.3g s with "
+             "J slopes",
+             gib(plan.bytes).c_str(), plan.secondsToBuild, plan.secondsPerSpectrum,
+             plan.secondsPerSlopes);
 }
 
 const char* statusText(FitStatus status) {
@@ -586,9 +588,10 @@ int run(const Options& options) {
     // slopes at each of some 25 iterations (FTLM: one more spectrum per free J instead).
     auto beyondLimits = [&](const Plan& plan) -> std::string {
         const double estimate =
-            freeJ == 0 || plan.scaled ? plan.secondsPerSpectrum
-            : plan.method == Method::Ftlm ? 25 * (1 + freeJ) * plan.secondsPerSpectrum
-                                          : 25 * plan.secondsPerSlopes;
+            plan.secondsToBuild +
+            (freeJ == 0 || plan.scaled      ? plan.secondsPerSpectrum
+             : plan.method == Method::Ftlm ? 25 * (1 + freeJ) * plan.secondsPerSpectrum
+                                           : 25 * plan.secondsPerSlopes);
         const std::string size = plan.describe();
         char text[600];
         if (!plan.buildable()) {

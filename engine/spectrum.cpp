@@ -490,7 +490,7 @@ Plan planFtlm(const SpinSystem& system, Plan plan) {
     }
     plan.secondsPerSpectrum = std::max(seconds / plan.threads, longest);
     plan.secondsPerSlopes = plan.secondsPerSpectrum; // J slopes by differences: one more per J
-    plan.bytes = 64.0 * 1024 * 1024 + stored + plan.threads * working;
+    plan.bytes = 16.0 * 1024 * 1024 + stored + plan.threads * working;
     return plan;
 }
 
@@ -554,12 +554,16 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
             perSpin[label].first += squareBytes(spec.size);
             perSpin[label].second += d * spec.size * (100 + 2.0 * static_cast<double>(system.twiceSpin.size()));
         }
+        // Building: some 15 us per coupled state on these machines (orbits and rows).
+        double states = 0;
+        for (const auto& spin : perSpin) states += spin.second / (100 + 2.0 * static_cast<double>(system.twiceSpin.size()));
+        plan.secondsToBuild = 1.5e-5 * states / plan.threads;
         std::sort(perSpin.begin(), perSpin.end(), std::greater<>());
         for (std::size_t i = 0; i < perSpin.size() && i < static_cast<std::size_t>(plan.threads); ++i)
             plan.bytes += (plan.scaled ? 1 : k) * perSpin[i].first + perSpin[i].second;
     }
     // The program itself, and the levels with their slopes (kept twice while they are gathered).
-    plan.bytes += 64.0 * 1024 * 1024 + 2 * 8 * (3 + k) * levels;
+    plan.bytes += 16.0 * 1024 * 1024 + 2 * 8 * (3 + k) * levels;
     return plan;
 }
 

@@ -53,6 +53,7 @@ struct Plan {
     double bytes = 0;              // estimated peak memory of the spectrum
     double secondsPerSpectrum = 0; // estimated diagonalisation time, eigenvalues only
     double secondsPerSlopes = 0;   // estimated time with eigenvectors and J slopes
+    double secondsToBuild = 0;     // estimated time to build the blocks (split S blocks only)
     // S blocks split further by this group's irreducible representations (when of order > 1).
     std::shared_ptr<const SplitGroup> group;
     FtlmSettings ftlm; // for Method::Ftlm
