@@ -482,7 +482,7 @@ Plan planFtlm(const SpinSystem& system, Plan plan) {
             working = std::max(working, 1.2 * squareBytes(n));
         } else {
             const double products = f.vectors * f.steps + 80.0 * (f.exactLevels + 2);
-            t = products * (nonzeros * 3e-9 + n * 2e-8) + (f.exactLevels + 2) * 80.0 * 80.0 * n * 2e-9;
+            t = products * (nonzeros * 1.5e-9 + n * 1e-8) + (f.exactLevels + 2) * 80.0 * 80.0 * n * 1e-9;
             working = std::max(working, (80.0 + f.exactLevels + 6) * n * 8);
         }
         seconds += t;
@@ -554,10 +554,15 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
             perSpin[label].first += squareBytes(spec.size);
             perSpin[label].second += d * spec.size * (100 + 2.0 * static_cast<double>(system.twiceSpin.size()));
         }
-        // Building: some 15 us per coupled state on these machines (orbits and rows).
+        // Building, measured on these machines: per coupled state, its images under the group
+        // and a share of the rows (some 1.5 us per exchange path).
         double states = 0;
-        for (const auto& spin : perSpin) states += spin.second / (100 + 2.0 * static_cast<double>(system.twiceSpin.size()));
-        plan.secondsToBuild = 1.5e-5 * states / plan.threads;
+        for (const auto& spin : perSpin)
+            states += spin.second / (100 + 2.0 * static_cast<double>(system.twiceSpin.size()));
+        plan.secondsToBuild = states *
+                              (4e-7 * plan.group->order() +
+                               1.5e-6 * static_cast<double>(system.bonds.size())) /
+                              plan.threads;
         std::sort(perSpin.begin(), perSpin.end(), std::greater<>());
         for (std::size_t i = 0; i < perSpin.size() && i < static_cast<std::size_t>(plan.threads); ++i)
             plan.bytes += (plan.scaled ? 1 : k) * perSpin[i].first + perSpin[i].second;
