@@ -25,7 +25,7 @@ struct SiteSymmetry {
     std::string name;                    // "none", "cyclic 8 + reflections", "order 48", ...
 };
 
-inline constexpr std::size_t maxListedElements = 1 << 15;
+inline constexpr std::size_t maxListedElements = 1 << 12;
 
 // The automorphisms of the labelled exchange graph of system: site spins must match, and between
 // every two sites the number of paths of each J value. Exact for every system the input allows;
