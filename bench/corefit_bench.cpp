@@ -6,6 +6,11 @@
 // Prints the machine, the date and one table (aligned text, or CSV with --csv) on the standard
 // output; progress goes to the standard error stream.
 //
+//   corefit-bench --scale [--large]
+//
+// Instead: the engine at scale, the method before symmetry and FTLM beside the new one, each run
+// in a child process of its own (for its peak memory).
+//
 //   corefit-bench --under-load [--rounds N]
 //
 // Instead: the 16 x S=1/2 ring with the default threads and with one, on an idle machine and with
@@ -28,6 +33,7 @@
 
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,6 +43,7 @@
 #include "model.h"
 #include "problem.h"
 #include "spectrum.h"
+#include "symmetry.h"
 
 extern "C" void openblas_set_num_threads(int threads);
 
@@ -383,6 +390,8 @@ struct Settings {
     std::vector<int> cases; // 1-based; empty: all
     bool underLoad = false;
     int rounds = 3;
+    bool scale = false;
+    double presentBudget = 1200; // --scale: skip a run of the present method estimated longer
 };
 
 // The naive reference on the same problem and data, where it fits the memory and time budgets.
@@ -610,6 +619,213 @@ int runUnderLoad(const Settings& settings) {
     return 0;
 }
 
+// ---------------------------------------------------------------------------------------------
+// At scale: the present method (S blocks, no symmetry) beside the new one (S blocks split by the
+// cluster's symmetry, or FTLM), each in a child process of its own.
+
+struct Measured {
+    bool ok = false;
+    double setup = 0, build = 0, evaluation = 0, fit = 0, peakBytes = 0;
+    int iterations = 0;
+    std::vector<double> values; // chiT at the true values
+    double worstError = 0;      // FTLM: the largest relative standard error it gives
+};
+
+// In a child process: builds the spectrum, evaluates chiT at the 300 temperatures (a whole run of
+// corefit with no free parameter) and, with `fit`, fits g and J from 20 % off. Its peak resident
+// memory comes from wait4.
+Measured measureApart(const Case& c, const Plan& plan, int threads, bool fit) {
+    int channel[2];
+    if (::pipe(channel) != 0) throw std::runtime_error("no pipe");
+    const pid_t pid = ::fork();
+    if (pid < 0) throw std::runtime_error("cannot fork");
+    if (pid == 0) {
+        ::close(channel[0]);
+        std::vector<double> out;
+        try {
+            Problem problem = makeProblem(c);
+            const SpinSystem system{problem.twiceSpin, problem.bonds, problem.jCount()};
+            auto started = Clock::now();
+            Spectrum spectrum(system, plan, threads);
+            const double setup = secondsSince(started);
+            SusceptibilityModel model(problem, spectrum);
+            std::vector<double> values;
+            started = Clock::now();
+            if (!model.predict(trueValues(problem), values)) throw std::runtime_error("no chiT");
+            const double evaluation = secondsSince(started);
+            double worst = 0;
+            const std::vector<double> errors = model.standardErrors(trueValues(problem));
+            for (std::size_t i = 0; i < errors.size(); ++i)
+                worst = std::max(worst, errors[i] / values[i]);
+            double fitSeconds = 0, iterations = 0;
+            if (fit) {
+                for (std::size_t i = 0; i < values.size(); ++i) problem.points[i].observed = values[i];
+                started = Clock::now();
+                const FitResult result = fitLeastSquares(model, fitStart(problem), {});
+                fitSeconds = setup + secondsSince(started);
+                iterations = result.iterations;
+            }
+            out = {1, setup, spectrum.buildSeconds(), evaluation, fitSeconds, iterations, worst};
+            out.insert(out.end(), values.begin(), values.end());
+        } catch (const std::exception& failure) {
+            std::fprintf(stderr, "  failed: %s\n", failure.what());
+            out = {0};
+        }
+        const auto bytes = static_cast<ssize_t>(out.size() * sizeof(double));
+        ssize_t written = 0;
+        while (written < bytes) {
+            const ssize_t k = ::write(channel[1], reinterpret_cast<const char*>(out.data()) + written,
+                                      static_cast<std::size_t>(bytes - written));
+            if (k <= 0) break;
+            written += k;
+        }
+        ::_exit(0);
+    }
+    ::close(channel[1]);
+    std::vector<double> in;
+    double value = 0;
+    for (ssize_t k; (k = ::read(channel[0], &value, sizeof value)) == sizeof value;) in.push_back(value);
+    ::close(channel[0]);
+    int status = 0;
+    struct rusage usage {};
+    ::wait4(pid, &status, 0, &usage);
+    Measured m;
+    if (in.size() < 7 || in[0] != 1) return m;
+    m.ok = true;
+    m.setup = in[1];
+    m.build = in[2];
+    m.evaluation = in[3];
+    m.fit = in[4];
+    m.iterations = static_cast<int>(in[5]);
+    m.worstError = in[6];
+    m.values.assign(in.begin() + 7, in.end());
+    m.peakBytes = static_cast<double>(usage.ru_maxrss) * 1024;
+    return m;
+}
+
+double largestDifference(const std::vector<double>& a, const std::vector<double>& b) {
+    double worst = 0;
+    for (std::size_t i = 0; i < a.size() && i < b.size(); ++i)
+        worst = std::max(worst, std::abs(a[i] / b[i] - 1));
+    return worst;
+}
+
+int runScale(const Settings& settings) {
+    const int threads = settings.threads;
+    auto symmetric = [](const Case& c) {
+        const SpinSystem system{c.twiceSpin, c.bonds, static_cast<int>(c.j.size())};
+        return std::make_shared<const SplitGroup>(
+            splitGroup(findSymmetry(system), static_cast<int>(c.twiceSpin.size())));
+    };
+    auto systemOf = [](const Case& c) {
+        return SpinSystem{c.twiceSpin, c.bonds, static_cast<int>(c.j.size())};
+    };
+    std::printf("corefit-bench --scale, corefit %s, %s\n", COREFIT_VERSION, localTime().c_str());
+    std::printf("machine: %s, nproc %ld, %.1f GiB memory; %d thread%s; load average %s at the "
+                "start\n",
+                cpuModel().c_str(), ::sysconf(_SC_NPROCESSORS_ONLN), physicalMemory() / gib,
+                threads, threads == 1 ? "" : "s", loadAverage().c_str());
+    std::printf("present: S blocks without symmetry; new: S blocks split by the symmetry "
+                "(or FTLM); whole run: setup + chiT at %d temperatures; each run in a child "
+                "process, peak memory from the kernel\n\n",
+                pointCount);
+    std::printf("%-34s  %-44s  %9s  %9s  %8s  %8s  %8s  %8s  %7s  %9s\n", "target", "method",
+                "present s", "new s", "ratio", "est s", "est GiB", "peak GiB", "build s",
+                "agreement");
+
+    struct Target {
+        Case c;
+        bool fit;
+        const char* what;
+    };
+    const std::vector<Case> standard = standardCases();
+    std::vector<Target> targets{
+        {ring(16, 1, false, {-10}), false, "whole run"},
+        {standard[3], false, "whole run"},
+        {standard[6], true, "fit of g, J1, J2"},
+        {standard[7], false, "whole run"},
+    };
+    auto chosen = [&](int number) {
+        return settings.cases.empty() || std::find(settings.cases.begin(), settings.cases.end(),
+                                                    number) != settings.cases.end();
+    };
+    for (std::size_t k = 0; k < targets.size(); ++k) {
+        const Target& target = targets[k];
+        if (!chosen(static_cast<int>(k) + 1)) continue;
+        const SpinSystem system = systemOf(target.c);
+        const Plan present = planSpectrum(system, Method::SBlocks, threads);
+        const Plan fast = planSpectrum(system, Method::SBlocks, threads, symmetric(target.c));
+        progress("%s, %s: %s", target.c.name.c_str(), target.what, fast.describe().c_str());
+        const Measured now = measureApart(target.c, fast, threads, target.fit);
+        const double presentEstimate =
+            target.fit ? spectraPerFit * present.secondsPerSlopes : present.secondsPerSpectrum;
+        Measured before;
+        const bool runPresent = presentEstimate <= settings.presentBudget &&
+                                (!target.c.large || settings.large);
+        if (runPresent) {
+            progress("  present: %s", present.describe().c_str());
+            before = measureApart(target.c, present, threads, target.fit);
+        }
+        auto whole = [&](const Measured& m) { return target.fit ? m.fit : m.setup + m.evaluation; };
+        const std::string name = target.c.name + ", " + target.what;
+        std::printf("%-34s  %-44s  %9s  %9s  %8s  %8.3g  %8.3g  %8.3g  %7.3g  %9s\n",
+                    name.c_str(), format("%.44s", fast.describe().c_str()).c_str(),
+                    before.ok ? seconds(whole(before)).c_str()
+                              : format("(est %.0f)", presentEstimate).c_str(),
+                    now.ok ? seconds(whole(now)).c_str() : "failed",
+                    before.ok && now.ok ? format("%.3g", whole(before) / whole(now)).c_str() : "-",
+                    fast.secondsToBuild +
+                        (target.fit ? spectraPerFit * fast.secondsPerSlopes : fast.secondsPerSpectrum),
+                    fast.bytes / gib, now.peakBytes / gib, now.build,
+                    before.ok && now.ok ? format("%.1e", largestDifference(now.values, before.values)).c_str()
+                                        : "-");
+        if (before.ok)
+            std::printf("%-34s  %-44s  present: setup %.3g s (building %.3g thread-s), peak %.3g GiB "
+                        "(est %.3g)\n",
+                        "", "", before.setup, before.build, before.peakBytes / gib,
+                        present.bytes / gib);
+        std::fflush(stdout);
+    }
+
+    // FTLM against the exact spectrum (split by symmetry) on rings of 16, 18 and 20 sites.
+    if (!chosen(5)) return 0;
+    std::printf("\nFTLM (hybrid: lowest %d levels of every M block exact, %d Lanczos steps) "
+                "against the exact spectrum: largest relative difference of chiT over 2-300 K, "
+                "and the largest standard error FTLM gives itself\n\n",
+                FtlmSettings{}.exactLevels, FtlmSettings{}.steps);
+    std::printf("%-22s  %7s  %9s  %9s  %8s  %8s  %8s  %10s  %10s\n", "ring", "vectors",
+                "exact s", "ftlm s", "est s", "est GiB", "peak GiB", "difference",
+                "own error");
+    for (int sites : {16, 18, 20}) {
+        const Case c = ring(sites, 1, false, {-10});
+        const SpinSystem system = systemOf(c);
+        const Plan exact = planSpectrum(system, Method::SBlocks, threads, symmetric(c));
+        Measured reference;
+        if (sites < 20 || settings.large) {
+            progress("%s: exact, %s", c.name.c_str(), exact.describe().c_str());
+            reference = measureApart(c, exact, threads, false);
+        }
+        for (int vectors : {10, 20, 40}) {
+            if (sites == 20 && vectors != 20) continue;
+            FtlmSettings f;
+            f.vectors = vectors;
+            const Plan plan = planSpectrum(system, Method::Ftlm, threads, nullptr, f);
+            progress("%s: FTLM with %d vectors", c.name.c_str(), vectors);
+            const Measured m = measureApart(c, plan, threads, false);
+            std::printf("%-22s  %7d  %9s  %9s  %8.3g  %8.3g  %8.3g  %10s  %10s\n",
+                        c.name.c_str(), vectors,
+                        reference.ok ? seconds(reference.setup + reference.evaluation).c_str() : "-",
+                        m.ok ? seconds(m.setup + m.evaluation).c_str() : "failed",
+                        plan.secondsPerSpectrum, plan.bytes / gib, m.peakBytes / gib,
+                        reference.ok && m.ok ? format("%.2g %%", 100 * largestDifference(m.values, reference.values)).c_str() : "-",
+                        m.ok ? format("%.2g %%", 100 * m.worstError).c_str() : "-");
+            std::fflush(stdout);
+        }
+    }
+    std::printf("\nload average at the end %s\n", loadAverage().c_str());
+    return 0;
+}
+
 int run(const Settings& settings) {
     const std::vector<Case> cases = standardCases();
     for (int k : settings.cases)
@@ -675,17 +891,26 @@ int main(int argc, char** argv) {
                    "spectrum (a naive fit: in all) (default 120)")
         ->check(CLI::PositiveNumber);
     app.add_flag("--large", settings.large, "also run the 8 x S=5/2 ring (may take many minutes)");
-    app.add_option("--case", settings.cases, "run only these problems (1-8; repeatable)");
+    app.add_option("--case", settings.cases,
+                   "run only these problems (1-8; repeatable); with --scale: 1-4 the targets, 5 "
+                   "FTLM");
     app.add_flag("--csv", settings.csv, "print CSV instead of an aligned table");
     app.add_flag("--under-load", settings.underLoad,
                  "instead: the 16 x S=1/2 ring with the default threads and with one, idle and "
                  "with one core kept busy by another process");
     app.add_option("--rounds", settings.rounds, "rounds of --under-load (default 3)")
         ->check(CLI::Range(1, 100));
+    app.add_flag("--scale", settings.scale,
+                 "instead: the engine at scale, symmetry and FTLM beside the present method "
+                 "(with --large also the 8 x S=5/2 ring and the exact 20 x S=1/2 ring)");
+    app.add_option("--present-budget", settings.presentBudget,
+                   "--scale: skip a run of the present method estimated longer (default 1200 s)")
+        ->check(CLI::PositiveNumber);
     CLI11_PARSE(app, argc, argv);
     if (settings.threads <= 0) settings.threads = defaultThreads();
 
     try {
+        if (settings.scale) return runScale(settings);
         return settings.underLoad ? runUnderLoad(settings) : run(settings);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "corefit-bench: %s\n", failure.what());

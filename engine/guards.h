@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <stdexcept>
 
 namespace corefit {
@@ -22,6 +23,12 @@ inline bool stopRequested(const StopFlag* stop) {
 inline void throwIfStopped(const StopFlag* stop) {
     if (stopRequested(stop)) throw Interrupted();
 }
+
+// Runs body(i) for i in [0, count) on up to `threads` threads, each taking the next i when it is
+// done (so a thread slowed by other work takes fewer). Stops starting new ones when stop is set,
+// and then throws Interrupted; the first exception of a body is thrown once all have ended.
+void parallelFor(long count, int threads, const StopFlag* stop,
+                 const std::function<void(long)>& body);
 
 // GSL reports errors through a handler that aborts the program by default. The engine turns it
 // off once for the whole run and checks the status of every GSL call instead.

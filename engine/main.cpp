@@ -34,6 +34,7 @@
 #include "model.h"
 #include "problem_io.h"
 #include "spectrum.h"
+#include "symmetry.h"
 
 namespace {
 
@@ -212,8 +213,10 @@ void logPlan(Log& log, const Plan& plan) {
     }
     log.line("block sizes: %s", sizes.c_str());
     log.line("threads: %d (blocks side by side)", plan.threads);
-    log.line("estimated memory %s; estimated %.3g s per spectrum, %.3g s with J slopes",
-             gib(plan.bytes).c_str(), plan.secondsPerSpectrum, plan.secondsPerSlopes);
+    log.line("estimated memory %s; estimated %.3g s to build, %.3g s per spectrum, %.3g s with "
+             "J slopes",
+             gib(plan.bytes).c_str(), plan.secondsToBuild, plan.secondsPerSpectrum,
+             plan.secondsPerSlopes);
 }
 
 const char* statusText(FitStatus status) {
@@ -244,7 +247,7 @@ struct Snapshot {
 
 // Outcome of a snapshot: uncertainties 0 for fixed parameters and undetermined for free ones.
 Outcome snapshotOutcome(const Problem& problem, const Snapshot& best) {
-    Outcome outcome{best.deviation, best.parameters, {}, best.calculated, {}, {}};
+    Outcome outcome{best.deviation, best.parameters, {}, best.calculated, {}, {}, {}};
     for (const Parameter& parameter : problem.parameters)
         outcome.uncertainties.push_back(parameter.free() ? std::nan("") : 0.0);
     return outcome;
@@ -333,8 +336,10 @@ struct Options {
     std::string input;
     int threads = 0;
     std::string method = "automatic";
+    bool symmetry = true;
     double maxMemoryGiB = 0;
     double maxSeconds = 3600;
+    FtlmSettings ftlm;
 };
 
 // The run after its files are read and its limits checked: the spectrum, the fit, the results.
@@ -347,8 +352,9 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
              freeCount, freeCount == 1 ? "" : "s", problem.points.size(), plan.threads,
              plan.threads == 1 ? "" : "s");
     Spectrum spectrum(system, plan, plan.threads, &stopRequest);
-    log.line("set up in %.3f s",
-             std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+    log.line("set up in %.3f s (building the matrices: %.3f thread-seconds)",
+             std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(),
+             spectrum.buildSeconds());
 
     SusceptibilityModel model(problem, spectrum);
     FitOptions fitOptions;
@@ -389,7 +395,7 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
     if (result.status == FitStatus::SolverFailed)
         return failed(exitInternal, "the fit failed: " + result.message);
 
-    Outcome outcome{result.deviation, result.parameters, result.uncertainties, {}, {}, {}};
+    Outcome outcome{result.deviation, result.parameters, result.uncertainties, {}, {}, {}, {}};
     if (result.status != FitStatus::Interrupted) {
         try {
             if (!model.predict(result.parameters, outcome.calculated))
@@ -422,6 +428,25 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
         result.iterations = best.iteration;
     }
     run.finish();
+    if (plan.method == Method::Ftlm && !outcome.calculated.empty()) {
+        // The spread over the random vectors at the parameters written.
+        const std::vector<double> errors = model.standardErrors(outcome.values);
+        double worst = 0, where = 0;
+        for (std::size_t i = 0; i < errors.size(); ++i) {
+            const double relative = errors[i] / std::abs(outcome.calculated[i]);
+            if (relative > worst) worst = relative, where = problem.points[i].temperature;
+        }
+        char text[200];
+        std::snprintf(text, sizeof text,
+                      "ftlm standard error of the calculated values (spread over %d random "
+                      "vectors): up to %.2g %% (at T = %.6g)",
+                      plan.ftlm.vectors, 100 * worst, where);
+        outcome.note = text;
+        log.line("%s", text);
+        for (std::size_t i = 0; i < errors.size(); i += std::max<std::size_t>(1, errors.size() / 10))
+            log.line("  T = %.6g: %.10g +/- %.3g", problem.points[i].temperature,
+                     outcome.calculated[i], errors[i]);
+    }
     if (result.correlation.size() > 0 &&
         result.correlation.rows() == static_cast<Eigen::Index>(result.freeIndices.size())) {
         outcome.correlated = result.freeIndices;
@@ -524,48 +549,96 @@ int run(const Options& options) {
         method = Method::Full;
     else if (options.method == "m-blocks")
         method = Method::MBlocks;
-    else if (options.method == "s-blocks")
+    else if (options.method == "s-blocks" || options.method == "exact")
         method = Method::SBlocks;
+    else if (options.method == "ftlm")
+        method = Method::Ftlm;
 
     // Limits, checked before anything large is built; fewer blocks side by side when that is
     // what it takes to stay within the memory limit.
     const SpinSystem system{problem.twiceSpin, problem.bonds, problem.jCount()};
+    std::shared_ptr<const SplitGroup> group;
+    if (options.symmetry) {
+        const SiteSymmetry symmetry = findSymmetry(system);
+        group = std::make_shared<const SplitGroup>(splitGroup(symmetry, problem.siteCount()));
+        std::string generators;
+        for (std::size_t k = 0; k < symmetry.generators.size() && k < 6; ++k)
+            generators += (k ? ", " : "") + cycleText(symmetry.generators[k]);
+        if (symmetry.generators.size() > 6) generators += ", ...";
+        const bool named = symmetry.name.rfind("order", 0) != 0;
+        log.line("symmetry: order %.0f%s%s%s%s%s", symmetry.order,
+                 symmetry.complete ? "" : " at least (the search was cut short)",
+                 named ? ", " : "", named ? symmetry.name.c_str() : "",
+                 generators.empty() ? "" : "; generated by ", generators.c_str());
+    } else {
+        log.line("symmetry: not used (--symmetry off)");
+    }
     const double memoryLimit = options.maxMemoryGiB > 0
                                    ? options.maxMemoryGiB * 1024 * 1024 * 1024
                                    : std::min(16.0 * 1024 * 1024 * 1024, 0.8 * physicalMemory());
     const int threads = options.threads > 0 ? options.threads : defaultThreads();
-    Plan plan = planSpectrum(system, method, threads);
-    while (plan.bytes > memoryLimit && plan.threads > 1)
-        plan = planSpectrum(system, method, plan.threads - 1);
+    auto planned = [&](Method kind) {
+        Plan plan = planSpectrum(system, kind, threads, group, options.ftlm);
+        while (plan.bytes > memoryLimit && plan.threads > 1)
+            plan = planSpectrum(system, kind, plan.threads - 1, group, options.ftlm);
+        return plan;
+    };
+    int freeJ = 0;
+    for (std::size_t i = firstJIndex; i < problem.parameters.size(); ++i)
+        freeJ += problem.parameters[i].free();
+    // Why a plan is beyond the limits, or "". A fit with free J values needs a spectrum with
+    // slopes at each of some 25 iterations (FTLM: one more spectrum per free J instead).
+    auto beyondLimits = [&](const Plan& plan) -> std::string {
+        const double estimate =
+            plan.secondsToBuild +
+            (freeJ == 0 || plan.scaled      ? plan.secondsPerSpectrum
+             : plan.method == Method::Ftlm ? 25 * (1 + freeJ) * plan.secondsPerSpectrum
+                                           : 25 * plan.secondsPerSlopes);
+        const std::string size = plan.describe();
+        char text[600];
+        if (!plan.buildable()) {
+            std::snprintf(text, sizeof text,
+                          "problem too large: %s; the limit is %ld, the largest block LAPACK takes",
+                          size.c_str(), maxLapackBlock);
+            return text;
+        }
+        if (plan.bytes > memoryLimit)
+            return "problem too large: " + size + " needs an estimated " + gib(plan.bytes) +
+                   " of memory; the limit is " + gib(memoryLimit) + " (--max-memory)";
+        if (estimate > options.maxSeconds) {
+            std::snprintf(text, sizeof text,
+                          "problem too large: %s needs an estimated %.3g s; the limit is %.0f s "
+                          "(--max-time)",
+                          size.c_str(), estimate, options.maxSeconds);
+            return text;
+        }
+        return {};
+    };
+    Plan plan = planned(method);
+    std::string refusal = beyondLimits(plan);
+    if (!refusal.empty() && method == Method::Automatic) {
+        log.line("exact spectrum out of reach (%s); finite-temperature Lanczos instead",
+                 refusal.c_str());
+        plan = planned(Method::Ftlm);
+        refusal = beyondLimits(plan);
+    }
     logPlan(log, plan);
     if (plan.threads < threads)
         log.line("threads lowered from %d to %d to stay within the memory limit", threads,
                  plan.threads);
-    int freeJ = 0;
-    for (std::size_t i = firstJIndex; i < problem.parameters.size(); ++i)
-        freeJ += problem.parameters[i].free();
-    // A fit with free J values needs a spectrum with slopes at each of some 25 iterations.
-    const double estimate =
-        plan.scaled || freeJ == 0 ? plan.secondsPerSpectrum : 25 * plan.secondsPerSlopes;
-    const std::string size = plan.describe();
-    char text[600];
-    if (!plan.buildable()) {
-        std::snprintf(text, sizeof text,
-                      "problem too large: %s; the limit is %ld, the largest block LAPACK takes",
-                      size.c_str(), maxLapackBlock);
-        return fail(log, exitTooLarge, text);
-    }
-    if (plan.bytes > memoryLimit)
-        return fail(log, exitTooLarge,
-                    "problem too large: " + size + " needs an estimated " + gib(plan.bytes) +
-                        " of memory; the limit is " + gib(memoryLimit) + " (--max-memory)");
-    if (estimate > options.maxSeconds) {
-        std::snprintf(text, sizeof text,
-                      "problem too large: %s needs an estimated %.3g s; the limit is %.0f s "
-                      "(--max-time)",
-                      size.c_str(), estimate, options.maxSeconds);
-        return fail(log, exitTooLarge, text);
-    }
+    if (plan.method == Method::Ftlm)
+        log.line("FTLM: %d random vectors per block, %d Lanczos steps each, seed %llu; the "
+                 "lowest %d levels of every block exact, blocks up to %ld diagonalised whole",
+                 plan.ftlm.vectors, plan.ftlm.steps,
+                 static_cast<unsigned long long>(plan.ftlm.seed), plan.ftlm.exactLevels,
+                 plan.ftlm.denseLimit);
+    if (freeJ > 0)
+        log.line("J derivatives: %s",
+                 plan.method == Method::Ftlm
+                     ? "forward differences (step 1e-5 |J|) over the same random vectors"
+                 : plan.scaled ? "exact, from the scaled spectrum"
+                               : "Hellmann-Feynman, dE/dJ = <n|H_J|n> from the eigenvectors");
+    if (!refusal.empty()) return fail(log, exitTooLarge, refusal);
 
     try {
         return fitAndWrite(options, log, run, problem, system, plan, started);
@@ -598,16 +671,33 @@ int main(int argc, char** argv) {
     app.add_option("-t,--threads", options.threads, "threads to use (default: all cores)")
         ->check(CLI::Range(1, 256));
     app.add_option("--method", options.method,
-                   "automatic, s-blocks (total spin blocks), m-blocks (total M blocks) or full "
-                   "(one dense matrix)")
-        ->check(CLI::IsMember({"automatic", "s-blocks", "m-blocks", "full"}));
+                   "automatic (exact if within the limits, else ftlm), exact (S blocks split by "
+                   "symmetry; refused beyond the limits), ftlm (finite-temperature Lanczos), "
+                   "s-blocks, m-blocks (total M blocks) or full (one dense matrix)")
+        ->check(CLI::IsMember({"automatic", "exact", "ftlm", "s-blocks", "m-blocks", "full"}));
+    app.add_option("--seed", options.ftlm.seed, "FTLM: seed of the random vectors (default 1)");
+    app.add_option("--ftlm-vectors", options.ftlm.vectors,
+                   "FTLM: random vectors per block (default 20)")
+        ->check(CLI::Range(2, 10000));
+    app.add_option("--ftlm-steps", options.ftlm.steps,
+                   "FTLM: Lanczos steps per random vector (default 100)")
+        ->check(CLI::Range(10, 10000));
+    app.add_option("--ftlm-exact", options.ftlm.exactLevels,
+                   "FTLM: lowest levels of every block found exactly (default 8)")
+        ->check(CLI::Range(0, 1000));
     app.add_option("--max-memory", options.maxMemoryGiB,
                    "memory limit in GiB (default: 16 or 80 % of the memory, whichever is less)")
         ->check(CLI::PositiveNumber);
     app.add_option("--max-time", options.maxSeconds,
                    "limit in seconds on the estimated time of the run (default 3600)")
         ->check(CLI::PositiveNumber);
+    std::string symmetry = "on";
+    app.add_option("--symmetry", symmetry,
+                   "on: split the exact spectrum by the symmetry of the cluster (default); off: "
+                   "do not look for it")
+        ->check(CLI::IsMember({"on", "off"}));
     CLI11_PARSE(app, argc, argv);
+    options.symmetry = symmetry == "on";
 
     installStopHandlers();
     gslErrorsAsCodes();

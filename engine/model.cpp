@@ -33,6 +33,33 @@ ThermalMoment thermalMoment(const Levels& levels, double t) {
     return out;
 }
 
+double thermalMomentError(const Levels& levels, double t) {
+    if (levels.samples < 2 || levels.sample.size() != levels.energy.size()) return 0;
+    const double lowest = *std::min_element(levels.energy.begin(), levels.energy.end());
+    const auto samples = static_cast<std::size_t>(levels.samples);
+    // Exact levels count once; those of random vector r stand for 1/R of the rest each.
+    double z = 0, m = 0;
+    std::vector<double> zr(samples, 0.0), mr(samples, 0.0);
+    for (std::size_t n = 0; n < levels.energy.size(); ++n) {
+        const double boltzmann = std::exp(-(levels.energy[n] - lowest) / t);
+        if (levels.sample[n] < 0) {
+            z += levels.weight[n] * boltzmann;
+            m += levels.moment[n] * boltzmann;
+        } else {
+            zr[static_cast<std::size_t>(levels.sample[n])] += levels.weight[n] * boltzmann;
+            mr[static_cast<std::size_t>(levels.sample[n])] += levels.moment[n] * boltzmann;
+        }
+    }
+    const double r = levels.samples;
+    double mean = 0, square = 0;
+    for (std::size_t k = 0; k < samples; ++k) {
+        const double estimate = (m + r * mr[k]) / (z + r * zr[k]);
+        mean += estimate / r;
+        square += estimate * estimate / r;
+    }
+    return std::sqrt(std::max(square - mean * mean, 0.0) * r / (r - 1) / r);
+}
+
 bool susceptibility(double t, double moment, double g, double c, double zjKelvin, double tip,
                     Susceptibility& out) {
     const double denominator = t - 2 * zjKelvin * moment;
@@ -60,14 +87,33 @@ bool SusceptibilityModel::compute(const std::vector<double>& p, const std::vecto
         for (int index : *freeIndices)
             if (index >= firstJIndex)
                 slopeFor[static_cast<std::size_t>(index - firstJIndex)] = true;
-    const Levels& levels = spectrum_.levels(jKelvin, slopeFor);
+    std::vector<ThermalMoment> moments;
+    const Levels& levels = spectrum_.levels(jKelvin, spectrum_.exactSlopes() ? slopeFor
+                                                                             : std::vector<bool>{});
+    for (const Point& point : problem_.points)
+        moments.push_back(thermalMoment(levels, point.temperature));
+    if (!spectrum_.exactSlopes()) {
+        // FTLM: forward differences over the same random vectors, which keep <M^2> smooth in J.
+        for (auto& moment : moments) moment.slope.assign(jCount, 0.0);
+        for (std::size_t k = 0; k < jCount; ++k) {
+            if (!slopeFor[k]) continue;
+            std::vector<double> moved = jKelvin;
+            const double h = 1e-5 * std::max(std::abs(jKelvin[k]), 1.0);
+            moved[k] += h;
+            const Levels& shifted = spectrum_.levels(moved, {});
+            for (std::size_t i = 0; i < problem_.points.size(); ++i)
+                moments[i].slope[k] =
+                    (thermalMoment(shifted, problem_.points[i].temperature).value -
+                     moments[i].value) / h;
+        }
+    }
 
     const bool chiT = problem_.kind == DataKind::ChiT;
     const double zjKelvin = p[zjIndex] * toKelvin_;
     values.resize(problem_.points.size());
     for (std::size_t i = 0; i < problem_.points.size(); ++i) {
         const double t = problem_.points[i].temperature;
-        const ThermalMoment moment = thermalMoment(levels, t);
+        const ThermalMoment& moment = moments[i];
         Susceptibility s;
         if (!susceptibility(t, moment.value, p[gIndex], p[cIndex], zjKelvin, p[tipIndex], s))
             return false;
@@ -141,6 +187,26 @@ std::string shortReal(double value) {
 }
 
 } // namespace
+
+std::vector<double> SusceptibilityModel::standardErrors(const std::vector<double>& p) {
+    const auto jCount = static_cast<std::size_t>(problem_.jCount());
+    std::vector<double> jKelvin(jCount);
+    for (std::size_t k = 0; k < jCount; ++k) jKelvin[k] = p[firstJIndex + k] * toKelvin_;
+    const Levels& levels = spectrum_.levels(jKelvin, {});
+    std::vector<double> errors;
+    for (const Point& point : problem_.points) {
+        const double t = point.temperature;
+        Susceptibility s;
+        const double error = thermalMomentError(levels, t);
+        if (error == 0 || !susceptibility(t, thermalMoment(levels, t).value, p[gIndex], p[cIndex],
+                                          p[zjIndex] * toKelvin_, p[tipIndex], s)) {
+            errors.push_back(0);
+            continue;
+        }
+        errors.push_back(std::abs(s.dChiDMoment) * error * (problem_.kind == DataKind::ChiT ? t : 1));
+    }
+    return errors;
+}
 
 std::string SusceptibilityModel::domainFault(const std::vector<double>& p) {
     const std::string input = fileName(problem_.inputPath), data = fileName(problem_.dataPath);

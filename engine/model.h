@@ -19,6 +19,10 @@ struct ThermalMoment {
 };
 ThermalMoment thermalMoment(const Levels& levels, double t);
 
+// FTLM: the standard error of <M^2> at temperature t from the spread of the estimates of the
+// random vectors taken one at a time; 0 for levels that are all exact.
+double thermalMomentError(const Levels& levels, double t);
+
 // The susceptibility terms at one temperature, from <M^2> and the parameters in kelvin:
 // chi = C0 g^2 <M^2> / (T - 2 zJ <M^2>) + C / T + Xtip. Returns false when the mean-field
 // denominator is not positive or g is not positive.
@@ -44,6 +48,9 @@ public:
     // Why the model or the squared deviation is not finite at p: one line that names the file
     // and line that cause it (a data point, or a start value of the input file), or "".
     std::string domainFault(const std::vector<double>& p);
+    // FTLM: the standard error of the fitted quantity at every data point at p (all 0 for an
+    // exact spectrum).
+    std::vector<double> standardErrors(const std::vector<double>& p);
 
 private:
     bool compute(const std::vector<double>& p, const std::vector<int>* freeIndices,

@@ -44,6 +44,13 @@ struct Bond {
     int a = 0, b = 0, j = 0;
 };
 
+// The cluster as the spectrum sees it: the spins and the exchange paths.
+struct SpinSystem {
+    std::vector<int> twiceSpin; // 2S per site
+    std::vector<Bond> bonds;    // sites and J index, 0-based
+    int jCount = 0;
+};
+
 struct Point {
     double temperature = 0; // K
     double observed = 0;    // chi (cm3 mol-1) or chiT (cm3 K mol-1), by the data kind
@@ -80,6 +87,7 @@ struct Outcome {
     // indices (as in values), correlation the matrix row by row (NaN where undetermined).
     std::vector<int> correlated;
     std::vector<double> correlation;
+    std::string note; // written last, as a line beginning with "# " (FTLM's error), or empty
 };
 
 } // namespace corefit

@@ -367,6 +367,7 @@ std::string outputText(const Problem& problem, const Outcome& outcome) {
             text += '\n';
         }
     }
+    if (!outcome.note.empty()) text += "# " + outcome.note + '\n';
     return text;
 }
 

@@ -1,7 +1,11 @@
 #include "spectrum.h"
 
+#include "recoupling.h"
+#include "split_blocks.h"
+
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -11,8 +15,6 @@
 #include <thread>
 #include <unordered_map>
 
-#include <gsl/gsl_errno.h>
-#include <gsl/gsl_sf_coupling.h>
 
 extern "C" {
 void dsyevd_(const char* jobz, const char* uplo, const int* n, double* a, const int* lda, double* w,
@@ -34,6 +36,8 @@ const char* methodName(Method method) {
         return "full";
     case Method::MBlocks:
         return "M blocks";
+    case Method::Ftlm:
+        return "FTLM";
     case Method::SBlocks:
         break;
     }
@@ -117,6 +121,7 @@ struct BlockSpec {
     int twiceLabel = 0; // 2M for M blocks, 2S for S blocks, unused for the full basis
     double size = 0;    // exact up to 2^53, far beyond any block that is built
     double weight = 1, moment = 0;
+    int irrep = -1; // split S blocks: the irreducible representation
     long built() const { return static_cast<long>(size); } // once the plan is within limits
 };
 
@@ -131,15 +136,26 @@ void checkSystem(const SpinSystem& system) {
                                         ", not " + std::to_string(s));
 }
 
-std::vector<BlockSpec> blockSpecs(const SpinSystem& system, Method method) {
+std::vector<BlockSpec> blockSpecs(const SpinSystem& system, Method method,
+                                  const SplitGroup* group) {
     checkSystem(system);
+    if (method == Method::SBlocks && group != nullptr && group->order() > 1) {
+        std::vector<BlockSpec> specs;
+        for (const SplitBlockSize& block : splitBlockSizes(system, *group)) {
+            const double s = block.twiceTotal / 2.0,
+                         d = group->irreps[static_cast<std::size_t>(block.irrep)].dimension;
+            specs.push_back({block.twiceTotal, block.size, d * (2 * s + 1),
+                             d * s * (s + 1) * (2 * s + 1) / 3, block.irrep});
+        }
+        return specs;
+    }
     const std::vector<Count> counts = momentCounts(system.twiceSpin);
     const int total = sumTwiceSpin(system.twiceSpin);
     std::vector<BlockSpec> specs;
     if (method == Method::Full) {
         Count dimension = 0;
         for (Count c : counts) dimension += c;
-        specs.push_back({0, static_cast<double>(dimension), 1, 0});
+        specs.push_back({0, static_cast<double>(dimension), 1, 0, -1});
         return specs;
     }
     // counts index i holds 2M = 2i - total; M >= 0 from i = ceil(total / 2).
@@ -149,11 +165,11 @@ std::vector<BlockSpec> blockSpecs(const SpinSystem& system, Method method) {
         const double m = twiceM / 2.0;
         if (method == Method::MBlocks) {
             const double weight = twiceM > 0 ? 2 : 1;
-            specs.push_back({twiceM, static_cast<double>(here), weight, weight * m * m});
+            specs.push_back({twiceM, static_cast<double>(here), weight, weight * m * m, -1});
         } else if (here > above) {
             const double multiplicity = twiceM + 1;
             specs.push_back({twiceM, static_cast<double>(here - above), multiplicity,
-                             m * (m + 1) * multiplicity / 3});
+                             m * (m + 1) * multiplicity / 3, -1});
         }
     }
     return specs;
@@ -313,71 +329,6 @@ private:
     std::vector<int> chains_;
 };
 
-bool triangle(int a, int b, int c) {
-    return c >= std::abs(a - b) && c <= a + b && (a + b + c) % 2 == 0;
-}
-
-double sign(int twicePhase) { return (twicePhase / 2) % 2 == 0 ? 1.0 : -1.0; }
-
-// Reduced matrix elements (Edmonds' convention) of a rank-1 operator on a coupled pair, memoised:
-// second(j1, j2, J, J'): <j1 j2 J || U(2) || j1 j2 J'> / <j2||U||j2>
-// first(j1, j1', j2, J, J'): <j1 j2 J || T(1) || j1' j2 J'> / <j1||T||j1'>
-class Recoupling {
-public:
-    Recoupling() { gslErrorsAsCodes(); }
-
-    double second(int j1, int j2, int J, int Jp) {
-        const std::uint64_t key = pack(0, j1, j2, J, Jp, 0);
-        auto found = memo_.find(key);
-        if (found != memo_.end()) return found->second;
-        double value = 0;
-        if (triangle(j1, j2, J) && triangle(j1, j2, Jp) && triangle(J, Jp, 2))
-            value = sign(j1 + j2 + J + 2) * std::sqrt((J + 1.0) * (Jp + 1.0)) *
-                    sixJ(j2, J, j1, Jp, j2, 2);
-        memo_.emplace(key, value);
-        return value;
-    }
-    double first(int j1, int j1p, int j2, int J, int Jp) {
-        const std::uint64_t key = pack(1, j1, j1p, j2, J, Jp);
-        auto found = memo_.find(key);
-        if (found != memo_.end()) return found->second;
-        double value = 0;
-        if (triangle(j1, j2, J) && triangle(j1p, j2, Jp) && triangle(J, Jp, 2) &&
-            triangle(j1, j1p, 2))
-            value = sign(j1 + j2 + Jp + 2) * std::sqrt((J + 1.0) * (Jp + 1.0)) *
-                    sixJ(j1, J, j2, Jp, j1p, 2);
-        memo_.emplace(key, value);
-        return value;
-    }
-
-private:
-    // The 6j symbol of arguments given as 2j; a GSL failure (an overflow) is thrown, not ignored.
-    static double sixJ(int a, int b, int c, int d, int e, int f) {
-        gsl_sf_result result;
-        const int status = gsl_sf_coupling_6j_e(a, b, c, d, e, f, &result);
-        if (status != GSL_SUCCESS || !std::isfinite(result.val)) {
-            char text[160];
-            std::snprintf(text, sizeof text,
-                          "GSL cannot compute the 6j symbol {%d/2 %d/2 %d/2; "
-                          "%d/2 %d/2 %d/2}: %s",
-                          a, b, c, d, e, f, gsl_strerror(status));
-            throw std::runtime_error(text);
-        }
-        return result.val;
-    }
-    static std::uint64_t pack(int kind, int a, int b, int c, int d, int e) {
-        auto u = [](int v) { return static_cast<std::uint64_t>(v) & 0xfff; };
-        return (static_cast<std::uint64_t>(kind) << 60) | (u(a) << 48) | (u(b) << 36) |
-               (u(c) << 24) | (u(d) << 12) | u(e);
-    }
-    std::unordered_map<std::uint64_t, double> memo_;
-};
-
-double reducedSpin(int twiceS) {
-    const double s = twiceS / 2.0;
-    return std::sqrt(s * (s + 1) * (2 * s + 1));
-}
-
 // Adds -2 J-free matrix elements of S_a . S_b (a < b) between the chains of one block:
 // <c| S_a.S_b |c'> = 1/(2S_b+1) sum_X (-1)^(X - S_b) <c..S_b||s_a||c'..X> <c'..X||s_b||c'..S_b>,
 // where S_b is the spin of sites 0..b and c' differs from c only in t[a..b-1].
@@ -438,9 +389,31 @@ void addCoupledBond(const CoupledBlock& block, const std::vector<int>& spins, in
     }
 }
 
-// Runs body(i) for i in [0, count) on up to `threads` threads, each taking the next i when it is
-// done (so a thread slowed by other work takes fewer). Stops starting new ones when stop is set,
-// and then throws Interrupted; the first exception of a body is thrown once all have ended.
+void buildCoupledBlock(const SpinSystem& system, const std::vector<int>& jSlot, int twiceTotal,
+                       std::vector<Eigen::MatrixXd>& matrices, int threads, const StopFlag* stop) {
+    const CoupledBlock block(system.twiceSpin, twiceTotal);
+    for (auto& matrix : matrices) matrix.setZero(block.size(), block.size());
+    // Rows are independent and each fills its own column: chunks of rows run side by side, and
+    // a stop request is seen between slices of rows.
+    constexpr long slice = 64;
+    const long chunks = threads > 1 ? 8L * threads : 1;
+    parallelFor(chunks, threads, stop, [&](long chunk) {
+        Recoupling recoupling;
+        const long begin = block.size() * chunk / chunks, end = block.size() * (chunk + 1) / chunks;
+        for (long from = begin; from < end; from += slice) {
+            throwIfStopped(stop);
+            for (const Bond& bond : system.bonds)
+                addCoupledBond(
+                    block, system.twiceSpin, std::min(bond.a, bond.b), std::max(bond.a, bond.b),
+                    recoupling,
+                    matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])],
+                    from, std::min(from + slice, end));
+        }
+    });
+}
+
+} // namespace
+
 void parallelFor(long count, int threads, const StopFlag* stop,
                  const std::function<void(long)>& body) {
     if (threads <= 1 || count <= 1) {
@@ -472,45 +445,66 @@ void parallelFor(long count, int threads, const StopFlag* stop,
     throwIfStopped(stop);
 }
 
-void buildCoupledBlock(const SpinSystem& system, const std::vector<int>& jSlot, int twiceTotal,
-                       std::vector<Eigen::MatrixXd>& matrices, int threads, const StopFlag* stop) {
-    const CoupledBlock block(system.twiceSpin, twiceTotal);
-    for (auto& matrix : matrices) matrix.setZero(block.size(), block.size());
-    // Rows are independent and each fills its own column: chunks of rows run side by side, and
-    // a stop request is seen between slices of rows.
-    constexpr long slice = 64;
-    const long chunks = threads > 1 ? 8L * threads : 1;
-    parallelFor(chunks, threads, stop, [&](long chunk) {
-        Recoupling recoupling;
-        const long begin = block.size() * chunk / chunks, end = block.size() * (chunk + 1) / chunks;
-        for (long from = begin; from < end; from += slice) {
-            throwIfStopped(stop);
-            for (const Bond& bond : system.bonds)
-                addCoupledBond(
-                    block, system.twiceSpin, std::min(bond.a, bond.b), std::max(bond.a, bond.b),
-                    recoupling,
-                    matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])],
-                    from, std::min(from + slice, end));
-        }
-    });
-}
-
-} // namespace
-
 std::string Plan::describe() const {
-    char text[240];
+    char text[320];
+    std::string name = methodName(method);
+    if (split())
+        name += " split by symmetry (order " + std::to_string(group->order()) +
+                (group->name.rfind("order", 0) == 0 ? "" : ", " + group->name) + ")";
     std::snprintf(text, sizeof text, "%s: dimension %.*g, %zu block%s, largest %.*g%s",
-                  methodName(method), dimension < 0x1p53 ? 17 : 4, dimension, blockSizes.size(),
+                  name.c_str(), dimension < 0x1p53 ? 17 : 4, dimension, blockSizes.size(),
                   blockSizes.size() == 1 ? "" : "s", largestBlock < 0x1p53 ? 17 : 4, largestBlock,
                   scaled ? ", one J: spectrum scaled" : "");
     return text;
 }
 
-Plan planSpectrum(const SpinSystem& system, Method method, int threads) {
+namespace {
+
+// FTLM: sparse blocks of fixed M; the time from the matrix-vector products and the
+// reorthogonalisation of the exact levels, measured on 2-core machines.
+Plan planFtlm(const SpinSystem& system, Plan plan) {
+    checkSystem(system);
+    const FtlmSizes sizes = ftlmSizes(system);
+    const FtlmSettings& f = plan.ftlm;
+    Count dimension = 0;
+    for (Count c : momentCounts(system.twiceSpin)) dimension += c;
+    plan.dimension = static_cast<double>(dimension);
+    plan.blockSizes = sizes.blocks;
+    double seconds = 0, longest = 0, stored = 0, working = 0;
+    const double slots = std::max<double>(static_cast<double>(usedJValues(system).size()), 1);
+    for (std::size_t b = 0; b < sizes.blocks.size(); ++b) {
+        const double n = sizes.blocks[b], nonzeros = sizes.nonzeros[b];
+        plan.largestBlock = std::max(plan.largestBlock, n);
+        stored += nonzeros * 21 + n * 8 * (slots + 1);
+        double t = 0;
+        if (n <= static_cast<double>(f.denseLimit)) {
+            t = eigenSeconds(n, false) + 1e-9 * n * n;
+            working = std::max(working, 1.2 * squareBytes(n));
+        } else {
+            const double products = f.vectors * f.steps + 80.0 * (f.exactLevels + 2);
+            t = products * (nonzeros * 1.5e-9 + n * 1e-8) + (f.exactLevels + 2) * 80.0 * 80.0 * n * 1e-9;
+            working = std::max(working, (80.0 + f.exactLevels + 6) * n * 8);
+        }
+        seconds += t;
+        longest = std::max(longest, t);
+    }
+    plan.secondsPerSpectrum = std::max(seconds / plan.threads, longest);
+    plan.secondsPerSlopes = plan.secondsPerSpectrum; // J slopes by differences: one more per J
+    plan.bytes = 16.0 * 1024 * 1024 + stored + plan.threads * working;
+    return plan;
+}
+
+} // namespace
+
+Plan planSpectrum(const SpinSystem& system, Method method, int threads,
+                  std::shared_ptr<const SplitGroup> group, const FtlmSettings& ftlm) {
     Plan plan;
     plan.method = method == Method::Automatic ? Method::SBlocks : method;
     plan.threads = std::max(1, threads);
-    const std::vector<BlockSpec> specs = blockSpecs(system, plan.method);
+    plan.ftlm = ftlm;
+    if (plan.method == Method::Ftlm) return planFtlm(system, plan);
+    if (plan.method == Method::SBlocks && group && group->order() > 1) plan.group = std::move(group);
+    const std::vector<BlockSpec> specs = blockSpecs(system, plan.method, plan.group.get());
     const std::vector<int> used = usedJValues(system);
     plan.scaled = used.size() <= 1;
     Count dimension = 0;
@@ -549,8 +543,32 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads) {
     plan.bytes = plan.scaled ? 0 : k * stored;
     for (std::size_t i = 0; i < sizes.size() && i < static_cast<std::size_t>(plan.threads); ++i)
         plan.bytes += working * squareBytes(sizes[i]);
+    if (plan.split()) {
+        // All irrep blocks of one total spin are built at once, with the coupled states of that
+        // spin (their values and an index, some 100 bytes a state) and their orbits.
+        std::vector<std::pair<double, double>> perSpin; // (matrices, states) by total spin
+        for (const BlockSpec& spec : specs) {
+            const auto label = static_cast<std::size_t>(spec.twiceLabel);
+            if (perSpin.size() <= label) perSpin.resize(label + 1);
+            const double d = plan.group->irreps[static_cast<std::size_t>(spec.irrep)].dimension;
+            perSpin[label].first += squareBytes(spec.size);
+            perSpin[label].second += d * spec.size * (100 + 2.0 * static_cast<double>(system.twiceSpin.size()));
+        }
+        // Building, measured on these machines: per coupled state, its images under the group
+        // and a share of the rows (some 1.5 us per exchange path).
+        double states = 0;
+        for (const auto& spin : perSpin)
+            states += spin.second / (100 + 2.0 * static_cast<double>(system.twiceSpin.size()));
+        plan.secondsToBuild = states *
+                              (4e-7 * plan.group->order() +
+                               1.5e-6 * static_cast<double>(system.bonds.size())) /
+                              plan.threads;
+        std::sort(perSpin.begin(), perSpin.end(), std::greater<>());
+        for (std::size_t i = 0; i < perSpin.size() && i < static_cast<std::size_t>(plan.threads); ++i)
+            plan.bytes += (plan.scaled ? 1 : k) * perSpin[i].first + perSpin[i].second;
+    }
     // The program itself, and the levels with their slopes (kept twice while they are gathered).
-    plan.bytes += 64.0 * 1024 * 1024 + 2 * 8 * (3 + k) * levels;
+    plan.bytes += 16.0 * 1024 * 1024 + 2 * 8 * (3 + k) * levels;
     return plan;
 }
 
@@ -568,6 +586,10 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     : system_(system), plan_(plan), threads_(std::max(1, threads)), stop_(stop),
       usedJ_(usedJValues(system)) {
     keepBlasOnOneThread();
+    if (plan.method == Method::Ftlm) {
+        ftlm_ = std::make_unique<FtlmSpectrum>(system, plan.ftlm, threads_, stop_);
+        return;
+    }
     if (!plan.buildable())
         throw std::length_error(plan.describe() + ": the largest block exceeds " +
                                 std::to_string(maxLapackBlock) + ", the largest LAPACK takes");
@@ -575,7 +597,7 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     for (std::size_t slot = 0; slot < usedJ_.size(); ++slot)
         jSlot[static_cast<std::size_t>(usedJ_[slot])] = static_cast<int>(slot);
 
-    for (const BlockSpec& spec : blockSpecs(system, plan.method)) {
+    for (const BlockSpec& spec : blockSpecs(system, plan.method, plan.group.get())) {
         blocks_.push_back(std::make_unique<Block>());
         blocks_.back()->spec = spec;
     }
@@ -583,21 +605,14 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     std::stable_sort(blocks_.begin(), blocks_.end(),
                      [](const auto& x, const auto& y) { return x->spec.size > y->spec.size; });
 
-    // A lone block is built by all threads, row by row; otherwise one block per thread.
-    const int buildThreads = blocks_.size() == 1 ? threads_ : 1;
-    parallelFor(static_cast<long>(blocks_.size()), threads_, stop_, [&](long i) {
-        Block& block = *blocks_[static_cast<std::size_t>(i)];
-        block.perJ.resize(usedJ_.size());
-        if (plan.method == Method::SBlocks) {
-            buildCoupledBlock(system, jSlot, block.spec.twiceLabel, block.perJ, buildThreads,
-                              stop_);
-        } else {
-            const auto states = productStates(system, block.spec, plan.method);
-            buildProductBlock(system, jSlot, states, block.perJ,
-                              plan.method == Method::Full ? &block.stateMoment : nullptr, stop_);
-        }
-        if (!plan_.scaled) return;
-        // One J (or none): diagonalise once at J = 1 and keep only the levels.
+    std::mutex buildMutex;
+    auto countBuild = [&](std::chrono::steady_clock::time_point started) {
+        const std::lock_guard lock(buildMutex);
+        buildSeconds_ +=
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    };
+    // One J (or none): diagonalise once at J = 1 and keep only the levels.
+    auto diagonaliseOnce = [&](Block& block) {
         const auto n = static_cast<Index>(block.spec.built());
         Eigen::MatrixXd matrix =
             block.perJ.empty() ? Eigen::MatrixXd::Zero(n, n) : std::move(block.perJ[0]);
@@ -609,6 +624,56 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
             const Eigen::Map<const Eigen::VectorXd> m2(block.stateMoment.data(), n);
             block.unitMoments = matrix.array().square().matrix().transpose() * m2;
         }
+    };
+
+    if (plan.split()) {
+        // The irrep blocks of one total spin are built together, one total spin per thread,
+        // those with the largest blocks first.
+        const CouplingTree tree = couplingTree(*plan.group, static_cast<int>(system.twiceSpin.size()));
+        std::vector<std::vector<Block*>> bySpin;
+        for (const auto& block : blocks_) {
+            auto same = std::find_if(bySpin.begin(), bySpin.end(), [&](const auto& list) {
+                return list[0]->spec.twiceLabel == block->spec.twiceLabel;
+            });
+            if (same == bySpin.end()) bySpin.push_back({block.get()});
+            else same->push_back(block.get());
+        }
+        parallelFor(static_cast<long>(bySpin.size()), threads_, stop_, [&](long i) {
+            const auto& list = bySpin[static_cast<std::size_t>(i)];
+            std::vector<std::vector<Eigen::MatrixXd>> matrices;
+            const auto started = std::chrono::steady_clock::now();
+            buildSplitBlocks(system, *plan.group, tree, jSlot, usedJ_.size(),
+                             list[0]->spec.twiceLabel, matrices, stop_);
+            countBuild(started);
+            for (Block* block : list) {
+                auto& perJ = matrices[static_cast<std::size_t>(block->spec.irrep)];
+                if (!perJ.empty() && perJ[0].rows() != block->spec.built())
+                    throw std::logic_error("a symmetry block does not have the size its "
+                                           "characters give");
+                block->perJ = std::move(perJ);
+                if (plan_.scaled) diagonaliseOnce(*block);
+            }
+        });
+        if (plan_.scaled) diagonalisations_ = 1;
+        return;
+    }
+
+    // A lone block is built by all threads, row by row; otherwise one block per thread.
+    const int buildThreads = blocks_.size() == 1 ? threads_ : 1;
+    parallelFor(static_cast<long>(blocks_.size()), threads_, stop_, [&](long i) {
+        Block& block = *blocks_[static_cast<std::size_t>(i)];
+        block.perJ.resize(usedJ_.size());
+        const auto started = std::chrono::steady_clock::now();
+        if (plan.method == Method::SBlocks) {
+            buildCoupledBlock(system, jSlot, block.spec.twiceLabel, block.perJ, buildThreads,
+                              stop_);
+        } else {
+            const auto states = productStates(system, block.spec, plan.method);
+            buildProductBlock(system, jSlot, states, block.perJ,
+                              plan.method == Method::Full ? &block.stateMoment : nullptr, stop_);
+        }
+        countBuild(started);
+        if (plan_.scaled) diagonaliseOnce(block);
     });
     if (plan_.scaled) diagonalisations_ = 1;
 }
@@ -674,7 +739,14 @@ const Levels& Spectrum::levels(const std::vector<double>& jKelvin,
             if (slopeFor[k] && (k >= have.size() || !have[k])) return false;
         return true;
     };
-    if (cached_ && cachedJ_ == jKelvin && covers(cachedSlopes_)) return levels_;
+    if (cached_ && cachedJ_ == jKelvin && (ftlm_ || covers(cachedSlopes_))) return levels_;
+    if (ftlm_) {
+        ftlm_->levels(jKelvin, levels_);
+        ++diagonalisations_;
+        cachedJ_ = jKelvin;
+        cached_ = true;
+        return levels_;
+    }
 
     diagonaliseAll(jKelvin, slopeFor);
     Levels& out = levels_;

@@ -18,25 +18,24 @@
 
 #include <Eigen/Dense>
 
+#include "ftlm.h"
 #include "guards.h"
 #include "problem.h"
+#include "symmetry.h"
 
 namespace corefit {
 
-enum class Method { Automatic, Full, MBlocks, SBlocks };
-const char* methodName(Method method); // "automatic", "full", "M blocks", "S blocks"
-
-struct SpinSystem {
-    std::vector<int> twiceSpin; // 2S per site
-    std::vector<Bond> bonds;    // sites and J index, 0-based
-    int jCount = 0;
-};
+enum class Method { Automatic, Full, MBlocks, SBlocks, Ftlm };
+const char* methodName(Method method); // "automatic", "full", "M blocks", "S blocks", "FTLM"
 
 // Levels at one set of J values (kelvin). Level n stands for weight[n] states of energy
 // energy[n]; moment[n] is the sum of M^2 over those states.
 struct Levels {
     std::vector<double> energy, weight, moment;
     std::vector<std::vector<double>> slope; // slope[k][n] = dE_n / dJ_k, for the J asked for
+    // FTLM: the random vector level n comes from (-1 for a level found exactly), of `samples`.
+    std::vector<int> sample;
+    int samples = 0;
 };
 
 // The largest block LAPACK's 32-bit sizes take: dsyevd's workspace of 1 + 6n + 2n^2 doubles.
@@ -54,12 +53,23 @@ struct Plan {
     double bytes = 0;              // estimated peak memory of the spectrum
     double secondsPerSpectrum = 0; // estimated diagonalisation time, eigenvalues only
     double secondsPerSlopes = 0;   // estimated time with eigenvectors and J slopes
-    bool buildable() const { return largestBlock <= static_cast<double>(maxLapackBlock); }
+    double secondsToBuild = 0;     // estimated time to build the blocks (split S blocks only)
+    // S blocks split further by this group's irreducible representations (when of order > 1).
+    std::shared_ptr<const SplitGroup> group;
+    FtlmSettings ftlm; // for Method::Ftlm
+    // Dense blocks within LAPACK's sizes; FTLM's sparse blocks within 32-bit column indices.
+    bool buildable() const {
+        return largestBlock <= (method == Method::Ftlm ? 2147483647.0 : static_cast<double>(maxLapackBlock));
+    }
+    bool split() const { return group != nullptr && group->order() > 1; }
     std::string describe() const; // "S blocks: dimension 46656, 31 blocks, largest 609"
 };
 
-// Throws std::invalid_argument for a system outside the input's limits (sites, 2S).
-Plan planSpectrum(const SpinSystem& system, Method method, int threads = 1);
+// Throws std::invalid_argument for a system outside the input's limits (sites, 2S). With a
+// group of order > 1, S blocks (and the automatic method) are split by it.
+Plan planSpectrum(const SpinSystem& system, Method method, int threads = 1,
+                  std::shared_ptr<const SplitGroup> group = nullptr,
+                  const FtlmSettings& ftlm = {});
 
 // The threads corefit uses unless told otherwise: one per core.
 int defaultThreads();
@@ -76,11 +86,15 @@ public:
     Spectrum& operator=(const Spectrum&) = delete;
 
     // The levels at J values jKelvin (one per J, kelvin). slopeFor[k] asks for dE/dJ_k
-    // (empty: none). The last result is kept, so asking again with the same values is free.
+    // (empty: none; FTLM has none, see exactSlopes). The last result is kept, so asking again with the same values is free.
     // Throws Interrupted when stop is set (checked between blocks).
     const Levels& levels(const std::vector<double>& jKelvin, const std::vector<bool>& slopeFor);
 
     int diagonalisations() const { return diagonalisations_; }
+    bool exactSlopes() const { return plan_.method != Method::Ftlm; }
+    // Thread-seconds the constructor spent building block matrices (the rest of it, for a
+    // scaled spectrum, diagonalising them).
+    double buildSeconds() const { return buildSeconds_; }
     const Plan& plan() const { return plan_; }
 
 private:
@@ -94,12 +108,14 @@ private:
     int threads_;
     const StopFlag* stop_;
     std::vector<std::unique_ptr<Block>> blocks_;
+    std::unique_ptr<FtlmSpectrum> ftlm_;
     std::vector<int> usedJ_; // J indices that appear in a bond
     Levels levels_;
     std::vector<double> cachedJ_;
     std::vector<bool> cachedSlopes_;
     bool cached_ = false;
     int diagonalisations_ = 0;
+    double buildSeconds_ = 0;
 };
 
 // Eigenvalues (ascending) of a symmetric matrix, and eigenvectors in place of it when asked:

@@ -218,3 +218,31 @@ TEST(Corefit, ReplacesLinksNamedLikeItsFilesAndLeavesTheirTargetsAlone) {
     EXPECT_NE(dir.read("corefit.log").find("wrote"), std::string::npos);
     EXPECT_EQ(readOutput(dir).size(), 9u);
 }
+
+TEST(Corefit, NamesTheSymmetryAndTheMethodItUsesAndFtlmItsError) {
+    ScratchDir dir;
+    dir.write("chit.txt", "3, 1, 3\n2  0.5\n20  2\n300  3\n");
+    const std::string input = dir.write(
+        "input.txt", ringInput(10, 1, {{2, 0}, {0, 0}, {0, 0}, {0, 0}}, {{-10, 0}, {-7, 0}}, "2, 0"));
+
+    const CorefitRun exact = runCorefit(input);
+    ASSERT_EQ(exact.exitCode, 0) << exact.errors;
+    const std::string log = dir.read("corefit.log");
+    EXPECT_NE(log.find("symmetry: order 10, cyclic 5 + reflections"), std::string::npos) << log;
+    EXPECT_NE(exact.out.find("S blocks split by symmetry (order 2)"), std::string::npos) << exact.out;
+    const double split = readOutput(dir)[6][1];
+
+    const CorefitRun plain = runCorefit(input, {"--symmetry", "off"});
+    ASSERT_EQ(plain.exitCode, 0) << plain.errors;
+    EXPECT_NE(dir.read("corefit.log").find("symmetry: not used"), std::string::npos);
+    EXPECT_NEAR(readOutput(dir)[6][1], split, 1e-9 * split);
+
+    // Beyond a limit, exact refuses with its estimate; FTLM says how far to trust it.
+    const CorefitRun refused = runCorefit(input, {"--method", "exact", "--max-time", "1e-9"});
+    EXPECT_EQ(refused.exitCode, 4);
+    EXPECT_NE(refused.errors.find("needs an estimated"), std::string::npos) << refused.errors;
+    const CorefitRun ftlm = runCorefit(input, {"--method", "ftlm", "--seed", "7"});
+    ASSERT_EQ(ftlm.exitCode, 0) << ftlm.errors;
+    EXPECT_NE(dir.read("output.txt").find("# ftlm standard error"), std::string::npos);
+    EXPECT_NE(dir.read("corefit.log").find("seed 7"), std::string::npos);
+}

@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <cmath>
 
+#include "model.h"
 #include "spectrum.h"
+#include "symmetry.h"
 
 extern "C" int openblas_get_num_threads(void);
 
@@ -52,7 +54,7 @@ std::vector<double> allStates(const Levels& levels) {
     return states;
 }
 
-double thermalMoment(const Levels& levels, double t) {
+double momentAt(const Levels& levels, double t) {
     const double e0 = *std::min_element(levels.energy.begin(), levels.energy.end());
     double z = 0, m = 0;
     for (std::size_t n = 0; n < levels.energy.size(); ++n) {
@@ -63,6 +65,33 @@ double thermalMoment(const Levels& levels, double t) {
     return m / z;
 }
 
+std::shared_ptr<const SplitGroup> symmetryOf(const SpinSystem& system) {
+    return std::make_shared<const SplitGroup>(
+        splitGroup(findSymmetry(system), static_cast<int>(system.twiceSpin.size())));
+}
+
+// The levels of `levels` against those of `reference`: every state's energy, <M^2> and, where
+// slopes were asked for, sum_k J_k dE/dJ_k = E (Hellmann-Feynman, exact for a homogeneous H).
+void expectSameSpectrum(const Levels& levels, const Levels& reference,
+                        const std::vector<double>& j, double tolerance) {
+    const std::vector<double> states = allStates(levels), referenceStates = allStates(reference);
+    double scale = 1;
+    for (double e : referenceStates) scale = std::max(scale, std::abs(e));
+    ASSERT_EQ(states.size(), referenceStates.size());
+    for (std::size_t i = 0; i < states.size(); ++i)
+        ASSERT_NEAR(states[i], referenceStates[i], tolerance * scale) << "state " << i;
+    for (double t : {0.5, 3.0, 40.0, 300.0})
+        EXPECT_NEAR(momentAt(levels, t), momentAt(reference, t),
+                    tolerance * momentAt(reference, t) + 1e-20)
+            << "T = " << t;
+    for (std::size_t n = 0; n < levels.energy.size(); ++n) {
+        if (levels.slope.empty() || levels.slope[0].empty()) break;
+        double sum = 0;
+        for (std::size_t k = 0; k < j.size(); ++k) sum += j[k] * levels.slope[k][n];
+        ASSERT_NEAR(sum, levels.energy[n], tolerance * scale) << "level " << n;
+    }
+}
+
 } // namespace
 
 TEST(Spectrum, BlockedBasesAgreeWithTheWholeProductBasis) {
@@ -71,30 +100,14 @@ TEST(Spectrum, BlockedBasesAgreeWithTheWholeProductBasis) {
         const std::vector<bool> allSlopes(static_cast<std::size_t>(cluster.system.jCount), true);
         Spectrum full(cluster.system, planSpectrum(cluster.system, Method::Full), 1);
         const Levels reference = full.levels(cluster.j, allSlopes);
-        const std::vector<double> referenceStates = allStates(reference);
-        double scale = 1;
-        for (double e : referenceStates) scale = std::max(scale, std::abs(e));
 
-        for (Method method : {Method::MBlocks, Method::SBlocks}) {
-            SCOPED_TRACE(methodName(method));
-            const Plan plan = planSpectrum(cluster.system, method);
+        for (int variant = 0; variant < 3; ++variant) {
+            const Method method = variant == 0 ? Method::MBlocks : Method::SBlocks;
+            SCOPED_TRACE(variant == 2 ? "S blocks split by symmetry" : methodName(method));
+            const Plan plan = planSpectrum(cluster.system, method, 1,
+                                           variant == 2 ? symmetryOf(cluster.system) : nullptr);
             Spectrum spectrum(cluster.system, plan, 2);
-            const Levels& levels = spectrum.levels(cluster.j, allSlopes);
-            const std::vector<double> states = allStates(levels);
-            ASSERT_EQ(states.size(), referenceStates.size());
-            for (std::size_t i = 0; i < states.size(); ++i)
-                ASSERT_NEAR(states[i], referenceStates[i], 1e-10 * scale) << "state " << i;
-            for (double t : {0.5, 3.0, 40.0, 300.0})
-                EXPECT_NEAR(thermalMoment(levels, t), thermalMoment(reference, t),
-                            1e-9 * thermalMoment(reference, t) + 1e-20)
-                    << "T = " << t;
-            // Hellmann-Feynman slopes: sum_k J_k dE/dJ_k = E for every level.
-            for (std::size_t n = 0; n < levels.energy.size(); ++n) {
-                double sum = 0;
-                for (std::size_t k = 0; k < cluster.j.size(); ++k)
-                    sum += cluster.j[k] * levels.slope[k][n];
-                ASSERT_NEAR(sum, levels.energy[n], 1e-9 * scale) << "level " << n;
-            }
+            expectSameSpectrum(spectrum.levels(cluster.j, allSlopes), reference, cluster.j, 1e-9);
         }
     }
 }
@@ -157,4 +170,95 @@ TEST(Spectrum, PlanSizesOfStandardProblems) {
     EXPECT_GT(largest.largestBlock, 1e22);
     EXPECT_GT(largest.bytes, 1e40);
     EXPECT_FALSE(largest.buildable());
+}
+
+// Clusters with symmetry: the S blocks split by it against the S blocks whole. Rings, a chain, a
+// cube, a square with diagonals, mixed spins, several J values, an odd number of sites.
+TEST(Spectrum, SymmetryBlocksAgreeWithWholeSBlocks) {
+    auto ring = [](std::vector<int> spins, int jValues) {
+        SpinSystem system{spins, {}, jValues};
+        const int n = static_cast<int>(spins.size());
+        for (int i = 0; i < n; ++i) system.bonds.push_back({i, (i + 1) % n, i % jValues});
+        return system;
+    };
+    SpinSystem cube{std::vector<int>(8, 1), {}, 2};
+    for (int a = 0; a < 8; ++a)
+        for (int bit : {1, 2, 4})
+            if ((a & bit) == 0) cube.bonds.push_back({a, a | bit, bit == 4 ? 1 : 0});
+    SpinSystem wheel = ring({2, 2, 2, 2, 2, 2}, 1); // with a spin at the hub, J2 to it
+    wheel.twiceSpin.push_back(3);
+    wheel.jCount = 2;
+    for (int i = 0; i < 6; ++i) wheel.bonds.push_back({i, 6, 1});
+    SpinSystem ladder = ring({1, 1, 1, 1, 1, 1, 1, 1}, 1); // ring with next-nearest paths
+    ladder.jCount = 2;
+    for (int i = 0; i < 8; ++i) ladder.bonds.push_back({i, (i + 2) % 8, 1});
+    const std::vector<Cluster> symmetric{
+        {"ring 8 x 1/2", ring({1, 1, 1, 1, 1, 1, 1, 1}, 1), {-10}},
+        {"ring 10 x 1/2, J1/J2", ring(std::vector<int>(10, 1), 2), {-10, -7}},
+        {"ring 6 x 5/2, J1/J2", ring({5, 5, 5, 5, 5, 5}, 2), {-10, -7}},
+        {"ring 4 x 3/2 one J", ring({3, 3, 3, 3}, 1), {-5}},
+        {"ring 1/2 and 1 alternating", ring({1, 2, 1, 2, 1, 2, 1, 2}, 1), {-12}},
+        {"ring 1/2 5/2 1/2 5/2, three J",
+         {{1, 5, 1, 5}, {{0, 1, 0}, {1, 2, 0}, {2, 3, 1}, {3, 0, 1}, {0, 2, 2}}, 3},
+         {-12, 5, -3}},
+        {"chain 7 x 1", {std::vector<int>(7, 2), {{0, 1, 0}, {1, 2, 1}, {2, 3, 2}, {3, 4, 2}, {4, 5, 1}, {5, 6, 0}}, 3}, {-9, 4, -2}},
+        {"cube, J2 between faces", cube, {-6, 3}},
+        {"square 3/2 with diagonals", {{3, 3, 3, 3}, {{0, 1, 0}, {1, 2, 0}, {2, 3, 0}, {3, 0, 0}, {0, 2, 1}, {1, 3, 1}}, 2}, {-8, 2}},
+        {"wheel 6 x 1 around 3/2", wheel, {-4, 1.5}},
+        {"ring 8 x 1/2 with next neighbours", ladder, {-10, 3}},
+        {"triangle 1/2 1/2 1", {{1, 1, 2}, {{0, 1, 0}, {1, 2, 1}, {2, 0, 1}}, 2}, {-20, 6}},
+    };
+    for (const Cluster& cluster : symmetric) {
+        SCOPED_TRACE(cluster.name);
+        const std::vector<bool> allSlopes(static_cast<std::size_t>(cluster.system.jCount), true);
+        Spectrum whole(cluster.system, planSpectrum(cluster.system, Method::SBlocks), 1);
+        const Plan plan = planSpectrum(cluster.system, Method::SBlocks, 1, symmetryOf(cluster.system));
+        ASSERT_TRUE(plan.split());
+        Spectrum split(cluster.system, plan, 2);
+        expectSameSpectrum(split.levels(cluster.j, allSlopes), whole.levels(cluster.j, allSlopes),
+                           cluster.j, 1e-10);
+    }
+}
+
+// FTLM on clusters of 10 and 12 sites, its blocks above 100 states by random vectors: within
+// four of its own standard errors of the exact <M^2>, and the same numbers again from the same
+// seed.
+TEST(Ftlm, AgreesWithExactWithinItsErrorAndRepeatsFromItsSeed) {
+    SpinSystem ring12{std::vector<int>(12, 1), {}, 2};
+    for (int i = 0; i < 12; ++i) ring12.bonds.push_back({i, (i + 1) % 12, i % 2});
+    SpinSystem mixed{{1, 2, 1, 2, 1, 2, 1, 2, 1, 2}, {}, 2};
+    for (int i = 0; i < 10; ++i) mixed.bonds.push_back({i, (i + 1) % 10, 0});
+    mixed.bonds.push_back({0, 5, 1});
+    const std::vector<Cluster> cases{{"ring 12 x 1/2, J1/J2", ring12, {-10, -7}},
+                                     {"ring of 1/2 and 1, one cross path", mixed, {-15, 4}}};
+    FtlmSettings settings;
+    settings.vectors = 12;
+    settings.steps = 60;
+    settings.exactLevels = 4;
+    settings.denseLimit = 100;
+    for (const Cluster& cluster : cases) {
+        SCOPED_TRACE(cluster.name);
+        Spectrum exact(cluster.system, planSpectrum(cluster.system, Method::SBlocks), 1);
+        const Levels reference = exact.levels(cluster.j, {});
+        const Plan plan = planSpectrum(cluster.system, Method::Ftlm, 2, nullptr, settings);
+        Spectrum ftlm(cluster.system, plan, 2);
+        EXPECT_FALSE(ftlm.exactSlopes());
+        const Levels estimate = ftlm.levels(cluster.j, {});
+        ASSERT_EQ(estimate.samples, settings.vectors);
+        for (double t : {2.0, 5.0, 20.0, 100.0, 300.0}) {
+            const double error = thermalMomentError(estimate, t);
+            EXPECT_GT(error, 0);
+            EXPECT_NEAR(thermalMoment(estimate, t).value, momentAt(reference, t),
+                        4 * error + 1e-9)
+                << "T = " << t;
+        }
+        Spectrum again(cluster.system, plan, 1);
+        EXPECT_EQ(again.levels(cluster.j, {}).energy, estimate.energy);
+        EXPECT_EQ(again.levels(cluster.j, {}).weight, estimate.weight);
+        settings.seed = 2;
+        Spectrum otherSeed(cluster.system,
+                           planSpectrum(cluster.system, Method::Ftlm, 2, nullptr, settings), 2);
+        EXPECT_NE(otherSeed.levels(cluster.j, {}).weight, estimate.weight);
+        settings.seed = 1;
+    }
 }

@@ -1,0 +1,63 @@
+// Finite-temperature Lanczos (FTLM) for clusters beyond exact diagonalisation.
+//
+// The Hamiltonian is kept sparse, one block per total M >= 0 (negative M repeat them). Within a
+// block of dimension n, the trace of exp(-H/T) is estimated from R random vectors r as
+//   Tr e^(-H/T) ~ n/R sum_r sum_j |<r|psi_j^r>|^2 e^(-eps_j^r/T),
+// with eps_j^r, psi_j^r the Ritz pairs of K Lanczos steps from r. The hybrid form keeps low
+// temperatures accurate: the lowest levels of every block are found exactly first (Lanczos with
+// full reorthogonalisation, deflated), the random vectors are taken orthogonal to them, and they
+// count exactly; blocks small enough are diagonalised whole. The random vectors (+-1 entries)
+// come from the seed alone, so every evaluation of a fit sees the same ones and the estimate is
+// smooth in the J values. Each Ritz pair becomes a level of fractional weight tagged with its
+// random vector, so that the spread over the vectors gives the error of the estimate.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "guards.h"
+#include "problem.h"
+
+namespace corefit {
+
+struct Levels;
+
+struct FtlmSettings {
+    int vectors = 20;        // random vectors per block
+    int steps = 100;         // Lanczos steps per random vector
+    int exactLevels = 8;     // lowest levels of every block found exactly
+    long denseLimit = 2000;  // blocks up to this size are diagonalised whole
+    std::uint64_t seed = 1;
+};
+
+// Sizes of the M blocks (M >= 0) and the estimated nonzero elements of the sparse Hamiltonian.
+struct FtlmSizes {
+    std::vector<double> blocks, nonzeros;
+};
+FtlmSizes ftlmSizes(const SpinSystem& system);
+
+class FtlmSpectrum {
+public:
+    // Builds the sparse blocks. Throws Interrupted when stop is set.
+    FtlmSpectrum(const SpinSystem& system, const FtlmSettings& settings, int threads,
+                 const StopFlag* stop);
+    ~FtlmSpectrum();
+    FtlmSpectrum(const FtlmSpectrum&) = delete;
+    FtlmSpectrum& operator=(const FtlmSpectrum&) = delete;
+
+    // Levels at the J values jKelvin: energy, weight and moment of every exact level and Ritz
+    // pair; out.sample[n] is the random vector of level n, or -1 for an exact one.
+    void levels(const std::vector<double>& jKelvin, Levels& out);
+
+private:
+    struct Block;
+    SpinSystem system_;
+    FtlmSettings settings_;
+    int threads_;
+    const StopFlag* stop_;
+    std::vector<int> usedJ_;
+    std::vector<std::unique_ptr<Block>> blocks_;
+};
+
+} // namespace corefit

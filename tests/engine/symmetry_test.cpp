@@ -1,0 +1,124 @@
+// The symmetry of clusters: the group found, the subgroup the spectrum is split by, and the
+// coupling tree that subgroup acts on.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "symmetry.h"
+
+using namespace corefit;
+
+namespace {
+
+SpinSystem ring(int sites, int twiceSpin, int jValues) {
+    SpinSystem system{std::vector<int>(static_cast<std::size_t>(sites), twiceSpin), {}, jValues};
+    for (int i = 0; i < sites; ++i) system.bonds.push_back({i, (i + 1) % sites, i % jValues});
+    return system;
+}
+
+struct Case {
+    const char* name;
+    SpinSystem system;
+    double order, splitOrder;
+    const char* groupName;
+};
+
+std::vector<Case> cases() {
+    SpinSystem cube{std::vector<int>(8, 1), {}, 1};
+    for (int a = 0; a < 8; ++a)
+        for (int bit : {1, 2, 4})
+            if ((a & bit) == 0) cube.bonds.push_back({a, a | bit, 0});
+    SpinSystem chain{std::vector<int>(5, 2), {}, 1};
+    for (int i = 0; i < 4; ++i) chain.bonds.push_back({i, i + 1, 0});
+    return {
+        {"ring 8 x 5/2", ring(8, 5, 1), 16, 16, "cyclic 8 + reflections"},
+        {"ring 16 x 1/2, J1/J2", ring(16, 1, 2), 16, 16, "cyclic 8 + reflections"},
+        {"ring 6 x 5/2", ring(6, 5, 1), 12, 4, "cyclic 6 + reflections"},
+        {"ring 6 x 5/2, J1/J2", ring(6, 5, 2), 6, 2, "cyclic 3 + reflections"},
+        {"chain of 5", chain, 2, 2, "cyclic 2"},
+        {"square, J1 sides, J2 diagonals",
+         {{3, 3, 3, 3}, {{0, 1, 0}, {1, 2, 0}, {2, 3, 0}, {3, 0, 0}, {0, 2, 1}, {1, 3, 1}}, 2},
+         8,
+         8,
+         "cyclic 4 + reflections"},
+        {"cube", cube, 48, 16, "order 48"},
+        {"triangle 1/2 1/2 1", {{1, 1, 2}, {{0, 1, 0}, {1, 2, 0}, {2, 0, 0}}, 1}, 2, 2, "cyclic 2"},
+        {"a path counted twice breaks the ring",
+         {{1, 1, 1, 1}, {{0, 1, 0}, {1, 2, 0}, {2, 3, 0}, {3, 0, 0}, {0, 1, 0}}, 1},
+         2,
+         2,
+         "cyclic 2"},
+        {"no symmetry",
+         {{1, 2, 3, 1}, {{0, 1, 0}, {1, 2, 1}, {2, 3, 0}, {3, 0, 1}, {0, 2, 0}}, 2},
+         1,
+         1,
+         "none"},
+        {"no paths: all permutations", {std::vector<int>(5, 1), {}, 1}, 120, 8, "order 120"},
+    };
+}
+
+bool isAutomorphism(const SpinSystem& system, const Permutation& p) {
+    const auto n = system.twiceSpin.size();
+    auto counts = [&](int a, int b, int j) {
+        int k = 0;
+        for (const Bond& bond : system.bonds)
+            k += bond.j == j && ((bond.a == a && bond.b == b) || (bond.a == b && bond.b == a));
+        return k;
+    };
+    for (std::size_t a = 0; a < n; ++a) {
+        if (system.twiceSpin[a] != system.twiceSpin[static_cast<std::size_t>(p[a])]) return false;
+        for (std::size_t b = 0; b < n; ++b)
+            for (int j = 0; j < system.jCount; ++j)
+                if (counts(int(a), int(b), j) != counts(p[a], p[b], j)) return false;
+    }
+    return true;
+}
+
+} // namespace
+
+TEST(Symmetry, GroupsOfStandardClusters) {
+    for (const Case& c : cases()) {
+        SCOPED_TRACE(c.name);
+        const SiteSymmetry symmetry = findSymmetry(c.system);
+        EXPECT_TRUE(symmetry.complete);
+        EXPECT_EQ(symmetry.order, c.order);
+        EXPECT_EQ(symmetry.name, c.groupName);
+        ASSERT_EQ(symmetry.elements.size(), static_cast<std::size_t>(c.order));
+        for (const Permutation& p : symmetry.elements) ASSERT_TRUE(isAutomorphism(c.system, p));
+
+        const int sites = static_cast<int>(c.system.twiceSpin.size());
+        const SplitGroup group = splitGroup(symmetry, sites);
+        EXPECT_EQ(group.order(), c.splitOrder);
+        // Real irreducible representations: sum of squared dimensions is the order, and each is
+        // a homomorphism with the orthogonality of characters.
+        int squares = 0;
+        for (const auto& irrep : group.irreps) {
+            squares += irrep.dimension * irrep.dimension;
+            double norm = 0;
+            for (const auto& d : irrep.matrix) {
+                const double character = irrep.dimension == 1 ? d[0] : d[0] + d[3];
+                norm += character * character;
+            }
+            EXPECT_NEAR(norm, group.order(), 1e-9) << irrep.name;
+        }
+        EXPECT_EQ(squares, group.order());
+
+        // The coupling tree: every element maps the children of a node onto those of its image.
+        const CouplingTree tree = couplingTree(group, sites);
+        ASSERT_EQ(static_cast<int>(tree.children.size()), sites - 1);
+        for (std::size_t g = 0; g < group.elements.size(); ++g)
+            for (std::size_t k = 0; k < tree.children.size(); ++k) {
+                const auto [l, r] = tree.children[k];
+                const int image = tree.image[g][static_cast<std::size_t>(sites) + k];
+                auto kids = tree.children[static_cast<std::size_t>(image - sites)];
+                if (tree.swapped[g][k]) std::swap(kids[0], kids[1]);
+                EXPECT_EQ(kids[0], tree.image[g][static_cast<std::size_t>(l)]);
+                EXPECT_EQ(kids[1], tree.image[g][static_cast<std::size_t>(r)]);
+            }
+    }
+}
+
+TEST(Symmetry, CycleNotationFromOne) {
+    EXPECT_EQ(cycleText({1, 2, 0, 4, 3, 5}), "(1 2 3)(4 5)");
+    EXPECT_EQ(cycleText({0, 1, 2}), "identity");
+}
