@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <functional>
 #include <optional>
 #include <string>
@@ -42,6 +41,34 @@ void numberRange(AxisScale& axis) {
     axis.labelTo = axis.max;
     axis.labelFrom = axis.min;
     axis.majorInterval = (axis.labelTo - axis.labelFrom) / 5.0f;
+}
+
+// What all six do alike: filled on opening with Help disabled; the close command ends them
+// without storing; a control's command goes to command.
+std::intptr_t settingsDialog(Dialog& dialog, DialogMessage message,
+                             const std::function<void()>& fill,
+                             const std::function<void()>& command) {
+    switch (message) {
+    case DialogMessage::Initialise:
+        dialog.disable(helpButton);
+        fill();
+        return 1;
+    case DialogMessage::Command:
+        command();
+        return 1;
+    case DialogMessage::Close:
+        dialog.end(0);
+        return 1;
+    case DialogMessage::Timer:
+        return 0;
+    }
+    return 0;
+}
+
+// The text box id gives at OK: its chosen row's, or the typed text, cut and trimmed.
+std::string boxText(const Dialog& dialog, int id) {
+    const int row = dialog.selection(id);
+    return row >= 0 ? dialog.rowText(id, row) : fieldText(dialog, id, boxLength);
 }
 
 // [SECTION] Display range
@@ -190,8 +217,7 @@ void fillBox(Dialog& dialog, int id, const std::array<const char*, N>& rows, int
 // though it passes, holds no number.
 bool readRatio(Dialog& dialog, int id, int& choice, std::optional<float>& value) {
     choice = dialog.selection(id);
-    const std::string text =
-        choice >= 0 ? dialog.rowText(id, choice) : fieldText(dialog, id, boxLength);
+    const std::string text = boxText(dialog, id);
     value.reset();
     float scanned = 0;
     if (!passes(text, FieldKind::Real) ||
@@ -222,25 +248,13 @@ void confirmCancel(Dialog& dialog) {
         dialog.end(0);
 }
 
-// What the three have in common: the disabled Help, Cancel, and the close command.
+// What the three have in common besides: OK, and Cancel only after Yes to its question.
 std::intptr_t boxDialog(Dialog& dialog, DialogMessage message, int control,
                         const std::function<void()>& fill, const std::function<void()>& ok) {
-    switch (message) {
-    case DialogMessage::Initialise:
-        dialog.disable(helpButton);
-        fill();
-        return 1;
-    case DialogMessage::Command:
+    return settingsDialog(dialog, message, fill, [&] {
         if (control == boxOk) ok();
         if (control == boxCancel) confirmCancel(dialog);
-        return 1;
-    case DialogMessage::Close:
-        dialog.end(0);
-        return 1;
-    case DialogMessage::Timer:
-        return 0;
-    }
-    return 0;
+    });
 }
 
 } // namespace
@@ -248,20 +262,18 @@ std::intptr_t boxDialog(Dialog& dialog, DialogMessage message, int control,
 std::intptr_t SelectDOS(Dialog& dialog, DialogMessage message, int control,
                         Notification notification) {
     PlotSettings& s = plotSettings;
-    switch (message) {
-    case DialogMessage::Initialise:
+    const auto fill = [&] {
         for (int id : {rangeTMin, newTMin}) showFloat(dialog, id, s.tAxis.min);
         for (int id : {rangeTMax, newTMax}) showFloat(dialog, id, s.tAxis.max);
         for (int id : {rangeChiMin, newChiMin}) showFloat(dialog, id, s.chiAxis.min);
         for (int id : {rangeChiMax, newChiMax}) showFloat(dialog, id, s.chiAxis.max);
-        dialog.disable(helpButton);
-        return 1;
-    case DialogMessage::Command:
+    };
+    return settingsDialog(dialog, message, fill, [&] {
         if (control == rangeOk) {
             AxisScale t, chi;
             if (!readRange(dialog, s.tAxis, newTMin, newTMax, t) ||
                 !readRange(dialog, s.chiAxis, newChiMin, newChiMax, chi))
-                return 1;
+                return;
             s.tAxis = t;
             s.chiAxis = chi;
             dialog.end(1);
@@ -272,20 +284,12 @@ std::intptr_t SelectDOS(Dialog& dialog, DialogMessage message, int control,
                    isEditNotification(notification)) {
             checkField(dialog, control, FieldKind::Real, numberLength);
         }
-        return 1;
-    case DialogMessage::Close:
-        dialog.end(0);
-        return 1;
-    case DialogMessage::Timer:
-        return 0;
-    }
-    return 0;
+    });
 }
 
 std::intptr_t Label(Dialog& dialog, DialogMessage message, int control, Notification notification) {
     PlotSettings& s = plotSettings;
-    switch (message) {
-    case DialogMessage::Initialise:
+    const auto fill = [&] {
         dialog.setText(xTitleField, s.xAxisLabel.data());
         dialog.setText(yTitleField, s.yAxisLabel.data());
         for (const AxisFields& f : axisFields) {
@@ -298,13 +302,12 @@ std::intptr_t Label(Dialog& dialog, DialogMessage message, int control, Notifica
             dialog.setText(f.digits, formatC("%u", static_cast<unsigned>(a.digits)));
             dialog.setText(f.minorCount, formatC("%u", static_cast<unsigned>(a.minorCount)));
         }
-        dialog.disable(helpButton);
-        return 1;
-    case DialogMessage::Command:
+    };
+    return settingsDialog(dialog, message, fill, [&] {
         if (control == labelOk) {
             std::array<AxisScale, axisFields.size()> axes;
             for (std::size_t k = 0; k < axisFields.size(); ++k)
-                if (!readAxis(dialog, axisFields[k], axes[k])) return 1;
+                if (!readAxis(dialog, axisFields[k], axes[k])) return;
             copyTitle(s.xAxisLabel, dialog.text(xTitleField));
             copyTitle(s.yAxisLabel, dialog.text(yTitleField));
             for (std::size_t k = 0; k < axisFields.size(); ++k) s.*axisFields[k].axis = axes[k];
@@ -321,21 +324,13 @@ std::intptr_t Label(Dialog& dialog, DialogMessage message, int control, Notifica
                    kind && isEditNotification(notification)) {
             checkField(dialog, control, *kind, numberLength);
         }
-        return 1;
-    case DialogMessage::Close:
-        dialog.end(0);
-        return 1;
-    case DialogMessage::Timer:
-        return 0;
-    }
-    return 0;
+    });
 }
 
 std::intptr_t Style(Dialog& dialog, DialogMessage message, int control, Notification) {
     PlotSettings& s = plotSettings;
     CurveAttributes& c = s.curves;
-    switch (message) {
-    case DialogMessage::Initialise: {
+    const auto fill = [&] {
         const int shown = s.experimentalShown == 1 ? c.experimentalMarker : -1;
         fillRows(dialog, experimentalColourBox, plotColourNames.data(), plotColourCount,
                  c.experimentalColour);
@@ -352,49 +347,33 @@ std::intptr_t Style(Dialog& dialog, DialogMessage message, int control, Notifica
         }
         for (int w = 1; w <= widthCount; ++w) dialog.addRow(widthBox, formatC("%d", w));
         dialog.select(widthBox, c.penWidthChoice);
-        dialog.disable(helpButton);
-        return 1;
-    }
-    case DialogMessage::Command:
-        if (control == styleOk) {
-            const int row = dialog.selection(widthBox);
-            char text[boxLength + 1] = {};
-            (row >= 0 ? dialog.rowText(widthBox, row) : dialog.text(widthBox))
-                .copy(text, boxLength);
-            trimLeft(text);
-            trimRight(text);
-            if (!isInteger(text)) {
-                refuse(dialog, widthBox);
-                return 1;
-            }
-            const int width = readLeadingInteger(text);
-            if (width < 1 || width > widthCount) {
-                dialog.beep();
-                messageBox("Width value range: 1 - 5 !", "Warning...", mbOk);
-                dialog.setFocus(widthBox);
-                return 1;
-            }
-            c.penWidthChoice = width - 1;
-            c.penWidth = width;
-            c.experimentalColour = chosenRow(dialog, experimentalColourBox, c.experimentalColour);
-            c.experimentalMarker = chosenRow(dialog, experimentalMarkerBox, c.experimentalMarker);
-            for (int n = 1; n <= maxCalculations; ++n) {
-                const std::size_t k = static_cast<std::size_t>(n - 1);
-                c.curveColour[k] = chosenRow(dialog, experimentalColourBox + n, c.curveColour[k]);
-                c.curveStyle[k] = chosenRow(dialog, experimentalMarkerBox + n, c.curveStyle[k]);
-            }
-            dialog.end(1);
-        } else if (control == styleCancel) {
-            dialog.end(0);
+    };
+    return settingsDialog(dialog, message, fill, [&] {
+        if (control == styleCancel) dialog.end(0);
+        if (control != styleOk) return;
+        const std::string text = boxText(dialog, widthBox);
+        if (!passes(text, FieldKind::Integer)) {
+            refuse(dialog, widthBox);
+            return;
         }
-        return 1;
-    case DialogMessage::Close:
-        dialog.end(0);
-        return 1;
-    case DialogMessage::Timer:
-        return 0;
-    }
-    return 0;
+        const int width = readLeadingInteger(text);
+        if (width < 1 || width > widthCount) {
+            dialog.beep();
+            messageBox("Width value range: 1 - 5 !", "Warning...", mbOk);
+            dialog.setFocus(widthBox);
+            return;
+        }
+        c.penWidthChoice = width - 1;
+        c.penWidth = width;
+        c.experimentalColour = chosenRow(dialog, experimentalColourBox, c.experimentalColour);
+        c.experimentalMarker = chosenRow(dialog, experimentalMarkerBox, c.experimentalMarker);
+        for (int n = 1; n <= maxCalculations; ++n) {
+            const std::size_t k = static_cast<std::size_t>(n - 1);
+            c.curveColour[k] = chosenRow(dialog, experimentalColourBox + n, c.curveColour[k]);
+            c.curveStyle[k] = chosenRow(dialog, experimentalMarkerBox + n, c.curveStyle[k]);
+        }
+        dialog.end(1);
+    });
 }
 
 std::intptr_t Zoom(Dialog& dialog, DialogMessage message, int control, Notification) {
@@ -437,9 +416,7 @@ std::intptr_t BorderWidth(Dialog& dialog, DialogMessage message, int control, No
         dialog, message, control, [&] { fillBox(dialog, firstBox, widthRows, s.frameWidthChoice); },
         [&] {
             s.frameWidthChoice = dialog.selection(firstBox);
-            const std::string text = s.frameWidthChoice >= 0
-                                         ? dialog.rowText(firstBox, s.frameWidthChoice)
-                                         : fieldText(dialog, firstBox, boxLength);
+            const std::string text = boxText(dialog, firstBox);
             int width = 0;
             const bool number = scanInteger(text, width);
             if (!passes(text, FieldKind::Integer) || (number && width < 1)) {
