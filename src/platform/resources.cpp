@@ -51,15 +51,26 @@ std::vector<MenuItem> menuMenu() {
     };
 }
 
-DialogTemplate dlAbout() {
+// A template without its controls: name, title, place and size in dialog units, styles and
+// font.
+DialogTemplate head(std::string name, std::string title, int x, int y, int width, int height,
+                    unsigned style, std::string fontFace, int fontPoints) {
     DialogTemplate d;
-    d.name = "DL_ABOUT";
-    d.title = "About Corvane";
-    d.width = 189;
-    d.height = 112;
-    d.fontFace = "Arial";
-    d.fontPoints = 8;
-    d.style = dsCaption | dsSystemMenu | dsModalFrame | dsCentre;
+    d.name = std::move(name);
+    d.title = std::move(title);
+    d.x = x;
+    d.y = y;
+    d.width = width;
+    d.height = height;
+    d.fontFace = std::move(fontFace);
+    d.fontPoints = fontPoints;
+    d.style = style;
+    return d;
+}
+
+DialogTemplate dlAbout() {
+    DialogTemplate d = head("DL_ABOUT", "About Corvane", 0, 0, 189, 112,
+                            dsCaption | dsSystemMenu | dsModalFrame | dsCentre, "Arial", 8);
     d.controls = {
         {-1, Kind::Static, "Corvane", 50, 7, 92, 11, csCentre},
         {-1, Kind::Static, "Magnetic Susceptibility Fitting", 19, 20, 156, 11, csCentre},
@@ -73,16 +84,8 @@ DialogTemplate dlAbout() {
 // The progress dialog of an engine run: a status line, three buttons, and a row of 24 cells
 // in a frame.
 DialogTemplate dlSpin() {
-    DialogTemplate d;
-    d.name = "DL_SPIN";
-    d.title = "Calculating Magnetic Susceptibility";
-    d.x = 70;
-    d.y = 40;
-    d.width = 282;
-    d.height = 85;
-    d.fontFace = "Arial";
-    d.fontPoints = 10;
-    d.style = dsCaption | dsSystemMenu | dsModalFrame;
+    DialogTemplate d = head("DL_SPIN", "Calculating Magnetic Susceptibility", 70, 40, 282, 85,
+                            dsCaption | dsSystemMenu | dsModalFrame, "Arial", 10);
     d.controls = {
         {100, Kind::Edit, "", 16, 10, 250, 12, csReadOnly | csCentre},
         {-1, Kind::GroupBox, "", 26, 26, 230, 26},
@@ -101,16 +104,8 @@ DialogTemplate dlSpin() {
 DialogTemplate dlInfo() {
     constexpr unsigned editable = csBorder | csTabStop;
     constexpr int fieldLength = 14; // characters a field takes
-    DialogTemplate d;
-    d.name = "DL_INFO";
-    d.title = "Fitting Parameter Information";
-    d.x = 100;
-    d.y = 50;
-    d.width = 298;
-    d.height = 243;
-    d.fontFace = "Arial";
-    d.fontPoints = 10;
-    d.style = dsCaption | dsSystemMenu;
+    DialogTemplate d = head("DL_INFO", "Fitting Parameter Information", 100, 50, 298, 243,
+                            dsCaption | dsSystemMenu, "Arial", 10);
     d.controls = {
         {1, Kind::GroupBox, "Parameters", 6, 3, 194, 232},
         {12, Kind::Static, "Starting Value", 40, 14, 50, 10, csCentre},
@@ -171,15 +166,8 @@ constexpr int numberLength = 14;
 // The displayed ranges: for each axis a read-only row with the range in force and an editable
 // row with the new one.
 DialogTemplate dlSelDos() {
-    DialogTemplate d;
-    d.name = "DL_SELDOS";
-    d.title = "Chi - T Display Range ";
-    d.x = 50;
-    d.y = 50;
-    d.width = 244;
-    d.height = 180;
-    d.fontFace = "MS Sans Serif";
-    d.style = dsCaption | dsSystemMenu | dsModalFrame;
+    DialogTemplate d = head("DL_SELDOS", "Chi - T Display Range ", 50, 50, 244, 180,
+                            dsCaption | dsSystemMenu | dsModalFrame, "MS Sans Serif", 8);
     struct Group {
         int id;
         const char* title;
@@ -215,15 +203,8 @@ DialogTemplate dlSelDos() {
 
 // Titles, ranges and numbering of the axes, and the label font.
 DialogTemplate dlLabel() {
-    DialogTemplate d;
-    d.name = "DL_LABEL";
-    d.title = "Labeling...";
-    d.x = 50;
-    d.y = 50;
-    d.width = 301;
-    d.height = 318;
-    d.fontFace = "MS Sans Serif";
-    d.style = dsCaption | dsSystemMenu | dsModalFrame;
+    DialogTemplate d = head("DL_LABEL", "Labeling...", 50, 50, 301, 318,
+                            dsCaption | dsSystemMenu | dsModalFrame, "MS Sans Serif", 8);
     constexpr int titleLength = 79;
     d.controls = {
         {10, Kind::Static, "The label for x-axis:", 10, 6, 140, 10},
@@ -269,15 +250,8 @@ DialogTemplate dlLabel() {
 
 // Colours, markers, line styles and the pen width.
 DialogTemplate dlStyle() {
-    DialogTemplate d;
-    d.name = "DL_STYLE";
-    d.title = "Curve Attributes";
-    d.x = 30;
-    d.y = 10;
-    d.width = 248;
-    d.height = 265;
-    d.fontFace = "MS Sans Serif";
-    d.style = dsCaption | dsSystemMenu | dsModalFrame;
+    DialogTemplate d = head("DL_STYLE", "Curve Attributes", 30, 10, 248, 265,
+                            dsCaption | dsSystemMenu | dsModalFrame, "MS Sans Serif", 8);
     constexpr unsigned list = csDropDownList | csTabStop;
     d.controls = {
         {1, Kind::GroupBox, "Width", 8, 4, 232, 30},
@@ -303,15 +277,8 @@ DialogTemplate dlStyle() {
 
 // The zoom ratio and border width dialogs: one box of presets that also takes a typed value.
 DialogTemplate dlOneBox(const char* name, const char* title) {
-    DialogTemplate d;
-    d.name = name;
-    d.title = title;
-    d.x = 80;
-    d.y = 50;
-    d.width = 145;
-    d.height = 67;
-    d.fontFace = "MS Sans Serif";
-    d.style = dsCaption | dsModalFrame;
+    DialogTemplate d =
+        head(name, title, 80, 50, 145, 67, dsCaption | dsModalFrame, "MS Sans Serif", 8);
     d.controls = {
         {100, Kind::ComboBox, "", 10, 6, 70, 56, csTabStop, 11},
         {999, Kind::Button, "OK", 89, 6, 46, 14, csTabStop | csDefault},
@@ -322,15 +289,8 @@ DialogTemplate dlOneBox(const char* name, const char* title) {
 }
 
 DialogTemplate dlBorder() {
-    DialogTemplate d;
-    d.name = "DL_BORDER";
-    d.title = "Border Ratio";
-    d.x = 80;
-    d.y = 50;
-    d.width = 220;
-    d.height = 146;
-    d.fontFace = "MS Sans Serif";
-    d.style = dsCaption | dsModalFrame;
+    DialogTemplate d = head("DL_BORDER", "Border Ratio", 80, 50, 220, 146, dsCaption | dsModalFrame,
+                            "MS Sans Serif", 8);
     d.controls = {
         {10, Kind::GroupBox, "Horizontal", 8, 4, 98, 112},
         {100, Kind::ComboBox, "", 16, 17, 82, 92, csTabStop, 11},
