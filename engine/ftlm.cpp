@@ -15,14 +15,6 @@ namespace {
 
 using Index = Eigen::Index;
 
-std::vector<int> usedJValues(const SpinSystem& system) {
-    std::vector<int> used;
-    for (const Bond& bond : system.bonds)
-        if (std::find(used.begin(), used.end(), bond.j) == used.end()) used.push_back(bond.j);
-    std::sort(used.begin(), used.end());
-    return used;
-}
-
 // Product states with digit sum `digits` (2M = 2 digits - sum of 2S), ascending codes; site 0
 // is the least significant digit.
 std::vector<long> blockStates(const std::vector<int>& twiceSpin, int digits) {

@@ -108,14 +108,6 @@ int sumTwiceSpin(const std::vector<int>& twiceSpin) {
     return sum;
 }
 
-std::vector<int> usedJValues(const SpinSystem& system) {
-    std::vector<int> used;
-    for (const Bond& bond : system.bonds)
-        if (std::find(used.begin(), used.end(), bond.j) == used.end()) used.push_back(bond.j);
-    std::sort(used.begin(), used.end());
-    return used;
-}
-
 // Description of one block before it is built: its label and size, and how a level counts.
 struct BlockSpec {
     int twiceLabel = 0; // 2M for M blocks, 2S for S blocks, unused for the full basis
@@ -779,6 +771,14 @@ const Levels& Spectrum::levels(const std::vector<double>& jKelvin,
     cachedSlopes_ = has;
     cached_ = true;
     return levels_;
+}
+
+std::vector<int> usedJValues(const SpinSystem& system) {
+    std::vector<int> used;
+    for (const Bond& bond : system.bonds)
+        if (std::find(used.begin(), used.end(), bond.j) == used.end()) used.push_back(bond.j);
+    std::sort(used.begin(), used.end());
+    return used;
 }
 
 } // namespace corefit

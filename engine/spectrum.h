@@ -65,6 +65,9 @@ struct Plan {
     std::string describe() const; // "S blocks: dimension 46656, 31 blocks, largest 609"
 };
 
+// The J numbers the bonds use, ascending, each once.
+std::vector<int> usedJValues(const SpinSystem& system);
+
 // Throws std::invalid_argument for a system outside the input's limits (sites, 2S). With a
 // group of order > 1, S blocks (and the automatic method) are split by it.
 Plan planSpectrum(const SpinSystem& system, Method method, int threads = 1,
