@@ -294,6 +294,8 @@ const char* statusName(FitStatus status) {
         return "evaluated only";
     case FitStatus::Converged:
         return "converged";
+    case FitStatus::Plateau:
+        return "plateau";
     case FitStatus::IterationLimit:
         return "iteration limit";
     case FitStatus::Interrupted:

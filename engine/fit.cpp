@@ -100,13 +100,18 @@ public:
         result.deviation = best_.deviation;
         result.iterations = iterations_;
         result.evaluations = evaluations_;
-        if (result.status != FitStatus::Failed && result.status != FitStatus::SolverFailed)
+        if (result.status != FitStatus::Failed && result.status != FitStatus::SolverFailed) {
             estimateUncertainties(result);
+            result.offset = gaussNewton(best_).offset;
+        }
         return result;
     }
 
 private:
     static constexpr double undetermined = std::numeric_limits<double>::quiet_NaN();
+    // Accepted steps in a row that lower D by less than tolerance x D where the gradient is not
+    // small, before the run counts as stopped on a plateau.
+    static constexpr int plateauSteps = 20;
     static constexpr const char* interruptedNote =
         "the run was interrupted before the Jacobian at the best point was known";
 
@@ -265,12 +270,17 @@ private:
         }
 
         bool previousSmall = false;
+        int flatSteps = 0;
         for (;;) {
             if (stopRequested()) return FitStatus::Interrupted;
             if (iterations_ >= options_.maxIterations) return FitStatus::IterationLimit;
             const std::size_t trialsBefore = fdf.nevalf;
             const int status = gsl_multifit_nlinear_iterate(w.get());
-            if (status == GSL_ENOPROG) return FitStatus::Converged; // no lower point nearby
+            if (status == GSL_ENOPROG) { // no lower point nearby
+                if (best_.jacobian.size() == 0) evaluateAt(best_.x, true);
+                if (pending_) return FitStatus::Interrupted;
+                return atMinimum(best_) ? FitStatus::Converged : FitStatus::Plateau;
+            }
             if (status != GSL_SUCCESS) return stopped(status, message);
 
             ++iterations_;
@@ -280,12 +290,68 @@ private:
             if (current_ == 0) return FitStatus::Converged;
 
             // A step cut short by rejected trials can lower D only a little while the minimum
-            // is still far: then the small decrease has to be confirmed by the next step.
+            // is still far: then the small decrease has to be confirmed by the next step. A small
+            // decrease where the gradient is not small is a plateau or a curved valley: the search
+            // goes on, and gives up after plateauSteps such steps in a row.
             const bool small = previous - current_ < options_.tolerance * previous;
             const bool clean = fdf.nevalf - trialsBefore == 1;
-            if (small && (clean || previousSmall)) return FitStatus::Converged;
+            if (small && (clean || previousSmall)) {
+                if (atMinimum(accepted_)) return FitStatus::Converged;
+                if (++flatSteps >= plateauSteps) return FitStatus::Plateau;
+            } else if (!small) {
+                flatSteps = 0;
+            }
             previousSmall = small;
         }
+    }
+
+    // The Gauss-Newton step at e, from a singular value decomposition of the Jacobian with unit
+    // columns (directions of singular value 0 left out), and the relative offset it gives.
+    struct GaussNewton {
+        double offset = std::numeric_limits<double>::quiet_NaN();
+        bool negligible = false; // no parameter would change in its ninth digit
+    };
+    GaussNewton gaussNewton(const Evaluation& e) const {
+        GaussNewton out;
+        const Eigen::Index n = n_, p = freeCount();
+        if (!e.valid || e.jacobian.rows() != n || e.jacobian.cols() != p || p == 0) return out;
+        const Eigen::VectorXd norms = e.jacobian.colwise().norm().transpose();
+        Eigen::MatrixXd unit = e.jacobian;
+        for (Eigen::Index k = 0; k < p; ++k)
+            unit.col(k) = std::isfinite(norms(k)) && norms(k) > 0
+                              ? Eigen::VectorXd(unit.col(k) / norms(k))
+                              : Eigen::VectorXd::Zero(n);
+        const Eigen::JacobiSVD<Eigen::MatrixXd> svd(unit, Eigen::ComputeThinU | Eigen::ComputeThinV);
+        const Eigen::VectorXd& s = svd.singularValues();
+        const double rankLimit =
+            s(0) * static_cast<double>(std::max(n, p)) * std::numeric_limits<double>::epsilon();
+        Eigen::Index rank = 0;
+        while (rank < p && s(rank) > rankLimit) ++rank;
+        if (rank == 0) return {0.0, true};
+        const Eigen::VectorXd projected = svd.matrixU().leftCols(rank).transpose() * e.residuals;
+        const Eigen::VectorXd step = svd.matrixV().leftCols(rank) *
+                                     (projected.array() / s.head(rank).array()).matrix();
+        out.negligible = true;
+        for (Eigen::Index k = 0; k < p; ++k) {
+            if (!(norms(k) > 0)) continue;
+            const double change = std::abs(step(k) / norms(k) * steps_[static_cast<std::size_t>(k)]);
+            const double value = std::abs(e.parameters[static_cast<std::size_t>(free_[static_cast<std::size_t>(k)])]);
+            if (!(change <= 1e-9 * std::max(value, std::abs(steps_[static_cast<std::size_t>(k)]))))
+                out.negligible = false;
+        }
+        const double along = projected.squaredNorm();
+        const double across = std::max(e.deviation - along, 0.0);
+        if (n > rank && across > 0)
+            out.offset = std::sqrt(along / static_cast<double>(rank)) /
+                         std::sqrt(across / static_cast<double>(n - rank));
+        else
+            out.offset = along > 0 ? std::numeric_limits<double>::infinity() : 0.0;
+        return out;
+    }
+
+    bool atMinimum(const Evaluation& e) const {
+        const GaussNewton step = gaussNewton(e);
+        return step.negligible || step.offset <= offsetLimit(options_.tolerance);
     }
 
     FitStatus stopped(int status, std::string& message) const {
@@ -379,6 +445,8 @@ private:
 };
 
 } // namespace
+
+double offsetLimit(double tolerance) { return std::max(1e-3, std::sqrt(std::max(tolerance, 0.0))); }
 
 FitResult fitLeastSquares(LeastSquaresModel& model, const std::vector<Parameter>& parameters,
                           const FitOptions& options) {

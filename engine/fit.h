@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <functional>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -42,7 +43,8 @@ struct FitOptions {
 
 enum class FitStatus {
     Evaluated,      // no free parameter: the model at the start values
-    Converged,      // D fell by less than tolerance * D, or no step could lower it any more
+    Converged,      // D fell by less than tolerance * D where the gradient is small too
+    Plateau,        // D no longer falls, or no step lowers it, although the gradient is not small
     IterationLimit, // maxIterations accepted steps without converging
     Interrupted,    // stop was set, or the model threw Interrupted; the best parameters so far
     Failed,         // the start values lie outside the model's domain, or too few points
@@ -66,10 +68,21 @@ struct FitResult {
     std::vector<int> unseen, entangled;
     std::string uncertaintyNote;
     std::string message; // why it failed, when it did
+    // The size of the Gauss-Newton step at the best point relative to the spread of the residuals
+    // (the relative offset, sqrt(|P r|^2 / p) / sqrt(|r - P r|^2 / (n - p)), P the projection on
+    // the columns of the Jacobian): about the distance to the minimum in standard uncertainties.
+    // NaN when not known.
+    double offset = std::numeric_limits<double>::quiet_NaN();
 };
 
+// The largest relative offset at which a fit with this tolerance counts as converged:
+// max(1e-3, sqrt(tolerance)).
+double offsetLimit(double tolerance);
+
 // Fits the free parameters (step != 0) from their start values, using each step as the
-// parameter's scale. The uncertainties come from covariance = D / (n - r) * (J^T J)^+ at the end,
+// parameter's scale. A run has converged when an accepted step lowers D by less than
+// tolerance x D and the relative offset there is within offsetLimit: the relative change of D
+// alone is also met on a plateau or in a long curved valley, far from any minimum. The uncertainties come from covariance = D / (n - r) * (J^T J)^+ at the end,
 // r the rank of J: directions the data cannot see are left out, and the parameters along them
 // are undetermined. An exception of the model other than Interrupted is thrown on after the
 // solver has been left.

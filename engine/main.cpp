@@ -33,6 +33,7 @@
 #include "fit.h"
 #include "model.h"
 #include "problem_io.h"
+#include "search.h"
 #include "spectrum.h"
 #include "symmetry.h"
 
@@ -46,7 +47,8 @@ enum ExitCode {
     exitBadInput = 2,
     exitInterrupted = 3,
     exitTooLarge = 4,
-    exitInternal = 5
+    exitInternal = 5,
+    exitPlateau = 6
 };
 
 // How long a stop request waits for the computation to reach a safe point before the best
@@ -225,6 +227,9 @@ const char* statusText(FitStatus status) {
         return "evaluated at the start values (no free parameter)";
     case FitStatus::Converged:
         return "converged";
+    case FitStatus::Plateau:
+        return "stopped on a plateau: the deviation no longer falls although the gradient is not "
+               "small; not a minimum";
     case FitStatus::IterationLimit:
         return "stopped at the iteration limit without converging";
     case FitStatus::Interrupted:
@@ -247,7 +252,7 @@ struct Snapshot {
 
 // Outcome of a snapshot: uncertainties 0 for fixed parameters and undetermined for free ones.
 Outcome snapshotOutcome(const Problem& problem, const Snapshot& best) {
-    Outcome outcome{best.deviation, best.parameters, {}, best.calculated, {}, {}, {}};
+    Outcome outcome{best.deviation, best.parameters, {}, best.calculated, {}, {}, {}, {}, {}};
     for (const Parameter& parameter : problem.parameters)
         outcome.uncertainties.push_back(parameter.free() ? std::nan("") : 0.0);
     return outcome;
@@ -273,9 +278,11 @@ public:
         const std::lock_guard lock(mutex_);
         problem_ = problem;
     }
+    // Keeps the snapshot when it is the first or lower than the one kept (fits from several
+    // starts report side by side).
     void update(const Snapshot& best) {
         const std::lock_guard lock(mutex_);
-        best_ = best;
+        if (!best_.valid || best.deviation < best_.deviation) best_ = best;
     }
     Snapshot best() {
         const std::lock_guard lock(mutex_);
@@ -339,41 +346,113 @@ struct Options {
     bool symmetry = true;
     double maxMemoryGiB = 0;
     double maxSeconds = 3600;
+    int starts = -1; // further starts of the search; -1: by the cost of a fit
     FtlmSettings ftlm;
 };
 
+// How the search for the global minimum runs: further starts, and side by side on workers of
+// their own (each with a spectrum of its own) or one after another.
+struct SearchPlan {
+    int starts = 0;
+    int workers = 1;
+};
+
+std::string startLine(int start, int count, const FitResult& result) {
+    char head[96];
+    std::snprintf(head, sizeof head, "start %d of %d: %s, deviation %.10g, ", start, count,
+                  result.status == FitStatus::Converged   ? "converged"
+                  : result.status == FitStatus::Plateau   ? "plateau"
+                  : result.status == FitStatus::IterationLimit ? "iteration limit"
+                  : result.status == FitStatus::Interrupted    ? "interrupted"
+                                                               : "outside the domain",
+                  result.deviation);
+    return head + parameterLine(result.parameters);
+}
+
 // The run after its files are read and its limits checked: the spectrum, the fit, the results.
 int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& problem,
-                const SpinSystem& system, const Plan& plan,
+                const SpinSystem& system, const Plan& plan, const SearchPlan& search,
                 std::chrono::steady_clock::time_point started) {
     int freeCount = 0;
     for (const Parameter& parameter : problem.parameters) freeCount += parameter.free();
     progress("setup %s; %d free parameter%s, %zu points, %d thread%s", plan.describe().c_str(),
              freeCount, freeCount == 1 ? "" : "s", problem.points.size(), plan.threads,
              plan.threads == 1 ? "" : "s");
-    Spectrum spectrum(system, plan, plan.threads, &stopRequest);
+    // One spectrum per worker: the blocks of each on one thread when several work side by side.
+    const int blockThreads = search.workers > 1 ? 1 : plan.threads;
+    std::vector<std::unique_ptr<Spectrum>> spectra;
+    std::vector<std::unique_ptr<SusceptibilityModel>> models;
+    std::vector<LeastSquaresModel*> workers;
+    for (int w = 0; w < search.workers; ++w) {
+        spectra.push_back(std::make_unique<Spectrum>(system, plan, blockThreads, &stopRequest));
+        models.push_back(std::make_unique<SusceptibilityModel>(problem, *spectra.back()));
+        workers.push_back(models.back().get());
+    }
+    Spectrum& spectrum = *spectra.front();
+    SusceptibilityModel& model = *models.front();
+    double buildSeconds = 0;
+    for (const auto& each : spectra) buildSeconds += each->buildSeconds();
     log.line("set up in %.3f s (building the matrices: %.3f thread-seconds)",
              std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(),
-             spectrum.buildSeconds());
+             buildSeconds);
 
-    SusceptibilityModel model(problem, spectrum);
-    FitOptions fitOptions;
-    fitOptions.tolerance = problem.tolerance;
-    fitOptions.stop = &stopRequest;
-    fitOptions.onIteration = [&](const IterationReport& report) {
-        const std::string values = parameterLine(*report.parameters);
-        progress("iteration %d deviation %.10g %s", report.iteration, report.deviation,
-                 values.c_str());
-        log.line("iteration %d deviation %.10g %s", report.iteration, report.deviation,
-                 values.c_str());
-        // The model has just been computed at these parameters: its values are at hand.
-        Snapshot best{true, report.iteration, report.deviation, *report.parameters, {}};
-        try {
-            if (model.predict(best.parameters, best.calculated)) run.update(best);
-        } catch (const Interrupted&) {
-        }
+    // The user's start first, then the further starts of the search.
+    std::vector<std::vector<double>> starts(1);
+    for (const Parameter& parameter : problem.parameters) starts[0].push_back(parameter.start);
+    for (auto& other : spreadStarts(problem, search.starts)) starts.push_back(std::move(other));
+    const int count = static_cast<int>(starts.size());
+    if (count > 1)
+        log.line("search for the global minimum: the given start and %d further start%s, %s",
+                 count - 1, count == 2 ? "" : "s",
+                 search.workers > 1
+                     ? ("side by side on " + std::to_string(search.workers) + " workers").c_str()
+                     : "one after another");
+    const auto optionsFor = [&](int start, int worker) {
+        FitOptions fitOptions;
+        fitOptions.tolerance = problem.tolerance;
+        fitOptions.stop = &stopRequest;
+        SusceptibilityModel& own = *models[static_cast<std::size_t>(worker)];
+        fitOptions.onIteration = [&, start, count](const IterationReport& report) {
+            const std::string values = parameterLine(*report.parameters);
+            if (start == 0) {
+                progress("iteration %d deviation %.10g %s", report.iteration, report.deviation,
+                         values.c_str());
+                log.line("iteration %d deviation %.10g %s", report.iteration, report.deviation,
+                         values.c_str());
+            } else if (search.workers == 1) { // a long search: its progress as it goes
+                progress("start %d of %d: iteration %d deviation %.10g %s", start + 1, count,
+                         report.iteration, report.deviation, values.c_str());
+            }
+            // The model has just been computed at these parameters: its values are at hand.
+            Snapshot best{true, report.iteration, report.deviation, *report.parameters, {}};
+            try {
+                if (own.predict(best.parameters, best.calculated)) run.update(best);
+            } catch (const Interrupted&) {
+            }
+        };
+        return fitOptions;
     };
-    FitResult result = fitLeastSquares(model, problem.parameters, fitOptions);
+    std::vector<FitResult> results = fitFromStarts(workers, problem.parameters, starts, optionsFor);
+    double observedSquares = 0;
+    for (int i = problem.first; i <= problem.last; ++i)
+        observedSquares += std::pow(problem.points[static_cast<std::size_t>(i - 1)].observed, 2);
+    // The user's start decides whether the input is at fault; the best start gives the result.
+    SearchSummary summary;
+    FitResult result = results.front();
+    if (result.status != FitStatus::Failed && result.status != FitStatus::SolverFailed) {
+        if (count > 1) {
+            for (int i = 0; i < count; ++i)
+                log.line("%s", startLine(i + 1, count, results[static_cast<std::size_t>(i)]).c_str());
+            progress("search: %d start%s", count, count == 1 ? "" : "s");
+        }
+        summary = summarise(results, problem.tolerance, observedSquares);
+        if (summary.best > 0) {
+            log.line("the best fit comes from start %d; the given start ended at deviation "
+                     "%.10g (%s)",
+                     summary.best + 1, result.deviation, statusText(result.status));
+            result = results[static_cast<std::size_t>(summary.best)];
+        }
+    }
     // From here on a stop request is not waited for: nothing lasts long.
     const auto failed = [&](int code, const std::string& message) {
         run.finish();
@@ -395,7 +474,7 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
     if (result.status == FitStatus::SolverFailed)
         return failed(exitInternal, "the fit failed: " + result.message);
 
-    Outcome outcome{result.deviation, result.parameters, result.uncertainties, {}, {}, {}, {}};
+    Outcome outcome{result.deviation, result.parameters, result.uncertainties, {}, {}, {}, {}, {}, {}};
     if (result.status != FitStatus::Interrupted) {
         try {
             if (!model.predict(result.parameters, outcome.calculated))
@@ -460,9 +539,6 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
              statusText(result.status), result.iterations, result.iterations == 1 ? "" : "s",
              result.evaluations, spectrum.diagonalisations());
     log.line("deviation D = %.10g", result.deviation);
-    double observedSquares = 0;
-    for (int i = problem.first; i <= problem.last; ++i)
-        observedSquares += std::pow(problem.points[static_cast<std::size_t>(i - 1)].observed, 2);
     if (observedSquares > 0)
         log.line("agreement factor R = %.6g", result.deviation / observedSquares);
     for (std::size_t i = 0; i < outcome.values.size(); ++i) {
@@ -503,6 +579,17 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
             }
     }
 
+    // What a chemist would question in the best fit, and the other minima nearly as good.
+    if (result.status != FitStatus::Interrupted) outcome.warnings = fitWarnings(problem, result);
+    for (const Alternative& other : summary.alternatives)
+        outcome.alternatives.push_back({other.deviation, other.values, other.equivalent});
+    for (const std::string& warning : outcome.warnings) log.line("warning: %s", warning.c_str());
+    for (const Alternative& other : summary.alternatives)
+        log.line("%s minimum (start %d): deviation %.10g (%+.3g %%) %s",
+                 other.equivalent ? "equivalent" : "alternative", other.start + 1, other.deviation,
+                 result.deviation > 0 ? 100 * (other.deviation / result.deviation - 1) : 0.0,
+                 parameterLine(other.values).c_str());
+
     const std::string outputPath = joinPath(directoryOf(options.input), "output.txt");
     std::string error;
     if (!writeOutput(outputPath, problem, outcome, error)) return fail(log, exitInternal, error);
@@ -518,6 +605,8 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
     switch (result.status) {
     case FitStatus::IterationLimit:
         return exitIterationLimit;
+    case FitStatus::Plateau:
+        return exitPlateau;
     case FitStatus::Interrupted:
         log.line("interrupted by a signal");
         return exitInterrupted;
@@ -588,12 +677,13 @@ int run(const Options& options) {
         freeJ += problem.parameters[i].free();
     // Why a plan is beyond the limits, or "". A fit with free J values needs a spectrum with
     // slopes at each of some 25 iterations (FTLM: one more spectrum per free J instead).
+    auto fitSeconds = [&](const Plan& plan) {
+        return freeJ == 0 || plan.scaled      ? plan.secondsPerSpectrum
+               : plan.method == Method::Ftlm ? 25 * (1 + freeJ) * plan.secondsPerSpectrum
+                                             : 25 * plan.secondsPerSlopes;
+    };
     auto beyondLimits = [&](const Plan& plan) -> std::string {
-        const double estimate =
-            plan.secondsToBuild +
-            (freeJ == 0 || plan.scaled      ? plan.secondsPerSpectrum
-             : plan.method == Method::Ftlm ? 25 * (1 + freeJ) * plan.secondsPerSpectrum
-                                           : 25 * plan.secondsPerSlopes);
+        const double estimate = plan.secondsToBuild + fitSeconds(plan);
         const std::string size = plan.describe();
         char text[600];
         if (!plan.buildable()) {
@@ -640,8 +730,20 @@ int run(const Options& options) {
                                : "Hellmann-Feynman, dE/dJ = <n|H_J|n> from the eigenvectors");
     if (!refusal.empty()) return fail(log, exitTooLarge, refusal);
 
+    // The search: as many further starts as fit in about one more fit; side by side on workers
+    // of their own when a fit is short and the copies of the spectrum fit in memory.
+    SearchPlan search;
+    const double perFit = fitSeconds(plan);
+    search.workers =
+        plan.method != Method::Ftlm && perFit < 2 && plan.bytes * threads <= memoryLimit / 2
+            ? threads
+            : 1;
+    search.starts = options.starts >= 0 ? options.starts
+                                        : defaultStarts(problem, perFit, search.workers);
+    search.workers = std::max(1, std::min(search.workers, search.starts + 1));
+
     try {
-        return fitAndWrite(options, log, run, problem, system, plan, started);
+        return fitAndWrite(options, log, run, problem, system, plan, search, started);
     } catch (const Interrupted&) {
         run.finish();
         log.line("interrupted by a signal before any result; no output.txt written");
@@ -675,6 +777,10 @@ int main(int argc, char** argv) {
                    "symmetry; refused beyond the limits), ftlm (finite-temperature Lanczos), "
                    "s-blocks, m-blocks (total M blocks) or full (one dense matrix)")
         ->check(CLI::IsMember({"automatic", "exact", "ftlm", "s-blocks", "m-blocks", "full"}));
+    app.add_option("--starts", options.starts,
+                   "further starts of the search for the global minimum (default: as many as "
+                   "take about the time of one fit, at most 16; 0: the given start alone)")
+        ->check(CLI::Range(0, 1000));
     app.add_option("--seed", options.ftlm.seed, "FTLM: seed of the random vectors (default 1)");
     app.add_option("--ftlm-vectors", options.ftlm.vectors,
                    "FTLM: random vectors per block (default 20)")

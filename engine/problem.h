@@ -87,6 +87,16 @@ struct Outcome {
     // indices (as in values), correlation the matrix row by row (NaN where undetermined).
     std::vector<int> correlated;
     std::vector<double> correlation;
+    // Warnings on the fit, one sentence each, and the other minima the search found nearly as
+    // good (equivalent: the same deviation to the fit's precision): written after the
+    // correlations as "# warning ...", "# alternative D values..." and "# equivalent D values...".
+    std::vector<std::string> warnings;
+    struct Minimum {
+        double deviation = 0;
+        std::vector<double> values; // g, C, zJ, Xtip, J1..Jn
+        bool equivalent = false;
+    };
+    std::vector<Minimum> alternatives;
     std::string note; // written last, as a line beginning with "# " (FTLM's error), or empty
 };
 

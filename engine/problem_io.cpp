@@ -1,5 +1,6 @@
 #include "problem_io.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
@@ -367,6 +368,13 @@ std::string outputText(const Problem& problem, const Outcome& outcome) {
             text += '\n';
         }
     }
+    for (const std::string& warning : outcome.warnings) text += "# warning " + warning + '\n';
+    for (const Outcome::Minimum& other : outcome.alternatives) {
+        text += other.equivalent ? "# equivalent " : "# alternative ";
+        text += formatReal(other.deviation);
+        for (double value : other.values) text += ' ' + formatReal(value);
+        text += '\n';
+    }
     if (!outcome.note.empty()) text += "# " + outcome.note + '\n';
     return text;
 }
@@ -390,6 +398,15 @@ std::string outcomeFault(const Problem& problem, const Outcome& outcome) {
         if (std::isinf(u) || (std::isnan(u) && !problem.parameters[i].free()))
             return "the uncertainty of " + name + " is not finite";
     }
+    for (const Outcome::Minimum& other : outcome.alternatives) {
+        if (other.values.size() != count) return "an alternative without every parameter";
+        if (!std::isfinite(other.deviation) ||
+            !std::all_of(other.values.begin(), other.values.end(),
+                         [](double v) { return std::isfinite(v); }))
+            return "an alternative that is not finite";
+    }
+    for (const std::string& warning : outcome.warnings)
+        if (warning.find_first_of("\r\n") != std::string::npos) return "a warning of two lines";
     for (std::size_t i = 0; i < outcome.calculated.size(); ++i)
         if (!std::isfinite(outcome.calculated[i]))
             return "the calculated value at point " + std::to_string(i + 1) + " is not finite";

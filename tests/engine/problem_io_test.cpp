@@ -105,7 +105,7 @@ TEST(WriteOutput, WritesTheExactLayoutAndReplacesAnEarlierFile) {
     Outcome outcome{0.000123456789012,
                     {2.0123456789, 0, -0.25, 3.1e-06, -102.5, 1234567890123.0},
                     {0.0012, 0, 0, 3.1e-06, 0.5, std::nan("")},
-                    {0.125, 0.5, 0.99999999999}, {}, {}, {}};
+                    {0.125, 0.5, 0.99999999999}, {}, {}, {}, {}, {}};
     ASSERT_TRUE(writeOutput(dir.file("output.txt"), problem, outcome, error)) << error;
     EXPECT_EQ(dir.read("output.txt"), "0.000123456789 2.012345679 0\n"
                                       "-0.25 3.1e-06\n"
@@ -121,7 +121,7 @@ TEST(WriteOutput, WritesTheExactLayoutAndReplacesAnEarlierFile) {
     EXPECT_FALSE(writeOutput(dir.file("output.txt"), problem, outcome, error));
     EXPECT_NE(error.find("uncertainty of J2"), std::string::npos) << error;
 
-    Outcome noJ{1, {2, 0, 0, 0}, {0, 0, 0, 0}, {1, 2, 3}, {}, {}, {}};
+    Outcome noJ{1, {2, 0, 0, 0}, {0, 0, 0, 0}, {1, 2, 3}, {}, {}, {}, {}, {}};
     ASSERT_TRUE(writeOutput(dir.file("output.txt"), smallProblem(0), noJ, error)) << error;
     EXPECT_EQ(dir.read("output.txt"), "1 2 0\n0 0\n# 0 0 0 0\n0\n#\n3 2 3\n2 1 0.1\n10 2 0.5\n"
                                       "300 3 1\n");
@@ -131,7 +131,7 @@ TEST(WriteOutput, WritesTheExactLayoutAndReplacesAnEarlierFile) {
 TEST(WriteOutput, FailsCleanlyLeavingNoFileBehind) {
     ScratchDir dir;
     std::string error;
-    const Outcome outcome{1, {2, 0, 0, 0}, {0, 0, 0, 0}, {1, 2, 3}, {}, {}, {}};
+    const Outcome outcome{1, {2, 0, 0, 0}, {0, 0, 0, 0}, {1, 2, 3}, {}, {}, {}, {}, {}};
 
     EXPECT_FALSE(writeOutput(dir.file("missing/output.txt"), smallProblem(0), outcome, error));
     EXPECT_NE(error.find("output.txt"), std::string::npos) << error;
