@@ -184,6 +184,50 @@ void printResults() {
     for (int k = 1; k <= doc.jCount; ++k)
         std::printf("  J%-3d = %s  %s\n", k, withUncertainty(calc.j[slot(k)]).c_str(),
                     unit.c_str());
+    for (const std::string& warning : calc.warnings) std::printf("Warning: %s.\n", warning.c_str());
+    static const char* const names[] = {"g", "C", "zJ", "Xtip"};
+    for (const Calculation::OtherMinimum& other : calc.alternatives) {
+        if (other.equivalent)
+            std::printf("Equivalent minimum (fits as well, squared deviation %s):",
+                        formatC("%g", other.deviation).c_str());
+        else
+            std::printf("Alternative minimum (squared deviation %s, %.2g %% higher):",
+                        formatC("%g", other.deviation).c_str(),
+                        100 * (other.deviation / calc.deviation - 1));
+        for (int k = 0; k < fixedParameterCount + doc.jCount; ++k) {
+            const std::string name = k < fixedParameterCount
+                                         ? names[k]
+                                         : "J" + std::to_string(k - fixedParameterCount + 1);
+            std::printf("%s %s = %s", k ? "," : "", name.c_str(),
+                        formatC("%g", other.values[static_cast<std::size_t>(k)]).c_str());
+        }
+        std::printf("\n");
+    }
+}
+
+// The warnings and the other minima of the newest calculation's run, for run --json: each
+// minimum's values keyed as the fitted values of a calculation are.
+void addSearchJson(nlohmann::ordered_json& out, const FitDocument& doc) {
+    using nlohmann::ordered_json;
+    const Calculation& calc = doc.calculations[slot(doc.calculationCount)];
+    ordered_json warnings = ordered_json::array();
+    for (const std::string& warning : calc.warnings) warnings.push_back(warning);
+    ordered_json alternatives = ordered_json::array();
+    for (const Calculation::OtherMinimum& other : calc.alternatives) {
+        ordered_json j = ordered_json::array();
+        for (int k = 1; k <= doc.jCount; ++k)
+            j.push_back(other.values[static_cast<std::size_t>(fixedParameterCount + k - 1)]);
+        alternatives.push_back({{"deviation", other.deviation},
+                                {"equivalent", other.equivalent},
+                                {"values",
+                                 {{"g", other.values[0]},
+                                  {"C", other.values[1]},
+                                  {"zJ", other.values[2]},
+                                  {"Xtip", other.values[3]},
+                                  {"J", j}}}});
+    }
+    out["warnings"] = warnings;
+    out["alternatives"] = alternatives;
 }
 
 nlohmann::ordered_json documentJson(const FitDocument& doc);
@@ -208,8 +252,11 @@ int runCommand(const std::string& path, const PlotRequest& plot, bool json) {
         break;
     }
     std::fprintf(chatter, "Wrote %s\n", runState.reportPath.c_str());
-    if (json)
-        std::printf("%s\n", documentJson(fitDocument).dump(2).c_str());
+    if (json) {
+        nlohmann::ordered_json out = documentJson(fitDocument);
+        addSearchJson(out, fitDocument);
+        std::printf("%s\n", out.dump(2).c_str());
+    }
     else
         printResults();
     if (const std::string note = engineNoteText(runState.lastEngineRun); !note.empty())

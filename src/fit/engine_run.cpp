@@ -21,10 +21,11 @@ constexpr int pollMilliseconds = 50;
 // The exit codes with which corefit leaves results (docs/corefit.md).
 constexpr int engineIterationLimit = 1;
 constexpr int engineInterrupted = 3;
+constexpr int enginePlateau = 6;
 
 bool leftResults(const EngineRun& run) {
-    return run.exited &&
-           (run.exitCode == engineIterationLimit || run.exitCode == engineInterrupted);
+    return run.exited && (run.exitCode == engineIterationLimit ||
+                          run.exitCode == engineInterrupted || run.exitCode == enginePlateau);
 }
 
 // The last line of text that holds more than blanks; "" when there is none.
@@ -184,6 +185,9 @@ std::string engineNoteText(const EngineRun& run) {
     if (run.exited && run.exitCode == engineIterationLimit)
         return "the fit stopped at its iteration limit before converging; the report holds the "
                "last values";
+    if (run.exited && run.exitCode == enginePlateau)
+        return "the fit stopped on a plateau, where the deviation no longer fell although it was "
+               "not at a minimum; the report holds the last values";
     if (run.exited && run.exitCode == engineInterrupted)
         return "the fitting engine was interrupted before converging; the report holds the best "
                "values found";

@@ -108,7 +108,8 @@ std::string engineFailureText(const EngineRun& run);
 
 // What to add, in one sentence, to the results of a run that left them: "" after a converged
 // fit and after an interrupt the user asked for; "the fit stopped at its iteration limit before
-// converging; the report holds the last values" after corefit's exit code 1; else
+// converging; the report holds the last values" after corefit's exit code 1, a sentence on the
+// plateau after its exit code 6; else
 // engineFailureText.
 std::string engineNoteText(const EngineRun& run);
 

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <string>
+#include <vector>
 
 #include "fit/limits.h"
 
@@ -65,6 +66,17 @@ struct Calculation {
     int correlatedCount = 0;
     std::array<int, maxParameters> correlated{};
     std::array<std::array<double, maxParameters>, maxParameters> correlation{};
+    // From the last engine run (none from a report): its warnings on the fit, one sentence each,
+    // and the other minima its search found nearly as good, each with its squared deviation and
+    // all its values by engine parameter number (values[0] g .. values[13] J10); equivalent ones
+    // fit exactly as well.
+    std::vector<std::string> warnings;
+    struct OtherMinimum {
+        double deviation = 0.0;
+        bool equivalent = false;
+        std::array<double, maxParameters> values{};
+    };
+    std::vector<OtherMinimum> alternatives;
 };
 
 struct FitDocument {

@@ -287,7 +287,36 @@ private:
         for (int k = 1; k <= jCount; ++k) parameters[slot(k)] = &found.j[slot(k)];
         uncertainties(5, parameters, jCount);
         if (!correlations(headLines + pairCount + 1, found)) return false;
+        if (!searchResults(headLines + pairCount + 1, found)) return false;
         calc = found;
+        return true;
+    }
+
+    // The engine's warnings and the other minima of its search, after the pairs: "# warning
+    // <sentence>", "# alternative D v1 .. vP" or "# equivalent D v1 .. vP" (every parameter, g
+    // first).
+    bool searchResults(int first, Calculation& found) {
+        found.warnings.clear();
+        found.alternatives.clear();
+        for (int line = first; line <= static_cast<int>(lines_.size()); ++line) {
+            const std::string& text = lines_[slot(line)].text;
+            if (word(text, 1) != "#") continue;
+            const std::string_view kind = word(text, 2);
+            if (kind == "warning") {
+                const std::size_t start = text.find("warning") + 7;
+                const std::size_t from = text.find_first_not_of(' ', start);
+                if (from != std::string::npos) found.warnings.push_back(text.substr(from));
+            } else if (kind == "alternative" || kind == "equivalent") {
+                Calculation::OtherMinimum other;
+                other.equivalent = kind == "equivalent";
+                if (!real(line, 3, "deviation of an alternative", other.deviation)) return false;
+                for (int k = 0; k < fixedParameterCount + doc_.jCount; ++k)
+                    if (!real(line, 4 + k, "value of an alternative",
+                              other.values[static_cast<std::size_t>(k)]))
+                        return false;
+                found.alternatives.push_back(other);
+            }
+        }
         return true;
     }
 
@@ -495,6 +524,8 @@ private:
         const std::string where = formatC("calculation # %d", n);
         for (FitParameter* parameter : fourParameters(calc)) parameter->uncertainty = std::nan("");
         for (FitParameter& j : calc.j) j.uncertainty = std::nan("");
+        calc.warnings.clear();
+        calc.alternatives.clear();
         enum SectionPart { initial, initialJ, fitted, fittedJ, pairs, table, partCount };
         std::array<bool, partCount> seen{};
         for (;;) {
