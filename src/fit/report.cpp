@@ -305,7 +305,9 @@ private:
             if (kind == "warning") {
                 const std::size_t start = text.find("warning") + 7;
                 const std::size_t from = text.find_first_not_of(' ', start);
-                if (from != std::string::npos) found.warnings.push_back(text.substr(from));
+                const std::size_t end = text.find_last_not_of(" \t\r\n");
+                if (from != std::string::npos && end != std::string::npos && end >= from)
+                    found.warnings.push_back(text.substr(from, end + 1 - from));
             } else if (kind == "alternative" || kind == "equivalent") {
                 Calculation::OtherMinimum other;
                 other.equivalent = kind == "equivalent";

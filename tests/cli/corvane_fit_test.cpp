@@ -176,6 +176,24 @@ TEST_F(CorvaneFit, RunFitsEveryExampleAndExportGivesBackWhatTheReportPrints) {
                   static_cast<long>(doc["pairs"].size() + 1));
     }
     EXPECT_GE(examples, 4);
+
+    // The isosceles triangle fits exactly as well with its J values swapped for another pair:
+    // the search names that pair, in words and in the JSON.
+    const std::string triangle = dir.file("triangle.qpi");
+    std::filesystem::copy_file(CORVANE_SOURCE_DIR "/examples/cu3-triangle.qpi", triangle);
+    const Outcome words = run(dir, {"run", triangle});
+    EXPECT_NE(words.out.find("\nEquivalent minimum (fits as well, squared deviation "),
+              std::string::npos)
+        << words.out;
+    const Outcome json = run(dir, {"run", "--json", triangle});
+    const nlohmann::json fit = nlohmann::json::parse(json.out);
+    EXPECT_EQ(fit["warnings"], nlohmann::json::array());
+    ASSERT_EQ(fit["alternatives"].size(), 1u);
+    const nlohmann::json& other = fit["alternatives"][0];
+    EXPECT_TRUE(other["equivalent"].get<bool>());
+    EXPECT_NEAR(other["deviation"].get<double>(), fit["calculations"][0]["deviation"], 1e-9);
+    EXPECT_EQ(other["values"]["J"].size(), 2u);
+    EXPECT_TRUE(other["values"]["Xtip"].is_number());
 }
 
 TEST_F(CorvaneFit, PlotDrawsAReportOrTheFitJustMadeAsPngPdfOrSvg) {

@@ -126,6 +126,18 @@ TEST(WriteOutput, WritesTheExactLayoutAndReplacesAnEarlierFile) {
     EXPECT_EQ(dir.read("output.txt"), "1 2 0\n0 0\n# 0 0 0 0\n0\n#\n3 2 3\n2 1 0.1\n10 2 0.5\n"
                                       "300 3 1\n");
     EXPECT_EQ(dir.listing(), "output.txt");
+
+    // The search's warnings and other minima follow the pairs, before the note.
+    noJ.warnings = {"g = 0.4 lies outside 1 to 3"};
+    noJ.alternatives = {{1.0000001, {2.5, 0, 0, 0}, true}, {1.02, {1.5, 0.1, 0, 0}, false}};
+    noJ.note = "ftlm note";
+    ASSERT_TRUE(writeOutput(dir.file("output.txt"), smallProblem(0), noJ, error)) << error;
+    EXPECT_EQ(dir.read("output.txt"), "1 2 0\n0 0\n# 0 0 0 0\n0\n#\n3 2 3\n2 1 0.1\n10 2 0.5\n"
+                                      "300 3 1\n# warning g = 0.4 lies outside 1 to 3\n"
+                                      "# equivalent 1.0000001 2.5 0 0 0\n"
+                                      "# alternative 1.02 1.5 0.1 0 0\n# ftlm note\n");
+    noJ.alternatives[1].values.pop_back();
+    EXPECT_FALSE(writeOutput(dir.file("output.txt"), smallProblem(0), noJ, error));
 }
 
 TEST(WriteOutput, FailsCleanlyLeavingNoFileBehind) {

@@ -225,6 +225,30 @@ TEST_F(ReportTest, TheEngineOutputFillsTheNewestCalculationOrIsRejectedWhole) {
     EXPECT_EQ(calc.zJ.uncertainty, 0.0);
     EXPECT_EQ(calc.j[0].uncertainty, 0.5);
 
+    // The engine's warnings and other minima, after the pairs among its other comment lines: kept
+    // with the calculation, while the report reads exactly as without them.
+    auto searched = smallDocument();
+    searched->calculationCount = 2;
+    ASSERT_TRUE(readEngineOutput(std::string(engineOutput) +
+                                     "# warning J1 is undetermined: the data do not fix its value\n"
+                                     "# equivalent 0.0125 2.1 0.003 0 0.00015 -40.5\n"
+                                     "# alternative 0.013 1.9 0 0 0 12\n"
+                                     "# ftlm standard error of the calculated values: 1 %\n",
+                                 *searched, problem))
+        << problem;
+    const Calculation& found = searched->calculations[1];
+    EXPECT_EQ(found.warnings,
+              std::vector<std::string>{"J1 is undetermined: the data do not fix its value"});
+    ASSERT_EQ(found.alternatives.size(), 2u);
+    EXPECT_TRUE(found.alternatives[0].equivalent);
+    EXPECT_EQ(found.alternatives[0].values[4], -40.5);
+    EXPECT_FALSE(found.alternatives[1].equivalent);
+    EXPECT_EQ(found.alternatives[1].deviation, 0.013);
+    EXPECT_EQ(reportText(*searched, "date"), reportText(*doc, "date"));
+    EXPECT_FALSE(readEngineOutput(std::string(engineOutput) + "# alternative 0.013 1.9 0 0\n",
+                                  *searched, problem));
+    EXPECT_EQ(problem.rfind("line 9: the value of an alternative is missing", 0), 0u) << problem;
+
     const struct {
         const char* text;
         const char* problem;
