@@ -11,6 +11,11 @@
 // Instead: the engine at scale, the method before symmetry and FTLM beside the new one, each run
 // in a child process of its own (for its peak memory).
 //
+//   corefit-bench --search [--rounds N]
+//
+// Instead: the cost of the search for the global minimum, whole runs of corefit with its default
+// starts beside runs with --starts 0, on the examples and the 16 x S=1/2 ring.
+//
 //   corefit-bench --under-load [--rounds N]
 //
 // Instead: the 16 x S=1/2 ring with the default threads and with one, on an idle machine and with
@@ -34,6 +39,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -393,6 +399,7 @@ struct Settings {
     bool underLoad = false;
     int rounds = 3;
     bool scale = false;
+    bool search = false;
     double presentBudget = 1200; // --scale: skip a run of the present method estimated longer
 };
 
@@ -876,6 +883,139 @@ int run(const Settings& settings) {
     return 0;
 }
 
+// ---------------------------------------------------------------------------------------------
+// The search for the global minimum: whole runs of corefit with its default starts beside runs
+// with --starts 0, alternately in one run, on the examples and the 16 x S=1/2 ring.
+
+// The directory of this program, where corefit and corvane-fit are built too.
+std::string programDirectory() {
+    char path[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
+    if (n <= 0) return ".";
+    const std::string self(path, static_cast<std::size_t>(n));
+    return self.substr(0, self.find_last_of('/'));
+}
+
+// Runs a program to its end with its output thrown away; the wall time, or -1 when it could not
+// run. The exit code goes to `code`.
+double timedRun(const std::vector<std::string>& arguments, int& code) {
+    const auto started = Clock::now();
+    const pid_t pid = ::fork();
+    if (pid < 0) return -1;
+    if (pid == 0) {
+        std::FILE* null = std::fopen("/dev/null", "w");
+        if (null != nullptr) {
+            ::dup2(::fileno(null), 1);
+            ::dup2(::fileno(null), 2);
+        }
+        std::vector<char*> argv;
+        for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+        argv.push_back(nullptr);
+        ::execv(argv[0], argv.data());
+        ::_exit(127);
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return code == 127 ? -1 : secondsSince(started);
+}
+
+std::string readText(const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// The exchange files of a problem, as the program writes them.
+void writeExchangeFiles(const Problem& problem, const std::string& directory) {
+    std::string input = format("0, %d, %d\n%d\n", static_cast<int>(problem.unit),
+                               static_cast<int>(problem.kind), problem.siteCount());
+    for (int twiceSpin : problem.twiceSpin) input += format("%d\n", twiceSpin);
+    input += format("%zu, %.10g\n", problem.parameters.size(), problem.tolerance);
+    for (const Parameter& parameter : problem.parameters)
+        input += format("%.17g, %.17g\n", parameter.start, parameter.step);
+    for (const Bond& bond : problem.bonds)
+        input += format("%d, %d, %d\n", bond.a + 1, bond.b + 1, bond.j + firstJIndex + 1);
+    std::string data = format("%zu, %d, %d\n", problem.points.size(), problem.first, problem.last);
+    for (const Point& point : problem.points)
+        data += format("%.17g %.17g\n", point.temperature, point.observed);
+    std::ofstream(directory + "/input.txt") << input;
+    std::ofstream(directory + "/chit.txt") << data;
+}
+
+int runSearch(const Settings& settings) {
+    const std::string bin = programDirectory(), corefit = bin + "/corefit";
+    char scratch[] = "/tmp/corefit-bench-search-XXXXXX";
+    if (::mkdtemp(scratch) == nullptr) throw std::runtime_error("cannot make a scratch directory");
+    struct Target {
+        std::string name, directory;
+    };
+    std::vector<Target> problems;
+    // The examples, through corvane-fit prepare when it is built beside.
+    const std::string examples = CORVANE_SOURCE_DIR "/examples";
+    for (const char* name : {"cu2-dimer", "cu3-triangle", "ni4-cubane", "d-nit2"}) {
+        const std::string directory = std::string(scratch) + "/" + name;
+        ::mkdir(directory.c_str(), 0755);
+        const std::string copy = directory + "/" + name + ".qpi";
+        std::ofstream(copy) << readText(examples + "/" + name + ".qpi");
+        int code = 0;
+        if (timedRun({bin + "/corvane-fit", "prepare", copy}, code) < 0 || code != 0) {
+            progress("%s: skipped (corvane-fit prepare failed or is not built beside)", name);
+            continue;
+        }
+        problems.push_back({name, directory});
+    }
+    {
+        const Case c = standardCases()[6]; // the 16 x S=1/2 ring, J1/J2
+        Problem problem = makeProblem(c);
+        const SpinSystem system{problem.twiceSpin, problem.bonds, problem.jCount()};
+        Spectrum spectrum(system, planSpectrum(system, Method::Automatic, settings.threads),
+                          settings.threads);
+        SusceptibilityModel model(problem, spectrum);
+        std::vector<double> values;
+        if (!model.predict(trueValues(problem), values)) throw std::runtime_error("no chiT");
+        for (std::size_t i = 0; i < values.size(); ++i) problem.points[i].observed = values[i];
+        problem.parameters = fitStart(problem);
+        const std::string directory = std::string(scratch) + "/ring16";
+        ::mkdir(directory.c_str(), 0755);
+        writeExchangeFiles(problem, directory);
+        problems.push_back({c.name, directory});
+    }
+
+    std::printf("corefit-bench --search, corefit %s, %s\n", COREFIT_VERSION, localTime().c_str());
+    std::printf("machine: %s, nproc %ld; whole runs of corefit, the default search beside "
+                "--starts 0, alternately; medians of %d round%s\n\n",
+                cpuModel().c_str(), ::sysconf(_SC_NPROCESSORS_ONLN), settings.rounds,
+                settings.rounds == 1 ? "" : "s");
+    std::printf("%-34s %7s %12s %12s %7s %14s %14s\n", "problem", "starts", "single (s)",
+                "search (s)", "ratio", "D single", "D search");
+    for (const Target& problem : problems) {
+        progress("%s", problem.name.c_str());
+        const std::string input = problem.directory + "/input.txt";
+        std::vector<double> single, search;
+        double deviation[2] = {0, 0};
+        int code = 0;
+        for (int round = 0; round < settings.rounds; ++round)
+            for (int k = 0; k < 2; ++k) {
+                std::vector<std::string> arguments{corefit};
+                if (k == 0) arguments.insert(arguments.end(), {"--starts", "0"});
+                arguments.push_back(input);
+                const double seconds = timedRun(arguments, code);
+                if (seconds < 0) throw std::runtime_error("cannot run " + corefit);
+                (k == 0 ? single : search).push_back(seconds);
+                deviation[k] = std::strtod(readText(problem.directory + "/output.txt").c_str(), nullptr);
+            }
+        const std::string log = readText(problem.directory + "/corefit.log");
+        int starts = 1;
+        const auto at = log.find("the given start and ");
+        if (at != std::string::npos) starts += std::atoi(log.c_str() + at + 20);
+        const double a = median(single), b = median(search);
+        std::printf("%-34s %7d %12.4f %12.4f %7.2f %14.8g %14.8g\n", problem.name.c_str(), starts,
+                    a, b, b / a, deviation[0], deviation[1]);
+        std::fflush(stdout);
+    }
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -905,6 +1045,9 @@ int main(int argc, char** argv) {
     app.add_flag("--scale", settings.scale,
                  "instead: the engine at scale, symmetry and FTLM beside the present method "
                  "(with --large also the 8 x S=5/2 ring and the exact 20 x S=1/2 ring)");
+    app.add_flag("--search", settings.search,
+                 "instead: whole runs of corefit with its default search for the global minimum "
+                 "beside --starts 0, on the examples and the 16 x S=1/2 ring");
     app.add_option("--present-budget", settings.presentBudget,
                    "--scale: skip a run of the present method estimated longer (default 1200 s)")
         ->check(CLI::PositiveNumber);
@@ -913,6 +1056,7 @@ int main(int argc, char** argv) {
 
     try {
         if (settings.scale) return runScale(settings);
+        if (settings.search) return runSearch(settings);
         return settings.underLoad ? runUnderLoad(settings) : run(settings);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "corefit-bench: %s\n", failure.what());

@@ -4,7 +4,8 @@
 //
 // Reads DIR/input.txt and DIR/chit.txt or DIR/chi.txt, writes DIR/output.txt and DIR/corefit.log.
 // Exit codes: 0 converged or evaluated, 1 iteration limit reached, 2 bad input, 3 interrupted,
-// 4 too large for the engine's limits, 5 an internal failure (LAPACK, out of memory).
+// 4 too large for the engine's limits, 5 an internal failure (LAPACK, out of memory), 6 stopped
+// on a plateau (not a minimum).
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -765,7 +766,7 @@ int main(int argc, char** argv) {
     CLI::App app{"corefit: fits the magnetic susceptibility of an exchange-coupled spin cluster.\n"
                  "Reads DIR/input.txt and DIR/chit.txt or DIR/chi.txt; writes DIR/output.txt and "
                  "DIR/corefit.log.\nExit codes: 0 converged, 1 iteration limit, 2 bad input, "
-                 "3 interrupted, 4 too large, 5 internal failure.",
+                 "3 interrupted, 4 too large, 5 internal failure, 6 stopped on a plateau.",
                  "corefit"};
     app.set_version_flag("--version", std::string("corefit ") + COREFIT_VERSION);
     Options options;
