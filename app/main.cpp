@@ -71,7 +71,7 @@ int main(int argc, char** argv) {
 
     corvane::MainWindowHost window;
     QApplication::setWindowIcon(window.windowIcon());
-    corvane::QtMessagePort messages;
+    corvane::QtMessagePort messages(&window);
     corvane::QtChooserPort choosers(&window);
     corvane::QtDialogPort dialogs(&window);
     corvane::QtPrinterPort printers(&window);

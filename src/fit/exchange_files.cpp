@@ -1,5 +1,14 @@
 #include "fit/exchange_files.h"
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+
+#include <stdlib.h>
+
 #include "platform/files.h"
 #include "platform/messages.h"
 #include "text/text.h"
@@ -99,8 +108,42 @@ bool writeExchangeFiles(const std::string& engineInputPath, const std::string& d
 }
 
 bool writeDialogEngineInput() {
+    if (!openRunDirectory()) return false;
     return writeBoth(inWorkDir(engineInputName), fitDocument.currentCalculation + 1,
                      inWorkDir(dataExchangeName(fitDocument)));
+}
+
+bool openRunDirectory() {
+    std::error_code error;
+    std::filesystem::path base = std::filesystem::temp_directory_path(error);
+    if (error) base = "/tmp";
+    std::string pattern = (base / "corvane-run-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        showError(formatC("Cannot make a folder for the fit in %s: %s.", base.c_str(),
+                          std::strerror(errno)));
+        return false;
+    }
+    runState.workDir = runState.runDirectory = pattern;
+    return true;
+}
+
+void closeRunDirectory(bool keep) {
+    if (keep || runState.runDirectory.empty()) return;
+    std::error_code ignored;
+    std::filesystem::remove_all(runState.runDirectory, ignored);
+    runState.runDirectory.clear();
+}
+
+bool isExchangeFile(const std::string& path, const char* name) {
+    std::string contents, reason;
+    if (!readWholeFile(path, contents, reason, 1 << 20)) return false;
+    const std::string first = contents.substr(0, contents.find('\n'));
+    int a = 0, b = 0, c = 0;
+    char end = 0;
+    // input.txt opens with "0, unit, kind"; chi.txt and chit.txt with "pairs, first, last".
+    if (std::sscanf(first.c_str(), "%d , %d , %d %c", &a, &b, &c, &end) != 3) return false;
+    return std::string_view(name) == engineInputName ? a == 0 && b >= 0 && b <= 2 && c >= 0 && c <= 1
+                                                     : a >= 1 && b >= 1 && c >= b && c <= a;
 }
 
 } // namespace corvane

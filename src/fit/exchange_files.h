@@ -45,9 +45,24 @@ bool writeEngineData(const std::string& path);
 bool writeExchangeFiles(const std::string& engineInputPath, const std::string& dataPath);
 
 // Writes the engine input file for calculation fitDocument.currentCalculation + 1 (the one the
-// parameter dialog edits) and the data exchange file of the document into workDir, where the
-// engine reads them; so the engine fits the data the user sees, whether the document came
-// from an input file or from a report.
+// parameter dialog edits) and the data exchange file of the document into a fresh run
+// directory (openRunDirectory), where the engine reads them; so the engine fits the data the
+// user sees, whether the document came from an input file or from a report.
 bool writeDialogEngineInput();
+
+// A run works in a folder of its own, so that no file of the user's is ever written or deleted
+// and two runs never meet: a new private folder (mode 0700) in the temporary directory
+// ($TMPDIR, else /tmp), named corvane-run-XXXXXX, becomes runState.workDir. False after a
+// message when it cannot be made.
+bool openRunDirectory();
+
+// Removes the run folder in runState.workDir with what the run left in it, unless keep (a run
+// that failed leaves its log there for the user); workDir keeps naming it either way.
+void closeRunDirectory(bool keep);
+
+// Whether the file at path is one the program writes as `name` (input.txt, chi.txt or
+// chit.txt): its first line the numbers that open such a file. A file that is not may not be
+// replaced by one.
+bool isExchangeFile(const std::string& path, const char* name);
 
 } // namespace corvane

@@ -7,6 +7,9 @@
 #include <string_view>
 #include <vector>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "fit/line_pieces.h"
 #include "platform/files.h"
 #include "platform/messages.h"
@@ -695,16 +698,38 @@ ReportWrite writeReport(const std::string& outputPath, const std::string& report
     std::string contents, reason;
     if (!readWholeFile(outputPath, contents, reason, maxReportFileBytes))
         return {fileExists(outputPath) ? ReportWrite::UnusableOutput : ReportWrite::NoOutput,
-                reason};
+                reason, "", 0};
     auto updated = std::make_unique<FitDocument>(fitDocument);
     std::string problem;
     if (!readEngineOutput(contents, *updated, problem, calculation))
-        return {ReportWrite::UnusableOutput, problem};
+        return {ReportWrite::UnusableOutput, problem, "", 0};
+    ReportWrite written{ReportWrite::Written, "", "", 0};
+    struct stat status {};
+    if (::stat(reportPath.c_str(), &status) == 0) {
+        if ((status.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0 ||
+            ::access(reportPath.c_str(), W_OK) != 0)
+            return {ReportWrite::NotWritten, "it is read-only", "", 0};
+        std::string earlier;
+        if (readWholeFile(reportPath, earlier, reason, maxReportFileBytes)) {
+            auto previous = std::make_unique<FitDocument>();
+            previous->calculationCount = 0;
+            const bool readable = readReportText(earlier, *previous, problem);
+            if (!readable || previous->calculationCount > updated->calculationCount) {
+                written.backup = reportPath + "~";
+                written.backupCalculations = readable ? previous->calculationCount : 0;
+                if (!writeWholeFile(written.backup, earlier, reason))
+                    return {ReportWrite::NotWritten,
+                            formatC("the earlier report cannot be kept as %s: %s",
+                                    written.backup.c_str(), reason.c_str()),
+                            "", 0};
+            }
+        }
+    }
     if (!writeWholeFile(reportPath, reportText(*updated, reportDate(std::time(nullptr))), reason))
-        return {ReportWrite::NotWritten, reason};
+        return {ReportWrite::NotWritten, reason, "", 0};
     fitDocument = *updated;
     removeFile(outputPath);
-    return {ReportWrite::Written, ""};
+    return written;
 }
 
 bool readReportText(const std::string& contents, FitDocument& doc, std::string& problem) {

@@ -40,12 +40,18 @@ struct ReportWrite {
         NotWritten,     // the report cannot be written; the output file stays
     } outcome;
     std::string detail; // the system's reason or what is wrong with the output
+    // The earlier report, kept as the report's name with "~" when it held calculations the new
+    // one lacks (or was no report this program can read); "" when none was kept.
+    std::string backup;
+    int backupCalculations = 0;
 };
 
 // Reads outputPath into calculation number calculation of fitDocument (0: the newest), writes the
 // report with every calculation to reportPath (whole or not at all) and deletes outputPath. Unless
 // the outcome is Written, fitDocument and the report on disk stay as they were; the caller tells
-// the user why.
+// the user why. A report on disk without write permission is not replaced (NotWritten); one that
+// holds more calculations than the new one, or cannot be read as a report, is first kept as
+// reportPath + "~" (an older such copy replaced).
 ReportWrite writeReport(const std::string& outputPath, const std::string& reportPath,
                         int calculation = 0);
 

@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include <sys/stat.h>
+
 #include "fit/exchange_files.h"
 #include "fit/input_file.h"
 #include "fit/report.h"
@@ -50,21 +52,60 @@ std::string deriveReportPath(const std::string& path) {
 
 std::string deriveWorkDir(const std::string& path) { return directoryOf(path); }
 
+namespace {
+
+// Whether two paths name the same file: the same path, or the same file reached another way.
+bool sameFile(const std::string& a, const std::string& b) {
+    if (a == b) return true;
+    struct stat first {}, second {};
+    return ::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0 &&
+           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+// Reads the input file into the document with its exchange files in a new run folder. False
+// after a message, with no run folder left.
+bool readIntoRunDirectory(const std::string& path) {
+    if (!openRunDirectory()) return false;
+    if (readInputFile(path, inWorkDir(engineInputName), inWorkDir(chiDataName),
+                      inWorkDir(chitDataName)))
+        return true;
+    closeRunDirectory(false);
+    return false;
+}
+
+} // namespace
+
 bool prepareRun(const std::string& path) {
+    const std::string workDir = runState.workDir;
+    if (!readIntoRunDirectory(path)) return false;
+    closeRunDirectory(false);
+    runState.workDir = workDir;
+    // Beside the input, only over files this program wrote: a file of the user's of the same
+    // name is left as it is.
     const std::string directory = directoryOf(path);
-    const std::string engineInputPath = pathIn(directory, engineInputName);
-    const std::string chiPath = pathIn(directory, chiDataName);
-    const std::string chitPath = pathIn(directory, chitDataName);
-    for (const std::string* stale : {&engineInputPath, &chiPath, &chitPath}) {
-        if (fileExists(*stale)) removeFile(*stale);
+    const char* const names[] = {engineInputName, dataExchangeName(fitDocument)};
+    for (const char* name : names) {
+        const std::string target = pathIn(directory, name);
+        if (sameFile(target, path) || (fileExists(target) && !isExchangeFile(target, name))) {
+            showError(formatC("%s is not an exchange file of this program and is left as it is; "
+                              "no exchange file was written.",
+                              target.c_str()));
+            return false;
+        }
     }
-    return readInputFile(path, engineInputPath, chiPath, chitPath);
+    return writeExchangeFiles(pathIn(directory, names[0]), pathIn(directory, names[1]));
 }
 
 bool beginInputCycle() {
-    if (!prepareRun(runState.inputPath)) return false;
-    runState.reportPath = deriveReportPath(runState.inputPath);
-    runState.workDir = deriveWorkDir(runState.inputPath);
+    const std::string reportPath = deriveReportPath(runState.inputPath);
+    if (sameFile(reportPath, runState.inputPath)) {
+        showError(formatC("%s cannot be fitted under its own name: its report would replace it. "
+                          "Give the input file another name, such as one ending in .qpi.",
+                          runState.inputPath.c_str()));
+        return false;
+    }
+    if (!readIntoRunDirectory(runState.inputPath)) return false;
+    runState.reportPath = reportPath;
     beginRecalculation();
     return true;
 }
@@ -78,7 +119,19 @@ void beginRecalculation() {
 RunOutcome completeRun(std::string* problem, int calculation) {
     const std::string outputPath = inWorkDir(engineOutputName);
     const ReportWrite write = writeReport(outputPath, runState.reportPath, calculation);
-    if (write.outcome == ReportWrite::Written) return RunOutcome::Fitted;
+    // The run folder goes, unless the run failed or stopped short: then its log is the user's
+    // to read.
+    const EngineRun& run = runState.lastEngineRun;
+    const bool clean = write.outcome == ReportWrite::Written &&
+                       (run.interrupted || (run.exited && run.exitCode == 0));
+    closeRunDirectory(run.started && !clean);
+    if (write.outcome == ReportWrite::Written) {
+        if (!write.backup.empty())
+            showStatus(formatC("The earlier report, with %d calculation%s, is kept as %s.",
+                               write.backupCalculations, write.backupCalculations == 1 ? "" : "s",
+                               write.backup.c_str()));
+        return RunOutcome::Fitted;
+    }
     const std::string why = noResultsText(write, outputPath);
     if (problem != nullptr)
         *problem = why;

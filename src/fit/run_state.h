@@ -28,10 +28,12 @@ struct RunState {
     // The report of the document; "" until a fit or Plot sets it.
     std::string reportPath;
     // The working directory of the document, without a trailing '/': where the engine reads
-    // input.txt and the data exchange file and writes output.txt. The input file's directory
-    // after a fit from an input file, the report's directory after a report has been loaded;
-    // "." (the current directory) until then.
+    // input.txt and the data exchange file and writes output.txt. The private folder made for
+    // the latest run (see openRunDirectory), the report's directory after a report has been
+    // loaded; "." (the current directory) until then.
     std::string workDir = ".";
+    // The folder made for the latest run, which closeRunDirectory may remove; "" when none.
+    std::string runDirectory;
     // How the last run of the engine ended.
     EngineRun lastEngineRun;
 

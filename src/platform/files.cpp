@@ -118,35 +118,49 @@ bool stage(const std::string& path, std::string_view text, Staged& staged) {
 
 bool readWholeFile(const std::string& path, std::string& contents, std::string& error,
                    std::size_t maxBytes) {
-    std::FILE* file = std::fopen(path.c_str(), "rb");
-    if (file == nullptr) {
+    // Without blocking: a FIFO or a device is refused at once instead of waiting for a writer.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
         error = systemReason(errno);
+        return false;
+    }
+    struct stat status {};
+    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        const int code = errno;
+        ::close(fd);
+        error = S_ISDIR(status.st_mode) ? "it is a folder, not a file"
+                : status.st_mode != 0   ? "it is not a regular file"
+                                        : systemReason(code);
+        return false;
+    }
+    if (static_cast<std::size_t>(status.st_size) > maxBytes) {
+        ::close(fd);
+        error = "the file is " + std::to_string(status.st_size) + " bytes, more than the " +
+                std::to_string(maxBytes) + " bytes it may hold";
         return false;
     }
     contents.clear();
     char buffer[65536];
-    std::size_t n = 0;
-    while ((n = std::fread(buffer, 1, sizeof buffer, file)) > 0) {
-        if (contents.size() + n > maxBytes) {
-            struct stat status {};
-            const bool sized = ::fstat(::fileno(file), &status) == 0 && S_ISREG(status.st_mode);
-            std::fclose(file);
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            const int code = errno;
+            ::close(fd);
             contents.clear();
-            error =
-                sized ? "the file is " + std::to_string(status.st_size) + " bytes, more than the " +
-                            std::to_string(maxBytes) + " bytes it may hold"
-                      : "it holds more than the " + std::to_string(maxBytes) + " bytes it may hold";
+            error = systemReason(code);
             return false;
         }
-        contents.append(buffer, n);
+        if (n == 0) break;
+        if (contents.size() + static_cast<std::size_t>(n) > maxBytes) { // it grew while read
+            ::close(fd);
+            contents.clear();
+            error = "it holds more than the " + std::to_string(maxBytes) + " bytes it may hold";
+            return false;
+        }
+        contents.append(buffer, static_cast<std::size_t>(n));
     }
-    const bool failed = std::ferror(file) != 0;
-    const int code = errno;
-    std::fclose(file);
-    if (failed) {
-        error = systemReason(code);
-        return false;
-    }
+    ::close(fd);
     return true;
 }
 
@@ -175,7 +189,7 @@ bool writeWholeFiles(const std::vector<FileText>& files, std::string& failedPath
 }
 
 bool fileExists(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return false;
     struct stat status {};
     const bool isFile = ::fstat(fd, &status) == 0 && !S_ISDIR(status.st_mode);

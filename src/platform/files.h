@@ -12,7 +12,8 @@
 namespace corvane {
 
 // Reads the whole file at path into contents (bytes as stored). A file larger than maxBytes is
-// not read: false, with its size and the limit in error.
+// not read: false, with its size and the limit in error. Only a regular file is read: a FIFO, a
+// device or a folder is refused at once, never waited for.
 bool readWholeFile(const std::string& path, std::string& contents, std::string& error,
                    std::size_t maxBytes = static_cast<std::size_t>(-1));
 

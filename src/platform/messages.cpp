@@ -21,6 +21,13 @@ MessagePort* currentPort = &headlessPort;
 
 } // namespace
 
+void MessagePort::status(const std::string& text) {
+    std::fprintf(stderr, "%s\n", text.c_str());
+    std::fflush(stderr);
+}
+
+void showStatus(const std::string& text) { currentPort->status(text); }
+
 void setMessagePort(MessagePort* port) { currentPort = port != nullptr ? port : &headlessPort; }
 
 int messageBox(const std::string& text, const std::string& caption, unsigned style) {

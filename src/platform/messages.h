@@ -31,6 +31,9 @@ public:
     virtual int messageBox(const std::string& text, const std::string& caption, unsigned style) = 0;
     // The system sound of the given type (0 is the default sound).
     virtual void beep(unsigned type) = 0;
+    // A note that needs no answer, in the window's status line; the headless port prints it to
+    // the standard error stream.
+    virtual void status(const std::string& text);
 };
 
 // Installs port for all later messages; nullptr restores the headless port. The caller keeps
@@ -41,6 +44,9 @@ void setMessagePort(MessagePort* port);
 // of the style (idOk, or idYes for mbYesNo).
 int messageBox(const std::string& text, const std::string& caption, unsigned style = mbOk);
 void messageBeep(unsigned type = 0);
+
+// A note in the status line through the port in use.
+void showStatus(const std::string& text);
 
 // The default beep, then text in a message box with the caption "Error".
 void showError(const std::string& text, unsigned style = mbOk | mbIconHand);

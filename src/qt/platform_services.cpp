@@ -7,9 +7,11 @@
 #include <QFileInfo>
 #include <QFontDialog>
 #include <QFormLayout>
+#include <QMainWindow>
 #include <QMessageBox>
 #include <QPixmap>
 #include <QScreen>
+#include <QStatusBar>
 #include <QVBoxLayout>
 #include <QWidget>
 #include <cmath>
@@ -54,6 +56,11 @@ int QtMessagePort::messageBox(const std::string& text, const std::string& captio
 }
 
 void QtMessagePort::beep(unsigned) { QApplication::beep(); }
+
+void QtMessagePort::status(const std::string& text) {
+    if (window_ == nullptr) return MessagePort::status(text);
+    window_->statusBar()->showMessage(QString::fromStdString(text));
+}
 
 namespace {
 

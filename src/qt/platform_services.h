@@ -5,16 +5,24 @@
 #include "platform/choosers.h"
 #include "platform/messages.h"
 
+class QMainWindow;
 class QWidget;
 
 namespace corvane {
 
 // QMessageBox with the style's buttons and icon, owned by the active modal dialog (else the
 // active window); QApplication::beep for every beep.
+// Status notes in the status line of window (made when the first note comes, so that a window
+// without notes keeps its whole area), or on the standard error stream without one.
 class QtMessagePort final : public MessagePort {
 public:
+    explicit QtMessagePort(QMainWindow* window = nullptr) : window_(window) {}
     int messageBox(const std::string& text, const std::string& caption, unsigned style) override;
     void beep(unsigned type) override;
+    void status(const std::string& text) override;
+
+private:
+    QMainWindow* window_;
 };
 
 // QFileDialog, owned by owner (nullptr for none), opening existing or new names: the filters,

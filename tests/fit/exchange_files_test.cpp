@@ -25,19 +25,37 @@ const char* const dimer = "KEYWD DATA_FILE=XTT ENERGY_UNIT=CM-1 PRECISION=0.0001
                           "SPIN_ON_SITE1 1\nSPIN_ON_SITE2 1\n"
                           "INTERACTION sites 1 and 2 coupled by J1\nT_CHI 2 -0.5\n";
 
-TEST_F(ExchangeFilesTest, PreparingReplacesTheFilesOfEarlierRunsWithExactFormats) {
-    dir.write("chi.txt", "stale");
-    dir.write("output.txt", "left to the run cycle");
+TEST_F(ExchangeFilesTest, PreparingWritesExactFormatsOverItsOwnFilesOnly) {
+    // The user's own files of other names, and an exchange file of an earlier run, stay or are
+    // replaced; nothing is deleted, and a failed read changes nothing.
+    dir.write("chi.txt", "the user's raw data");
+    dir.write("output.txt", "the user's notes");
+    dir.write("chit.txt", "3, 1, 3\n1 1\n2 2\n3 3\n");
     ASSERT_TRUE(prepareRun(dir.write("cu2.qpi", dimer)));
     EXPECT_EQ(dir.read("input.txt"), "0, 0, 0\n2\n1\n1\n5, 0.000100\n"
                                      "2.000000, 0.010000\n0.000000, 0.000000\n"
                                      "0.000000, 0.000000\n0.000000, 0.000000\n"
                                      "-100.000000, 1.000000\n1, 2, 5\n");
     EXPECT_EQ(dir.read("chit.txt"), "1, 1, 1\n2.000000  -0.500000\n");
-    EXPECT_EQ(dir.listing(), "chit.txt cu2.qpi input.txt output.txt");
+    EXPECT_EQ(dir.read("chi.txt"), "the user's raw data");
+    EXPECT_EQ(dir.read("output.txt"), "the user's notes");
 
     EXPECT_FALSE(prepareRun(dir.write("bad.qpi", "SPIN_ON_SITE21 1\n")));
-    EXPECT_EQ(dir.listing(), "bad.qpi cu2.qpi output.txt");
+    EXPECT_EQ(dir.listing(), "bad.qpi chi.txt chit.txt cu2.qpi input.txt output.txt");
+
+    // A file of the user's under an exchange file's name is not replaced, nor is an input file
+    // named like one.
+    dir.write("input.txt", "notes");
+    EXPECT_FALSE(prepareRun(dir.file("cu2.qpi")));
+    EXPECT_NE(port.messages.back().text.find("input.txt is not an exchange file"),
+              std::string::npos);
+    EXPECT_EQ(dir.read("input.txt"), "notes");
+    const std::string named = dir.file("chit.txt");
+    std::filesystem::copy_file(dir.file("cu2.qpi"), named,
+                               std::filesystem::copy_options::overwrite_existing);
+    std::filesystem::remove(dir.file("input.txt"));
+    EXPECT_FALSE(prepareRun(named));
+    EXPECT_EQ(dir.read("chit.txt"), dimer);
 }
 
 TEST_F(ExchangeFilesTest, TheEngineGetsTheUsersNumbersExactly) {
@@ -95,15 +113,19 @@ TEST_F(ExchangeFilesTest, AFileThatCannotBeWrittenIsNamedAndNothingIsHalfWritten
 
 TEST_F(ExchangeFilesTest, TheDialogWritesItsCalculationWhereTheEngineReadsIt) {
     ASSERT_TRUE(prepareRun(dir.write("cu2.qpi", dimer)));
-    runState.workDir = dir.path();
-    std::filesystem::remove(dir.file("chit.txt"));
     fitDocument.calculationCount = 2;
     fitDocument.calculations[1] = fitDocument.calculations[0];
     fitDocument.calculations[1].g.start = 2.25;
     fitDocument.currentCalculation = 1;
-    ASSERT_TRUE(writeDialogEngineInput());
-    EXPECT_NE(dir.read("input.txt").find("\n2.250000, 0.010000\n"), std::string::npos);
-    EXPECT_TRUE(dir.has("chit.txt")); // the data go with it, as the document holds them
+    ASSERT_TRUE(writeDialogEngineInput()); // in a run folder of its own
+    std::string input, reason;
+    ASSERT_TRUE(readWholeFile(inWorkDir(engineInputName), input, reason)) << reason;
+    EXPECT_NE(input.find("\n2.250000, 0.010000\n"), std::string::npos);
+    EXPECT_TRUE(fileExists(inWorkDir(chitDataName))); // the data go with it, as the document holds them
+    EXPECT_EQ(std::filesystem::status(runState.workDir).permissions(),
+              std::filesystem::perms::owner_all);
+    closeRunDirectory(false);
+    EXPECT_FALSE(std::filesystem::exists(runState.workDir));
 
     for (int current : {-1, 2}) {
         fitDocument.currentCalculation = current;

@@ -290,7 +290,7 @@ TEST_F(MainWindowTest, InterruptGivesTheBestFitSoFarAndLogFileShowsTheLog) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
     });
     command(idmOpen);
-    EXPECT_EQ(host.log, dir.file("corefit.log"));
+    EXPECT_EQ(host.log, runState.workDir + "/corefit.log"); // the run's own folder
     EXPECT_TRUE(runState.lastEngineRun.interrupted);
     EXPECT_EQ(fitDocument.calculations[0].deviation, 0.0125);
     EXPECT_EQ(plotSettings.plotLoaded, 1);
