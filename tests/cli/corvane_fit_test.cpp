@@ -10,6 +10,7 @@
 #include <regex>
 #include <spawn.h>
 #include <string>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -194,6 +195,85 @@ TEST_F(CorvaneFit, RunFitsEveryExampleAndExportGivesBackWhatTheReportPrints) {
     EXPECT_NEAR(other["deviation"].get<double>(), fit["calculations"][0]["deviation"], 1e-9);
     EXPECT_EQ(other["values"]["J"].size(), 2u);
     EXPECT_TRUE(other["values"]["Xtip"].is_number());
+}
+
+TEST_F(CorvaneFit, ARunNeverTouchesTheUsersFilesAndTwoRunsNeverMeet) {
+    // Files of the user's under the names the engine uses, a FIFO among them: a run with a typo,
+    // a chiT fit and prepare's refusal leave every one as it was.
+    dir.write("input.txt", "notes");
+    dir.write("chi.txt", "raw");
+    dir.write("output.txt", "mine");
+    dir.write("corefit.log", "my log");
+    ASSERT_EQ(::mkfifo(dir.file("chit.txt").c_str(), 0600), 0);
+    const std::string before = dir.listing();
+    EXPECT_EQ(run(dir, {"run", dir.file("typo.qpi")}).exitCode, 1);
+    const std::string input = dir.write("cu2.qpi", testing::dimerInput);
+    const Outcome fitted = run(dir, {"run", input});
+    ASSERT_EQ(fitted.exitCode, 0) << fitted.err;
+    EXPECT_EQ(run(dir, {"prepare", input}).exitCode, 1);
+    EXPECT_EQ(dir.read("input.txt") + dir.read("chi.txt") + dir.read("output.txt") +
+                  dir.read("corefit.log"),
+              "notesrawminemy log");
+    EXPECT_TRUE(std::filesystem::is_fifo(dir.file("chit.txt")));
+    EXPECT_EQ(dir.listing(), before.substr(0, before.find("input.txt")) + "cu2.qpi cu2.qpo " +
+                                 before.substr(before.find("input.txt")));
+
+    // An input file named like an exchange file fits and stays; one named like its report, or a
+    // FIFO, is refused at once.
+    const Outcome named = run(dir, {"run", dir.file("output.txt")});
+    EXPECT_EQ(named.exitCode, 1); // "mine" is no input file, and it stays
+    EXPECT_EQ(dir.read("output.txt"), "mine");
+    const std::string asReport = dir.write("x.qpo", testing::dimerInput);
+    const Outcome refused = run(dir, {"run", asReport});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_NE(refused.err.find("its report would replace it"), std::string::npos) << refused.err;
+    EXPECT_EQ(dir.read("x.qpo"), testing::dimerInput);
+    ASSERT_EQ(::mkfifo(dir.file("fifo.qpi").c_str(), 0600), 0);
+    const Outcome fifo = run(dir, {"run", dir.file("fifo.qpi")});
+    EXPECT_EQ(fifo.exitCode, 1);
+    EXPECT_NE(fifo.err.find("not a regular file"), std::string::npos) << fifo.err;
+
+    // Two fits in one folder at once, each with an engine that takes its time: each report holds
+    // its own fit (the second's data 1.21 times the first's, so a larger g).
+    testing::useScriptEngine(dir, "sleep 0.5; exec '" CORVANE_BIN_DIR "/corefit' \"$1\"");
+    std::string second = testing::dimerInput;
+    second.replace(second.find("T_CHI 2 0.51"), 12, "T_CHI 2 0.6171");
+    second.replace(second.find("T_CHI 300 0.0012"), 16, "T_CHI 300 0.001452");
+    const std::string a = dir.write("a.qpi", testing::dimerInput), b = dir.write("b.qpi", second);
+    const std::string both = "'" CORVANE_BIN_DIR "/corvane-fit' run --json '" + a + "' > '" +
+                             dir.file("a.json") + "' 2>/dev/null & '" CORVANE_BIN_DIR
+                             "/corvane-fit' run --json '" + b + "' > '" + dir.file("b.json") +
+                             "' 2>/dev/null; wait";
+    ASSERT_EQ(std::system(both.c_str()), 0);
+    const double ga = nlohmann::json::parse(dir.read("a.json"))["calculations"][0]["g"]["fitted"];
+    const double gb = nlohmann::json::parse(dir.read("b.json"))["calculations"][0]["g"]["fitted"];
+    EXPECT_GT(gb, 1.05 * ga);
+}
+
+TEST_F(CorvaneFit, AReportIsKeptWhenReadOnlyOrWhenItHeldMoreCalculations) {
+    const std::string input = dir.write("cu2.qpi", testing::dimerInput);
+    ASSERT_EQ(run(dir, {"run", input}).exitCode, 0);
+    // A report of two calculations, as Add New leaves it.
+    std::string report = dir.read("cu2.qpo");
+    const std::string section = report.substr(report.find("Fitting Results - Calculation # 1"));
+    std::string two = report;
+    two.insert(two.size(), std::regex_replace(section, std::regex("Calculation # 1"),
+                                              "Calculation # 2"));
+    dir.write("cu2.qpo", two);
+    const Outcome again = run(dir, {"run", input});
+    ASSERT_EQ(again.exitCode, 0) << again.err;
+    EXPECT_NE(again.err.find("The earlier report, with 2 calculations, is kept as " +
+                             dir.file("cu2.qpo~")),
+              std::string::npos)
+        << again.err;
+    EXPECT_EQ(dir.read("cu2.qpo~"), two);
+
+    std::filesystem::permissions(dir.file("cu2.qpo"), std::filesystem::perms::owner_read);
+    const std::string kept = dir.read("cu2.qpo");
+    const Outcome readOnly = run(dir, {"run", input});
+    EXPECT_NE(readOnly.exitCode, 0);
+    EXPECT_NE(readOnly.err.find("read-only"), std::string::npos) << readOnly.err;
+    EXPECT_EQ(dir.read("cu2.qpo"), kept);
 }
 
 TEST_F(CorvaneFit, PlotDrawsAReportOrTheFitJustMadeAsPngPdfOrSvg) {
