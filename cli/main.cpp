@@ -14,7 +14,9 @@
 #include <charconv>
 #include <cmath>
 #include <csignal>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -41,6 +43,7 @@ enum ExitCode : int {
     exitInterrupted = 4,  // interrupted: the report holds the best fit found until then,
                           // or is left as it was when the engine was stopped at once
     exitPlotFailed = 5,   // the plot could not be written
+    exitOutputFailed = 6, // what was to be printed could not be written (a full disk, say)
 };
 
 // Progress and notes go to the standard output, or to the standard error stream when the
@@ -159,10 +162,13 @@ public:
 };
 
 // A fitted value with its standard uncertainty: "2.100000 +/- 0.000120", "(fixed)" for a
-// fixed parameter, "(not determined by the data)" where the data cannot fix it.
+// fixed parameter, "(not determined by the data)" where the data cannot fix it, and a word on
+// the interruption when the fit was stopped before its uncertainties were known.
 std::string withUncertainty(const FitParameter& p) {
     const std::string value = formatC("%f", p.fitted);
     if (p.step == 0.0) return value + " (fixed)";
+    if (std::isnan(p.uncertainty) && runState.lastEngineRun.interrupted)
+        return value + " (uncertainty not estimated: the fit was interrupted)";
     if (std::isnan(p.uncertainty)) return value + " (not determined by the data)";
     return value + " +/- " + formatC("%.2g", p.uncertainty);
 }
@@ -393,7 +399,8 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.footer("Exit codes: 0 done, 1 a file that cannot be read, 2 no engine, 3 the engine left "
                "no results, 4 interrupted (the report holds the best fit so far; after a second "
-               "Ctrl-C it is left as it was), 5 the plot could not be written.\n"
+               "Ctrl-C it is left as it was), 5 the plot could not be written, 6 the standard "
+               "output could not be written.\n"
                "The engine is corefit beside corvane-fit or on PATH; CORVANE_ENGINE names "
                "another.");
 
@@ -431,9 +438,20 @@ int main(int argc, char** argv) {
     resetPlot();
     initPlotSettings();
     resetFitDocument();
-    if (prepare->parsed()) return prepareCommand(path);
-    if (run->parsed()) return runCommand(path, plot, runJson);
-    if (plotter->parsed()) return plotCommand(path, plot);
-    if (exporter->parsed()) return exportCommand(path, csv);
-    return exitOk;
+    int code = exitOk;
+    if (prepare->parsed())
+        code = prepareCommand(path);
+    else if (run->parsed())
+        code = runCommand(path, plot, runJson);
+    else if (plotter->parsed())
+        code = plotCommand(path, plot);
+    else if (exporter->parsed())
+        code = exportCommand(path, csv);
+    // What was printed must have reached its file: a full disk or a closed pipe is a failure.
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        std::fprintf(stderr, "corvane-fit: cannot write to the standard output: %s\n",
+                     std::strerror(errno));
+        return code == exitOk ? exitOutputFailed : code;
+    }
+    return code;
 }

@@ -167,7 +167,9 @@ std::string engineFailureText(const EngineRun& run) {
     if (run.killed && !run.exited)
         return "the fitting engine was stopped at once at the second interrupt";
     std::string text;
-    if (run.exited && run.exitCode == 0) {
+    if (run.interrupted && run.exited && run.exitCode == engineInterrupted) {
+        text = "the fit was interrupted before it had any result";
+    } else if (run.exited && run.exitCode == 0) {
         text = "the fitting engine ended without leaving results";
     } else if (run.exited) {
         text = formatC("the fitting engine stopped with exit code %d", run.exitCode);

@@ -205,17 +205,17 @@ private:
         if (token.empty()) return fail(line, formatC("the %s is missing", what));
         if (!parseReal(token, value))
             return fail(line, formatC("the %s \"%s\" is not a finite number", what,
-                                      std::string(token).c_str()));
+                                      printableText(token).c_str()));
         if (std::fabs(value) > maxValueMagnitude)
             return fail(line, formatC("the %s %s is too large for the report", what,
-                                      std::string(token).c_str()));
+                                      printableText(token).c_str()));
         return true;
     }
     bool integer(int line, int n, const char* what, int& value) {
         const std::string_view token = word(lines_[slot(line)].text, n);
         if (!parseInteger(token, value))
             return fail(line, formatC("the %s \"%s\" is not a whole number", what,
-                                      std::string(token).c_str()));
+                                      printableText(token).c_str()));
         return true;
     }
 
@@ -437,7 +437,7 @@ private:
     bool number(const char* what, std::string_view token, double& value) {
         if (parseReal(token, value) && std::fabs(value) <= maxValueMagnitude) return true;
         return fail(formatC("the %s \"%s\" is not a number of the report", what,
-                            std::string(token).c_str()));
+                            printableText(token).c_str()));
     }
     bool numberAfter(std::string_view name, double& value) {
         if (realAfter(line_->text, name, value) && std::fabs(value) <= maxValueMagnitude)

@@ -186,4 +186,12 @@ std::string formatTimeC(const char* format, const std::tm& time) {
     return std::string(buffer, n);
 }
 
+std::string printableText(std::string_view text, std::size_t maxLength) {
+    std::string out;
+    for (char c : text.substr(0, maxLength))
+        out += c >= ' ' && c <= '~' ? c : '?';
+    if (text.size() > maxLength) out += "...";
+    return out;
+}
+
 } // namespace corvane

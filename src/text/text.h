@@ -49,6 +49,10 @@ std::string formatExact(double value);
 // formatC("%f", 2.0) is "2.000000" on a German desktop too.
 std::string formatC(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+// A piece of a file as a message may show it: control characters and bytes outside printable
+// ASCII each as '?', and cut to at most maxLength characters with "..." after.
+std::string printableText(std::string_view text, std::size_t maxLength = 40);
+
 // strftime in the "C" locale: "%p" is "AM" or "PM" whatever the desktop's language is.
 std::string formatTimeC(const char* format, const std::tm& time);
 

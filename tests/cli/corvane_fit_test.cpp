@@ -114,6 +114,16 @@ TEST_F(CorvaneFit, FailuresGoToTheErrorStreamWithANonZeroExit) {
                            {"fit", "x.qpi"},
                            {"export", input, "--json", "--csv"}})
         EXPECT_NE(run(dir, arguments).exitCode, 0);
+
+    // Output that cannot be written is a failure, not a cut file with exit 0.
+    testing::useScriptEngine(dir, std::string("printf '") + testing::dimerOutput + "' > \"$out\"");
+    ASSERT_EQ(run(dir, {"run", input}).exitCode, 0);
+    const std::string full = "'" CORVANE_BIN_DIR "/corvane-fit' export '" + dir.file("cu2.qpo") +
+                             "' >/dev/full 2>'" + dir.file("full.err") + "'";
+    const int status = std::system(full.c_str());
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 6);
+    EXPECT_NE(dir.read("full.err").find("No space left on device"), std::string::npos);
+    std::filesystem::remove(dir.file("full.err"));
 }
 
 // The rows a report prints for one calculation, rebuilt from the JSON export of that report.

@@ -272,6 +272,7 @@ TEST_F(ReportTest, TheEngineOutputFillsTheNewestCalculationOrIsRejectedWhole) {
         auto target = smallDocument();
         EXPECT_FALSE(readEngineOutput(fault.text, *target, problem)) << fault.problem;
         EXPECT_EQ(problem.rfind(fault.problem, 0), 0u) << problem;
+        for (char c : problem) EXPECT_TRUE(c >= ' ' && c <= '~') << problem; // no raw bytes
     }
 }
 

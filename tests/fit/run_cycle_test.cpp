@@ -115,6 +115,15 @@ TEST_F(RunCycleTest, AFailedRunLeavesReportAndDocumentAsTheyWereAndSaysWhy) {
     EXPECT_EQ(progress.statuses.front(), engineStartFailedText);
 }
 
+TEST_F(RunCycleTest, AnInterruptBeforeAnyResultIsSaidAsSuch) {
+    EngineRun run;
+    run.started = run.exited = run.interrupted = true;
+    run.exitCode = 3;
+    EXPECT_EQ(engineFailureText(run), "the fit was interrupted before it had any result");
+    run.interrupted = false; // the engine stopped by someone else
+    EXPECT_EQ(engineFailureText(run), "the fitting engine stopped with exit code 3");
+}
+
 TEST_F(RunCycleTest, ARunnerHandsOverLinesAsTheyComeAndStopsTheEngineAsAsked) {
     const std::string waitForever = "echo 'iteration 1'\nwhile :; do sleep 0.02; done";
     const struct {
