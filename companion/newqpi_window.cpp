@@ -696,7 +696,7 @@ void NewQpiWindow::save() {
         corvane::showError("The input file could not be saved as " + path + ": " + error);
         return;
     }
-    if (!corvane::set_qpname(path, error))
+    if (!corvane::set_qpname(qpnameToken_, path, error))
         corvane::messageBox("The input file is saved as " + path +
                                 ", but its name could not be handed to Corvane (" + error +
                                 "). Open it there with File > Open.",

@@ -40,8 +40,12 @@ public:
     QStringList problems() const;
 
     // Save: refused with a beep while a problem remains; otherwise the save dialog, the file
-    // written whole, its name stored, the window closed. The same as the Save button.
+    // written whole, its name stored for the holder of the token, the window closed. The same
+    // as the Save button.
     void save();
+    // The token of the desktop window that started newQPI (File > New) and waits for the saved
+    // file's name; none (started by hand): the name is stored for no one.
+    void setQpnameToken(const std::string& token) { qpnameToken_ = token; }
 
     // The file choosers, replaced by the tests: the name to save under ("" for Cancel), the
     // file to import or open ("" for Cancel).
@@ -114,6 +118,7 @@ private:
     std::string importedText_; // the text last imported, read again when the column changes
     QString importedSource_;
     QString suggestedPath_; // offered in the save dialog
+    std::string qpnameToken_;
     bool filling_ = false;  // the program, not the user, is changing the fields
     bool edited_ = false;   // the user has changed something since the start or the last open
     bool done_ = false;     // saved (or cancelled): closing asks nothing

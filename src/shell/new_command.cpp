@@ -25,19 +25,20 @@ std::string companionProgram() {
 
 void newCommand() {
     if (shell.host != nullptr) shell.host->closeCover();
-    // A name left by a run that ended before it was taken is never taken for this one.
-    clear_qpname();
+    // The name newQPI stores under this token is for this window alone: a newQPI that another
+    // window started, or one started by hand, hands nothing to it.
+    const std::string token = newQpnameToken();
     ChildProgram companion;
     std::string error;
     const std::string program = companionProgram();
-    if (program.empty() || !companion.start(program, {}, error)) {
+    if (program.empty() || !companion.start(program, {"--qpname-token", token}, error)) {
         messageBox("Unable to create input file for fitting!", "Error...", mbOk | mbIconHand);
         return;
     }
     waitForEnd(companion); // the window repaints meanwhile, but takes no input
-    runState.inputPath = get_qpname();
+    runState.inputPath = get_qpname(token);
+    clear_qpname(token);
     if (runState.inputPath.empty()) return; // the user created nothing
-    clear_qpname();
     openInputFile(runState.inputPath);
 }
 

@@ -1,5 +1,5 @@
 // newQPI's window under the offscreen platform: a dimer built from a measured file and saved,
-// an input file opened, Cancel.
+// an input file opened, Cancel, a save with no window waiting for the name.
 #include <QApplication>
 #include <QClipboard>
 #include <QComboBox>
@@ -74,6 +74,8 @@ TEST_F(NewQpiWindowTest, ADimerBuiltFromAMeasuredFileIsSavedAndItsNameStored) {
     ASSERT_EQ(window.problems(), QStringList{});
     ASSERT_TRUE(window.saveButton()->isEnabled());
 
+    const std::string token = corvane::newQpnameToken(); // File > New started this newQPI
+    window.setQpnameToken(token);
     QString offered;
     window.chooseSavePath = [&](const QString& suggested) {
         offered = suggested;
@@ -83,7 +85,7 @@ TEST_F(NewQpiWindowTest, ADimerBuiltFromAMeasuredFileIsSavedAndItsNameStored) {
     EXPECT_EQ(offered, examples + "d-nit2.qpi"); // beside the data
     EXPECT_FALSE(window.isVisible());
     EXPECT_TRUE(messages.messages.empty());
-    EXPECT_EQ(corvane::get_qpname(), dir.file("dimer.qpi"));
+    EXPECT_EQ(corvane::get_qpname(token), dir.file("dimer.qpi"));
 
     auto doc = std::make_unique<corvane::FitDocument>();
     ASSERT_TRUE(corvane::readInputText(dir.read("dimer.qpi"), "dimer.qpi", *doc));
@@ -124,7 +126,18 @@ TEST_F(NewQpiWindowTest, AnInputFileOpensForEditingAndCancelStoresNoName) {
     EXPECT_FALSE(window.isVisible());
     ASSERT_EQ(messages.messages.size(), 2u);
     EXPECT_EQ(messages.messages[0].text, "Discard the input file begun here?");
-    EXPECT_EQ(corvane::get_qpname(), "");
+    EXPECT_EQ(corvane::testing::ScratchDir::listingOf(dir.path()), ""); // no name stored
+}
+
+TEST_F(NewQpiWindowTest, StartedByHandTheSavedFileIsHandedToNoWindow) {
+    ASSERT_TRUE(window.openInputFile(examples + "d-nit2.qpi"));
+    window.chooseSavePath = [&](const QString&) {
+        return QString::fromStdString(dir.file("copy.qpi"));
+    };
+    window.save();
+    EXPECT_FALSE(window.isVisible());
+    EXPECT_TRUE(messages.messages.empty());
+    EXPECT_EQ(corvane::testing::ScratchDir::listingOf(dir.path()), "copy.qpi");
 }
 
 } // namespace
