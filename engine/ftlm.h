@@ -4,12 +4,19 @@
 // block of dimension n, the trace of exp(-H/T) is estimated from R random vectors r as
 //   Tr e^(-H/T) ~ n/R sum_r sum_j |<r|psi_j^r>|^2 e^(-eps_j^r/T),
 // with eps_j^r, psi_j^r the Ritz pairs of K Lanczos steps from r. The hybrid form keeps low
-// temperatures accurate: the lowest levels of every block are found exactly first (Lanczos with
-// full reorthogonalisation, deflated), the random vectors are taken orthogonal to them, and they
-// count exactly; blocks small enough are diagonalised whole. The random vectors (+-1 entries)
-// come from the seed alone, so every evaluation of a fit sees the same ones and the estimate is
-// smooth in the J values. Each Ritz pair becomes a level of fractional weight tagged with its
-// random vector, so that the spread over the vectors gives the error of the estimate.
+// temperatures accurate: the lowest levels of every block are found exactly first (thick-restart
+// Lanczos with full reorthogonalisation, with every degenerate partner), the random vectors are
+// taken orthogonal to them, and they count exactly; blocks small enough are diagonalised whole.
+//
+// A fit needs the estimate to be a smooth function of the J values. So the random vectors (+-1
+// entries) come from the seed alone; how many levels of each block are exact is decided once, at
+// the first J values (at a gap between levels, never inside a degenerate group), and later
+// evaluations find exactly that many; the exact levels hand their weight over to the random
+// vectors as they come close to the first level above them, so that a crossing of the two
+// changes nothing abruptly; and a rest of a block small enough for the Lanczos runs to use up
+// is summed over its eigenvectors instead. Each Ritz pair becomes a level of fractional weight
+// tagged with its random vector, so that the spread over the vectors gives the error of the
+// estimate.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +33,8 @@ struct Levels;
 struct FtlmSettings {
     int vectors = 20;        // random vectors per block
     int steps = 100;         // Lanczos steps per random vector
-    int exactLevels = 8;     // lowest levels of every block found exactly
+    int exactLevels = 8;     // lowest levels of every block found exactly (fewer at a
+                             // degenerate group: see FtlmSpectrum)
     long denseLimit = 2000;  // blocks up to this size are diagonalised whole
     std::uint64_t seed = 1;
 };
@@ -47,7 +55,8 @@ public:
     FtlmSpectrum& operator=(const FtlmSpectrum&) = delete;
 
     // Levels at the J values jKelvin: energy, weight and moment of every exact level and Ritz
-    // pair; out.sample[n] is the random vector of level n, or -1 for an exact one.
+    // pair; out.sample[n] is the random vector of level n, or -1 for an exact one. The first
+    // call decides how many levels of each block are exact; later ones keep that.
     void levels(const std::vector<double>& jKelvin, Levels& out);
 
 private:

@@ -475,7 +475,10 @@ Plan planFtlm(const SpinSystem& system, Plan plan) {
         } else {
             const double products = f.vectors * f.steps + 80.0 * (f.exactLevels + 2);
             t = products * (nonzeros * 1.5e-9 + n * 1e-8) + (f.exactLevels + 2) * 80.0 * 80.0 * n * 1e-9;
-            working = std::max(working, (80.0 + f.exactLevels + 6) * n * 8);
+            // The search for the lowest levels: its basis, the Ritz vectors kept at a restart
+            // (half of it) and the levels found.
+            const double width = std::max(60.0, 2.0 * f.exactLevels + 20);
+            working = std::max(working, (1.5 * width + f.exactLevels + 8) * n * 8);
         }
         seconds += t;
         longest = std::max(longest, t);
