@@ -20,7 +20,7 @@ namespace {
 
 // [SECTION] Lines and tokens
 
-using Piece = LinePiece;
+using Line = LinePiece;
 
 // Token n (from 1) of the statement that starts at `from` in the upper-case text: the text is
 // cut at its newline and split at runs of blanks (tabs have become blanks before). A missing
@@ -47,9 +47,17 @@ std::string_view numberAfterKeyword(std::string_view upper, std::size_t keywordE
     return digits;
 }
 
+// The first maxBytes bytes of text, or fewer where the cut would fall inside a UTF-8 character.
+std::string_view utf8Prefix(std::string_view text, std::size_t maxBytes) {
+    if (text.size() <= maxBytes) return text;
+    std::size_t length = maxBytes;
+    while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) --length;
+    return text.substr(0, length);
+}
+
 // A title line is a title and nothing else: no statement is looked for in it.
-bool isTitleLine(const Piece& piece) {
-    return !isSkipped(piece) && piece.upper.find("TITLE") != std::string::npos;
+bool isTitleLine(const Line& line) {
+    return !isSkipped(line) && line.upper.find("TITLE") != std::string::npos;
 }
 
 // [SECTION] Statements
@@ -73,8 +81,8 @@ const RealSetting realSettings[] = {
 // failure, after its message, which names the file and the line.
 class InputReader {
 public:
-    InputReader(const std::string& path, std::vector<Piece> pieces, FitDocument& doc)
-        : path_(path), pieces_(std::move(pieces)), doc_(doc) {}
+    InputReader(const std::string& path, std::vector<Line> lines, FitDocument& doc)
+        : path_(path), lines_(std::move(lines)), doc_(doc) {}
 
     bool read() {
         doc_.calculationCount = 1;
@@ -88,17 +96,14 @@ public:
     }
 
 private:
-    // Calls handle(piece, keyword position) for every statement of one kind. A statement is a
-    // line that is not skipped and holds the keyword; the lines that directly follow it are
-    // tested for the keyword only, so a run of such lines is read whole even where one of
-    // them holds a "!". A title line is never a statement. Stops when handle returns false.
+    // Calls handle(line, keyword position) for every statement of one kind: a line that holds
+    // the keyword and is neither skipped (empty, or a comment) nor a title line. Stops when
+    // handle returns false.
     template <typename Handle> bool forEachStatement(std::string_view keyword, Handle handle) {
-        bool inRun = false;
-        for (const Piece& piece : pieces_) {
-            const std::size_t at =
-                isTitleLine(piece) ? std::string::npos : piece.upper.find(keyword);
-            inRun = at != std::string::npos && (inRun || !isSkipped(piece));
-            if (inRun && !handle(piece, at)) return false;
+        for (const Line& line : lines_) {
+            if (isSkipped(line) || isTitleLine(line)) continue;
+            const std::size_t at = line.upper.find(keyword);
+            if (at != std::string::npos && !handle(line, at)) return false;
         }
         return true;
     }
@@ -113,37 +118,37 @@ private:
     }
 
     // A real value that must be present, a finite number and within what the report prints.
-    bool real(const Piece& piece, std::string_view text, const char* what, double& value) {
-        const std::string shown(text);
-        if (text.empty()) return failAt(piece.line, formatC("%s is missing.", what));
+    bool real(const Line& line, std::string_view text, const char* what, double& value) {
+        const std::string quoted(text);
+        if (text.empty()) return failAt(line.line, formatC("%s is missing.", what));
         if (!parseReal(text, value))
-            return failAt(piece.line, formatC("%s \"%s\" is not a number.", what, shown.c_str()));
+            return failAt(line.line, formatC("%s \"%s\" is not a number.", what, quoted.c_str()));
         if (std::fabs(value) > maxValueMagnitude)
-            return failAt(piece.line, formatC("%s %s is too large; values up to %.0f are "
-                                              "accepted.",
-                                              what, shown.c_str(), maxValueMagnitude));
+            return failAt(line.line, formatC("%s %s is too large; values up to %.0f are "
+                                             "accepted.",
+                                             what, quoted.c_str(), maxValueMagnitude));
         return true;
     }
 
-    bool integer(const Piece& piece, std::string_view text, const char* what, int& value) {
-        const std::string shown(text);
-        if (text.empty()) return failAt(piece.line, formatC("%s is missing.", what));
+    bool integer(const Line& line, std::string_view text, const char* what, int& value) {
+        const std::string quoted(text);
+        if (text.empty()) return failAt(line.line, formatC("%s is missing.", what));
         if (!parseInteger(text, value))
-            return failAt(piece.line, formatC("%s \"%s\" is not a whole number in range.", what,
-                                              shown.c_str()));
+            return failAt(line.line, formatC("%s \"%s\" is not a whole number in range.", what,
+                                             quoted.c_str()));
         return true;
     }
 
     bool readTitleAndSettings() {
         constexpr std::size_t titleColumn = 6; // "TITLE" and one separator are dropped
-        for (const Piece& piece : pieces_) {
-            if (isSkipped(piece)) continue;
-            if (isTitleLine(piece)) {
-                std::string_view title = piece.text;
+        for (const Line& line : lines_) {
+            if (isSkipped(line)) continue;
+            if (isTitleLine(line)) {
+                std::string_view title = line.text;
                 title = title.substr(std::min(titleColumn, title.size()));
                 title = title.substr(0, title.find('\n'));
-                doc_.title = title.substr(0, maxTitleLength);
-            } else if (piece.upper.find("KEYWD") != std::string::npos && !applySettings(piece)) {
+                doc_.title = utf8Prefix(title, static_cast<std::size_t>(maxTitleLength));
+            } else if (line.upper.find("KEYWD") != std::string::npos && !applySettings(line)) {
                 return false;
             }
         }
@@ -151,9 +156,9 @@ private:
     }
 
     // Applies every setting of a KEYWD line, in the fixed order of the settings.
-    bool applySettings(const Piece& piece) {
+    bool applySettings(const Line& line) {
         constexpr auto npos = std::string_view::npos;
-        const std::string_view upper = piece.upper;
+        const std::string_view upper = line.upper;
         if (upper.find(" DATA_FILE=") != npos) {
             doc_.dataKind = upper.find("XTT") != npos ? DataKind::ChiT : DataKind::Chi;
         }
@@ -171,7 +176,7 @@ private:
             std::string_view value = upper.substr(at + name.size());
             value = value.substr(0, value.find_first_of(" \n"));
             const std::string label(name.substr(1));
-            if (!real(piece, value, ("The value of " + label).c_str(), setting.field(calc)))
+            if (!real(line, value, ("The value of " + label).c_str(), setting.field(calc)))
                 return false;
         }
         return true;
@@ -179,32 +184,32 @@ private:
 
     // The number after J_VALUE or SPIN_ON_SITE: a whole number from 1 to limit. Above the
     // limit, the limit's own message; the count is set first, as the limit message expects.
-    bool statementNumber(const Piece& piece, std::string_view digits, const char* keyword,
-                         int limit, const char* limitMessage, int& count, int& n) {
-        const std::string shown(digits);
+    bool statementNumber(const Line& line, std::string_view digits, const char* keyword, int limit,
+                         const char* limitMessage, int& count, int& n) {
+        const std::string quoted(digits);
         if (!parseInteger(digits, n))
-            return failAt(piece.line, formatC("%s must be followed directly by its number, as "
-                                              "in %s1; this line has \"%s\".",
-                                              keyword, keyword, shown.c_str()));
+            return failAt(line.line, formatC("%s must be followed directly by its number, as "
+                                             "in %s1; this line has \"%s\".",
+                                             keyword, keyword, quoted.c_str()));
         count = n;
         if (n > limit) return fail(limitMessage);
-        if (n < 1) return failAt(piece.line, formatC("%s%d: numbers start at 1.", keyword, n));
+        if (n < 1) return failAt(line.line, formatC("%s%d: numbers start at 1.", keyword, n));
         return true;
     }
 
     bool readJValues() {
         doc_.jCount = 0;
         constexpr std::string_view keyword = "J_VALUE";
-        return forEachStatement(keyword, [&](const Piece& piece, std::size_t at) {
+        return forEachStatement(keyword, [&](const Line& line, std::size_t at) {
             int n = 0;
-            if (!statementNumber(piece, numberAfterKeyword(piece.upper, at + keyword.size()),
+            if (!statementNumber(line, numberAfterKeyword(line.upper, at + keyword.size()),
                                  "J_VALUE", maxJValues, "Maximum J values are 10 !", doc_.jCount,
                                  n))
                 return false;
             FitParameter& j = doc_.calculations[slot(1)].j[slot(n)];
-            jLines_[slot(n)] = piece.line;
-            return real(piece, token(piece.upper, at, 2), "The starting value", j.start) &&
-                   real(piece, token(piece.upper, at, 3), "The step", j.step);
+            jLines_[slot(n)] = line.line;
+            return real(line, token(line.upper, at, 2), "The starting value", j.start) &&
+                   real(line, token(line.upper, at, 3), "The step", j.step);
         });
     }
 
@@ -213,22 +218,22 @@ private:
         constexpr std::string_view keyword = "SPIN_ON_SITE";
         return forEachStatement(
                    keyword,
-                   [&](const Piece& piece, std::size_t at) {
+                   [&](const Line& line, std::size_t at) {
                        int n = 0;
-                       if (!statementNumber(piece,
-                                            numberAfterKeyword(piece.upper, at + keyword.size()),
+                       if (!statementNumber(line,
+                                            numberAfterKeyword(line.upper, at + keyword.size()),
                                             "SPIN_ON_SITE", maxSites, "Maximum spin sites are 20 !",
                                             doc_.siteCount, n))
                            return false;
                        int& spin = doc_.sites[slot(n)].spin;
-                       if (!integer(piece, token(piece.upper, at, 2), "The spin (2S)", spin))
+                       if (!integer(line, token(line.upper, at, 2), "The spin (2S)", spin))
                            return false;
                        if (spin < 1 || spin > maxTwiceSpin)
-                           return failAt(piece.line,
+                           return failAt(line.line,
                                          formatC("site %d has spin %d; a spin is given as 2S, "
                                                  "from 1 (S = 1/2) to %d (S = %d).",
                                                  n, spin, maxTwiceSpin, maxTwiceSpin / 2));
-                       siteLines_[slot(n)] = piece.line;
+                       siteLines_[slot(n)] = line.line;
                        return true;
                    }) &&
                checkSiteOrder();
@@ -247,20 +252,20 @@ private:
 
     bool readInteractions() {
         doc_.interactionCount = 0;
-        return forEachStatement("INTERACTION", [&](const Piece& piece, std::size_t at) {
+        return forEachStatement("INTERACTION", [&](const Line& line, std::size_t at) {
             const int n = ++doc_.interactionCount;
             if (n > maxInteractions) return fail("Maximum interractions are 100 !");
             Interaction& path = doc_.interactions[slot(n)];
-            interactionLines_[slot(n)] = piece.line;
-            std::string_view label = token(piece.upper, at, 8); // "J2": the letter is dropped
+            interactionLines_[slot(n)] = line.line;
+            std::string_view label = token(line.upper, at, 8); // "J2": the letter is dropped
             if (!label.empty()) label.remove_prefix(1);
             int j = 0;
-            if (!integer(piece, token(piece.upper, at, 3), "The first site", path.siteA) ||
-                !integer(piece, token(piece.upper, at, 5), "The second site", path.siteB) ||
-                !integer(piece, label, "The J number (after the letter J)", j))
+            if (!integer(line, token(line.upper, at, 3), "The first site", path.siteA) ||
+                !integer(line, token(line.upper, at, 5), "The second site", path.siteB) ||
+                !integer(line, label, "The J number (after the letter J)", j))
                 return false;
             if (j < 1 || j > maxJValues)
-                return failAt(piece.line,
+                return failAt(line.line,
                               formatC("J%d: J values are numbered from 1 to %d.", j, maxJValues));
             path.parameterIndex = j + fixedParameterCount;
             return true;
@@ -269,14 +274,14 @@ private:
 
     bool readPairs() {
         doc_.pairCount = 0;
-        return forEachStatement("T_CHI", [&](const Piece& piece, std::size_t at) {
+        return forEachStatement("T_CHI", [&](const Line& line, std::size_t at) {
             const int n = ++doc_.pairCount;
             if (n > maxPairs) return fail("Maximum Chi-T pairs are 1000 !");
             DataPair& pair = doc_.pairs[slot(n)];
-            if (!real(piece, token(piece.upper, at, 2), "The temperature", pair.temperature) ||
-                !real(piece, token(piece.upper, at, 3), "The observed value", pair.observed))
+            if (!real(line, token(line.upper, at, 2), "The temperature", pair.temperature) ||
+                !real(line, token(line.upper, at, 3), "The observed value", pair.observed))
                 return false;
-            if (pair.temperature <= 0) return failAt(piece.line, "temperatures must be above 0 K.");
+            if (pair.temperature <= 0) return failAt(line.line, "temperatures must be above 0 K.");
             return true;
         });
     }
@@ -319,7 +324,7 @@ private:
     }
 
     const std::string& path_;
-    const std::vector<Piece> pieces_;
+    const std::vector<Line> lines_;
     FitDocument& doc_;
     // The line that gave each site, J value and interaction in this file; 0 for none.
     std::array<int, maxSites> siteLines_{};
@@ -341,7 +346,7 @@ std::string readableText(std::string contents) {
 bool readInputText(const std::string& contents, const std::string& name, FitDocument& doc) {
     // Read into a copy, so that no half-read problem or count above its limit is ever seen.
     auto scratch = std::make_unique<FitDocument>(doc);
-    InputReader reader(name, cutIntoPieces(readableText(contents), inputLineLength), *scratch);
+    InputReader reader(name, cutIntoLines(readableText(contents)), *scratch);
     if (!reader.read()) return false;
     doc = *scratch;
     return true;

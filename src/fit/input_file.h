@@ -1,5 +1,6 @@
 // The fitting input file (.qpi): a title, KEYWD settings, J_VALUE, SPIN_ON_SITE, INTERACTION
-// and T_CHI statements, one per line, keywords in any case, "!" anywhere making a comment.
+// and T_CHI statements, one per line, keywords in any case, "!" anywhere making the whole line a
+// comment that is never read. Lines are read whole, however long.
 #pragma once
 
 #include <string>

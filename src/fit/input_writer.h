@@ -11,7 +11,7 @@ namespace corvane {
 
 // The longest text of one value in a written file. Every value is written exactly (formatExact:
 // six decimals, more where it needs them, never an exponent); with this bound every statement
-// fits one line of the reader (inputLineLength).
+// stays a short line.
 inline constexpr std::size_t maxWrittenValueLength = 50;
 
 // Why value cannot be written exactly in an input file, as the end of a sentence ("1e+12 is too

@@ -68,19 +68,21 @@ TEST_F(InputFileTest, ReadsAWholeProblemWrittenInAnyCaseWithBlanksOrTabs) {
     EXPECT_EQ(dir.read("chi.txt"), data);
 }
 
-TEST_F(InputFileTest, CommentsAreWholeLinesButRunsTestOnlyTheirKeyword) {
-    ASSERT_TRUE(read("KEYWD G_START=3 ! not read\n"
-                     "J_VALUE1 1 0\n"
-                     "J_VALUE2 2 0 ! read: it follows a J_VALUE line\n"
-                     "! J_VALUE3 3 0 read too\n"
-                     "\n"
-                     "! J_VALUE4 4 0 starts no run\n"
-                     "SPIN_ON_SITE1 1\n"
-                     "T_CHI 1 1\nT_CHI 2 2 !\n! T_CHI 3 3\nSPIN_ON_SITE1 1\nT_CHI 4 4\n"));
-    EXPECT_EQ(first().g.start, 0.0);
-    EXPECT_EQ(fitDocument.jCount, 3);
-    EXPECT_EQ(first().j[2].start, 3.0);
-    EXPECT_EQ(fitDocument.pairCount, 4);
+TEST_F(InputFileTest, ACommentLineIsNeverReadNotEvenAmongStatementsOfItsKind) {
+    ASSERT_TRUE(read("KEYWD G_START=3 ! not read\nKEYWD G_START=2\n"
+                     "J_VALUE1 1 0\n! J_VALUE2 9 9\nJ_VALUE2 2 0\nJ_VALUE3 3 0 ! a note\n"
+                     "SPIN_ON_SITE1 1\nSPIN_ON_SITE2 2\n! SPIN_ON_SITE2 5\n"
+                     "INTERACTION sites 1 and 2 coupled by J1\n"
+                     "! INTERACTION sites 2 and 1 coupled by J2\n"
+                     "INTERACTION sites 1 and 2 coupled by J2\n"
+                     "T_CHI 1 1\n! T_CHI 3 3\nT_CHI 2 2\nT_CHI 4 4 !\n"));
+    EXPECT_EQ(first().g.start, 2.0);
+    EXPECT_EQ(fitDocument.jCount, 2);
+    EXPECT_EQ(first().j[1].start, 2.0);
+    EXPECT_EQ(fitDocument.sites[1].spin, 2);
+    EXPECT_EQ(fitDocument.interactionCount, 2);
+    EXPECT_EQ(fitDocument.pairCount, 2);
+    EXPECT_EQ(fitDocument.pairs[1].temperature, 2.0);
 }
 
 TEST_F(InputFileTest, SettingsFollowTheirOwnMatchingRules) {
@@ -120,9 +122,12 @@ TEST_F(InputFileTest, ATitleLineIsATitleAndNothingElse) {
 
     ASSERT_TRUE(read("  title x \n" + oneSite));
     EXPECT_EQ(fitDocument.title, "e x ");
-    // A line longer than 131 characters is read as pieces, each a line of its own.
-    ASSERT_TRUE(read("TITLE " + std::string(125, 'b') + "T_CHI 5 6\nSPIN_ON_SITE1 1\n"));
-    EXPECT_EQ(fitDocument.title, std::string(119, 'b'));
+    // A line is read whole however long it is; the title keeps its first 119 bytes, without a
+    // character cut in two. What stands far out in a comment stays in the comment.
+    const std::string far(140, '-');
+    ASSERT_TRUE(read("TITLE " + std::string(118, 'b') + "\xC3\xA9 T_CHI 5 6\n" + oneSite + "! " +
+                     far + "T_CHI 1.0 9.0\n! " + far + " title Not this\n"));
+    EXPECT_EQ(fitDocument.title, std::string(118, 'b'));
     EXPECT_EQ(fitDocument.pairCount, 1);
 }
 
