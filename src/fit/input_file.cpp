@@ -39,12 +39,15 @@ std::string_view token(std::string_view upper, std::size_t from, int n) {
     }
 }
 
-// The characters written directly after a keyword that hold its number (J_VALUE10,
-// SPIN_ON_SITE3): the next character and, unless it is a blank or the line's end, the one after.
+// The text written directly after a keyword up to the next blank or the line's end: the
+// number of J_VALUE10 or SPIN_ON_SITE3, however many digits it has.
 std::string_view numberAfterKeyword(std::string_view upper, std::size_t keywordEnd) {
-    std::string_view digits = upper.substr(std::min(keywordEnd, upper.size()), 2);
-    if (!digits.empty() && (digits.back() == ' ' || digits.back() == '\n')) digits.remove_suffix(1);
-    return digits;
+    std::string_view rest = upper.substr(std::min(keywordEnd, upper.size()));
+    return rest.substr(0, rest.find_first_of(" \n"));
+}
+
+bool isDigits(std::string_view text) {
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
 // The first maxBytes bytes of text, or fewer where the cut would fall inside a UTF-8 character.
@@ -183,17 +186,19 @@ private:
     }
 
     // The number after J_VALUE or SPIN_ON_SITE: a whole number from 1 to limit. Above the
-    // limit, the limit's own message; the count is set first, as the limit message expects.
+    // limit, the limit's own message.
     bool statementNumber(const Line& line, std::string_view digits, const char* keyword, int limit,
                          const char* limitMessage, int& count, int& n) {
         const std::string quoted(digits);
-        if (!parseInteger(digits, n))
+        if (!parseInteger(digits, n)) {
+            if (isDigits(digits)) return failAt(line.line, limitMessage); // beyond any int
             return failAt(line.line, formatC("%s must be followed directly by its number, as "
                                              "in %s1; this line has \"%s\".",
                                              keyword, keyword, quoted.c_str()));
-        count = n;
-        if (n > limit) return fail(limitMessage);
+        }
+        if (n > limit) return failAt(line.line, limitMessage);
         if (n < 1) return failAt(line.line, formatC("%s%d: numbers start at 1.", keyword, n));
+        count = n;
         return true;
     }
 
@@ -254,7 +259,7 @@ private:
         doc_.interactionCount = 0;
         return forEachStatement("INTERACTION", [&](const Line& line, std::size_t at) {
             const int n = ++doc_.interactionCount;
-            if (n > maxInteractions) return fail("Maximum interractions are 100 !");
+            if (n > maxInteractions) return failAt(line.line, "Maximum interractions are 100 !");
             Interaction& path = doc_.interactions[slot(n)];
             interactionLines_[slot(n)] = line.line;
             std::string_view label = token(line.upper, at, 8); // "J2": the letter is dropped
@@ -276,7 +281,7 @@ private:
         doc_.pairCount = 0;
         return forEachStatement("T_CHI", [&](const Line& line, std::size_t at) {
             const int n = ++doc_.pairCount;
-            if (n > maxPairs) return fail("Maximum Chi-T pairs are 1000 !");
+            if (n > maxPairs) return failAt(line.line, "Maximum Chi-T pairs are 1000 !");
             DataPair& pair = doc_.pairs[slot(n)];
             if (!real(line, token(line.upper, at, 2), "The temperature", pair.temperature) ||
                 !real(line, token(line.upper, at, 3), "The observed value", pair.observed))
