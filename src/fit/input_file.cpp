@@ -66,19 +66,55 @@ bool isTitleLine(const Line& line) {
 // [SECTION] Statements
 
 struct RealSetting {
-    const char* name; // with its leading blank: " G_START=" is found only after a blank
+    const char* name; // as written before its "="
     double& (*field)(Calculation&);
 };
 
 #define CORVANE_FIELD(member) [](Calculation& calc) -> double& { return calc.member; }
 const RealSetting realSettings[] = {
-    {" PRECISION=", CORVANE_FIELD(tolerance)}, {" G_START=", CORVANE_FIELD(g.start)},
-    {" G_STEP=", CORVANE_FIELD(g.step)},       {" C_START=", CORVANE_FIELD(c.start)},
-    {" C_STEP=", CORVANE_FIELD(c.step)},       {" ZJ_START=", CORVANE_FIELD(zJ.start)},
-    {" ZJ_STEP=", CORVANE_FIELD(zJ.step)},     {" XTIP_START=", CORVANE_FIELD(tip.start)},
-    {" XTIP_STEP=", CORVANE_FIELD(tip.step)},
+    {"PRECISION", CORVANE_FIELD(tolerance)}, {"G_START", CORVANE_FIELD(g.start)},
+    {"G_STEP", CORVANE_FIELD(g.step)},       {"C_START", CORVANE_FIELD(c.start)},
+    {"C_STEP", CORVANE_FIELD(c.step)},       {"ZJ_START", CORVANE_FIELD(zJ.start)},
+    {"ZJ_STEP", CORVANE_FIELD(zJ.step)},     {"XTIP_START", CORVANE_FIELD(tip.start)},
+    {"XTIP_STEP", CORVANE_FIELD(tip.step)},
 };
 #undef CORVANE_FIELD
+
+// Every setting name of a KEYWD line, for the message on a word that is none of them.
+std::string settingNames() {
+    std::string names = "DATA_FILE=, ENERGY_UNIT=";
+    for (const RealSetting& setting : realSettings) names += std::string(", ") + setting.name + "=";
+    return names;
+}
+
+// The settings of a KEYWD line that holds the keyword at keywordAt: every word of the line but
+// the keyword itself. Blanks around "=" are taken out first, so that "ENERGY_UNIT = K" is the
+// one word ENERGY_UNIT=K.
+std::vector<std::string> settingWords(std::string_view upper, std::size_t keywordAt,
+                                      std::size_t keywordLength) {
+    std::string text(upper.substr(0, keywordAt));
+    text += ' ';
+    text += upper.substr(keywordAt + keywordLength);
+    text.erase(std::min(text.find('\n'), text.size()));
+    std::string joined;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '=') {
+            joined += text[i];
+            continue;
+        }
+        while (!joined.empty() && joined.back() == ' ') joined.pop_back();
+        joined += '=';
+        while (i + 1 < text.size() && text[i + 1] == ' ') ++i;
+    }
+    std::vector<std::string> words;
+    for (std::size_t begin = 0;
+         (begin = joined.find_first_not_of(' ', begin)) != std::string::npos;) {
+        const std::size_t end = std::min(joined.find(' ', begin), joined.size());
+        words.push_back(joined.substr(begin, end - begin));
+        begin = end;
+    }
+    return words;
+}
 
 // Reads one file into one document and checks the problem it states; stops at the first
 // failure, after its message, which names the file and the line.
@@ -144,6 +180,7 @@ private:
 
     bool readTitleAndSettings() {
         constexpr std::size_t titleColumn = 6; // "TITLE" and one separator are dropped
+        constexpr std::string_view keyword = "KEYWD";
         for (const Line& line : lines_) {
             if (isSkipped(line)) continue;
             if (isTitleLine(line)) {
@@ -151,36 +188,73 @@ private:
                 title = title.substr(std::min(titleColumn, title.size()));
                 title = title.substr(0, title.find('\n'));
                 doc_.title = utf8Prefix(title, static_cast<std::size_t>(maxTitleLength));
-            } else if (line.upper.find("KEYWD") != std::string::npos && !applySettings(line)) {
+            } else if (const std::size_t at = line.upper.find(keyword);
+                       at != std::string::npos && !applySettings(line, at, keyword.size())) {
                 return false;
             }
         }
         return true;
     }
 
-    // Applies every setting of a KEYWD line, in the fixed order of the settings.
-    bool applySettings(const Line& line) {
-        constexpr auto npos = std::string_view::npos;
-        const std::string_view upper = line.upper;
-        if (upper.find(" DATA_FILE=") != npos) {
-            doc_.dataKind = upper.find("XTT") != npos ? DataKind::ChiT : DataKind::Chi;
-        }
-        if (upper.find(" ENERGY_UNIT=") != npos) {
-            doc_.energyUnit = EnergyUnit::Cm1;
-            if (upper.find("=CM-1") != npos) doc_.energyUnit = EnergyUnit::Cm1;
-            if (upper.find("=MEV") != npos) doc_.energyUnit = EnergyUnit::MeV;
-            if (upper.find("=K") != npos) doc_.energyUnit = EnergyUnit::Kelvin;
-        }
-        Calculation& calc = doc_.calculations[slot(1)];
-        for (const RealSetting& setting : realSettings) {
-            const std::string_view name = setting.name;
-            const std::size_t at = upper.find(name);
-            if (at == npos) continue;
-            std::string_view value = upper.substr(at + name.size());
-            value = value.substr(0, value.find_first_of(" \n"));
-            const std::string label(name.substr(1));
-            if (!real(line, value, ("The value of " + label).c_str(), setting.field(calc)))
+    // Applies the settings of a KEYWD line in the order they are written; a setting given again
+    // replaces what was given before. Every word must be a known setting with a value.
+    bool applySettings(const Line& line, std::size_t at, std::size_t keywordLength) {
+        for (const std::string& word : settingWords(line.upper, at, keywordLength)) {
+            const std::size_t equals = word.find('=');
+            const std::string name = word.substr(0, equals);
+            const std::string_view value = equals == std::string::npos
+                                               ? std::string_view{}
+                                               : std::string_view(word).substr(equals + 1);
+            const std::string label = name + "=";
+            const RealSetting* number = nullptr;
+            for (const RealSetting& setting : realSettings)
+                if (name == setting.name) number = &setting;
+            const bool known = number != nullptr || name == "DATA_FILE" || name == "ENERGY_UNIT";
+            if (equals == std::string::npos || !known)
+                return failAt(line.line,
+                              formatC("\"%s\" is not a setting; a KEYWD line holds settings "
+                                      "written NAME=VALUE, with the names %s.",
+                                      word.c_str(), settingNames().c_str()));
+            if (value.empty())
+                return failAt(line.line, formatC("The value of %s is missing.", label.c_str()));
+            if (name == "DATA_FILE") {
+                doc_.dataKind =
+                    value.find("XTT") != std::string_view::npos ? DataKind::ChiT : DataKind::Chi;
+            } else if (name == "ENERGY_UNIT") {
+                if (!applyUnit(line, value)) return false;
+            } else if (!applyReal(line, *number, value)) {
                 return false;
+            }
+        }
+        return true;
+    }
+
+    bool applyUnit(const Line& line, std::string_view value) {
+        for (int unit = 0; unit < energyUnitCount; ++unit)
+            if (value == upperCopy(energyUnitNames[static_cast<std::size_t>(unit)])) {
+                doc_.energyUnit = static_cast<EnergyUnit>(unit);
+                return true;
+            }
+        return failAt(line.line, formatC("ENERGY_UNIT=%s is not a unit; the energy unit is CM-1, "
+                                         "MEV or K.",
+                                         std::string(value).c_str()));
+    }
+
+    bool applyReal(const Line& line, const RealSetting& setting, std::string_view value) {
+        const std::string label = std::string(setting.name) + "=";
+        double& field = setting.field(doc_.calculations[slot(1)]);
+        if (!real(line, value, ("The value of " + label).c_str(), field)) return false;
+        const std::string written(value);
+        if (label == "PRECISION=" && field < 0)
+            return failAt(line.line, formatC("PRECISION=%s: the convergence tolerance cannot be "
+                                             "negative.",
+                                             written.c_str()));
+        if (label == "G_START=") {
+            if (!(field > 0))
+                return failAt(line.line, formatC("G_START=%s: the starting value of g must be "
+                                                 "above 0.",
+                                                 written.c_str()));
+            gStartGiven_ = true;
         }
         return true;
     }
@@ -325,12 +399,17 @@ private:
                                         : formatC("J%d is used, but only J1 to J%d are given.", j,
                                                   doc_.jCount));
         }
+        // The engine cannot start g from 0, and a g from a file read before is not this one's.
+        if (!gStartGiven_)
+            return fail(file + ": no G_START= is given; g needs a starting value above 0 "
+                               "(KEYWD G_START=2.0).");
         return true;
     }
 
     const std::string& path_;
     const std::vector<Line> lines_;
     FitDocument& doc_;
+    bool gStartGiven_ = false; // a G_START= setting in this file, above 0
     // The line that gave each site, J value and interaction in this file; 0 for none.
     std::array<int, maxSites> siteLines_{};
     std::array<int, maxJValues> jLines_{};

@@ -25,8 +25,8 @@ std::string repeated(const std::string& line, int times) {
     return text;
 }
 
-// The smallest problem the engine accepts: one site and one pair.
-const std::string oneSite = "SPIN_ON_SITE1 1\nT_CHI 2 0.4\n";
+// The smallest problem the engine accepts: one site, one pair and a g to start from.
+const std::string oneSite = "SPIN_ON_SITE1 1\nT_CHI 2 0.4\nKEYWD G_START=2\n";
 
 TEST_F(InputFileTest, ReadsAWholeProblemWrittenInAnyCaseWithBlanksOrTabs) {
     const std::string problem = "! a copper dimer\r\n"
@@ -89,23 +89,24 @@ TEST_F(InputFileTest, SettingsFollowTheirOwnMatchingRules) {
     const std::pair<const char*, DataKind> kinds[] = {
         {"DATA_FILE=XTT", DataKind::ChiT},
         {"DATA_FILE=XT", DataKind::Chi},
-        {"ENERGY_UNIT=K", DataKind::Chi}, // no DATA_FILE: left as it was
-        {"DATA_FILE=CHI NOTE=XTT", DataKind::ChiT}};
+        {"ENERGY_UNIT=K", DataKind::Chi}}; // no DATA_FILE: left as it was
     for (const auto& [setting, kind] : kinds) {
         ASSERT_TRUE(read(std::string("KEYWD ") + setting + "\n" + oneSite));
         EXPECT_EQ(fitDocument.dataKind, kind) << setting;
     }
     const std::pair<const char*, EnergyUnit> units[] = {
         {"ENERGY_UNIT=MEV", EnergyUnit::MeV},
-        {"ENERGY_UNIT=JOULE", EnergyUnit::Cm1},
-        {"ENERGY_UNIT=CM-1 A=K", EnergyUnit::Kelvin}};
+        {"energy_unit=cm-1", EnergyUnit::Cm1},
+        {"ENERGY_UNIT = K", EnergyUnit::Kelvin},
+        {"ENERGY_UNIT=K ENERGY_UNIT=MEV", EnergyUnit::MeV}};
     for (const auto& [setting, unit] : units) {
         ASSERT_TRUE(read(std::string("KEYWD ") + setting + "\n" + oneSite));
         EXPECT_EQ(fitDocument.energyUnit, unit) << setting;
     }
-    // A name counts only after a blank (or a tab); a value ends at the next one.
-    ASSERT_TRUE(read("KEYWD XG_START=5 C_START=1.5 PRECISION=3\tZJ_START=4\n" + oneSite));
-    EXPECT_EQ(first().g.start, 0.0);
+    // Blanks or tabs around "=" belong to no word; a value ends at the next blank or tab.
+    ASSERT_TRUE(read("KEYWD G_START =5 C_START = 1.5 PRECISION= 3\tZJ_START=\t4\n"
+                     "SPIN_ON_SITE1 1\nT_CHI 2 0.4\n"));
+    EXPECT_EQ(first().g.start, 5.0);
     EXPECT_EQ(first().c.start, 1.5);
     EXPECT_EQ(first().tolerance, 3.0);
     EXPECT_EQ(first().zJ.start, 4.0);
@@ -114,11 +115,11 @@ TEST_F(InputFileTest, SettingsFollowTheirOwnMatchingRules) {
 TEST_F(InputFileTest, ATitleLineIsATitleAndNothingElse) {
     ASSERT_TRUE(read("TITLE Cu2, antiferromagnetic interaction J_VALUE1 keywd g_start=9\n"
                      "SPIN_ON_SITE1 1\nSPIN_ON_SITE2 1\nJ_VALUE1 -100 1\n"
-                     "INTERACTION sites 1 and 2 coupled by J1\nT_CHI 2 0.4\n"));
+                     "INTERACTION sites 1 and 2 coupled by J1\nT_CHI 2 0.4\nKEYWD G_START=2\n"));
     EXPECT_EQ(fitDocument.title, "Cu2, antiferromagnetic interaction J_VALUE1 keywd g_start=9");
     EXPECT_EQ(fitDocument.interactionCount, 1);
     EXPECT_EQ(first().j[0].start, -100.0);
-    EXPECT_EQ(first().g.start, 0.0);
+    EXPECT_EQ(first().g.start, 2.0);
 
     ASSERT_TRUE(read("  title x \n" + oneSite));
     EXPECT_EQ(fitDocument.title, "e x ");
@@ -133,7 +134,7 @@ TEST_F(InputFileTest, ATitleLineIsATitleAndNothingElse) {
 
 TEST_F(InputFileTest, AFaultyProblemIsRefusedWithFileAndLineAndChangesNothing) {
     const std::string previous = "TITLE Previous\nJ_VALUE1 -5 1\nSPIN_ON_SITE1 1\n"
-                                 "SPIN_ON_SITE2 1\nT_CHI 1 2\n";
+                                 "SPIN_ON_SITE2 1\nT_CHI 1 2\nKEYWD G_START=2\n";
     const std::string dimer = "SPIN_ON_SITE1 1\nSPIN_ON_SITE2 1\nJ_VALUE1 -100 1\n";
     const std::pair<std::string, std::string> cases[] = {
         // The limits, with their own messages, the whole number after the keyword read.
@@ -145,13 +146,23 @@ TEST_F(InputFileTest, AFaultyProblemIsRefusedWithFileAndLineAndChangesNothing) {
         {dimer + repeated("INTERACTION a 1 b 2 c d J1\n", 101),
          "problem.qpi, line 105: Maximum interractions are 100 !"},
         {oneSite + repeated("T_CHI 1 1\n", 1000),
-         "problem.qpi, line 1003: Maximum Chi-T pairs are 1000 !"},
+         "problem.qpi, line 1004: Maximum Chi-T pairs are 1000 !"},
+        // Settings: every word a known setting with a value, a unit of the three.
+        {"KEYWD ENERGY_UNIT=KJ/MOL\n", "line 2: ENERGY_UNIT=KJ/MOL is not a unit"},
+        {"KEYWD ENERGY_UNIT=EV\n", "line 2: ENERGY_UNIT=EV is not a unit"},
+        {"KEYWD ENERGY_UNIT=WAVENUMBER\n", "line 2: ENERGY_UNIT=WAVENUMBER is not a unit"},
+        {"KEYWD GSTART=2.0\n", "line 2: \"GSTART=2.0\" is not a setting"},
+        {"KEYWD DATA_FILE=XT NOTE=XTT\n", "line 2: \"NOTE=XTT\" is not a setting"},
+        {"KEYWD G_START 2\n", "line 2: \"G_START\" is not a setting"},
+        {"KEYWD G_STEP=\n" + oneSite, "line 2: The value of G_STEP= is missing."},
+        {"KEYWD G_START=0\n", "line 2: G_START=0: the starting value of g must be above 0."},
+        {"KEYWD G_START=-2.1\n", "line 2: G_START=-2.1: the starting value of g must be"},
+        {"KEYWD PRECISION=-1e-5\n", "line 2: PRECISION=-1E-5: the convergence tolerance"},
         // Numbers that are not numbers, or missing.
         {"J_VALUE1\t-120.0\t\n" + oneSite, "line 2: The step is missing."},
         {"J_VALUE1 -120 1,5\n" + oneSite, "line 2: The step \"1,5\" is not a number."},
         {"KEYWD G_START=nan\n" + oneSite, "line 2: The value of G_START= \"NAN\" is not a number."},
         {"KEYWD C_START=1.5mol\n" + oneSite, "\"1.5MOL\" is not a number."},
-        {"KEYWD G_STEP= 2\n" + oneSite, "line 2: The value of G_STEP= is missing."},
         {"SPIN_ON_SITE1 1\nT_CHI 2 inf\n", "line 3: The observed value \"INF\" is not a number."},
         {"SPIN_ON_SITE1 1\nT_CHI 2 1e999\n", "\"1E999\" is not a number."},
         {"SPIN_ON_SITE1 1\nT_CHI 2\n", "line 3: The observed value is missing."},
@@ -195,8 +206,14 @@ TEST_F(InputFileTest, AFaultyProblemIsRefusedWithFileAndLineAndChangesNothing) {
         EXPECT_EQ(dir.listing(), "problem.qpi") << message;
     }
     EXPECT_TRUE(read(dimer + repeated("T_CHI 1 1\n", 1000) +
-                     repeated("INTERACTION a 1 b 2 c d J1\n", 100)));
+                     repeated("INTERACTION a 1 b 2 c d J1\n", 100) + "KEYWD G_START=2\n"));
     EXPECT_EQ(first().lastPair, 1000);
+
+    // A file gives its own g to start from; the g of a file read before is not taken.
+    port.messages.clear();
+    EXPECT_FALSE(read("SPIN_ON_SITE1 1\nT_CHI 2 1\n"));
+    ASSERT_EQ(port.messages.size(), 1u);
+    EXPECT_NE(port.messages[0].text.find("problem.qpi: no G_START= is given"), std::string::npos);
 }
 
 } // namespace
