@@ -50,12 +50,28 @@ bool isDigits(std::string_view text) {
     return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
+bool isControl(unsigned char c) { return c < 0x20 || c == 0x7f; }
+
 // The first maxBytes bytes of text, or fewer where the cut would fall inside a UTF-8 character.
 std::string_view utf8Prefix(std::string_view text, std::size_t maxBytes) {
     if (text.size() <= maxBytes) return text;
     std::size_t length = maxBytes;
     while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) --length;
     return text.substr(0, length);
+}
+
+// Text of the file as a message shows it: control characters written as \xNN, so that what a
+// file holds never drives the terminal or the message box, and a long text cut short.
+std::string shown(std::string_view text) {
+    constexpr std::size_t longest = 60;
+    std::string out;
+    const std::string_view kept = utf8Prefix(text, longest);
+    for (const char c : kept)
+        out += isControl(static_cast<unsigned char>(c))
+                   ? formatC("\\x%02X", static_cast<unsigned>(static_cast<unsigned char>(c)))
+                   : std::string(1, c);
+    if (kept.size() < text.size()) out += "...";
+    return out;
 }
 
 // A title line is a title and nothing else: no statement is looked for in it.
@@ -158,7 +174,7 @@ private:
 
     // A real value that must be present, a finite number and within what the report prints.
     bool real(const Line& line, std::string_view text, const char* what, double& value) {
-        const std::string quoted(text);
+        const std::string quoted = shown(text);
         if (text.empty()) return failAt(line.line, formatC("%s is missing.", what));
         if (!parseReal(text, value))
             return failAt(line.line, formatC("%s \"%s\" is not a number.", what, quoted.c_str()));
@@ -170,7 +186,7 @@ private:
     }
 
     bool integer(const Line& line, std::string_view text, const char* what, int& value) {
-        const std::string quoted(text);
+        const std::string quoted = shown(text);
         if (text.empty()) return failAt(line.line, formatC("%s is missing.", what));
         if (!parseInteger(text, value))
             return failAt(line.line, formatC("%s \"%s\" is not a whole number in range.", what,
@@ -187,6 +203,13 @@ private:
                 std::string_view title = line.text;
                 title = title.substr(std::min(titleColumn, title.size()));
                 title = title.substr(0, title.find('\n'));
+                for (const char c : title)
+                    if (isControl(static_cast<unsigned char>(c)))
+                        return failAt(
+                            line.line,
+                            formatC("The title holds the control character 0x%02X; a "
+                                    "title is plain text.",
+                                    static_cast<unsigned>(static_cast<unsigned char>(c))));
                 doc_.title = utf8Prefix(title, static_cast<std::size_t>(maxTitleLength));
             } else if (const std::size_t at = line.upper.find(keyword);
                        at != std::string::npos && !applySettings(line, at, keyword.size())) {
@@ -214,7 +237,7 @@ private:
                 return failAt(line.line,
                               formatC("\"%s\" is not a setting; a KEYWD line holds settings "
                                       "written NAME=VALUE, with the names %s.",
-                                      word.c_str(), settingNames().c_str()));
+                                      shown(word).c_str(), settingNames().c_str()));
             if (value.empty())
                 return failAt(line.line, formatC("The value of %s is missing.", label.c_str()));
             if (name == "DATA_FILE") {
@@ -237,14 +260,14 @@ private:
             }
         return failAt(line.line, formatC("ENERGY_UNIT=%s is not a unit; the energy unit is CM-1, "
                                          "MEV or K.",
-                                         std::string(value).c_str()));
+                                         shown(value).c_str()));
     }
 
     bool applyReal(const Line& line, const RealSetting& setting, std::string_view value) {
         const std::string label = std::string(setting.name) + "=";
         double& field = setting.field(doc_.calculations[slot(1)]);
         if (!real(line, value, ("The value of " + label).c_str(), field)) return false;
-        const std::string written(value);
+        const std::string written = shown(value);
         if (label == "PRECISION=" && field < 0)
             return failAt(line.line, formatC("PRECISION=%s: the convergence tolerance cannot be "
                                              "negative.",
@@ -263,7 +286,7 @@ private:
     // limit, the limit's own message.
     bool statementNumber(const Line& line, std::string_view digits, const char* keyword, int limit,
                          const char* limitMessage, int& count, int& n) {
-        const std::string quoted(digits);
+        const std::string quoted = shown(digits);
         if (!parseInteger(digits, n)) {
             if (isDigits(digits)) return failAt(line.line, limitMessage); // beyond any int
             return failAt(line.line, formatC("%s must be followed directly by its number, as "

@@ -18,8 +18,9 @@ namespace corvane {
 // messages that name the file and, where there is one, the line: a file that cannot be opened,
 // a count above its limit, a J or site number below 1, a KEYWD word that is not a setting, an
 // unknown energy unit, a value that is not a number or out of range (a g start not above 0, a
-// negative precision), a problem the engine cannot fit, an exchange file that cannot be
-// written. Returns false after any of them; no exchange file is written after a failed read.
+// negative precision), a control character in the title, a problem the engine cannot fit, an
+// exchange file that cannot be written. Returns false after any of them; no exchange file is
+// written after a failed read.
 // Reads the text of an input file into doc as calculation 1, as readInputFile does, without
 // writing anything; name is the file named in messages. A failed read leaves doc as it was.
 bool readInputText(const std::string& contents, const std::string& name, FitDocument& doc);

@@ -158,6 +158,13 @@ TEST_F(InputFileTest, AFaultyProblemIsRefusedWithFileAndLineAndChangesNothing) {
         {"KEYWD G_START=0\n", "line 2: G_START=0: the starting value of g must be above 0."},
         {"KEYWD G_START=-2.1\n", "line 2: G_START=-2.1: the starting value of g must be"},
         {"KEYWD PRECISION=-1e-5\n", "line 2: PRECISION=-1E-5: the convergence tolerance"},
+        // Text that would drive a terminal is neither taken nor echoed.
+        {"TITLE Cu2\x1B[2J\n", "line 2: The title holds the control character 0x1B;"},
+        {std::string("TITLE a\0b\n", 10), "line 2: The title holds the control character 0x00;"},
+        {"SPIN_ON_SITE1 1\nT_CHI 2 0.4\x07\n",
+         "line 3: The observed value \"0.4\\x07\" is not a number."},
+        {"SPIN_ON_SITE1 1\nT_CHI 2 " + std::string(5000, 'x') + "\n",
+         "line 3: The observed value \"" + std::string(60, 'X') + "...\" is not a number."},
         // Numbers that are not numbers, or missing.
         {"J_VALUE1\t-120.0\t\n" + oneSite, "line 2: The step is missing."},
         {"J_VALUE1 -120 1,5\n" + oneSite, "line 2: The step \"1,5\" is not a number."},
@@ -201,6 +208,9 @@ TEST_F(InputFileTest, AFaultyProblemIsRefusedWithFileAndLineAndChangesNothing) {
         const std::string& shown = port.messages[0].text;
         EXPECT_NE(shown.find(message), std::string::npos) << shown;
         EXPECT_NE(shown.find("problem.qpi"), std::string::npos);
+        EXPECT_TRUE(std::none_of(shown.begin(), shown.end(), [](unsigned char c) {
+            return c < 0x20 || c == 0x7f;
+        })) << shown;
         EXPECT_EQ(fitDocument.title, "Previous");
         EXPECT_EQ(fitDocument.jCount + fitDocument.siteCount + fitDocument.pairCount, 4);
         EXPECT_EQ(dir.listing(), "problem.qpi") << message;
