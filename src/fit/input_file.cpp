@@ -302,17 +302,20 @@ private:
     bool readJValues() {
         doc_.jCount = 0;
         constexpr std::string_view keyword = "J_VALUE";
-        return forEachStatement(keyword, [&](const Line& line, std::size_t at) {
-            int n = 0;
-            if (!statementNumber(line, numberAfterKeyword(line.upper, at + keyword.size()),
-                                 "J_VALUE", maxJValues, "Maximum J values are 10 !", doc_.jCount,
-                                 n))
-                return false;
-            FitParameter& j = doc_.calculations[slot(1)].j[slot(n)];
-            jLines_[slot(n)] = line.line;
-            return real(line, token(line.upper, at, 2), "The starting value", j.start) &&
-                   real(line, token(line.upper, at, 3), "The step", j.step);
-        });
+        return forEachStatement(
+                   keyword,
+                   [&](const Line& line, std::size_t at) {
+                       int n = 0;
+                       if (!statementNumber(
+                               line, numberAfterKeyword(line.upper, at + keyword.size()), "J_VALUE",
+                               maxJValues, "Maximum J values are 10 !", doc_.jCount, n))
+                           return false;
+                       FitParameter& j = doc_.calculations[slot(1)].j[slot(n)];
+                       jLines_[slot(n)] = line.line;
+                       return real(line, token(line.upper, at, 2), "The starting value", j.start) &&
+                              real(line, token(line.upper, at, 3), "The step", j.step);
+                   }) &&
+               checkOrder(jLines_, doc_.jCount, "J_VALUE", "J values");
     }
 
     bool readSites() {
@@ -338,17 +341,20 @@ private:
                        siteLines_[slot(n)] = line.line;
                        return true;
                    }) &&
-               checkSiteOrder();
+               checkOrder(siteLines_, doc_.siteCount, "SPIN_ON_SITE", "sites");
     }
 
-    // Sites are counted by the last SPIN_ON_SITE line; a site given beyond that would be lost.
-    bool checkSiteOrder() {
-        for (int s = doc_.siteCount + 1; s <= maxSites; ++s)
-            if (siteLines_[slot(s)] != 0)
-                return failAt(siteLines_[slot(s)],
-                              formatC("site %d is given before SPIN_ON_SITE%d, the last site "
-                                      "line; give the sites in rising order.",
-                                      s, doc_.siteCount));
+    // Sites and J values are counted by the last line of their kind; one given beyond that
+    // would be lost.
+    template <std::size_t size>
+    bool checkOrder(const std::array<int, size>& lines, int count, const char* keyword,
+                    const char* what) {
+        for (int k = count + 1; k <= static_cast<int>(size); ++k)
+            if (lines[slot(k)] != 0)
+                return failAt(lines[slot(k)],
+                              formatC("%s%d is given before %s%d, the last such line; give the "
+                                      "%s in rising order.",
+                                      keyword, k, keyword, count, what));
         return true;
     }
 
