@@ -162,6 +162,8 @@ std::vector<std::string> formProblems(const ProblemForm& form) {
     if (check.real(form.precision, "Precision", precision) && precision <= 0)
         check.add("Precision must be above 0.");
     check.parameter(form.g, "g");
+    if (double g = 0; corvane::parseReal(form.g.start, g) && g <= 0)
+        check.add("g start must be above 0.");
     check.parameter(form.c, "C");
     check.parameter(form.zJ, "zJ");
     check.parameter(form.tip, "Xtip");

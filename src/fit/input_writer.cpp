@@ -104,7 +104,9 @@ std::vector<std::string> inputFileProblems(const FitDocument& doc, int calculati
 
     const Calculation& calc = doc.calculations[slot(calculation)];
     problems.value("Precision", calc.tolerance);
+    if (calc.tolerance < 0) problems.add(formatC("Precision: %g is negative.", calc.tolerance));
     problems.parameter("g", calc.g);
+    if (!(calc.g.start > 0)) problems.add(formatC("g start: %g is not above 0.", calc.g.start));
     problems.parameter("C", calc.c);
     problems.parameter("zJ", calc.zJ);
     problems.parameter("Xtip", calc.tip);

@@ -11,7 +11,7 @@ namespace corvane {
 
 // The longest text of one value in a written file. Every value is written exactly (formatExact:
 // six decimals, more where it needs them, never an exponent); with this bound every statement
-// fits one line of the reader (inputLineLength).
+// stays a short line.
 inline constexpr std::size_t maxWrittenValueLength = 50;
 
 // Why value cannot be written exactly in an input file, as the end of a sentence ("1e+12 is too
@@ -27,8 +27,8 @@ std::vector<std::string> titleProblems(const std::string& title);
 // be written. Checks the title (no "!", no control character, at most maxTitleLength bytes),
 // the counts against their limits, at least one site and one pair, every spin from 1 to
 // maxTwiceSpin, every path between two different sites of the problem with a J value of the
-// problem, temperatures above 0 K, and every value finite, within maxValueMagnitude and
-// exactly writable in maxWrittenValueLength characters.
+// problem, temperatures above 0 K, a g start above 0, a precision not below 0, and every value
+// finite, within maxValueMagnitude and exactly writable in maxWrittenValueLength characters.
 std::vector<std::string> inputFileProblems(const FitDocument& doc, int calculation = 1);
 
 // The text of the input file of doc with the starting values, steps and tolerance of

@@ -28,10 +28,10 @@ inline constexpr int fixedParameterCount = 4;
 inline constexpr int firstJParameter = fixedParameterCount + 1;
 inline constexpr int maxParameters = fixedParameterCount + maxJValues;
 
-// Line pieces: the input file and the report are read in pieces of at most this many
-// characters, the ending newline counted; a longer line becomes several pieces, each handled
-// as a line of its own.
-inline constexpr int inputLineLength = 131;
+// Line pieces: the report is read in pieces of at most this many characters, the ending newline
+// counted; a longer line becomes several pieces, each handled as a line of its own. (The input
+// file is read in whole lines, however long, within maxInputFileBytes.)
+inline constexpr int reportLineLength = 131;
 // The same for the engine's output file.
 inline constexpr int engineLineLength = 254;
 

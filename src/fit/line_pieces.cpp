@@ -1,5 +1,7 @@
 #include "fit/line_pieces.h"
 
+#include <algorithm>
+
 #include "text/text.h"
 
 namespace corvane {
@@ -14,14 +16,20 @@ std::vector<LinePiece> cutIntoPieces(const std::string& contents, std::size_t pi
             if (!text.empty() && text.back() == '\r') text.pop_back();
             text += '\n';
         }
-        for (std::size_t at = 0; at < text.size(); at += pieceLength) {
-            std::string part = text.substr(at, pieceLength);
+        // text is never empty: it holds at least the line's newline or its last character.
+        const std::size_t length = std::min(pieceLength, text.size());
+        for (std::size_t at = 0; at < text.size(); at += length) {
+            std::string part = text.substr(at, length);
             std::string upper = upperCopy(part);
             pieces.push_back({std::move(part), std::move(upper), line});
         }
         pos = lf == std::string::npos ? contents.size() : lf + 1;
     }
     return pieces;
+}
+
+std::vector<LinePiece> cutIntoLines(const std::string& contents) {
+    return cutIntoPieces(contents, std::string::npos);
 }
 
 bool isSkipped(const LinePiece& piece) {

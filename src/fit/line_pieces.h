@@ -1,5 +1,5 @@
-// The files of a fit are read line by line in pieces of fixed length, as the readers of the
-// input file, the engine output and the report all do.
+// The files of a fit are read line by line: the input file in whole lines, the engine output
+// and the report in pieces of fixed length.
 #pragma once
 
 #include <string>
@@ -18,6 +18,9 @@ struct LinePiece {
 
 // Cuts contents into pieces of at most pieceLength characters, the ending newline counted.
 std::vector<LinePiece> cutIntoPieces(const std::string& contents, std::size_t pieceLength);
+
+// Cuts contents into its lines, each whole however long it is.
+std::vector<LinePiece> cutIntoLines(const std::string& contents);
 
 // Empty lines and comment lines ("!" anywhere) are skipped before keywords are looked for.
 bool isSkipped(const LinePiece& piece);

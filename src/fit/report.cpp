@@ -733,7 +733,7 @@ ReportWrite writeReport(const std::string& outputPath, const std::string& report
 }
 
 bool readReportText(const std::string& contents, FitDocument& doc, std::string& problem) {
-    const std::vector<LinePiece> lines = cutIntoPieces(contents, inputLineLength);
+    const std::vector<LinePiece> lines = cutIntoPieces(contents, reportLineLength);
     ReportReader reader(lines, doc);
     if (reader.readReport()) return true;
     problem = reader.problem();

@@ -88,7 +88,7 @@ TEST_F(CorvaneFit, NoiseFreeChiOfAStrongAntiferromagnetGivesBackGAndJ) {
 TEST_F(CorvaneFit, FailuresGoToTheErrorStreamWithANonZeroExit) {
     const Outcome limit = run(dir, {"prepare", dir.write("big.qpi", "J_VALUE11 1 1\n")});
     EXPECT_EQ(limit.exitCode, 1);
-    EXPECT_EQ(limit.err, "Error: Maximum J values are 10 !\n");
+    EXPECT_EQ(limit.err, "Error: " + dir.file("big.qpi") + ", line 1: Maximum J values are 10 !\n");
     EXPECT_EQ(limit.out, "");
     EXPECT_FALSE(dir.has("input.txt"));
 

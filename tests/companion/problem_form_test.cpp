@@ -82,6 +82,7 @@ TEST(ProblemFormTest, EveryProblemIsNamedAndAFormWithoutOneReadsBackAsItWas) {
         {[](ProblemForm& f) { f.precision = "1e-5x"; }, "Precision \"1e-5x\" is not a number."},
         {[](ProblemForm& f) { f.precision = "0"; }, "Precision must be above 0."},
         {[](ProblemForm& f) { f.g.start = ""; }, "g start is missing."},
+        {[](ProblemForm& f) { f.g.start = "-2"; }, "g start must be above 0."},
         {[](ProblemForm& f) {
              f.c = {"0", "0", true};
          },

@@ -49,6 +49,7 @@ std::unique_ptr<FitDocument> randomDocument(std::mt19937& rng, bool full) {
     Calculation& calc = doc->calculations[0];
     calc.tolerance = std::fabs(value());
     for (FitParameter* p : {&calc.g, &calc.c, &calc.zJ, &calc.tip}) *p = {value(), value()};
+    calc.g.start = calc.g.start == 0 ? 2.0 : std::fabs(calc.g.start); // g starts above 0
     for (int k = 0; k < doc->jCount; ++k) calc.j[slot(k + 1)] = {value(), value()};
     for (int s = 0; s < doc->siteCount; ++s) doc->sites[slot(s + 1)].spin = below(maxTwiceSpin);
     for (int n = 0; n < doc->interactionCount; ++n) {
@@ -139,6 +140,8 @@ TEST(InputWriterTest, ProblemsNameTheItemAndTheFileIsWrittenWholeOrNotAtAll) {
         {[](FitDocument& d) { d.pairs[0].temperature = 0; }, "Pair 1: the temperature 0 K"},
         {[](FitDocument& d) { d.pairs[0].observed = NAN; }, "Pair 1, observed value: not a finite"},
         {[](FitDocument& d) { d.calculations[0].g.step = 1e9; }, "g step: 1e+09 is too large"},
+        {[](FitDocument& d) { d.calculations[0].g.start = 0; }, "g start: 0 is not above 0."},
+        {[](FitDocument& d) { d.calculations[0].tolerance = -1e-5; }, "Precision: -1e-05 is"},
         {[](FitDocument& d) { d.calculations[0].j[0].start = 1e-47; }, "J1 start: 1e-47 has too"},
         {[](FitDocument& d) { d.calculations[0].c.start = 1.234567e-44; },
          "C start: 1.23457e-44 has too"},

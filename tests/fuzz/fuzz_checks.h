@@ -59,7 +59,7 @@ inline void checkDocument(const FitDocument& doc) {
     const std::string report = reportText(doc, "01/01/2026 00:00:00 AM");
     std::size_t start = 0;
     for (std::size_t end; (end = report.find('\n', start)) != std::string::npos; start = end + 1)
-        require(end - start + 1 <= static_cast<std::size_t>(inputLineLength));
+        require(end - start + 1 <= static_cast<std::size_t>(reportLineLength));
 }
 
 } // namespace corvane::fuzz
