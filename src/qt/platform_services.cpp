@@ -59,7 +59,16 @@ void QtMessagePort::beep(unsigned) { QApplication::beep(); }
 
 void QtMessagePort::status(const std::string& text) {
     if (window_ == nullptr) return MessagePort::status(text);
-    window_->statusBar()->showMessage(QString::fromStdString(text));
+    // The line shows for a while and then goes, giving the plot its whole area back.
+    QStatusBar* bar = window_->statusBar();
+    if (!bar->property("hidesWhenEmpty").toBool()) {
+        bar->setProperty("hidesWhenEmpty", true);
+        QObject::connect(bar, &QStatusBar::messageChanged, bar, [bar](const QString& message) {
+            if (message.isEmpty()) bar->hide();
+        });
+    }
+    bar->show();
+    bar->showMessage(QString::fromStdString(text), statusSeconds * 1000);
 }
 
 namespace {

@@ -12,14 +12,17 @@ namespace corvane {
 
 // QMessageBox with the style's buttons and icon, owned by the active modal dialog (else the
 // active window); QApplication::beep for every beep.
-// Status notes in the status line of window (made when the first note comes, so that a window
-// without notes keeps its whole area), or on the standard error stream without one.
+// Status notes in the status line of window, shown for statusSeconds and then hidden again (it
+// is made when the first note comes, so that a window without notes keeps its whole area), or
+// on the standard error stream without a window.
 class QtMessagePort final : public MessagePort {
 public:
     explicit QtMessagePort(QMainWindow* window = nullptr) : window_(window) {}
     int messageBox(const std::string& text, const std::string& caption, unsigned style) override;
     void beep(unsigned type) override;
     void status(const std::string& text) override;
+
+    static constexpr int statusSeconds = 20;
 
 private:
     QMainWindow* window_;
