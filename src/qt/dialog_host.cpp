@@ -338,6 +338,7 @@ void QtDialog::setText(int id, std::string_view text) {
         if (c->tmpl->maxLength > 0)
             c->field->setMaxLength(std::max(c->tmpl->maxLength, static_cast<int>(q.size())));
         c->field->setText(q);
+        wrapWhenLong(*c, q);
     } else if (c->button != nullptr) {
         c->button->setText(q);
     } else if (auto* label = qobject_cast<QLabel*>(c->widget)) {
@@ -345,6 +346,26 @@ void QtDialog::setText(int id, std::string_view text) {
     } else if (auto* group = qobject_cast<QGroupBox*>(c->widget)) {
         group->setTitle(q);
     }
+}
+
+void QtDialog::wrapWhenLong(const Control& c, const QString& text) const {
+    QLineEdit* field = c.field;
+    if (c.combo != nullptr || c.list != nullptr || !field->isReadOnly() || field->hasFrame() ||
+        (field->alignment() & Qt::AlignHCenter) == 0)
+        return;
+    const bool fits = field->fontMetrics().horizontalAdvance(text) <= field->width() - 6;
+    if (c.wrapped == nullptr && fits) return;
+    if (c.wrapped == nullptr) {
+        c.wrapped = new QLabel(field->parentWidget());
+        c.wrapped->setWordWrap(true);
+        c.wrapped->setAlignment(Qt::AlignCenter);
+        // Room for a second line, half a line above and below the field.
+        const int half = field->height() / 2 + 1;
+        c.wrapped->setGeometry(field->geometry().adjusted(0, -half, 0, half));
+    }
+    c.wrapped->setText(text);
+    c.wrapped->setVisible(!fits);
+    field->setVisible(fits);
 }
 
 std::string QtDialog::text(int id) const {

@@ -19,6 +19,7 @@
 class QAbstractButton;
 class QComboBox;
 class QDialog;
+class QLabel;
 class QLineEdit;
 class QListWidget;
 class QWidget;
@@ -91,7 +92,11 @@ private:
         QListWidget* list = nullptr;       // list boxes and the list of a simple combo box
         QComboBox* combo = nullptr;        // drop-down combo boxes
         QAbstractButton* button = nullptr; // buttons and check boxes
+        // A status line (a read-only, frameless, centred edit) whose text is too wide for it:
+        // the text wrapped in a label over it, made when first needed.
+        mutable QLabel* wrapped = nullptr;
     };
+    void wrapWhenLong(const Control& control, const QString& text) const;
     void build();
     void connect(Control& control);
     const Control* find(int id) const;
