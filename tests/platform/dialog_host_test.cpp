@@ -3,6 +3,7 @@
 #include <QDialog>
 #include <QFileDialog>
 #include <QFontInfo>
+#include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMessageBox>
@@ -48,6 +49,25 @@ TEST_F(QtDialogHostTest, PlacesControlsAtTheirDialogUnitsInTheDialogFont) {
     ASSERT_NE(status, nullptr);
     EXPECT_TRUE(status->isReadOnly());
     EXPECT_EQ(status->alignment() & Qt::AlignHCenter, Qt::AlignHCenter);
+
+    // A message too wide for the status line wraps over it, whole; a short one shows as before.
+    spin.window().show();
+    const std::string message = "The fit gave no results: the fitting engine was killed by "
+                                "signal 9 (Killed). /home/user/fits/cu3-triangle.qpo was not "
+                                "changed.";
+    spin.setText(100, message);
+    EXPECT_EQ(spin.text(100), message);
+    EXPECT_FALSE(status->isVisible());
+    QLabel* wrapped = nullptr;
+    for (QLabel* label : spin.window().findChildren<QLabel*>())
+        if (label->isVisible() && label->text().toStdString() == message) wrapped = label;
+    ASSERT_NE(wrapped, nullptr);
+    EXPECT_TRUE(wrapped->wordWrap());
+    EXPECT_GT(wrapped->heightForWidth(wrapped->width()), status->height());
+    EXPECT_LE(wrapped->heightForWidth(wrapped->width()), wrapped->height());
+    spin.setText(100, "Fitting is being processed. Please wait...");
+    EXPECT_TRUE(status->isVisible());
+    EXPECT_FALSE(wrapped->isVisible());
 }
 
 // Procedure of a dialog with a field, a simple combo box and a drop-down list, and OK.
