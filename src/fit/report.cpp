@@ -449,13 +449,15 @@ private:
         return fail(formatC("no whole number after \"%s\"", std::string(name).c_str()));
     }
 
-    // The labels of the problem, tested in order on line_.
+    // The labels of the problem, tested in order on line_. The title line is the title's alone:
+    // a title may hold the text of another label.
     bool readHeadLabels() {
         if (line_->upper.find(label::titleKey) != std::string::npos) {
             std::string_view title = line_->text;
             title = title.substr(std::min(label::title.size(), title.size()));
             title = title.substr(0, title.find('\n'));
             doc_.title = title.substr(0, maxTitleLength);
+            return true;
         }
         if (holds(*line_, label::spinSites)) {
             if (!wholeAfter(label::spinSites, doc_.siteCount)) return false;
