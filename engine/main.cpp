@@ -31,6 +31,7 @@
 #include <CLI/CLI.hpp>
 
 #include "fit.h"
+#include "ftlm_fit.h"
 #include "model.h"
 #include "problem_io.h"
 #include "spectrum.h"
@@ -340,6 +341,7 @@ struct Options {
     double maxMemoryGiB = 0;
     double maxSeconds = 3600;
     FtlmSettings ftlm;
+    double ftlmError = 0; // FTLM: relative standard error to reach at every fitted point (0: none)
 };
 
 // The run after its files are read and its limits checked: the spectrum, the fit, the results.
@@ -373,7 +375,12 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
         } catch (const Interrupted&) {
         }
     };
+    FtlmFit ftlm{problem, system, spectrum, model, options.ftlmError, options.maxSeconds,
+                 [&](const std::string& line) { log.line("%s", line.c_str()); },
+                 [](const std::string& line) { progress("%s", line.c_str()); }};
+    if (plan.method == Method::Ftlm) ftlm.beforeFit();
     FitResult result = fitLeastSquares(model, problem.parameters, fitOptions);
+    if (plan.method == Method::Ftlm) ftlm.afterFit(fitOptions, result);
     // From here on a stop request is not waited for: nothing lasts long.
     const auto failed = [&](int code, const std::string& message) {
         run.finish();
@@ -429,21 +436,28 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
     }
     run.finish();
     if (plan.method == Method::Ftlm && !outcome.calculated.empty()) {
-        // The spread over the random vectors at the parameters written.
+        // The sampling error of the random vectors at the parameters written.
         const std::vector<double> errors = model.standardErrors(outcome.values);
         double worst = 0, where = 0;
         for (std::size_t i = 0; i < errors.size(); ++i) {
             const double relative = errors[i] / std::abs(outcome.calculated[i]);
             if (relative > worst) worst = relative, where = problem.points[i].temperature;
         }
-        char text[200];
-        std::snprintf(text, sizeof text,
-                      "ftlm standard error of the calculated values (spread over %d random "
-                      "vectors): up to %.2g %% (at T = %.6g)",
-                      plan.ftlm.vectors, 100 * worst, where);
+        char text[300];
+        if (worst == 0)
+            std::snprintf(text, sizeof text,
+                          "ftlm: every block diagonalised whole, no random vectors: the "
+                          "calculated values have no sampling error");
+        else
+            std::snprintf(text, sizeof text,
+                          "ftlm standard error of the calculated values (%d random vectors per "
+                          "block): largest %.2g %% (at T = %.6g); at some temperatures the "
+                          "actual error may reach 2 to 3 times that",
+                          spectrum.plan().ftlm.vectors, 100 * worst, where);
         outcome.note = text;
         log.line("%s", text);
-        for (std::size_t i = 0; i < errors.size(); i += std::max<std::size_t>(1, errors.size() / 10))
+        for (std::size_t i = 0; worst > 0 && i < errors.size();
+             i += std::max<std::size_t>(1, errors.size() / 10))
             log.line("  T = %.6g: %.10g +/- %.3g", problem.points[i].temperature,
                      outcome.calculated[i], errors[i]);
     }
@@ -586,14 +600,9 @@ int run(const Options& options) {
     int freeJ = 0;
     for (std::size_t i = firstJIndex; i < problem.parameters.size(); ++i)
         freeJ += problem.parameters[i].free();
-    // Why a plan is beyond the limits, or "". A fit with free J values needs a spectrum with
-    // slopes at each of some 25 iterations (FTLM: one more spectrum per free J instead).
+    // Why a plan is beyond the limits, or "".
     auto beyondLimits = [&](const Plan& plan) -> std::string {
-        const double estimate =
-            plan.secondsToBuild +
-            (freeJ == 0 || plan.scaled      ? plan.secondsPerSpectrum
-             : plan.method == Method::Ftlm ? 25 * (1 + freeJ) * plan.secondsPerSpectrum
-                                           : 25 * plan.secondsPerSlopes);
+        const double estimate = estimatedSeconds(plan, freeJ);
         const std::string size = plan.describe();
         char text[600];
         if (!plan.buildable()) {
@@ -685,6 +694,10 @@ int main(int argc, char** argv) {
     app.add_option("--ftlm-exact", options.ftlm.exactLevels,
                    "FTLM: lowest levels of every block found exactly (default 8)")
         ->check(CLI::Range(0, 1000));
+    app.add_option("--ftlm-error", options.ftlmError,
+                   "FTLM: add random vectors until the relative standard error at every fitted "
+                   "point is below this (e.g. 0.005), within --max-time")
+        ->check(CLI::PositiveNumber);
     app.add_option("--max-memory", options.maxMemoryGiB,
                    "memory limit in GiB (default: 16 or 80 % of the memory, whichever is less)")
         ->check(CLI::PositiveNumber);
