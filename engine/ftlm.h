@@ -58,6 +58,9 @@ public:
     // pair; out.sample[n] is the random vector of level n, or -1 for an exact one. The first
     // call decides how many levels of each block are exact; later ones keep that.
     void levels(const std::vector<double>& jKelvin, Levels& out);
+    // Random vectors per block from now on: the first ones stay the same, more are added after
+    // them (or the last ones dropped); the exact levels stay as they are.
+    void setVectors(int vectors) { settings_.vectors = vectors; }
 
 private:
     struct Block;

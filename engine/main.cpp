@@ -32,6 +32,7 @@
 #include <CLI/CLI.hpp>
 
 #include "fit.h"
+#include "ftlm_fit.h"
 #include "model.h"
 #include "problem_io.h"
 #include "search.h"
@@ -349,6 +350,7 @@ struct Options {
     double maxSeconds = 3600;
     int starts = -1; // further starts of the search; -1: by the cost of a fit
     FtlmSettings ftlm;
+    double ftlmError = 0; // FTLM: relative standard error to reach at every fitted point (0: none)
 };
 
 // How the search for the global minimum runs: further starts, and side by side on workers of
@@ -433,6 +435,12 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
         };
         return fitOptions;
     };
+    // FTLM: random vectors enough for an error target before the fit (the model stays the same
+    // during it), the sampling error in the uncertainties after it.
+    FtlmFit ftlm{problem, system, spectrum, model, options.ftlmError, options.maxSeconds,
+                 [&](const std::string& line) { log.line("%s", line.c_str()); },
+                 [](const std::string& line) { progress("%s", line.c_str()); }};
+    if (plan.method == Method::Ftlm) ftlm.beforeFit();
     std::vector<FitResult> results = fitFromStarts(workers, problem.parameters, starts, optionsFor);
     double observedSquares = 0;
     for (int i = problem.first; i <= problem.last; ++i)
@@ -454,6 +462,9 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
             result = results[static_cast<std::size_t>(summary.best)];
         }
     }
+    if (plan.method == Method::Ftlm && result.status != FitStatus::Failed &&
+        result.status != FitStatus::SolverFailed)
+        ftlm.afterFit(optionsFor(0, 0), result);
     // From here on a stop request is not waited for: nothing lasts long.
     const auto failed = [&](int code, const std::string& message) {
         run.finish();
@@ -509,21 +520,28 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
     }
     run.finish();
     if (plan.method == Method::Ftlm && !outcome.calculated.empty()) {
-        // The spread over the random vectors at the parameters written.
+        // The sampling error of the random vectors at the parameters written.
         const std::vector<double> errors = model.standardErrors(outcome.values);
         double worst = 0, where = 0;
         for (std::size_t i = 0; i < errors.size(); ++i) {
             const double relative = errors[i] / std::abs(outcome.calculated[i]);
             if (relative > worst) worst = relative, where = problem.points[i].temperature;
         }
-        char text[200];
-        std::snprintf(text, sizeof text,
-                      "ftlm standard error of the calculated values (spread over %d random "
-                      "vectors): up to %.2g %% (at T = %.6g)",
-                      plan.ftlm.vectors, 100 * worst, where);
+        char text[300];
+        if (worst == 0)
+            std::snprintf(text, sizeof text,
+                          "ftlm: every block diagonalised whole, no random vectors: the "
+                          "calculated values have no sampling error");
+        else
+            std::snprintf(text, sizeof text,
+                          "ftlm standard error of the calculated values (%d random vectors per "
+                          "block): largest %.2g %% (at T = %.6g); at some temperatures the "
+                          "actual error may reach 2 to 3 times that",
+                          spectrum.plan().ftlm.vectors, 100 * worst, where);
         outcome.note = text;
         log.line("%s", text);
-        for (std::size_t i = 0; i < errors.size(); i += std::max<std::size_t>(1, errors.size() / 10))
+        for (std::size_t i = 0; worst > 0 && i < errors.size();
+             i += std::max<std::size_t>(1, errors.size() / 10))
             log.line("  T = %.6g: %.10g +/- %.3g", problem.points[i].temperature,
                      outcome.calculated[i], errors[i]);
     }
@@ -679,12 +697,10 @@ int run(const Options& options) {
     // Why a plan is beyond the limits, or "". A fit with free J values needs a spectrum with
     // slopes at each of some 25 iterations (FTLM: one more spectrum per free J instead).
     auto fitSeconds = [&](const Plan& plan) {
-        return freeJ == 0 || plan.scaled      ? plan.secondsPerSpectrum
-               : plan.method == Method::Ftlm ? 25 * (1 + freeJ) * plan.secondsPerSpectrum
-                                             : 25 * plan.secondsPerSlopes;
+        return estimatedSeconds(plan, freeJ) - plan.secondsToBuild;
     };
     auto beyondLimits = [&](const Plan& plan) -> std::string {
-        const double estimate = plan.secondsToBuild + fitSeconds(plan);
+        const double estimate = estimatedSeconds(plan, freeJ);
         const std::string size = plan.describe();
         char text[600];
         if (!plan.buildable()) {
@@ -792,6 +808,10 @@ int main(int argc, char** argv) {
     app.add_option("--ftlm-exact", options.ftlm.exactLevels,
                    "FTLM: lowest levels of every block found exactly (default 8)")
         ->check(CLI::Range(0, 1000));
+    app.add_option("--ftlm-error", options.ftlmError,
+                   "FTLM: add random vectors until the relative standard error at every fitted "
+                   "point is below this (e.g. 0.005), within --max-time")
+        ->check(CLI::PositiveNumber);
     app.add_option("--max-memory", options.maxMemoryGiB,
                    "memory limit in GiB (default: 16 or 80 % of the memory, whichever is less)")
         ->check(CLI::PositiveNumber);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <limits>
 
 #include "problem_io.h"
 
@@ -33,31 +34,41 @@ ThermalMoment thermalMoment(const Levels& levels, double t) {
     return out;
 }
 
-double thermalMomentError(const Levels& levels, double t) {
-    if (levels.samples < 2 || levels.sample.size() != levels.energy.size()) return 0;
+std::vector<double> thermalMomentJackknife(const Levels& levels, double t) {
+    if (levels.samples < 2 || levels.sample.size() != levels.energy.size()) return {};
     const double lowest = *std::min_element(levels.energy.begin(), levels.energy.end());
     const auto samples = static_cast<std::size_t>(levels.samples);
-    // Exact levels count once; those of random vector r stand for 1/R of the rest each.
+    // The exact levels count in every estimate; those of random vector r stand for 1/R of the
+    // rest each, so without r the others stand for 1/(R - 1).
     double z = 0, m = 0;
     std::vector<double> zr(samples, 0.0), mr(samples, 0.0);
     for (std::size_t n = 0; n < levels.energy.size(); ++n) {
         const double boltzmann = std::exp(-(levels.energy[n] - lowest) / t);
-        if (levels.sample[n] < 0) {
-            z += levels.weight[n] * boltzmann;
-            m += levels.moment[n] * boltzmann;
-        } else {
-            zr[static_cast<std::size_t>(levels.sample[n])] += levels.weight[n] * boltzmann;
-            mr[static_cast<std::size_t>(levels.sample[n])] += levels.moment[n] * boltzmann;
-        }
+        const int r = levels.sample[n];
+        (r < 0 ? z : zr[static_cast<std::size_t>(r)]) += levels.weight[n] * boltzmann;
+        (r < 0 ? m : mr[static_cast<std::size_t>(r)]) += levels.moment[n] * boltzmann;
     }
-    const double r = levels.samples;
-    double mean = 0, square = 0;
-    for (std::size_t k = 0; k < samples; ++k) {
-        const double estimate = (m + r * mr[k]) / (z + r * zr[k]);
-        mean += estimate / r;
-        square += estimate * estimate / r;
-    }
-    return std::sqrt(std::max(square - mean * mean, 0.0) * r / (r - 1) / r);
+    double zSum = 0, mSum = 0;
+    for (std::size_t k = 0; k < samples; ++k) zSum += zr[k], mSum += mr[k];
+    const double scale = static_cast<double>(samples) / static_cast<double>(samples - 1);
+    std::vector<double> estimates(samples);
+    for (std::size_t k = 0; k < samples; ++k)
+        estimates[k] = (m + scale * (mSum - mr[k])) / (z + scale * (zSum - zr[k]));
+    return estimates;
+}
+
+double jackknifeError(const std::vector<double>& estimates) {
+    const auto r = static_cast<double>(estimates.size());
+    if (estimates.size() < 2) return 0;
+    double mean = 0;
+    for (double x : estimates) mean += x / r;
+    double square = 0;
+    for (double x : estimates) square += (x - mean) * (x - mean);
+    return std::sqrt(square * (r - 1) / r);
+}
+
+double thermalMomentError(const Levels& levels, double t) {
+    return jackknifeError(thermalMomentJackknife(levels, t));
 }
 
 bool susceptibility(double t, double moment, double g, double c, double zjKelvin, double tip,
@@ -188,24 +199,79 @@ std::string shortReal(double value) {
 
 } // namespace
 
-std::vector<double> SusceptibilityModel::standardErrors(const std::vector<double>& p) {
+std::vector<std::vector<double>> SusceptibilityModel::jackknifeValues(const std::vector<double>& p) {
     const auto jCount = static_cast<std::size_t>(problem_.jCount());
     std::vector<double> jKelvin(jCount);
     for (std::size_t k = 0; k < jCount; ++k) jKelvin[k] = p[firstJIndex + k] * toKelvin_;
     const Levels& levels = spectrum_.levels(jKelvin, {});
-    std::vector<double> errors;
+    std::vector<std::vector<double>> values;
     for (const Point& point : problem_.points) {
         const double t = point.temperature;
-        Susceptibility s;
-        const double error = thermalMomentError(levels, t);
-        if (error == 0 || !susceptibility(t, thermalMoment(levels, t).value, p[gIndex], p[cIndex],
-                                          p[zjIndex] * toKelvin_, p[tipIndex], s)) {
-            errors.push_back(0);
-            continue;
+        std::vector<double> estimates = thermalMomentJackknife(levels, t);
+        for (double& estimate : estimates) {
+            Susceptibility s;
+            if (!susceptibility(t, estimate, p[gIndex], p[cIndex], p[zjIndex] * toKelvin_,
+                                p[tipIndex], s)) {
+                estimates.clear();
+                break;
+            }
+            estimate = s.chi * (problem_.kind == DataKind::ChiT ? t : 1);
         }
-        errors.push_back(std::abs(s.dChiDMoment) * error * (problem_.kind == DataKind::ChiT ? t : 1));
+        values.push_back(std::move(estimates));
     }
+    return values;
+}
+
+std::vector<double> SusceptibilityModel::standardErrors(const std::vector<double>& p) {
+    std::vector<double> errors;
+    for (const std::vector<double>& estimates : jackknifeValues(p))
+        errors.push_back(samplingErrorFactor * jackknifeError(estimates));
     return errors;
+}
+
+Eigen::MatrixXd SusceptibilityModel::samplingCovariance(const std::vector<double>& p,
+                                                        const std::vector<int>& freeIndices,
+                                                        const Eigen::MatrixXd& jacobian) {
+    const auto free = static_cast<Eigen::Index>(freeIndices.size());
+    Eigen::MatrixXd covariance = Eigen::MatrixXd::Zero(free, free);
+    const auto first = static_cast<std::size_t>(problem_.first - 1);
+    const Eigen::Index count = residualCount();
+    if (free == 0 || jacobian.rows() != count || jacobian.cols() != free) return covariance;
+    const std::vector<std::vector<double>> values = jackknifeValues(p);
+    const std::size_t samples = values[first].size();
+    if (samples < 2) return covariance;
+    // (J^T J)^+ J^T from a singular value decomposition of J with unit columns, directions of
+    // singular value 0 left out (as the fit does).
+    const Eigen::VectorXd norms = jacobian.colwise().norm().transpose();
+    Eigen::MatrixXd unit = jacobian;
+    for (Eigen::Index k = 0; k < free; ++k)
+        unit.col(k) = norms(k) > 0 ? Eigen::VectorXd(unit.col(k) / norms(k)) : Eigen::VectorXd::Zero(count);
+    const Eigen::JacobiSVD<Eigen::MatrixXd> svd(unit, Eigen::ComputeThinU | Eigen::ComputeThinV);
+    const Eigen::VectorXd& sigma = svd.singularValues();
+    const double limit = sigma(0) * static_cast<double>(std::max(count, free)) *
+                         std::numeric_limits<double>::epsilon();
+    Eigen::VectorXd inverse = Eigen::VectorXd::Zero(sigma.size());
+    for (Eigen::Index k = 0; k < sigma.size(); ++k)
+        if (sigma(k) > limit) inverse(k) = 1 / sigma(k);
+    Eigen::MatrixXd solve = svd.matrixV() * inverse.asDiagonal() * svd.matrixU().transpose();
+    for (Eigen::Index k = 0; k < free; ++k)
+        solve.row(k) *= norms(k) > 0 ? 1 / norms(k) : 0.0;
+    // The parameters' shift with each random vector left out, to first order; their spread.
+    Eigen::MatrixXd shifts(free, static_cast<Eigen::Index>(samples));
+    for (std::size_t k = 0; k < samples; ++k) {
+        Eigen::VectorXd moved(count);
+        for (Eigen::Index i = 0; i < count; ++i) {
+            const std::vector<double>& estimates = values[first + static_cast<std::size_t>(i)];
+            if (estimates.size() != samples) return covariance; // a pole of the mean field
+            moved(i) = estimates[k];
+        }
+        shifts.col(static_cast<Eigen::Index>(k)) = -solve * moved;
+    }
+    const Eigen::VectorXd mean = shifts.rowwise().mean();
+    shifts.colwise() -= mean;
+    const double r = static_cast<double>(samples);
+    covariance = shifts * shifts.transpose() * ((r - 1) / r);
+    return covariance;
 }
 
 std::string SusceptibilityModel::domainFault(const std::vector<double>& p) {
@@ -243,6 +309,23 @@ std::string SusceptibilityModel::domainFault(const std::vector<double>& p) {
                    shortReal(value) + " exceeds the range of double precision";
     }
     return {};
+}
+
+void includeCovariance(FitResult& result, const Eigen::MatrixXd& extra) {
+    const auto free = static_cast<Eigen::Index>(result.freeIndices.size());
+    if (result.correlation.rows() != free || extra.rows() != free || extra.cols() != free) return;
+    auto sigma = [&](Eigen::Index k) -> double& {
+        return result.uncertainties[static_cast<std::size_t>(result.freeIndices[static_cast<std::size_t>(k)])];
+    };
+    Eigen::MatrixXd total = extra;
+    for (Eigen::Index a = 0; a < free; ++a)
+        for (Eigen::Index b = 0; b < free; ++b) total(a, b) += result.correlation(a, b) * sigma(a) * sigma(b);
+    for (Eigen::Index a = 0; a < free; ++a)
+        if (!std::isnan(sigma(a))) sigma(a) = std::sqrt(total(a, a));
+    for (Eigen::Index a = 0; a < free; ++a)
+        for (Eigen::Index b = 0; b < free; ++b)
+            if (!std::isnan(result.correlation(a, b)))
+                result.correlation(a, b) = a == b ? 1.0 : total(a, b) / (sigma(a) * sigma(b));
 }
 
 } // namespace corefit

@@ -19,9 +19,20 @@ struct ThermalMoment {
 };
 ThermalMoment thermalMoment(const Levels& levels, double t);
 
-// FTLM: the standard error of <M^2> at temperature t from the spread of the estimates of the
-// random vectors taken one at a time; 0 for levels that are all exact.
+// FTLM: <M^2> at temperature t with each random vector left out in turn (R estimates from R - 1
+// vectors each); empty for levels that are all exact.
+std::vector<double> thermalMomentJackknife(const Levels& levels, double t);
+// The standard error of a quantity from its leave-one-out estimates x_k: the jackknife
+// sqrt((R - 1)/R sum (x_k - mean)^2); 0 for fewer than two.
+double jackknifeError(const std::vector<double>& estimates);
+// FTLM: the standard error of <M^2> at temperature t, the jackknife over the random vectors; 0
+// for levels that are all exact.
 double thermalMomentError(const Levels& levels, double t);
+
+// How much larger than its jackknife the sampling error of an FTLM value is taken to be. Against
+// exact spectra, the jackknife of <M^2> ran low by up to this factor below T ~ |J| on an 18-site
+// ring (docs/corefit.md). That of fitted parameters did not: they average over temperatures.
+inline constexpr double samplingErrorFactor = 1.25;
 
 // The susceptibility terms at one temperature, from <M^2> and the parameters in kelvin:
 // chi = C0 g^2 <M^2> / (T - 2 zJ <M^2>) + C / T + Xtip. Returns false when the mean-field
@@ -49,10 +60,20 @@ public:
     // and line that cause it (a data point, or a start value of the input file), or "".
     std::string domainFault(const std::vector<double>& p);
     // FTLM: the standard error of the fitted quantity at every data point at p (all 0 for an
-    // exact spectrum).
+    // exact spectrum): the jackknife over the random vectors, times samplingErrorFactor.
     std::vector<double> standardErrors(const std::vector<double>& p);
+    // FTLM: the covariance of the free parameters (freeIndices, file units) that the sampling of
+    // the random vectors adds at p, given the Jacobian of the residuals there (as evaluate
+    // gives it): the jackknife of the shift -(J^T J)^+ J^T (f_k - f) that leaving out random
+    // vector k makes. All 0 for an exact spectrum.
+    Eigen::MatrixXd samplingCovariance(const std::vector<double>& p,
+                                       const std::vector<int>& freeIndices,
+                                       const Eigen::MatrixXd& jacobian);
 
 private:
+    // The fitted quantity at every data point at p with each random vector left out in turn
+    // (empty where there are none, or where the mean field reaches its pole).
+    std::vector<std::vector<double>> jackknifeValues(const std::vector<double>& p);
     bool compute(const std::vector<double>& p, const std::vector<int>* freeIndices,
                  std::vector<double>& values, Eigen::MatrixXd* derivatives);
     const Problem& problem_;
@@ -60,5 +81,11 @@ private:
     double toKelvin_;
     std::vector<double> lastParameters_, lastValues_; // of the last successful computation
 };
+
+// Adds a covariance of the free parameters (in the order of result.freeIndices) to the one the
+// uncertainties and correlations of the fit stand for: the uncertainties and correlations
+// become those of the sum. Undetermined parameters stay undetermined; without a covariance of
+// the fit (no correlations) nothing changes.
+void includeCovariance(FitResult& result, const Eigen::MatrixXd& extra);
 
 } // namespace corefit

@@ -675,6 +675,13 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
 
 Spectrum::~Spectrum() = default;
 
+void Spectrum::setFtlmVectors(int vectors) {
+    if (!ftlm_) return;
+    ftlm_->setVectors(vectors);
+    plan_.ftlm.vectors = vectors;
+    cached_ = false;
+}
+
 void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
                            const std::vector<bool>& slopeFor) {
     const auto n = static_cast<Index>(block.spec.built());
@@ -774,6 +781,13 @@ const Levels& Spectrum::levels(const std::vector<double>& jKelvin,
     cachedSlopes_ = has;
     cached_ = true;
     return levels_;
+}
+
+double estimatedSeconds(const Plan& plan, int freeJ) {
+    return plan.secondsToBuild +
+           (freeJ == 0 || plan.scaled      ? plan.secondsPerSpectrum
+            : plan.method == Method::Ftlm ? 25 * (1 + freeJ) * plan.secondsPerSpectrum
+                                          : 25 * plan.secondsPerSlopes);
 }
 
 std::vector<int> usedJValues(const SpinSystem& system) {

@@ -65,6 +65,10 @@ struct Plan {
     std::string describe() const; // "S blocks: dimension 46656, 31 blocks, largest 609"
 };
 
+// The estimated seconds of a run with freeJ free J values: a fit needs a spectrum with slopes at
+// each of some 25 iterations (FTLM: one more spectrum per free J instead).
+double estimatedSeconds(const Plan& plan, int freeJ);
+
 // The J numbers the bonds use, ascending, each once.
 std::vector<int> usedJValues(const SpinSystem& system);
 
@@ -92,6 +96,9 @@ public:
     // (empty: none; FTLM has none, see exactSlopes). The last result is kept, so asking again with the same values is free.
     // Throws Interrupted when stop is set (checked between blocks).
     const Levels& levels(const std::vector<double>& jKelvin, const std::vector<bool>& slopeFor);
+
+    // FTLM: random vectors per block from now on (see FtlmSpectrum::setVectors).
+    void setFtlmVectors(int vectors);
 
     int diagonalisations() const { return diagonalisations_; }
     bool exactSlopes() const { return plan_.method != Method::Ftlm; }

@@ -4,9 +4,12 @@
 
 #include <cmath>
 #include <cstdint>
+#include <string>
+#include <tuple>
 
 #include <Eigen/Eigenvalues>
 
+#include "ftlm_fit.h"
 #include "model.h"
 #include "symmetry.h"
 
@@ -106,6 +109,42 @@ struct Noise {
         return std::sqrt(-2 * std::log(uniform())) * std::cos(6.283185307179586 * uniform());
     }
 };
+
+// chiT of a 10 x S=1/2 ring (J = -10 K, g 2, both free), exact with 0.3 % noise, from 2 to
+// 300 K; and FTLM settings that leave its three largest blocks to few random vectors.
+Problem noisyRing(const SpinSystem& system) {
+    Problem problem;
+    problem.unit = EnergyUnit::Kelvin;
+    problem.kind = DataKind::ChiT;
+    problem.twiceSpin = system.twiceSpin;
+    problem.bonds = system.bonds;
+    problem.parameters = {{1.95, 0.01}, {0, 0}, {0, 0}, {0, 0}, {-9, 0.1}};
+    for (double t = 2; t <= 300; t += 3) problem.points.push_back({t, 0});
+    problem.last = static_cast<int>(problem.points.size());
+    Spectrum exact(system, planSpectrum(system, Method::SBlocks), 1);
+    std::vector<double> clean;
+    EXPECT_TRUE(SusceptibilityModel(problem, exact).predict({2.0, 0, 0, 0, -10}, clean));
+    Noise noise;
+    for (std::size_t i = 0; i < clean.size(); ++i)
+        problem.points[i].observed = clean[i] * (1 + 0.003 * noise.normal());
+    return problem;
+}
+
+SpinSystem ring10() {
+    SpinSystem ring{std::vector<int>(10, 1), {}, 1};
+    for (int i = 0; i < 10; ++i) ring.bonds.push_back({i, (i + 1) % 10, 0});
+    return ring;
+}
+
+FtlmSettings fewVectors(std::uint64_t seed) {
+    FtlmSettings settings;
+    settings.vectors = 8;
+    settings.steps = 40;
+    settings.exactLevels = 4;
+    settings.denseLimit = 50;
+    settings.seed = seed;
+    return settings;
+}
 
 } // namespace
 
@@ -338,3 +377,74 @@ TEST(Fit, RecoversARingThroughItsSymmetryBlocksAndByFtlm) {
     EXPECT_GT(residuals.squaredNorm(), 100 * byFtlm.deviation);
     EXPECT_NEAR(byFtlm.parameters[0], truth[0], 0.01 * truth[0]);
 }
+
+TEST(Fit, FtlmUncertaintiesCoverTheScatterOverSeeds) {
+    // Fitted by FTLM with twelve seeds, J lies about as far from its exact fit as the
+    // uncertainties say once they include the sampling error of the random vectors; the fit's
+    // own uncertainties are several times too small for that.
+    const SpinSystem ring = ring10();
+    const Problem problem = noisyRing(ring);
+    Spectrum exact(ring, planSpectrum(ring, Method::SBlocks), 1);
+    SusceptibilityModel exactModel(problem, exact);
+    const double reference = fitLeastSquares(exactModel, problem.parameters, {}).parameters[4];
+    double withSampling = 0, without = 0;
+    const int seeds = 12;
+    for (std::uint64_t seed = 1; seed <= seeds; ++seed) {
+        Spectrum ftlm(ring, planSpectrum(ring, Method::Ftlm, 1, nullptr, fewVectors(seed)), 1);
+        SusceptibilityModel model(problem, ftlm);
+        FitResult result = fitLeastSquares(model, problem.parameters, {});
+        ASSERT_EQ(result.status, FitStatus::Converged);
+        const double shift = result.parameters[4] - reference, fitAlone = result.uncertainties[4];
+        Eigen::VectorXd residuals;
+        Eigen::MatrixXd jacobian;
+        ASSERT_TRUE(model.evaluate(result.parameters, residuals, &jacobian, result.freeIndices));
+        includeCovariance(result, model.samplingCovariance(result.parameters, result.freeIndices,
+                                                           jacobian));
+        EXPECT_NEAR(result.correlation(0, 1), result.correlation(1, 0), 1e-12);
+        withSampling += std::pow(shift / result.uncertainties[4], 2) / seeds;
+        without += std::pow(shift / fitAlone, 2) / seeds;
+    }
+    EXPECT_LT(std::sqrt(withSampling), 1.5);
+    EXPECT_GT(std::sqrt(withSampling), 0.4);
+    EXPECT_GT(std::sqrt(without), 3.0);
+}
+
+TEST(Fit, FtlmTakesTheRandomVectorsAnErrorTargetNeeds) {
+    // Half the error of 4 random vectors at the start values: more vectors before the fit, and
+    // at the fitted values the error is below the target at every fitted point. A target out of
+    // reach within the time limit is said so, and the vectors stay.
+    const SpinSystem ring = ring10();
+    const Problem problem = noisyRing(ring);
+    FtlmSettings settings = fewVectors(3);
+    settings.vectors = 4;
+    std::vector<double> start;
+    for (const Parameter& parameter : problem.parameters) start.push_back(parameter.start);
+    std::vector<std::string> said;
+    auto fitWith = [&](double maxSeconds, double target) {
+        Spectrum ftlm(ring, planSpectrum(ring, Method::Ftlm, 1, nullptr, settings), 1);
+        SusceptibilityModel model(problem, ftlm);
+        FtlmFit fit{problem, ring, ftlm, model, 0, maxSeconds, [](const std::string&) {},
+                    [&](const std::string& line) { said.push_back(line); }};
+        fit.errorTarget = target > 0 ? target : 0.5 * fit.largestError(start);
+        fit.beforeFit();
+        const int before = ftlm.plan().ftlm.vectors;
+        FitResult result = fitLeastSquares(model, problem.parameters, {});
+        fit.afterFit({}, result);
+        EXPECT_EQ(result.status, FitStatus::Converged);
+        return std::tuple{before, ftlm.plan().ftlm.vectors, fit.largestError(result.parameters),
+                          fit.errorTarget};
+    };
+    const auto [before, after, error, target] = fitWith(3600, 0);
+    EXPECT_GT(before, 4);
+    EXPECT_LE(error, target);
+    EXPECT_GE(after, before); // a second fit with more, if the fitted values needed them
+    EXPECT_TRUE(said.empty());
+
+    const auto [same, stays, missed, wanted] = fitWith(1e-9, target);
+    EXPECT_EQ(same, 4);
+    EXPECT_EQ(stays, 4);
+    EXPECT_GT(missed, wanted);
+    ASSERT_FALSE(said.empty());
+    EXPECT_NE(said[0].find("out of reach"), std::string::npos) << said[0];
+}
+
