@@ -153,7 +153,7 @@ TEST(Corefit, StopsInsideALongDiagonalisationAndEndsAtOnceOnASecondSignal) {
             dir.write("input.txt", ringInput(13, 1, {{2.3, 0.01}, {0, 0}, {0, 0}, {0, 0}},
                                              {{-3, 0.1}, {-2, 0.1}}, "2, 0"));
         const CorefitRun run =
-            runCorefit(input, {"--method", "m-blocks", "--threads", "1"},
+            runCorefit(input, {"--method", "m-blocks", "--threads", "1", "--starts", "0"},
                        [&](const std::string& line, pid_t pid) {
                            if (line.rfind("setup ", 0) != 0) return;
                            std::this_thread::sleep_for(std::chrono::milliseconds(300));
