@@ -16,6 +16,11 @@
 // Instead: the cost of the search for the global minimum, whole runs of corefit with its default
 // starts beside runs with --starts 0, on the examples and the 16 x S=1/2 ring.
 //
+//   corefit-bench --ftlm-errors [--seeds N] [--large]
+//
+// Instead: FTLM's standard error against its deviation from exact spectra over many seeds, and
+// the uncertainty of a fitted J against its scatter over seeds.
+//
 //   corefit-bench --under-load [--rounds N]
 //
 // Instead: the 16 x S=1/2 ring with the default threads and with one, on an idle machine and with
@@ -401,6 +406,8 @@ struct Settings {
     bool scale = false;
     bool search = false;
     double presentBudget = 1200; // --scale: skip a run of the present method estimated longer
+    bool ftlmErrors = false;
+    int seeds = 30; // --ftlm-errors
 };
 
 // The naive reference on the same problem and data, where it fits the memory and time budgets.
@@ -835,6 +842,143 @@ int runScale(const Settings& settings) {
     return 0;
 }
 
+// ---------------------------------------------------------------------------------------------
+// FTLM's sampling error against the truth: its standard error of <M^2> beside the deviation from
+// the exact spectrum (split by symmetry), over many seeds; and the uncertainty of a fitted J
+// beside its scatter over seeds.
+
+struct ErrorCase {
+    Case c;
+    long denseLimit; // so that the larger blocks go to the random vectors
+};
+
+void measureErrors(const ErrorCase& e, int seeds, int threads) {
+    const Case& c = e.c;
+    const SpinSystem system{c.twiceSpin, c.bonds, static_cast<int>(c.j.size())};
+    const auto group = std::make_shared<const SplitGroup>(
+        splitGroup(findSymmetry(system), static_cast<int>(c.twiceSpin.size())));
+    Spectrum exact(system, planSpectrum(system, Method::SBlocks, threads, group), threads);
+    const Levels reference = exact.levels(c.j, {});
+    std::vector<double> temperatures;
+    for (double t = 1.5; t <= 300; t *= 1.1) temperatures.push_back(t);
+    // Bands of T / |J1|.
+    const std::vector<double> edges{0, 0.3, 0.7, 1.5, 4, 1e9};
+    const std::size_t bands = edges.size() - 1;
+    std::vector<double> squares(bands, 0), beyond(bands, 0), count(bands, 0);
+    int exceeded = 0;
+    double mostExceeded = 0;
+    for (int seed = 1; seed <= seeds; ++seed) {
+        FtlmSettings f;
+        f.denseLimit = e.denseLimit;
+        f.seed = static_cast<std::uint64_t>(seed);
+        Spectrum ftlm(system, planSpectrum(system, Method::Ftlm, threads, nullptr, f), threads);
+        const Levels& levels = ftlm.levels(c.j, {});
+        double worst = 0, largest = 0;
+        for (double t : temperatures) {
+            const double truth = thermalMoment(reference, t).value;
+            const double value = thermalMoment(levels, t).value;
+            const double error = samplingErrorFactor * thermalMomentError(levels, t);
+            if (error == 0) continue;
+            const double z = (value - truth) / error;
+            worst = std::max(worst, std::abs(value - truth) / value);
+            largest = std::max(largest, error / value);
+            for (std::size_t b = 0; b < bands; ++b)
+                if (t >= edges[b] * std::abs(c.j[0]) && t < edges[b + 1] * std::abs(c.j[0])) {
+                    squares[b] += z * z;
+                    beyond[b] += std::abs(z) > 2;
+                    count[b] += 1;
+                }
+        }
+        exceeded += worst > largest;
+        mostExceeded = std::max(mostExceeded, worst / largest);
+    }
+    std::printf("%-34s", c.name.c_str());
+    for (std::size_t b = 0; b < bands; ++b)
+        std::printf("  %5.2f %4.1f%%", std::sqrt(squares[b] / count[b]), 100 * beyond[b] / count[b]);
+    std::printf("  %6d/%d %5.1f\n", exceeded, seeds, mostExceeded);
+    std::fflush(stdout);
+}
+
+int runErrors(const Settings& settings) {
+    std::printf("corefit-bench --ftlm-errors, corefit %s, %s\n", COREFIT_VERSION, localTime().c_str());
+    std::printf("FTLM with its defaults (20 random vectors, 100 Lanczos steps, 8 exact levels) but "
+                "for the size of the blocks diagonalised whole; seeds 1 to %d\n\n", settings.seeds);
+    std::printf("<M^2> at 57 temperatures from 1.5 to 300 K: root mean square of (ftlm - exact) / "
+                "standard error, and the share beyond 2, in bands of T/|J1|; then the seeds whose "
+                "largest deviation exceeds their largest standard error, and by how much at most\n\n");
+    std::printf("%-34s  %-12s  %-12s  %-12s  %-12s  %-12s  %s\n", "cluster", "T/|J| <0.3",
+                "0.3-0.7", "0.7-1.5", "1.5-4", ">4", "exceeded");
+    Case mixed;
+    mixed.name = "10-ring of S=1/2 and 1, cross path";
+    mixed.twiceSpin = {1, 2, 1, 2, 1, 2, 1, 2, 1, 2};
+    for (int a = 0; a < 10; ++a) mixed.bonds.push_back({a, (a + 1) % 10, 0});
+    mixed.bonds.push_back({0, 5, 1});
+    mixed.j = {-15, 4};
+    std::vector<ErrorCase> cases{{ring(14, 1, false, {-10}), 400},
+                                 {ring(16, 1, false, {-10}), 2000},
+                                 {ring(16, 1, true, {-10, -6}), 2000},
+                                 {ring(10, 2, false, {-10}), 1000},
+                                 {mixed, 600}};
+    if (settings.large) cases.push_back({ring(18, 1, false, {-10}), 2000});
+    for (const ErrorCase& e : cases) {
+        progress("%s", e.c.name.c_str());
+        measureErrors(e, settings.seeds, settings.threads);
+    }
+
+    // A fit of g and J to the exact chiT of the 16-ring with 0.3 % noise, by FTLM with each seed.
+    const Case c = ring(16, 1, false, {-10});
+    Problem problem = makeProblem(c);
+    const SpinSystem system{problem.twiceSpin, problem.bonds, problem.jCount()};
+    const auto group = std::make_shared<const SplitGroup>(splitGroup(findSymmetry(system), 16));
+    Spectrum exact(system, planSpectrum(system, Method::SBlocks, settings.threads, group),
+                   settings.threads);
+    std::vector<double> clean;
+    SusceptibilityModel(problem, exact).predict(trueValues(problem), clean);
+    std::uint64_t state = 12345; // Box-Muller over a fixed linear congruential sequence
+    auto uniform = [&] {
+        state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+        return (static_cast<double>(state >> 11) + 0.5) / 9007199254740992.0;
+    };
+    for (std::size_t i = 0; i < clean.size(); ++i)
+        problem.points[i].observed =
+            clean[i] * (1 + 0.003 * std::sqrt(-2 * std::log(uniform())) * std::cos(6.283185307179586 * uniform()));
+    const std::vector<Parameter> start = fitStart(problem);
+    SusceptibilityModel exactModel(problem, exact);
+    const FitResult reference = fitLeastSquares(exactModel, start, {});
+    const std::size_t jIndex = firstJIndex;
+    std::printf("\n%s, g and J fitted to its exact chiT with 0.3 %% noise: exact J1 = %.4f +/- %.4f\n",
+                c.name.c_str(), reference.parameters[jIndex], reference.uncertainties[jIndex]);
+    const int fits = std::min(settings.seeds, 10);
+    double sum = 0, squares = 0, reported = 0, alone = 0;
+    for (int seed = 1; seed <= fits; ++seed) {
+        progress("fit by FTLM, seed %d", seed);
+        FtlmSettings f;
+        f.seed = static_cast<std::uint64_t>(seed);
+        Spectrum ftlm(system, planSpectrum(system, Method::Ftlm, settings.threads, nullptr, f),
+                      settings.threads);
+        SusceptibilityModel model(problem, ftlm);
+        FitResult result = fitLeastSquares(model, start, {});
+        const double fitAlone = result.uncertainties[jIndex];
+        Eigen::VectorXd residuals;
+        Eigen::MatrixXd jacobian;
+        if (model.evaluate(result.parameters, residuals, &jacobian, result.freeIndices))
+            includeCovariance(result, model.samplingCovariance(result.parameters,
+                                                               result.freeIndices, jacobian));
+        const double j = result.parameters[jIndex], sigma = result.uncertainties[jIndex];
+        std::printf("  seed %2d: J1 = %.4f +/- %.4f (the fit alone: %.4f)\n", seed, j, sigma, fitAlone);
+        sum += j;
+        squares += j * j;
+        reported += sigma * sigma;
+        alone += fitAlone * fitAlone;
+    }
+    const double mean = sum / fits;
+    std::printf("  scatter of J1 over the seeds %.4f (mean %.4f); root mean square of its "
+                "uncertainty %.4f (the fit alone: %.4f)\n",
+                std::sqrt((squares - fits * mean * mean) / (fits - 1)), mean,
+                std::sqrt(reported / fits), std::sqrt(alone / fits));
+    return 0;
+}
+
 int run(const Settings& settings) {
     const std::vector<Case> cases = standardCases();
     for (int k : settings.cases)
@@ -1051,12 +1195,19 @@ int main(int argc, char** argv) {
     app.add_option("--present-budget", settings.presentBudget,
                    "--scale: skip a run of the present method estimated longer (default 1200 s)")
         ->check(CLI::PositiveNumber);
+    app.add_flag("--ftlm-errors", settings.ftlmErrors,
+                 "instead: FTLM's standard error beside its deviation from exact spectra over "
+                 "many seeds, and the uncertainty of a fitted J beside its scatter over seeds "
+                 "(with --large also the 18 x S=1/2 ring)");
+    app.add_option("--seeds", settings.seeds, "--ftlm-errors: seeds per cluster (default 30)")
+        ->check(CLI::Range(2, 1000));
     CLI11_PARSE(app, argc, argv);
     if (settings.threads <= 0) settings.threads = defaultThreads();
 
     try {
         if (settings.scale) return runScale(settings);
         if (settings.search) return runSearch(settings);
+        if (settings.ftlmErrors) return runErrors(settings);
         return settings.underLoad ? runUnderLoad(settings) : run(settings);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "corefit-bench: %s\n", failure.what());
