@@ -53,6 +53,7 @@
 #include "fit.h"
 #include "model.h"
 #include "problem.h"
+#include "problem_io.h"
 #include "spectrum.h"
 #include "symmetry.h"
 
@@ -79,14 +80,7 @@ double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-[[gnu::format(printf, 1, 2)]] std::string format(const char* pattern, ...) {
-    char text[512];
-    va_list arguments;
-    va_start(arguments, pattern);
-    std::vsnprintf(text, sizeof text, pattern, arguments);
-    va_end(arguments);
-    return text;
-}
+constexpr auto& format = formatText;
 
 [[gnu::format(printf, 1, 2)]] void progress(const char* pattern, ...) {
     va_list arguments;

@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
+
+#include "problem_io.h"
 
 namespace corefit {
 
@@ -11,14 +12,7 @@ namespace {
 
 constexpr int mostVectors = 10000; // as --ftlm-vectors allows
 
-[[gnu::format(printf, 1, 2)]] std::string format(const char* pattern, ...) {
-    char text[512];
-    va_list arguments;
-    va_start(arguments, pattern);
-    std::vsnprintf(text, sizeof text, pattern, arguments);
-    va_end(arguments);
-    return text;
-}
+constexpr auto& format = formatText;
 
 } // namespace
 

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -506,6 +507,15 @@ bool writeOutput(const std::string& outputPath, const Problem& problem, const Ou
         ::close(dirFd);
     }
     return true;
+}
+
+std::string formatText(const char* pattern, ...) {
+    char text[512];
+    va_list arguments;
+    va_start(arguments, pattern);
+    std::vsnprintf(text, sizeof text, pattern, arguments);
+    va_end(arguments);
+    return text;
 }
 
 std::string directoryOf(const std::string& path) {

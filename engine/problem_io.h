@@ -30,6 +30,9 @@ std::string fileName(const std::string& path);
 bool writeOutput(const std::string& outputPath, const Problem& problem, const Outcome& outcome,
                  std::string& error);
 
+// printf into a string in the "C" locale's format (at most 511 characters).
+[[gnu::format(printf, 1, 2)]] std::string formatText(const char* pattern, ...);
+
 // The directory part of a path ("." for a bare name), and a name joined to it.
 std::string directoryOf(const std::string& path);
 std::string joinPath(const std::string& directory, const std::string& name);
