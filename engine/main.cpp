@@ -637,7 +637,8 @@ int run(const Options& options) {
                  plan.threads);
     if (plan.method == Method::Ftlm)
         log.line("FTLM: %d random vectors per block, %d Lanczos steps each, seed %llu; the "
-                 "lowest %d levels of every block exact, blocks up to %ld diagonalised whole",
+                 "lowest %d levels of every block exact (fewer where that would split a degenerate "
+                 "group), blocks up to %ld diagonalised whole",
                  plan.ftlm.vectors, plan.ftlm.steps,
                  static_cast<unsigned long long>(plan.ftlm.seed), plan.ftlm.exactLevels,
                  plan.ftlm.denseLimit);
