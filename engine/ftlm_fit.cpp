@@ -77,8 +77,9 @@ bool FtlmFit::moreVectors(const std::vector<double>& p, const char* where) {
     log(format("ftlm error target %.3g: largest %.2g %% (at T = %.6g) with %d random vectors per "
                "block at the %s; %.0f needed%s",
                errorTarget, 100 * worst, at, now, where, wanted,
-               vectors < wanted ? format(", %d taken (the limit: %s)", vectors, limit_.c_str()).c_str()
-                                : ""));
+               vectors < wanted
+                   ? format(", %d taken (the limit: %s)", vectors, limit_.c_str()).c_str()
+                   : ""));
     if (vectors <= now) return false;
     spectrum.setFtlmVectors(vectors);
     return true;
@@ -98,7 +99,8 @@ void FtlmFit::afterFit(const FitOptions& options, FitResult& result) {
     };
     if (!done() && result.status != FitStatus::Evaluated) return;
     try {
-        const bool again = errorTarget > 0 && done() && moreVectors(result.parameters, "fitted values");
+        const bool again =
+            errorTarget > 0 && done() && moreVectors(result.parameters, "fitted values");
         if (again) {
             std::vector<Parameter> from = problem.parameters;
             for (std::size_t i = 0; i < from.size(); ++i) from[i].start = result.parameters[i];
@@ -145,7 +147,8 @@ void FtlmFit::afterFit(const FitOptions& options, FitResult& result) {
         for (std::size_t k = 0; k < result.freeIndices.size(); ++k) {
             const int index = result.freeIndices[k];
             const double total = result.uncertainties[static_cast<std::size_t>(index)];
-            const double part = sampling(static_cast<Eigen::Index>(k), static_cast<Eigen::Index>(k));
+            const double part =
+                sampling(static_cast<Eigen::Index>(k), static_cast<Eigen::Index>(k));
             if (std::isnan(total) || total == 0) continue;
             log(format("  %-4s +/- %.4g, of which sampling +/- %.4g (%.0f %%)",
                        parameterName(index).c_str(), total, std::sqrt(part),

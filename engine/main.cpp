@@ -375,9 +375,9 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
         } catch (const Interrupted&) {
         }
     };
-    FtlmFit ftlm{problem, system, spectrum, model, options.ftlmError, options.maxSeconds,
+    FtlmFit ftlm(problem, system, spectrum, model, options.ftlmError, options.maxSeconds,
                  [&](const std::string& line) { log.line("%s", line.c_str()); },
-                 [](const std::string& line) { progress("%s", line.c_str()); }};
+                 [](const std::string& line) { progress("%s", line.c_str()); });
     if (plan.method == Method::Ftlm) ftlm.beforeFit();
     FitResult result = fitLeastSquares(model, problem.parameters, fitOptions);
     if (plan.method == Method::Ftlm) ftlm.afterFit(fitOptions, result);

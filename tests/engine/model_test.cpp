@@ -398,8 +398,8 @@ TEST(Fit, FtlmUncertaintiesCoverTheScatterOverSeeds) {
         Eigen::VectorXd residuals;
         Eigen::MatrixXd jacobian;
         ASSERT_TRUE(model.evaluate(result.parameters, residuals, &jacobian, result.freeIndices));
-        includeCovariance(result, model.samplingCovariance(result.parameters, result.freeIndices,
-                                                           jacobian));
+        includeCovariance(
+            result, model.samplingCovariance(result.parameters, result.freeIndices, jacobian));
         EXPECT_NEAR(result.correlation(0, 1), result.correlation(1, 0), 1e-12);
         withSampling += std::pow(shift / result.uncertainties[4], 2) / seeds;
         without += std::pow(shift / fitAlone, 2) / seeds;
@@ -423,7 +423,13 @@ TEST(Fit, FtlmTakesTheRandomVectorsAnErrorTargetNeeds) {
     auto fitWith = [&](double maxSeconds, double target) {
         Spectrum ftlm(ring, planSpectrum(ring, Method::Ftlm, 1, nullptr, settings), 1);
         SusceptibilityModel model(problem, ftlm);
-        FtlmFit fit{problem, ring, ftlm, model, 0, maxSeconds, [](const std::string&) {},
+        FtlmFit fit{problem,
+                    ring,
+                    ftlm,
+                    model,
+                    0,
+                    maxSeconds,
+                    [](const std::string&) {},
                     [&](const std::string& line) { said.push_back(line); }};
         fit.errorTarget = target > 0 ? target : 0.5 * fit.largestError(start);
         fit.beforeFit();
@@ -447,4 +453,3 @@ TEST(Fit, FtlmTakesTheRandomVectorsAnErrorTargetNeeds) {
     ASSERT_FALSE(said.empty());
     EXPECT_NE(said[0].find("not reached"), std::string::npos) << said[0];
 }
-
