@@ -888,18 +888,22 @@ void measureErrors(const ErrorCase& e, int seeds, int threads) {
     }
     std::printf("%-34s", c.name.c_str());
     for (std::size_t b = 0; b < bands; ++b)
-        std::printf("  %5.2f %4.1f%%", std::sqrt(squares[b] / count[b]), 100 * beyond[b] / count[b]);
+        std::printf("  %5.2f %4.1f%%", std::sqrt(squares[b] / count[b]),
+                    100 * beyond[b] / count[b]);
     std::printf("  %6d/%d %5.1f\n", exceeded, seeds, mostExceeded);
     std::fflush(stdout);
 }
 
 int runErrors(const Settings& settings) {
-    std::printf("corefit-bench --ftlm-errors, corefit %s, %s\n", COREFIT_VERSION, localTime().c_str());
+    std::printf("corefit-bench --ftlm-errors, corefit %s, %s\n", COREFIT_VERSION,
+                localTime().c_str());
     std::printf("FTLM with its defaults (20 random vectors, 100 Lanczos steps, 8 exact levels) but "
-                "for the size of the blocks diagonalised whole; seeds 1 to %d\n\n", settings.seeds);
-    std::printf("<M^2> at 57 temperatures from 1.5 to 300 K: root mean square of (ftlm - exact) / "
-                "standard error, and the share beyond 2, in bands of T/|J1|; then the seeds whose "
-                "largest deviation exceeds their largest standard error, and by how much at most\n\n");
+                "for the size of the blocks diagonalised whole; seeds 1 to %d\n\n",
+                settings.seeds);
+    std::printf(
+        "<M^2> at 57 temperatures from 1.5 to 300 K: root mean square of (ftlm - exact) / "
+        "standard error, and the share beyond 2, in bands of T/|J1|; then the seeds whose "
+        "largest deviation exceeds their largest standard error, and by how much at most\n\n");
     std::printf("%-34s  %-12s  %-12s  %-12s  %-12s  %-12s  %s\n", "cluster", "T/|J| <0.3",
                 "0.3-0.7", "0.7-1.5", "1.5-4", ">4", "exceeded");
     Case mixed;
@@ -934,14 +938,15 @@ int runErrors(const Settings& settings) {
         return (static_cast<double>(state >> 11) + 0.5) / 9007199254740992.0;
     };
     for (std::size_t i = 0; i < clean.size(); ++i)
-        problem.points[i].observed =
-            clean[i] * (1 + 0.003 * std::sqrt(-2 * std::log(uniform())) * std::cos(6.283185307179586 * uniform()));
+        problem.points[i].observed = clean[i] * (1 + 0.003 * std::sqrt(-2 * std::log(uniform())) *
+                                                         std::cos(6.283185307179586 * uniform()));
     const std::vector<Parameter> start = fitStart(problem);
     SusceptibilityModel exactModel(problem, exact);
     const FitResult reference = fitLeastSquares(exactModel, start, {});
     const std::size_t jIndex = firstJIndex;
-    std::printf("\n%s, g and J fitted to its exact chiT with 0.3 %% noise: exact J1 = %.4f +/- %.4f\n",
-                c.name.c_str(), reference.parameters[jIndex], reference.uncertainties[jIndex]);
+    std::printf(
+        "\n%s, g and J fitted to its exact chiT with 0.3 %% noise: exact J1 = %.4f +/- %.4f\n",
+        c.name.c_str(), reference.parameters[jIndex], reference.uncertainties[jIndex]);
     const int fits = std::min(settings.seeds, 10);
     double sum = 0, squares = 0, reported = 0, alone = 0;
     for (int seed = 1; seed <= fits; ++seed) {
@@ -956,10 +961,11 @@ int runErrors(const Settings& settings) {
         Eigen::VectorXd residuals;
         Eigen::MatrixXd jacobian;
         if (model.evaluate(result.parameters, residuals, &jacobian, result.freeIndices))
-            includeCovariance(result, model.samplingCovariance(result.parameters,
-                                                               result.freeIndices, jacobian));
+            includeCovariance(
+                result, model.samplingCovariance(result.parameters, result.freeIndices, jacobian));
         const double j = result.parameters[jIndex], sigma = result.uncertainties[jIndex];
-        std::printf("  seed %2d: J1 = %.4f +/- %.4f (the fit alone: %.4f)\n", seed, j, sigma, fitAlone);
+        std::printf("  seed %2d: J1 = %.4f +/- %.4f (the fit alone: %.4f)\n", seed, j, sigma,
+                    fitAlone);
         sum += j;
         squares += j * j;
         reported += sigma * sigma;

@@ -33,7 +33,8 @@ double FtlmFit::largestError(const std::vector<double>& p, double* where) {
 }
 
 // Random vectors enough for the target at p, the error falling as 1/sqrt of their number (and
-// a tenth more), within mostVectors and the time limit. Returns whether it set more.
+// a tenth more), within mostVectors and the time limit. Returns whether it set more; keeps what
+// limited them.
 bool FtlmFit::moreVectors(const std::vector<double>& p, const char* where) {
     const int now = spectrum.plan().ftlm.vectors;
     double at = 0;
@@ -49,26 +50,30 @@ bool FtlmFit::moreVectors(const std::vector<double>& p, const char* where) {
         freeJ += problem.parameters[i].free();
     const double ratio = worst / errorTarget;
     const double wanted = std::ceil(1.1 * now * ratio * ratio);
-    int vectors = static_cast<int>(std::min<double>(wanted, mostVectors));
     auto seconds = [&](int count) {
         FtlmSettings settings = spectrum.plan().ftlm;
         settings.vectors = count;
         return estimatedSeconds(
             planSpectrum(system, Method::Ftlm, spectrum.plan().threads, nullptr, settings), freeJ);
     };
-    while (vectors > now && seconds(vectors) > maxSeconds)
-        vectors = std::max(now, static_cast<int>(0.8 * vectors));
-    const bool reached = vectors >= wanted;
-    const std::string limit = wanted > mostVectors ? format("at most %d", mostVectors)
-                                                   : format("%.0f s, --max-time", maxSeconds);
+    // The most within the limits: the estimate grows with the vectors.
+    int vectors = static_cast<int>(std::min<double>(wanted, mostVectors));
+    if (wanted > mostVectors) limit_ = format("at most %d", mostVectors);
+    if (seconds(vectors) > maxSeconds) {
+        limit_ = format("%.0f s, --max-time", maxSeconds);
+        int low = now, high = vectors; // seconds(low) within the limit (as the plan was)
+        while (high - low > 1) {
+            const int middle = low + (high - low) / 2;
+            (seconds(middle) > maxSeconds ? high : low) = middle;
+        }
+        vectors = low;
+    }
     log(format("ftlm error target %.3g: largest %.2g %% (at T = %.6g) with %d random vectors per "
                "block at the %s; %.0f needed%s",
                errorTarget, 100 * worst, at, now, where, wanted,
-               reached ? "" : format(", %d taken (the limit: %s)", vectors, limit.c_str()).c_str()));
-    if (!reached)
-        say(format("ftlm error target %.3g out of reach: %.0f random vectors per block needed, %d "
-                   "taken (the limit: %s)",
-                   errorTarget, wanted, vectors, limit.c_str()));
+               vectors < wanted
+                   ? format(", %d taken (the limit: %s)", vectors, limit_.c_str()).c_str()
+                   : ""));
     if (vectors <= now) return false;
     spectrum.setFtlmVectors(vectors);
     return true;
@@ -88,22 +93,39 @@ void FtlmFit::afterFit(const FitOptions& options, FitResult& result) {
     };
     if (!done() && result.status != FitStatus::Evaluated) return;
     try {
-        if (errorTarget > 0 && done() && moreVectors(result.parameters, "fitted values")) {
+        const bool again =
+            errorTarget > 0 && done() && moreVectors(result.parameters, "fitted values");
+        if (again) {
             std::vector<Parameter> from = problem.parameters;
             for (std::size_t i = 0; i < from.size(); ++i) from[i].start = result.parameters[i];
             const int vectors = spectrum.plan().ftlm.vectors;
             log(format("fitting again from the fitted values with %d random vectors per block",
                        vectors));
             say(format("fitting again with %d random vectors per block", vectors));
-            FitResult again = fitLeastSquares(model, from, options);
-            again.iterations += result.iterations;
-            again.evaluations += result.evaluations;
-            result = std::move(again);
+            FitResult second = fitLeastSquares(model, from, options);
+            second.iterations += result.iterations;
+            second.evaluations += result.evaluations;
+            result = std::move(second);
             if (!done()) return;
+        }
+        if (errorTarget > 0 && done()) {
             double at = 0;
             const double worst = largestError(result.parameters, &at);
-            log(format("ftlm error at the fitted values: largest %.2g %% (at T = %.6g)%s",
-                       100 * worst, at, worst > errorTarget ? ", still above the target" : ""));
+            const int vectors = spectrum.plan().ftlm.vectors;
+            if (worst <= errorTarget) {
+                if (again)
+                    log(format("ftlm error target %.3g reached with %d random vectors per block: "
+                               "largest %.2g %% (at T = %.6g) at the fitted values",
+                               errorTarget, vectors, 100 * worst, at));
+            } else {
+                const std::string text = format(
+                    "ftlm error target %.3g not reached: largest %.2g %% (at T = %.6g) at the "
+                    "fitted values with %d random vectors per block%s",
+                    errorTarget, 100 * worst, at, vectors,
+                    limit_.empty() ? "" : (" (the limit: " + limit_ + ")").c_str());
+                log(text);
+                say(text);
+            }
         }
         if (result.freeIndices.empty() || result.correlation.size() == 0) return;
         Eigen::VectorXd residuals;
@@ -119,7 +141,8 @@ void FtlmFit::afterFit(const FitOptions& options, FitResult& result) {
         for (std::size_t k = 0; k < result.freeIndices.size(); ++k) {
             const int index = result.freeIndices[k];
             const double total = result.uncertainties[static_cast<std::size_t>(index)];
-            const double part = sampling(static_cast<Eigen::Index>(k), static_cast<Eigen::Index>(k));
+            const double part =
+                sampling(static_cast<Eigen::Index>(k), static_cast<Eigen::Index>(k));
             if (std::isnan(total) || total == 0) continue;
             log(format("  %-4s +/- %.4g, of which sampling +/- %.4g (%.0f %%)",
                        parameterName(index).c_str(), total, std::sqrt(part),

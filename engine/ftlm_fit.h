@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fit.h"
@@ -14,21 +15,31 @@
 
 namespace corefit {
 
-struct FtlmFit {
+class FtlmFit {
+public:
+    using Say = std::function<void(const std::string&)>;
+    // log: a line of the log; say: a line of the progress.
+    FtlmFit(const Problem& fitted, const SpinSystem& cluster, Spectrum& levels,
+            SusceptibilityModel& susceptibility, double target, double seconds, Say logLine,
+            Say progressLine)
+        : problem(fitted), system(cluster), spectrum(levels), model(susceptibility),
+          errorTarget(target), maxSeconds(seconds), log(std::move(logLine)),
+          say(std::move(progressLine)) {}
+
     const Problem& problem;
     const SpinSystem& system;
     Spectrum& spectrum;
     SusceptibilityModel& model;
-    double errorTarget = 0;  // relative standard error wanted at every fitted point; 0: none
-    double maxSeconds = 0;   // the limit on the estimated time of a fit
-    std::function<void(const std::string&)> log, say; // a line of the log, of the progress
+    double errorTarget; // relative standard error wanted at every fitted point; 0: none
+    double maxSeconds;  // the limit on the estimated time of a fit
+    Say log, say;
 
     // With an error target: random vectors enough for it at the start values.
     void beforeFit();
     // With an error target, when the fitted values miss it: more random vectors, and the fit
-    // again from the fitted values, once. Then the sampling covariance of the random vectors
-    // added to the uncertainties and correlations of result. A stop request on the way leaves
-    // result Interrupted.
+    // again from the fitted values, once; and a line on the progress if the target is still
+    // missed. Then the sampling covariance of the random vectors added to the uncertainties and
+    // correlations of result. A stop request on the way leaves result Interrupted.
     void afterFit(const FitOptions& options, FitResult& result);
 
     // The largest relative standard error over the fitted points at p, and its temperature.
@@ -36,6 +47,7 @@ struct FtlmFit {
 
 private:
     bool moreVectors(const std::vector<double>& p, const char* where);
+    std::string limit_; // what kept the vectors below those needed, if anything did
 };
 
 } // namespace corefit

@@ -437,9 +437,9 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
     };
     // FTLM: random vectors enough for an error target before the fit (the model stays the same
     // during it), the sampling error in the uncertainties after it.
-    FtlmFit ftlm{problem, system, spectrum, model, options.ftlmError, options.maxSeconds,
+    FtlmFit ftlm(problem, system, spectrum, model, options.ftlmError, options.maxSeconds,
                  [&](const std::string& line) { log.line("%s", line.c_str()); },
-                 [](const std::string& line) { progress("%s", line.c_str()); }};
+                 [](const std::string& line) { progress("%s", line.c_str()); });
     if (plan.method == Method::Ftlm) ftlm.beforeFit();
     std::vector<FitResult> results = fitFromStarts(workers, problem.parameters, starts, optionsFor);
     double observedSquares = 0;
@@ -735,7 +735,8 @@ int run(const Options& options) {
                  plan.threads);
     if (plan.method == Method::Ftlm)
         log.line("FTLM: %d random vectors per block, %d Lanczos steps each, seed %llu; the "
-                 "lowest %d levels of every block exact, blocks up to %ld diagonalised whole",
+                 "lowest %d levels of every block exact (fewer where that would split a degenerate "
+                 "group), blocks up to %ld diagonalised whole",
                  plan.ftlm.vectors, plan.ftlm.steps,
                  static_cast<unsigned long long>(plan.ftlm.seed), plan.ftlm.exactLevels,
                  plan.ftlm.denseLimit);

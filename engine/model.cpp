@@ -199,7 +199,8 @@ std::string shortReal(double value) {
 
 } // namespace
 
-std::vector<std::vector<double>> SusceptibilityModel::jackknifeValues(const std::vector<double>& p) {
+std::vector<std::vector<double>>
+SusceptibilityModel::jackknifeValues(const std::vector<double>& p) {
     const auto jCount = static_cast<std::size_t>(problem_.jCount());
     std::vector<double> jKelvin(jCount);
     for (std::size_t k = 0; k < jCount; ++k) jKelvin[k] = p[firstJIndex + k] * toKelvin_;
@@ -245,7 +246,8 @@ Eigen::MatrixXd SusceptibilityModel::samplingCovariance(const std::vector<double
     const Eigen::VectorXd norms = jacobian.colwise().norm().transpose();
     Eigen::MatrixXd unit = jacobian;
     for (Eigen::Index k = 0; k < free; ++k)
-        unit.col(k) = norms(k) > 0 ? Eigen::VectorXd(unit.col(k) / norms(k)) : Eigen::VectorXd::Zero(count);
+        unit.col(k) =
+            norms(k) > 0 ? Eigen::VectorXd(unit.col(k) / norms(k)) : Eigen::VectorXd::Zero(count);
     const Eigen::JacobiSVD<Eigen::MatrixXd> svd(unit, Eigen::ComputeThinU | Eigen::ComputeThinV);
     const Eigen::VectorXd& sigma = svd.singularValues();
     const double limit = sigma(0) * static_cast<double>(std::max(count, free)) *
@@ -254,8 +256,7 @@ Eigen::MatrixXd SusceptibilityModel::samplingCovariance(const std::vector<double
     for (Eigen::Index k = 0; k < sigma.size(); ++k)
         if (sigma(k) > limit) inverse(k) = 1 / sigma(k);
     Eigen::MatrixXd solve = svd.matrixV() * inverse.asDiagonal() * svd.matrixU().transpose();
-    for (Eigen::Index k = 0; k < free; ++k)
-        solve.row(k) *= norms(k) > 0 ? 1 / norms(k) : 0.0;
+    for (Eigen::Index k = 0; k < free; ++k) solve.row(k) *= norms(k) > 0 ? 1 / norms(k) : 0.0;
     // The parameters' shift with each random vector left out, to first order; their spread.
     Eigen::MatrixXd shifts(free, static_cast<Eigen::Index>(samples));
     for (std::size_t k = 0; k < samples; ++k) {
@@ -315,11 +316,13 @@ void includeCovariance(FitResult& result, const Eigen::MatrixXd& extra) {
     const auto free = static_cast<Eigen::Index>(result.freeIndices.size());
     if (result.correlation.rows() != free || extra.rows() != free || extra.cols() != free) return;
     auto sigma = [&](Eigen::Index k) -> double& {
-        return result.uncertainties[static_cast<std::size_t>(result.freeIndices[static_cast<std::size_t>(k)])];
+        return result.uncertainties[static_cast<std::size_t>(
+            result.freeIndices[static_cast<std::size_t>(k)])];
     };
     Eigen::MatrixXd total = extra;
     for (Eigen::Index a = 0; a < free; ++a)
-        for (Eigen::Index b = 0; b < free; ++b) total(a, b) += result.correlation(a, b) * sigma(a) * sigma(b);
+        for (Eigen::Index b = 0; b < free; ++b)
+            total(a, b) += result.correlation(a, b) * sigma(a) * sigma(b);
     for (Eigen::Index a = 0; a < free; ++a)
         if (!std::isnan(sigma(a))) sigma(a) = std::sqrt(total(a, a));
     for (Eigen::Index a = 0; a < free; ++a)

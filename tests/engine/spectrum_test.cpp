@@ -262,3 +262,46 @@ TEST(Ftlm, AgreesWithExactWithinItsErrorAndRepeatsFromItsSeed) {
         settings.seed = 1;
     }
 }
+
+// The exact levels of FTLM are the lowest of their block with every degenerate partner (a 12-site
+// J1/J2 ring has many degenerate pairs), their number is kept where the J values move, and no
+// degenerate group is cut: against the M blocks diagonalised whole.
+TEST(Ftlm, KeepsTheLowestLevelsOfEveryBlockWithTheirDegeneratePartners) {
+    SpinSystem ring{std::vector<int>(12, 1), {}, 2};
+    for (int i = 0; i < 12; ++i) ring.bonds.push_back({i, (i + 1) % 12, i % 2});
+    FtlmSettings settings;
+    settings.exactLevels = 5;
+    settings.denseLimit = 100;
+    Spectrum ftlm(ring, planSpectrum(ring, Method::Ftlm, 1, nullptr, settings), 1);
+    Spectrum whole(ring, planSpectrum(ring, Method::MBlocks), 1);
+    // The levels of each M >= 0 (a level's M^2 is its moment over its weight).
+    auto byM = [](const Levels& levels, bool exactOnly) {
+        std::vector<std::vector<double>> blocks(7);
+        for (std::size_t n = 0; n < levels.energy.size(); ++n) {
+            if (exactOnly && levels.sample[n] >= 0) continue;
+            if (levels.weight[n] == 0) continue; // an exact level handed to the random vectors
+            const auto m = static_cast<std::size_t>(
+                std::lround(std::sqrt(levels.moment[n] / levels.weight[n])));
+            blocks[m].push_back(levels.energy[n]);
+        }
+        for (auto& block : blocks) std::sort(block.begin(), block.end());
+        return blocks;
+    };
+    std::vector<std::size_t> counts;
+    for (const std::vector<double>& j : {std::vector<double>{-10, -7}, {-12, -6}}) {
+        const auto exact = byM(ftlm.levels(j, {}), true), all = byM(whole.levels(j, {}), false);
+        for (std::size_t m = 0; m < 3; ++m) { // blocks of 924, 792, 495 states
+            SCOPED_TRACE(m);
+            const std::size_t k = exact[m].size();
+            ASSERT_GT(k, 0u);
+            ASSERT_LT(k, all[m].size());
+            for (std::size_t i = 0; i < k; ++i) EXPECT_NEAR(exact[m][i], all[m][i], 1e-8);
+            if (j[0] == -10) {
+                EXPECT_GT(all[m][k] - all[m][k - 1], 1e-6); // the cut lies at a gap
+                counts.push_back(k);
+            } else {
+                EXPECT_EQ(k, counts[m]);
+            }
+        }
+    }
+}
