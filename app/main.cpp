@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "platform/ports.h"
 #include "plot/plot_settings.h"
 #include "qt/dialog_host.h"
 #include "qt/main_window_host.h"
@@ -75,12 +76,11 @@ int main(int argc, char** argv) {
     corvane::QtChooserPort choosers(&window);
     corvane::QtDialogPort dialogs(&window);
     corvane::QtPrinterPort printers(&window);
-    corvane::setMessagePort(&messages);
-    corvane::setChooserPort(&choosers);
-    corvane::setDialogPort(&dialogs);
-    corvane::setPrinterPort(&printers);
     corvane::QtWaitPort waiting;
-    corvane::setWaitPort(&waiting);
+    corvane::installPorts({&messages, &choosers, &dialogs, &printers, &waiting, &window});
+    struct Uninstall {
+        ~Uninstall() { corvane::resetPorts(); }
+    } uninstall; // before the ports go, on every way out
 
     const QScreen* screen = QGuiApplication::primaryScreen();
     if (screen == nullptr) {
@@ -95,11 +95,5 @@ int main(int argc, char** argv) {
         const std::string path = QDir::current().absoluteFilePath(arguments[1]).toStdString();
         QTimer::singleShot(0, &window, [path] { corvane::openFile(path); });
     }
-    const int status = QApplication::exec();
-    corvane::setPrinterPort(nullptr);
-    corvane::setWaitPort(nullptr);
-    corvane::setDialogPort(nullptr);
-    corvane::setChooserPort(nullptr);
-    corvane::setMessagePort(nullptr);
-    return status;
+    return QApplication::exec();
 }

@@ -12,6 +12,7 @@
 
 #include "newqpi_window.h"
 #include "platform/messages.h"
+#include "platform/ports.h"
 #include "qpname/qpname.h"
 #include "qt/platform_services.h"
 

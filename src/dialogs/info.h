@@ -8,8 +8,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <vector>
 
+#include "fit/run_cycle.h"
 #include "platform/dialog.h"
 
 namespace corvane {
@@ -23,15 +26,28 @@ struct InfoState {
     Dialog* dialog = nullptr;
 };
 
-// The dialog procedure of DL_INFO for the dialog whose state is state.
-std::intptr_t MOInfo(InfoState& state, Dialog& dialog, DialogMessage message, int control,
-                     Notification notification);
+// How a dialog asks for a fit: the window fits calculation (0-based) again from the engine
+// input the dialog has written for it, stores the results into it, and returns the outcome.
+using FitRequest = std::function<RunOutcome(int calculation)>;
+
+// The dialogs open in one window: each one's state (expired when its dialog is gone) and whether
+// a fit started from one of them runs.
+struct InfoDialogs {
+    std::vector<std::weak_ptr<InfoState>> open;
+    bool runInFlight = false;
+    FitRequest fit;
+};
+
+// The dialog procedure of DL_INFO for the dialog whose state is state, one of dialogs.
+std::intptr_t MOInfo(InfoDialogs& dialogs, InfoState& state, Dialog& dialog, DialogMessage message,
+                     int control, Notification notification);
 
 // Closes every open dialog but the one whose fit runs: for when the document is replaced, and
 // their calculations with it.
-void closeInfoDialogs();
+void closeInfoDialogs(InfoDialogs& dialogs);
 
-// A procedure for a new dialog bound to calculation (0-based), to open DL_INFO with.
-DialogProc infoProcedure(int calculation);
+// A procedure for a new dialog of dialogs bound to calculation (0-based), to open DL_INFO with.
+// dialogs must outlive it.
+DialogProc infoProcedure(InfoDialogs& dialogs, int calculation);
 
 } // namespace corvane

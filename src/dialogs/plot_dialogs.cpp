@@ -11,13 +11,13 @@
 #include "platform/choosers.h"
 #include "platform/messages.h"
 #include "plot/plot_settings.h"
+#include "resources/dialog_ids.h"
 #include "text/text.h"
 
 namespace corvane {
 
 namespace {
 
-constexpr int helpButton = 995;
 constexpr int numberLength = 14; // characters of a numeric field that are read
 constexpr int boxLength = 11;    // characters of a zoom, border or width box that are read
 
@@ -34,13 +34,6 @@ void showFloat(Dialog& dialog, int id, float value) {
 float scannedFloat(const Dialog& dialog, int id, float value) {
     scanReal(fieldText(dialog, id, numberLength), value);
     return value;
-}
-
-// Numbering of five major intervals spanning the range exactly.
-void numberRange(AxisScale& axis) {
-    axis.labelTo = axis.max;
-    axis.labelFrom = axis.min;
-    axis.majorInterval = (axis.labelTo - axis.labelFrom) / 5.0f;
 }
 
 // What all six do alike: filled on opening with Help disabled; the close command ends them
@@ -73,19 +66,6 @@ std::string boxText(const Dialog& dialog, int id) {
 
 // [SECTION] Display range
 
-enum RangeControl : int {
-    rangeTMin = 100,
-    rangeTMax = 200,
-    rangeChiMin = 101,
-    rangeChiMax = 201,
-    newTMin = 300,
-    newTMax = 400,
-    newChiMin = 301,
-    newChiMax = 401,
-    rangeOk = 998,
-    rangeCancel = 999,
-};
-
 // The new range of one axis from its two fields; false after refusing it (an end that is not
 // finite, or no width at all).
 bool readRange(Dialog& dialog, const AxisScale& old, int fromId, int toId, AxisScale& axis) {
@@ -100,7 +80,7 @@ bool readRange(Dialog& dialog, const AxisScale& old, int fromId, int toId, AxisS
         refuse(dialog, toId);
         return false;
     }
-    numberRange(axis);
+    numberInFifths(axis);
     return true;
 }
 
@@ -111,17 +91,15 @@ struct AxisFields {
     AxisScale PlotSettings::*axis;
     int min, max, from, to, interval, digits, minorCount;
 };
+constexpr AxisFields fieldsAt(AxisScale PlotSettings::*axis, int base) {
+    using L = LabelControl;
+    return {axis,         base + L::min,      base + L::max,    base + L::from,
+            base + L::to, base + L::interval, base + L::digits, base + L::minorCount};
+}
 constexpr std::array<AxisFields, 2> axisFields = {{
-    {&PlotSettings::tAxis, 300, 301, 400, 401, 410, 420, 430},
-    {&PlotSettings::chiAxis, 600, 601, 700, 701, 710, 720, 730},
+    fieldsAt(&PlotSettings::tAxis, LabelControl::tAxis),
+    fieldsAt(&PlotSettings::chiAxis, LabelControl::chiAxis),
 }};
-enum LabelControl : int {
-    xTitleField = 100,
-    yTitleField = 200,
-    fontButton = 500,
-    labelOk = 998,
-    labelCancel = 999,
-};
 constexpr int maxDigits = 10; // decimals a number of the axes may have
 
 std::optional<FieldKind> labelFieldKind(int id) {
@@ -172,13 +150,6 @@ void copyTitle(std::array<char, axisLabelSize>& title, const std::string& text) 
 
 // [SECTION] Curve attributes
 
-enum StyleControl : int {
-    widthBox = 1000,
-    experimentalColourBox = 100, // curve n: 100 + n
-    experimentalMarkerBox = 200, // curve n: style 200 + n
-    styleOk = 999,
-    styleCancel = 998,
-};
 constexpr int widthCount = 5;
 
 void fillRows(Dialog& dialog, int id, const char* const* names, int count, int row) {
@@ -194,12 +165,6 @@ int chosenRow(const Dialog& dialog, int id, int keep) {
 
 // [SECTION] Zoom ratio, border ratio and border width
 
-enum BoxControl : int {
-    firstBox = 100,
-    secondBox = 200, // the border ratio's vertical factor
-    boxOk = 999,
-    boxCancel = 998,
-};
 constexpr std::array<const char*, 12> zoomRows = {"8.0", "5.0", "3.0",  "1.0",  "0.8",  "0.5",
                                                   "0.3", "0.1", "0.08", "0.05", "0.03", "0.01"};
 constexpr std::array<const char*, 6> borderRows = {"3.0", "1.0", "0.8", "0.5", "0.3", "0.1"};
@@ -252,8 +217,8 @@ void confirmCancel(Dialog& dialog) {
 std::intptr_t boxDialog(Dialog& dialog, DialogMessage message, int control,
                         const std::function<void()>& fill, const std::function<void()>& ok) {
     return settingsDialog(dialog, message, fill, [&] {
-        if (control == boxOk) ok();
-        if (control == boxCancel) confirmCancel(dialog);
+        if (control == BoxControl::ok) ok();
+        if (control == BoxControl::cancel) confirmCancel(dialog);
     });
 }
 
@@ -263,24 +228,29 @@ std::intptr_t SelectDOS(Dialog& dialog, DialogMessage message, int control,
                         Notification notification) {
     PlotSettings& s = plotSettings;
     const auto fill = [&] {
-        for (int id : {rangeTMin, newTMin}) showFloat(dialog, id, s.tAxis.min);
-        for (int id : {rangeTMax, newTMax}) showFloat(dialog, id, s.tAxis.max);
-        for (int id : {rangeChiMin, newChiMin}) showFloat(dialog, id, s.chiAxis.min);
-        for (int id : {rangeChiMax, newChiMax}) showFloat(dialog, id, s.chiAxis.max);
+        for (int id : {RangeControl::tMin, RangeControl::newTMin})
+            showFloat(dialog, id, s.tAxis.min);
+        for (int id : {RangeControl::tMax, RangeControl::newTMax})
+            showFloat(dialog, id, s.tAxis.max);
+        for (int id : {RangeControl::chiMin, RangeControl::newChiMin})
+            showFloat(dialog, id, s.chiAxis.min);
+        for (int id : {RangeControl::chiMax, RangeControl::newChiMax})
+            showFloat(dialog, id, s.chiAxis.max);
     };
     return settingsDialog(dialog, message, fill, [&] {
-        if (control == rangeOk) {
+        if (control == RangeControl::ok) {
             AxisScale t, chi;
-            if (!readRange(dialog, s.tAxis, newTMin, newTMax, t) ||
-                !readRange(dialog, s.chiAxis, newChiMin, newChiMax, chi))
+            if (!readRange(dialog, s.tAxis, RangeControl::newTMin, RangeControl::newTMax, t) ||
+                !readRange(dialog, s.chiAxis, RangeControl::newChiMin, RangeControl::newChiMax,
+                           chi))
                 return;
             s.tAxis = t;
             s.chiAxis = chi;
             dialog.end(1);
-        } else if (control == rangeCancel) {
+        } else if (control == RangeControl::cancel) {
             dialog.end(0);
-        } else if ((control == newTMin || control == newTMax || control == newChiMin ||
-                    control == newChiMax) &&
+        } else if ((control == RangeControl::newTMin || control == RangeControl::newTMax ||
+                    control == RangeControl::newChiMin || control == RangeControl::newChiMax) &&
                    isEditNotification(notification)) {
             checkField(dialog, control, FieldKind::Real, numberLength);
         }
@@ -290,8 +260,8 @@ std::intptr_t SelectDOS(Dialog& dialog, DialogMessage message, int control,
 std::intptr_t Label(Dialog& dialog, DialogMessage message, int control, Notification notification) {
     PlotSettings& s = plotSettings;
     const auto fill = [&] {
-        dialog.setText(xTitleField, s.xAxisLabel.data());
-        dialog.setText(yTitleField, s.yAxisLabel.data());
+        dialog.setText(LabelControl::xTitle, s.xAxisLabel.data());
+        dialog.setText(LabelControl::yTitle, s.yAxisLabel.data());
         for (const AxisFields& f : axisFields) {
             const AxisScale& a = s.*f.axis;
             showFloat(dialog, f.min, a.min);
@@ -304,17 +274,17 @@ std::intptr_t Label(Dialog& dialog, DialogMessage message, int control, Notifica
         }
     };
     return settingsDialog(dialog, message, fill, [&] {
-        if (control == labelOk) {
+        if (control == LabelControl::ok) {
             std::array<AxisScale, axisFields.size()> axes;
             for (std::size_t k = 0; k < axisFields.size(); ++k)
                 if (!readAxis(dialog, axisFields[k], axes[k])) return;
-            copyTitle(s.xAxisLabel, dialog.text(xTitleField));
-            copyTitle(s.yAxisLabel, dialog.text(yTitleField));
+            copyTitle(s.xAxisLabel, dialog.text(LabelControl::xTitle));
+            copyTitle(s.yAxisLabel, dialog.text(LabelControl::yTitle));
             for (std::size_t k = 0; k < axisFields.size(); ++k) s.*axisFields[k].axis = axes[k];
             dialog.end(1);
-        } else if (control == labelCancel) {
+        } else if (control == LabelControl::cancel) {
             dialog.end(0);
-        } else if (control == fontButton && notification == Notification::Clicked) {
+        } else if (control == LabelControl::font && notification == Notification::Clicked) {
             // In force at once, whether the dialog is then confirmed or cancelled.
             if (const std::optional<FontChoice> chosen = chooseFont(s.labelColour)) {
                 s.labelFont = chosen->font;
@@ -332,45 +302,45 @@ std::intptr_t Style(Dialog& dialog, DialogMessage message, int control, Notifica
     CurveAttributes& c = s.curves;
     const auto fill = [&] {
         const int shown = s.experimentalShown == 1 ? c.experimentalMarker : -1;
-        fillRows(dialog, experimentalColourBox, plotColourNames.data(), plotColourCount,
+        fillRows(dialog, StyleControl::colour, plotColourNames.data(), plotColourCount,
                  c.experimentalColour);
-        fillRows(dialog, experimentalMarkerBox, markerKindNames.data(), markerKindCount, shown);
+        fillRows(dialog, StyleControl::marker, markerKindNames.data(), markerKindCount, shown);
         for (int n = 1; n <= maxCalculations; ++n) {
             const std::size_t k = static_cast<std::size_t>(n - 1);
-            fillRows(dialog, experimentalColourBox + n, plotColourNames.data(), plotColourCount,
+            fillRows(dialog, StyleControl::colour + n, plotColourNames.data(), plotColourCount,
                      c.curveColour[k]);
-            fillRows(dialog, experimentalMarkerBox + n, lineStyleNames.data(), lineStyleCount,
+            fillRows(dialog, StyleControl::marker + n, lineStyleNames.data(), lineStyleCount,
                      c.curveStyle[k]);
             const bool live = n <= fitDocument.calculationCount;
-            dialog.enable(experimentalColourBox + n, live);
-            dialog.enable(experimentalMarkerBox + n, live);
+            dialog.enable(StyleControl::colour + n, live);
+            dialog.enable(StyleControl::marker + n, live);
         }
-        for (int w = 1; w <= widthCount; ++w) dialog.addRow(widthBox, formatC("%d", w));
-        dialog.select(widthBox, c.penWidthChoice);
+        for (int w = 1; w <= widthCount; ++w) dialog.addRow(StyleControl::width, formatC("%d", w));
+        dialog.select(StyleControl::width, c.penWidthChoice);
     };
     return settingsDialog(dialog, message, fill, [&] {
-        if (control == styleCancel) dialog.end(0);
-        if (control != styleOk) return;
-        const std::string text = boxText(dialog, widthBox);
+        if (control == StyleControl::cancel) dialog.end(0);
+        if (control != StyleControl::ok) return;
+        const std::string text = boxText(dialog, StyleControl::width);
         if (!passes(text, FieldKind::Integer)) {
-            refuse(dialog, widthBox);
+            refuse(dialog, StyleControl::width);
             return;
         }
         const int width = readLeadingInteger(text);
         if (width < 1 || width > widthCount) {
             dialog.beep();
             messageBox("Width value range: 1 - 5 !", "Warning...", mbOk);
-            dialog.setFocus(widthBox);
+            dialog.setFocus(StyleControl::width);
             return;
         }
         c.penWidthChoice = width - 1;
         c.penWidth = width;
-        c.experimentalColour = chosenRow(dialog, experimentalColourBox, c.experimentalColour);
-        c.experimentalMarker = chosenRow(dialog, experimentalMarkerBox, c.experimentalMarker);
+        c.experimentalColour = chosenRow(dialog, StyleControl::colour, c.experimentalColour);
+        c.experimentalMarker = chosenRow(dialog, StyleControl::marker, c.experimentalMarker);
         for (int n = 1; n <= maxCalculations; ++n) {
             const std::size_t k = static_cast<std::size_t>(n - 1);
-            c.curveColour[k] = chosenRow(dialog, experimentalColourBox + n, c.curveColour[k]);
-            c.curveStyle[k] = chosenRow(dialog, experimentalMarkerBox + n, c.curveStyle[k]);
+            c.curveColour[k] = chosenRow(dialog, StyleControl::colour + n, c.curveColour[k]);
+            c.curveStyle[k] = chosenRow(dialog, StyleControl::marker + n, c.curveStyle[k]);
         }
         dialog.end(1);
     });
@@ -379,11 +349,12 @@ std::intptr_t Style(Dialog& dialog, DialogMessage message, int control, Notifica
 std::intptr_t Zoom(Dialog& dialog, DialogMessage message, int control, Notification) {
     PlotSettings& s = plotSettings;
     return boxDialog(
-        dialog, message, control, [&] { fillBox(dialog, firstBox, zoomRows, s.zoomChoice); },
+        dialog, message, control,
+        [&] { fillBox(dialog, BoxControl::first, zoomRows, s.zoomChoice); },
         [&] {
             std::optional<float> factor;
-            if (!readRatio(dialog, firstBox, s.zoomChoice, factor) ||
-                !applyFactor(dialog, firstBox, s.zoom, factor))
+            if (!readRatio(dialog, BoxControl::first, s.zoomChoice, factor) ||
+                !applyFactor(dialog, BoxControl::first, s.zoom, factor))
                 return;
             dialog.end(1);
         });
@@ -394,17 +365,17 @@ std::intptr_t Border(Dialog& dialog, DialogMessage message, int control, Notific
     return boxDialog(
         dialog, message, control,
         [&] {
-            fillBox(dialog, firstBox, borderRows, s.horizontalRatioChoice);
-            fillBox(dialog, secondBox, borderRows, s.verticalRatioChoice);
+            fillBox(dialog, BoxControl::first, borderRows, s.horizontalRatioChoice);
+            fillBox(dialog, BoxControl::second, borderRows, s.verticalRatioChoice);
         },
         [&] {
             // Each factor is applied as soon as it is read: a refused vertical factor leaves
             // the horizontal one applied, and the next OK applies it again.
             std::optional<float> factor;
-            if (!readRatio(dialog, firstBox, s.horizontalRatioChoice, factor) ||
-                !applyFactor(dialog, firstBox, s.horizontalRatio, factor) ||
-                !readRatio(dialog, secondBox, s.verticalRatioChoice, factor) ||
-                !applyFactor(dialog, secondBox, s.verticalRatio, factor))
+            if (!readRatio(dialog, BoxControl::first, s.horizontalRatioChoice, factor) ||
+                !applyFactor(dialog, BoxControl::first, s.horizontalRatio, factor) ||
+                !readRatio(dialog, BoxControl::second, s.verticalRatioChoice, factor) ||
+                !applyFactor(dialog, BoxControl::second, s.verticalRatio, factor))
                 return;
             dialog.end(1);
         });
@@ -413,14 +384,15 @@ std::intptr_t Border(Dialog& dialog, DialogMessage message, int control, Notific
 std::intptr_t BorderWidth(Dialog& dialog, DialogMessage message, int control, Notification) {
     PlotSettings& s = plotSettings;
     return boxDialog(
-        dialog, message, control, [&] { fillBox(dialog, firstBox, widthRows, s.frameWidthChoice); },
+        dialog, message, control,
+        [&] { fillBox(dialog, BoxControl::first, widthRows, s.frameWidthChoice); },
         [&] {
-            s.frameWidthChoice = dialog.selection(firstBox);
-            const std::string text = boxText(dialog, firstBox);
+            s.frameWidthChoice = dialog.selection(BoxControl::first);
+            const std::string text = boxText(dialog, BoxControl::first);
             int width = 0;
             const bool number = scanInteger(text, width);
             if (!passes(text, FieldKind::Integer) || (number && width < 1)) {
-                refuse(dialog, firstBox);
+                refuse(dialog, BoxControl::first);
                 return;
             }
             if (number) s.frameLineWidth = width;

@@ -21,21 +21,10 @@ void appendParameter(std::string& text, const FitParameter& p) {
     text += formatExact(p.start) + ", " + formatExact(p.step) + "\n";
 }
 
-bool writeExchangeFile(const std::string& path, const std::string& text) {
-    std::string reason;
-    if (writeWholeFile(path, text, reason)) return true;
-    showError(formatC("Cannot write %s: %s", path.c_str(), reason.c_str()));
-    return false;
-}
-
 bool hasCalculation(const std::string& path, int c) {
     if (c >= 1 && c <= fitDocument.calculationCount && c <= maxCalculations) return true;
     showError(formatC("Cannot write %s: there is no calculation to fit.", path.c_str()));
     return false;
-}
-
-bool writeCalculationInput(const std::string& path, int c) {
-    return hasCalculation(path, c) && writeExchangeFile(path, engineInputText(fitDocument, c));
 }
 
 // The engine input file of calculation c and the data exchange file, both or neither.
@@ -89,14 +78,6 @@ std::string engineDataText(const FitDocument& doc) {
     return text;
 }
 
-bool writeEngineInput(const std::string& engineInputPath) {
-    return writeCalculationInput(engineInputPath, fitDocument.calculationCount);
-}
-
-bool writeEngineData(const std::string& path) {
-    return writeExchangeFile(path, engineDataText(fitDocument));
-}
-
 std::string inWorkDir(const char* name) { return pathIn(runState.workDir, name); }
 
 const char* dataExchangeName(const FitDocument& doc) {
@@ -107,9 +88,9 @@ bool writeExchangeFiles(const std::string& engineInputPath, const std::string& d
     return writeBoth(engineInputPath, fitDocument.calculationCount, dataPath);
 }
 
-bool writeDialogEngineInput() {
+bool writeDialogEngineInput(int calculation) {
     if (!openRunDirectory()) return false;
-    return writeBoth(inWorkDir(engineInputName), fitDocument.currentCalculation + 1,
+    return writeBoth(inWorkDir(engineInputName), calculation + 1,
                      inWorkDir(dataExchangeName(fitDocument)));
 }
 

@@ -35,20 +35,16 @@ const char* dataExchangeName(const FitDocument& doc);
 std::string engineInputText(const FitDocument& doc, int c);
 std::string engineDataText(const FitDocument& doc);
 
-// Write the engine input file for calculation fitDocument.calculationCount, and the data
-// exchange file, whole or not at all. A file that cannot be written is named in a message.
-bool writeEngineInput(const std::string& engineInputPath);
-bool writeEngineData(const std::string& path);
-
 // Both files of a run: the engine input file for calculation fitDocument.calculationCount and
-// the data exchange file. When either cannot be written neither is left behind.
+// the data exchange file, each whole or not at all. When either cannot be written neither is
+// left behind, and the file is named in a message.
 bool writeExchangeFiles(const std::string& engineInputPath, const std::string& dataPath);
 
-// Writes the engine input file for calculation fitDocument.currentCalculation + 1 (the one the
-// parameter dialog edits) and the data exchange file of the document into a fresh run
-// directory (openRunDirectory), where the engine reads them; so the engine fits the data the
-// user sees, whether the document came from an input file or from a report.
-bool writeDialogEngineInput();
+// Writes the engine input file for calculation (0-based; the one the parameter dialog edits)
+// and the data exchange file of the document into a fresh run directory (openRunDirectory),
+// where the engine reads them; so the engine fits the data the user sees, whether the document
+// came from an input file or from a report.
+bool writeDialogEngineInput(int calculation);
 
 // A run works in a folder of its own, so that no file of the user's is ever written or deleted
 // and two runs never meet: a new private folder (mode 0700) in the temporary directory

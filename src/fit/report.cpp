@@ -756,11 +756,4 @@ bool readReportFile(const std::string& reportPath, FitDocument& doc) {
     return true;
 }
 
-bool readReport(const std::string& reportPath) {
-    auto updated = std::make_unique<FitDocument>(fitDocument);
-    if (!readReportFile(reportPath, *updated)) return false;
-    fitDocument = *updated;
-    return true;
-}
-
 } // namespace corvane

@@ -3,8 +3,8 @@
 // After every engine run, writeReport stores the engine's output.txt into the calculation of
 // fitDocument that was fitted (the newest unless another is named) and rewrites the report whole:
 // the problem once, then every calculation made so far. The report is also the saved form of a fit:
-// readReport takes it back into the document by its labels, so the layout is a storage format as
-// much as a display one.
+// readReportText takes it back into the document by its labels, so the layout is a storage format
+// as much as a display one.
 #pragma once
 
 #include <ctime>
@@ -65,9 +65,5 @@ bool readReportText(const std::string& contents, FitDocument& doc, std::string& 
 // Reads the report at reportPath into doc as readReportText does; false after a message when
 // it cannot be opened or is rejected (doc is then partly changed).
 bool readReportFile(const std::string& reportPath, FitDocument& doc);
-
-// Reads the report at reportPath into fitDocument as readReportText does. A report that cannot
-// be opened or is rejected leaves fitDocument as it was, after a message.
-bool readReport(const std::string& reportPath);
 
 } // namespace corvane

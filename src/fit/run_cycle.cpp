@@ -146,12 +146,6 @@ RunOutcome runInputCycle(EngineProgress* progress) {
     return completeRun();
 }
 
-RunOutcome runRecalculation(EngineProgress* progress) {
-    beginRecalculation();
-    runEngine(progress);
-    return completeRun();
-}
-
 bool plotReport(const std::string& path) {
     auto updated = std::make_unique<FitDocument>(fitDocument);
     updated->calculationCount = 0;

@@ -4,8 +4,8 @@
 //
 // A fit comes in two halves around the engine run, so that a window can run the engine from its
 // event loop: begin (beginInputCycle or beginRecalculation), an EngineRunner started, fed until
-// it ends and finished, then completeRun. runInputCycle and runRecalculation do the same in one
-// call and wait for the engine.
+// it ends and finished, then completeRun. runInputCycle does the same for an input file in one
+// call and waits for the engine.
 #pragma once
 
 #include <string>
@@ -55,11 +55,6 @@ RunOutcome completeRun(std::string* problem = nullptr, int calculation = 0);
 
 // New and Open in one call: beginInputCycle, runEngine(progress), completeRun.
 RunOutcome runInputCycle(EngineProgress* progress);
-
-// Re-calculate and Add New in one call, after writeDialogEngineInput: beginRecalculation,
-// runEngine(progress), completeRun. The output is read from workDir, where the dialog's input
-// file was written and the engine ran.
-RunOutcome runRecalculation(EngineProgress* progress);
 
 // Plot: replaces the document by the report at path (its calculations cleared first, so the
 // report is shown whole), sets reportPath to it and workDir to its directory, so that the fit

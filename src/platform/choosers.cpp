@@ -1,18 +1,12 @@
 #include "platform/choosers.h"
 
+#include "platform/ports.h"
+
 #include <filesystem>
 
 namespace corvane {
 
 namespace {
-
-class CancellingChoosers final : public ChooserPort {
-public:
-    std::optional<std::string> chooseOpenFile(const OpenFileRequest&) override { return {}; }
-};
-
-CancellingChoosers cancelling;
-ChooserPort* currentPort = &cancelling;
 
 std::string lowerCopy(std::string text) {
     for (char& c : text)
@@ -36,18 +30,16 @@ std::string withDefaultExtension(const std::string& path, const std::string& ext
     return given;
 }
 
-void setChooserPort(ChooserPort* port) { currentPort = port != nullptr ? port : &cancelling; }
-
 std::optional<std::string> chooseOpenFile(const OpenFileRequest& request) {
-    return currentPort->chooseOpenFile(request);
+    return ports().choosers->chooseOpenFile(request);
 }
 
 std::optional<SavedFile> chooseSaveFile(const SaveFileRequest& request) {
-    return currentPort->chooseSaveFile(request);
+    return ports().choosers->chooseSaveFile(request);
 }
 
 std::optional<FontChoice> chooseFont(Colour initialColour) {
-    return currentPort->chooseFont(initialColour);
+    return ports().choosers->chooseFont(initialColour);
 }
 
 namespace {
@@ -79,5 +71,8 @@ std::optional<std::string> ScriptedChoosers::chooseOpenFile(const OpenFileReques
     if (answer) return withDefaultExtension(*answer, request.defaultExtension);
     return {};
 }
+
+ScriptedChoosers::ScriptedChoosers() { setChooserPort(this); }
+ScriptedChoosers::~ScriptedChoosers() { setChooserPort(nullptr); }
 
 } // namespace corvane

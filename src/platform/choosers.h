@@ -1,4 +1,4 @@
-// The open-file chooser and the services of a window (cursor, mouse capture, repaint).
+// The choosers: files to open and save, and the label font.
 //
 // The chooser is reached through the chooser port in use, as messages are through the message
 // port. Until a front end installs its own, every choice is cancelled. ScriptedChoosers answers
@@ -61,9 +61,6 @@ public:
     virtual std::optional<FontChoice> chooseFont(Colour /*initialColour*/) { return {}; }
 };
 
-// Installs port for all later choices; nullptr restores the one that always cancels. The
-// caller keeps port alive while it is installed.
-void setChooserPort(ChooserPort* port);
 std::optional<std::string> chooseOpenFile(const OpenFileRequest& request);
 std::optional<SavedFile> chooseSaveFile(const SaveFileRequest& request);
 std::optional<FontChoice> chooseFont(Colour initialColour);
@@ -72,8 +69,8 @@ std::optional<FontChoice> chooseFont(Colour initialColour);
 // as the user would type it, or nothing for Cancel); cancels when none is left.
 class ScriptedChoosers final : public ChooserPort {
 public:
-    ScriptedChoosers() { setChooserPort(this); }
-    ~ScriptedChoosers() override { setChooserPort(nullptr); }
+    ScriptedChoosers();
+    ~ScriptedChoosers() override;
     ScriptedChoosers(const ScriptedChoosers&) = delete;
     ScriptedChoosers& operator=(const ScriptedChoosers&) = delete;
     std::optional<std::string> chooseOpenFile(const OpenFileRequest& request) override;
@@ -86,41 +83,6 @@ public:
     std::vector<SaveFileRequest> saveRequests;
     std::deque<std::optional<FontChoice>> fontAnswers;
     std::vector<Colour> fontRequests; // the initial colour of each
-};
-
-enum class CursorShape { Arrow, Cross, Wait };
-
-// What a window procedure asks of its own window besides drawing.
-class WindowServices {
-public:
-    virtual ~WindowServices() = default;
-    virtual void setCursor(CursorShape shape) = 0;
-    // Mouse events reach the window even outside it, until released.
-    virtual void captureMouse() = 0;
-    virtual void releaseMouse() = 0;
-    // The whole client area is to be painted again (erase: cleared first) at the next paint.
-    virtual void invalidate(bool erase) = 0;
-    // Paints what is invalid now, not at the next turn of the event loop.
-    virtual void update() = 0;
-};
-
-// Keeps the state that the calls leave, for the tests.
-class RecordingWindow final : public WindowServices {
-public:
-    void setCursor(CursorShape shape) override { cursor = shape; }
-    void captureMouse() override { captured = true; }
-    void releaseMouse() override { captured = false; }
-    void invalidate(bool erase) override {
-        ++invalidations;
-        erased = erased || erase;
-    }
-    void update() override { ++updates; }
-
-    CursorShape cursor = CursorShape::Arrow;
-    bool captured = false;
-    int invalidations = 0;
-    bool erased = false; // some invalidation asked for erasing
-    int updates = 0;
 };
 
 } // namespace corvane

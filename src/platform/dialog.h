@@ -160,10 +160,6 @@ public:
     virtual Dialog* createDialog(const DialogTemplate& dialog, DialogProc procedure) = 0;
 };
 
-// Installs port for all later dialogs; nullptr restores the headless port, which ends every
-// modal dialog as the close command would (-1 when the procedure keeps it open) and keeps no
-// modeless one. The caller keeps port alive while it is installed.
-void setDialogPort(DialogPort* port);
 std::intptr_t dialogBox(const DialogTemplate& dialog, DialogProc procedure);
 Dialog* createDialog(const DialogTemplate& dialog, DialogProc procedure);
 

@@ -1,24 +1,12 @@
 #include "platform/headless_dialog.h"
 
+#include <stdexcept>
+#include <string>
+
 #include "platform/messages.h"
+#include "platform/ports.h"
 
 namespace corvane {
-
-namespace {
-
-// The port in use when none is installed: no user, no modeless dialogs.
-class DefaultDialogPort final : public DialogPort {
-public:
-    std::intptr_t dialogBox(const DialogTemplate& dialog, DialogProc procedure) override {
-        return HeadlessDialogPort::run(dialog, std::move(procedure), nullptr);
-    }
-    Dialog* createDialog(const DialogTemplate&, DialogProc) override { return nullptr; }
-};
-
-DefaultDialogPort defaultPort;
-DialogPort* currentPort = &defaultPort;
-
-} // namespace
 
 const ControlTemplate* DialogTemplate::control(int id) const {
     if (id == -1) return nullptr;
@@ -29,14 +17,12 @@ const ControlTemplate* DialogTemplate::control(int id) const {
 
 void Dialog::beep() { messageBeep(0); }
 
-void setDialogPort(DialogPort* port) { currentPort = port != nullptr ? port : &defaultPort; }
-
 std::intptr_t dialogBox(const DialogTemplate& dialog, DialogProc procedure) {
-    return currentPort->dialogBox(dialog, std::move(procedure));
+    return ports().dialogs->dialogBox(dialog, std::move(procedure));
 }
 
 Dialog* createDialog(const DialogTemplate& dialog, DialogProc procedure) {
-    return currentPort->createDialog(dialog, std::move(procedure));
+    return ports().dialogs->createDialog(dialog, std::move(procedure));
 }
 
 // [HeadlessDialog]
@@ -69,11 +55,16 @@ void HeadlessDialog::open() {
     }
 }
 
-HeadlessDialog::Control* HeadlessDialog::find(int id) {
+HeadlessDialog::Control* HeadlessDialog::lookup(int id) {
     if (id == -1) return nullptr;
     for (Control& c : controls_)
         if (c.tmpl->id == id) return &c;
     return nullptr;
+}
+
+HeadlessDialog::Control* HeadlessDialog::find(int id) {
+    if (Control* c = lookup(id)) return c;
+    throw std::invalid_argument(template_->name + " has no control " + std::to_string(id));
 }
 
 const HeadlessDialog::Control* HeadlessDialog::find(int id) const {
@@ -104,7 +95,7 @@ bool HeadlessDialog::focusOn(int id) {
     if (focus_ == id) return true;
     int previous = focus_;
     focus_ = id;
-    if (const Control* old = find(previous); old != nullptr && hasField(*old))
+    if (const Control* old = lookup(previous); old != nullptr && hasField(*old))
         send(previous, Notification::EditFocusLost);
     // The procedure may have taken the focus back, or ended the dialog.
     if (focus_ == id && hasField(*target)) send(id, Notification::EditFocusGained);

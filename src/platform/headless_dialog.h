@@ -3,13 +3,15 @@
 // The user's actions send what the platform's controls send: moving the focus from an edit or a
 // combo box reports EditFocusLost to it, into one EditFocusGained; each typed character is one
 // EditChanged; a click first moves the focus to the button. An action on a control that is
-// disabled, missing, or of a dialog that has ended does nothing and returns false.
+// disabled, or of a dialog that has ended, does nothing and returns false. Any operation on an id
+// the template does not have, by the user or by the procedure, throws std::invalid_argument.
 #pragma once
 
 #include <deque>
 #include <memory>
 
 #include "platform/dialog.h"
+#include "platform/ports.h"
 
 namespace corvane {
 
@@ -65,6 +67,9 @@ private:
         std::vector<std::string> rows;
         int selection = -1;
     };
+    Control* lookup(int id); // nullptr when the template has no such control
+    // Throws std::invalid_argument when the template has no such control: a test or a procedure
+    // that names a control the dialog has not is wrong, whatever a real host would do.
     Control* find(int id);
     const Control* find(int id) const;
     Control* usable(int id); // enabled, in an open dialog

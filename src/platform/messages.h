@@ -36,10 +36,6 @@ public:
     virtual void status(const std::string& text);
 };
 
-// Installs port for all later messages; nullptr restores the headless port. The caller keeps
-// port alive while it is installed.
-void setMessagePort(MessagePort* port);
-
 // Shows a message through the port in use. The headless port answers with the first button
 // of the style (idOk, or idYes for mbYesNo).
 int messageBox(const std::string& text, const std::string& caption, unsigned style = mbOk);

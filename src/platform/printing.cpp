@@ -1,26 +1,13 @@
 #include "platform/printing.h"
 
+#include "platform/ports.h"
+
 namespace corvane {
 
-namespace {
-
-class NoPrinters final : public PrinterPort {
-public:
-    bool printDialog(PrintSetup&) override { return false; }
-    std::unique_ptr<PrinterSurface> createSurface(const PrinterChoice&) override { return {}; }
-};
-
-NoPrinters noPrinters;
-PrinterPort* currentPort = &noPrinters;
-
-} // namespace
-
-void setPrinterPort(PrinterPort* port) { currentPort = port != nullptr ? port : &noPrinters; }
-
-bool printDialog(PrintSetup& setup) { return currentPort->printDialog(setup); }
+bool printDialog(PrintSetup& setup) { return ports().printers->printDialog(setup); }
 
 std::unique_ptr<PrinterSurface> createPrinterSurface(const PrinterChoice& devices) {
-    return currentPort->createSurface(devices);
+    return ports().printers->createSurface(devices);
 }
 
 } // namespace corvane

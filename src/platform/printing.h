@@ -56,9 +56,6 @@ public:
     virtual std::unique_ptr<PrinterSurface> createSurface(const PrinterChoice& devices) = 0;
 };
 
-// Installs port for all later printing; nullptr restores the one without printers. The caller
-// keeps port alive while it is installed.
-void setPrinterPort(PrinterPort* port);
 bool printDialog(PrintSetup& setup);
 std::unique_ptr<PrinterSurface> createPrinterSurface(const PrinterChoice& devices);
 

@@ -1,24 +1,9 @@
 #include "platform/program_wait.h"
 
+#include "platform/ports.h"
+
 namespace corvane {
 
-namespace {
-
-class HeadlessWaitPort final : public WaitPort {
-public:
-    void waitForEnd(ChildProgram& program) override {
-        while (program.poll(1000, [](const std::string&) {})) {
-        }
-    }
-};
-
-HeadlessWaitPort headlessPort;
-WaitPort* currentPort = &headlessPort;
-
-} // namespace
-
-void setWaitPort(WaitPort* port) { currentPort = port != nullptr ? port : &headlessPort; }
-
-void waitForEnd(ChildProgram& program) { currentPort->waitForEnd(program); }
+void waitForEnd(ChildProgram& program) { ports().waiting->waitForEnd(program); }
 
 } // namespace corvane

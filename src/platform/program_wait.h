@@ -16,10 +16,6 @@ public:
     virtual void waitForEnd(ChildProgram& program) = 0;
 };
 
-// Installs port for all later waits; nullptr restores the headless port. The caller keeps port
-// alive while it is installed.
-void setWaitPort(WaitPort* port);
-
 // Waits through the port in use; see WaitPort::waitForEnd.
 void waitForEnd(ChildProgram& program);
 

@@ -44,6 +44,13 @@ struct AxisScale {
     int digits = 2;          // decimals of the numbers; 0 prints whole numbers
 };
 
+// Numbers the axis from min to max in five major intervals.
+inline void numberInFifths(AxisScale& axis) {
+    axis.labelFrom = axis.min;
+    axis.labelTo = axis.max;
+    axis.majorInterval = (axis.max - axis.min) / 5.0f;
+}
+
 struct CurveAttributes {
     int experimentalColour = 1; // row of plotColours
     int experimentalMarker = 0; // MarkerKind

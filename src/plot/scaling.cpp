@@ -38,9 +38,7 @@ template <typename ValueOf> void defaultRange(AxisScale& axis, int count, ValueO
     if (!any) low = high = 0.0f;
     axis.min = low < 0 ? low : 0.0f;
     axis.max = high;
-    axis.labelFrom = axis.min;
-    axis.labelTo = axis.max;
-    axis.majorInterval = (axis.max - axis.min) / 5.0f;
+    numberInFifths(axis);
 }
 
 } // namespace

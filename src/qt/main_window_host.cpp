@@ -21,11 +21,12 @@
 #include <QTimer>
 #include <QUrl>
 
-#include "platform/resources.h"
+#include "platform/ports.h"
 #include "plot/plot_settings.h"
 #include "qt/painter_surface.h"
 #include "qt/platform_services.h"
 #include "qt/plot_export.h"
+#include "resources/resources.h"
 
 // The resources are compiled into this static library; their registration is called for.
 static void registerResources() { Q_INIT_RESOURCE(corvane); }
@@ -191,9 +192,9 @@ MainWindowHost::MainWindowHost() : plot_(new PlotView(*this)) {
 }
 
 MainWindowHost::~MainWindowHost() {
-    if (shell.host == this) {
+    if (&corvane::window() == this) {
         shell.menu.setListener({});
-        shell.host = nullptr;
+        setWindowHost(nullptr);
     }
 }
 
@@ -204,7 +205,7 @@ void MainWindowHost::start(const ScreenMeasure& screen) {
                      std::max(1, screen.metrics.verticalResolution), QImage::Format_RGB32);
         QPainter painter(&image);
         PainterSurface surface(painter, screen.metrics, screen.dotsPerInch);
-        startUp(*this, surface);
+        startUp(surface);
     }
     buildMenuBar();
     MainWndProc({.message = WindowMessage::Create});

@@ -34,14 +34,15 @@ struct ScreenMeasure {
 // The screen in logical pixels; its millimetres from the logical resolution.
 ScreenMeasure measureScreen(const QScreen& screen);
 
-class MainWindowHost final : public QMainWindow, public ShellHost {
+class MainWindowHost final : public QMainWindow, public WindowHost {
 public:
     MainWindowHost();
     ~MainWindowHost() override;
     MainWindowHost(const MainWindowHost&) = delete;
     MainWindowHost& operator=(const MainWindowHost&) = delete;
 
-    // Starts the shell on a screen of this measure, then builds the menu bar, sizes the window
+    // Starts the shell on a screen of this measure (the window must be the one installed in the
+    // ports, see platform/ports.h), then builds the menu bar, sizes the window
     // to plotLayout.deviceWidth x plotLayout.deviceHeight at (0, 0) and puts the cover page at
     // coverPosition(). Every paint of the plot uses the same measure.
     void start(const ScreenMeasure& screen);
@@ -57,7 +58,7 @@ public:
     // Called after every paint of the plot widget.
     std::function<void()> afterPaint;
 
-    // ShellHost.
+    // WindowHost.
     void setCursor(CursorShape shape) override;
     void captureMouse() override;
     void releaseMouse() override;

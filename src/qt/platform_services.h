@@ -4,6 +4,7 @@
 
 #include "platform/choosers.h"
 #include "platform/messages.h"
+#include "platform/window_host.h"
 
 class QMainWindow;
 class QWidget;

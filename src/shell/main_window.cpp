@@ -5,14 +5,17 @@
 #include <cstring>
 #include <string_view>
 
+#include "dialogs/about.h"
 #include "dialogs/info.h"
 #include "dialogs/plot_dialogs.h"
 #include "fit/fit_document.h"
 #include "fit/run_state.h"
-#include "platform/resources.h"
+#include "platform/ports.h"
+#include "plot/axes.h"
 #include "plot/paint.h"
 #include "plot/plot_settings.h"
 #include "plot/scaling.h"
+#include "resources/resources.h"
 #include "shell/commands.h"
 
 namespace corvane {
@@ -22,9 +25,7 @@ Shell shell;
 namespace {
 
 // The whole client area painted again, cleared first.
-void repaint() {
-    if (shell.host != nullptr) shell.host->invalidate(true);
-}
+void repaint() { window().invalidate(true); }
 
 // A flag and its check mark toggled together.
 void toggleByFlag(int& flag, int item) {
@@ -52,64 +53,42 @@ void openDialog(const char* name, DialogProc procedure) {
 
 // [SECTION] Mouse modes: switching them
 
-void endDetails() {
-    const bool wasOn = shell.detailsPick == 1;
-    shell.menu.uncheck(idmDetails);
-    shell.detailsPick = 0;
-    if (wasOn && shell.host != nullptr) {
-        shell.host->setCursor(CursorShape::Arrow);
-        shell.host->releaseMouse();
+// The menu item of each mode.
+constexpr struct {
+    MouseMode mode;
+    int item;
+} modeItems[] = {{MouseMode::Details, idmDetails},
+                 {MouseMode::Select, idmSelectByMouse},
+                 {MouseMode::Zoom, idmZoomByMouse}};
+
+// Mode becomes the mouse mode, its item the only one checked. Leaving Details gives the pointer
+// back; entering it takes the pointer as a cross.
+void setMouseMode(MouseMode mode) {
+    const MouseMode before = shell.mouseMode;
+    shell.mouseMode = mode;
+    for (const auto& m : modeItems) {
+        if (m.mode == mode)
+            shell.menu.check(m.item);
+        else
+            shell.menu.uncheck(m.item);
     }
-}
-void endSelect() {
-    shell.selectByMouse = 0;
-    shell.menu.uncheck(idmSelectByMouse);
-}
-void endZoom() {
-    shell.zoomByMouse = 0;
-    shell.menu.uncheck(idmZoomByMouse);
-}
-void endMouseModes() {
-    endDetails();
-    endSelect();
-    endZoom();
+    if (before == MouseMode::Details && mode != MouseMode::Details) {
+        window().setCursor(CursorShape::Arrow);
+        window().releaseMouse();
+    } else if (mode == MouseMode::Details && before != MouseMode::Details) {
+        window().setCursor(CursorShape::Cross);
+        window().captureMouse();
+    }
 }
 
-void toggleDetails() {
-    if (shell.menu.isChecked(idmDetails)) {
-        endDetails();
-        return;
-    }
-    shell.menu.check(idmDetails);
-    if (shell.host != nullptr) {
-        shell.host->setCursor(CursorShape::Cross);
-        shell.host->captureMouse();
-    }
-    shell.detailsPick = 1;
-    endSelect();
-    endZoom();
+// A mode's command: on, or off when it is on.
+void toggleMouseMode(MouseMode mode) {
+    setMouseMode(shell.mouseMode == mode ? MouseMode::None : mode);
 }
 
-void toggleSelectByMouse() {
-    if (shell.menu.isChecked(idmSelectByMouse)) {
-        endSelect();
-        return;
-    }
-    endDetails();
-    shell.menu.check(idmSelectByMouse);
-    shell.selectByMouse = 1;
-    endZoom();
-}
-
-void toggleZoomByMouse() {
-    if (shell.menu.isChecked(idmZoomByMouse)) {
-        endZoom();
-        return;
-    }
-    shell.menu.check(idmZoomByMouse);
-    shell.zoomByMouse = 1;
-    endSelect();
-    endDetails();
+// Off, when mode is the one on.
+void endMouseMode(MouseMode mode) {
+    if (shell.mouseMode == mode) setMouseMode(MouseMode::None);
 }
 
 // [SECTION] The command table
@@ -128,10 +107,7 @@ const CommandRow commandTable[] = {
     {idmPrint, idmPrint, [](int) { printCommand(); }},
     {idmPrintSetup, idmPrintSetup, [](int) { printSetupCommand(); }},
     {idmExportPlot, idmExportPlot, [](int) { exportPlotCommand(); }},
-    {idmExit, idmExit,
-     [](int) {
-         if (shell.host != nullptr) shell.host->quit(0);
-     }},
+    {idmExit, idmExit, [](int) { window().quit(0); }},
     {idmRecalculate, idmRecalculate, [](int) { recalculateCommand(); }},
     {idmExperimental, idmExperimental,
      [](int id) {
@@ -164,33 +140,31 @@ const CommandRow commandTable[] = {
     {idmSelectDefault, idmSelectDefault,
      [](int) {
          resetRangeDefaults();
-         shell.selectByMouse = 0;
-         shell.menu.uncheck(idmSelectByMouse);
+         endMouseMode(MouseMode::Select);
          repaint();
      }},
     {idmFixRatio, idmFixRatio, [](int id) { toggleByMark(plotSettings.fixedAspect, id); }},
     {idmZoomDefault, idmZoomDefault,
      [](int) {
          resetZoomDefaults();
-         shell.zoomByMouse = 0;
-         shell.menu.uncheck(idmZoomByMouse);
+         endMouseMode(MouseMode::Zoom);
          repaint();
      }},
     {idmAbout, idmAbout, [](int) { openDialog("DL_ABOUT", About); }},
-    {idmDetails, idmDetails, [](int) { toggleDetails(); }},
-    {idmSelectByMouse, idmSelectByMouse, [](int) { toggleSelectByMouse(); }},
-    {idmZoomByMouse, idmZoomByMouse, [](int) { toggleZoomByMouse(); }},
+    {idmDetails, idmDetails, [](int) { toggleMouseMode(MouseMode::Details); }},
+    {idmSelectByMouse, idmSelectByMouse, [](int) { toggleMouseMode(MouseMode::Select); }},
+    {idmZoomByMouse, idmZoomByMouse, [](int) { toggleMouseMode(MouseMode::Zoom); }},
     {idmSelectCustomize, idmSelectCustomize,
      [](int) {
          openDialog("DL_SELDOS", SelectDOS);
          repaint();
-         endMouseModes();
+         setMouseMode(MouseMode::None);
      }},
     {idmZoomCustomize, idmZoomCustomize,
      [](int) {
          openDialog("DL_ZOOM", Zoom);
          if (plotSettings.fixedAspect == 0) openDialog("DL_BORDER", Border);
-         endZoom();
+         endMouseMode(MouseMode::Zoom);
          repaint();
      }},
     {idmBorderWidth, idmBorderWidth,
@@ -213,12 +187,12 @@ const CommandRow commandTable[] = {
 // [SECTION] Mouse modes: the left button and the pointer
 
 void onLeftButtonDown(int x, int y) {
-    if (shell.host != nullptr) shell.host->closeCover();
-    if (shell.zoomByMouse == 0 && shell.selectByMouse == 0) return;
-    shell.dragging = 1;
+    window().closeCover();
+    if (shell.mouseMode != MouseMode::Zoom && shell.mouseMode != MouseMode::Select) return;
+    shell.dragging = true;
     shell.dragStartX = shell.dragLastX = x;
     shell.dragStartY = shell.dragLastY = y;
-    if (shell.host != nullptr) shell.host->captureMouse();
+    window().captureMouse();
 }
 
 // A factor times (1 + change), never below 0 (a product below 0 becomes 0.001).
@@ -228,15 +202,15 @@ void scaleFactor(float& factor, double change) {
 }
 
 void onMouseMove(int x, int y) {
-    if (shell.dragging == 0 || shell.host == nullptr) return;
-    const int right = shell.host->clientWidth(), bottom = shell.host->clientHeight();
+    if (!shell.dragging) return;
+    const int right = window().clientWidth(), bottom = window().clientHeight();
     if (x < 0) return; // left of the window: the move is ignored
     if (x > right) x = right - 1;
     if (y < 0) y = 0;
     if (y > bottom) y = bottom - 1;
     if (x == shell.dragLastX && y == shell.dragLastY) return;
     const double dx = x - shell.dragLastX, dy = y - shell.dragLastY;
-    if (shell.zoomByMouse == 1) {
+    if (shell.mouseMode == MouseMode::Zoom) {
         if (plotSettings.fixedAspect == 1) {
             scaleFactor(plotSettings.zoom, (dy + dx) / plotLayout.deviceHeight);
         } else {
@@ -246,54 +220,53 @@ void onMouseMove(int x, int y) {
         shell.dragLastX = x;
         shell.dragLastY = y;
         repaint();
-    } else if (shell.selectByMouse == 1) {
+    } else if (shell.mouseMode == MouseMode::Select) {
         shell.dragLastX = x;
         shell.dragLastY = y;
-        shell.host->showBand(shell.dragStartX, shell.dragStartY, x, y);
+        window().showBand(shell.dragStartX, shell.dragStartY, x, y);
     }
 }
 
-// The band's two corners become the ends of both axes (not put in order), in 32-bit floats.
+// The band's two corners become the ends of both axes, in data coordinates (not put in order),
+// numbered in fifths.
 void applySelection() {
-    const auto end = [](AxisScale& axis, float from, float to) {
-        axis.min = from;
-        axis.max = to;
+    const auto end = [](AxisScale& axis, double from, double to) {
+        axis.min = static_cast<float>(from);
+        axis.max = static_cast<float>(to);
         if (axis.min == axis.max) axis.max = axis.max + 0.00001f;
-        axis.labelTo = axis.max;
-        axis.labelFrom = axis.min;
-        axis.majorInterval = (axis.labelTo - axis.labelFrom) / 5;
+        numberInFifths(axis);
     };
-    const PlotLayout& l = plotLayout;
-    const float width = static_cast<float>(l.frameRight - l.frameLeft);
-    const float height = static_cast<float>(l.frameBottom - l.frameTop);
-    AxisScale& t = plotSettings.tAxis;
-    AxisScale& chi = plotSettings.chiAxis;
-    end(t, t.min + (t.max - t.min) * static_cast<float>(shell.dragStartX - l.frameLeft) / width,
-        t.min + (t.max - t.min) * static_cast<float>(shell.dragLastX - l.frameLeft) / width);
-    const float top = chi.max, span = chi.max - chi.min;
-    end(chi, top - span * static_cast<float>(shell.dragLastY - l.frameTop) / height,
-        top - span * static_cast<float>(shell.dragStartY - l.frameTop) / height);
+    const double t0 = plotT(shell.dragStartX), t1 = plotT(shell.dragLastX);
+    const double v0 = plotValue(shell.dragLastY), v1 = plotValue(shell.dragStartY);
+    end(plotSettings.tAxis, t0, t1);
+    end(plotSettings.chiAxis, v0, v1);
 }
 
 void onLeftButtonUp(int x, int y) {
-    if (shell.zoomByMouse == 1) {
-        shell.dragging = 0;
-        if (shell.host != nullptr) shell.host->releaseMouse();
-    } else if (shell.selectByMouse == 1) {
+    switch (shell.mouseMode) {
+    case MouseMode::Zoom:
+        shell.dragging = false;
+        window().releaseMouse();
+        break;
+    case MouseMode::Select:
         // A release without a press in select mode applies nothing.
-        if (shell.dragging == 1) applySelection();
-        if (shell.host != nullptr) {
-            shell.host->hideBand();
-            shell.host->releaseMouse();
-        }
+        if (shell.dragging) applySelection();
+        window().hideBand();
+        window().releaseMouse();
         repaint();
-        shell.dragging = 0;
-    } else if (shell.detailsPick == 1) {
-        endDetails();
-        fitDocument.currentCalculation = pickCurve(x, y);
+        shell.dragging = false;
+        break;
+    case MouseMode::Details: {
+        setMouseMode(MouseMode::None);
+        FitDocument& doc = fitDocument;
+        doc.currentCalculation = pickCurve(x, y);
         const DialogTemplate* info = findDialogTemplate("DL_INFO");
-        if (fitDocument.currentCalculation >= 0 && info != nullptr)
-            createDialog(*info, infoProcedure(fitDocument.currentCalculation));
+        if (doc.currentCalculation >= 0 && info != nullptr)
+            createDialog(*info, infoProcedure(shell.infoDialogs, doc.currentCalculation));
+        break;
+    }
+    case MouseMode::None:
+        break;
     }
 }
 
@@ -302,10 +275,8 @@ void onLeftButtonUp(int x, int y) {
 int pickCurve(int x, int y) {
     const PlotLayout& l = plotLayout;
     if (x <= l.frameLeft || x >= l.frameRight) return -1;
-    const AxisScale& t = plotSettings.tAxis;
-    const AxisScale& chi = plotSettings.chiAxis;
-    const double under = t.min + static_cast<double>(t.max - t.min) * (x - l.frameLeft) /
-                                     (l.frameRight - l.frameLeft);
+    if (!axisMappable(plotSettings.tAxis) || !axisMappable(plotSettings.chiAxis)) return -1;
+    const double under = plotT(x);
     const FitDocument& doc = fitDocument;
     const auto temperature = [&](int pair) { return doc.pairs[slot(pair)].temperature; };
     for (int k = 0; k < std::min(doc.calculationCount, maxCalculations); ++k) {
@@ -316,10 +287,8 @@ int pickCurve(int x, int y) {
             const double f0 = fitted[slot(j - 1)], f1 = fitted[slot(j)];
             const double v = f0 + (under - temperature(j - 1)) /
                                       (temperature(j) - temperature(j - 1)) * (f1 - f0);
-            const double yc =
-                l.frameTop + (chi.max - v) / (chi.max - chi.min) * (l.frameBottom - l.frameTop);
-            if (!std::isfinite(yc)) continue;
-            if (std::fabs(y - std::trunc(yc)) < 4.0) return k;
+            if (!std::isfinite(v)) continue;
+            if (std::abs(y - plotY(v)) < 4) return k;
         }
     }
     return -1;
@@ -334,10 +303,10 @@ bool runCommand(int id) {
     return false;
 }
 
-void startUp(ShellHost& host, Surface& screen) {
+void startUp(Surface& screen) {
     shell = Shell{};
     shell.menu = loadMenu("MenuMenu");
-    shell.host = &host;
+    shell.infoDialogs.fit = recalculate;
     shell.printSetup.flags = pdReturnDc | pdNoPageNums | pdNoSelection;
     runState.reset();
     measureDevice(screen);
@@ -369,7 +338,7 @@ bool MainWndProc(const WindowEvent& event) {
     case WindowMessage::RightButtonDown:
         return true;
     case WindowMessage::Destroy:
-        if (shell.host != nullptr) shell.host->quit(0);
+        window().quit(0);
         return true;
     case WindowMessage::Paint:
         if (event.surface != nullptr) paintPlot(*event.surface);

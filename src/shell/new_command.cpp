@@ -4,6 +4,7 @@
 
 #include "fit/run_state.h"
 #include "platform/messages.h"
+#include "platform/ports.h"
 #include "platform/program_wait.h"
 #include "qpname/qpname.h"
 #include "shell/commands.h"
@@ -24,7 +25,7 @@ std::string companionProgram() {
 } // namespace
 
 void newCommand() {
-    if (shell.host != nullptr) shell.host->closeCover();
+    window().closeCover();
     // The name newQPI stores under this token is for this window alone: a newQPI that another
     // window started, or one started by hand, hands nothing to it.
     const std::string token = newQpnameToken();

@@ -4,6 +4,7 @@
 #include "fit/run_state.h"
 #include "platform/choosers.h"
 #include "platform/messages.h"
+#include "platform/ports.h"
 #include "platform/printing.h"
 #include "plot/paint.h"
 #include "plot/plot_settings.h"
@@ -19,14 +20,13 @@ namespace {
 class Busy {
 public:
     Busy() {
-        if (shell.host == nullptr) return;
-        shell.host->setCursor(CursorShape::Wait);
-        shell.host->captureMouse();
+        window().setCursor(CursorShape::Wait);
+        window().captureMouse();
     }
     ~Busy() {
-        if (shell.host == nullptr) return;
-        shell.host->setCursor(shell.detailsPick == 1 ? CursorShape::Cross : CursorShape::Arrow);
-        shell.host->releaseMouse();
+        const bool details = shell.mouseMode == MouseMode::Details;
+        window().setCursor(details ? CursorShape::Cross : CursorShape::Arrow);
+        window().releaseMouse();
     }
     Busy(const Busy&) = delete;
     Busy& operator=(const Busy&) = delete;
@@ -89,7 +89,7 @@ void exportPlotCommand() {
                                   1,
                                   exportPath("png")};
     const std::optional<SavedFile> chosen = chooseSaveFile(request);
-    if (!chosen || shell.host == nullptr) return;
+    if (!chosen) return;
     std::string path = chosen->path;
     // A name without one of the three extensions gets the chosen filter's.
     const std::size_t dot = path.rfind('.');
@@ -104,9 +104,9 @@ void exportPlotCommand() {
     bool saved = false;
     {
         Busy busy;
-        saved = shell.host->savePlot(path, error);
+        saved = window().savePlot(path, error);
     }
-    shell.host->invalidate(true); // painted on another surface meanwhile
+    window().invalidate(true); // painted on another surface meanwhile
     if (!saved) showError("Cannot export the plot to " + path + ": " + error);
 }
 

@@ -99,15 +99,17 @@ TEST_F(ExchangeFilesTest, AFileThatCannotBeWrittenIsNamedAndNothingIsHalfWritten
     EXPECT_FALSE(prepareRun(dir.file("cu2.qpi")));
     EXPECT_EQ(dir.listing(), "cu2.qpi");
 
-    // The disk fills while the data file is rewritten: the earlier one stays whole.
+    // The disk fills while the data file is rewritten: both earlier files stay whole.
     ASSERT_TRUE(prepareRun(dir.file("cu2.qpi")));
-    const std::string before = dir.read("chit.txt");
+    const std::string before = dir.read("chit.txt"), input = dir.read("input.txt");
     fitDocument.pairs[0].observed = 99.0;
-    failNthFileWrite(1);
-    EXPECT_FALSE(writeEngineData(dir.file("chit.txt")));
+    fitDocument.calculations[0].g.start = 2.5;
+    failNthFileWrite(2);
+    EXPECT_FALSE(writeExchangeFiles(dir.file("input.txt"), dir.file("chit.txt")));
     EXPECT_EQ(port.messages.back().text,
               "Cannot write " + dir.file("chit.txt") + ": No space left on device");
     EXPECT_EQ(dir.read("chit.txt"), before);
+    EXPECT_EQ(dir.read("input.txt"), input);
     EXPECT_EQ(dir.listing(), "chit.txt cu2.qpi input.txt");
 }
 
@@ -116,8 +118,7 @@ TEST_F(ExchangeFilesTest, TheDialogWritesItsCalculationWhereTheEngineReadsIt) {
     fitDocument.calculationCount = 2;
     fitDocument.calculations[1] = fitDocument.calculations[0];
     fitDocument.calculations[1].g.start = 2.25;
-    fitDocument.currentCalculation = 1;
-    ASSERT_TRUE(writeDialogEngineInput()); // in a run folder of its own
+    ASSERT_TRUE(writeDialogEngineInput(1)); // in a run folder of its own
     std::string input, reason;
     ASSERT_TRUE(readWholeFile(inWorkDir(engineInputName), input, reason)) << reason;
     EXPECT_NE(input.find("\n2.250000, 0.010000\n"), std::string::npos);
@@ -127,10 +128,8 @@ TEST_F(ExchangeFilesTest, TheDialogWritesItsCalculationWhereTheEngineReadsIt) {
     closeRunDirectory(false);
     EXPECT_FALSE(std::filesystem::exists(runState.workDir));
 
-    for (int current : {-1, 2}) {
-        fitDocument.currentCalculation = current;
-        EXPECT_FALSE(writeDialogEngineInput()) << current;
-    }
+    for (int calculation : {-1, 2})
+        EXPECT_FALSE(writeDialogEngineInput(calculation)) << calculation;
 }
 
 } // namespace

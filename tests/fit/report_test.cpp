@@ -5,6 +5,7 @@
 
 #include "fit/engine_run.h"
 #include "fit/report.h"
+#include "fit/run_cycle.h"
 #include "platform/files.h"
 #include "support/fixtures.h"
 #include "text/text.h"
@@ -194,8 +195,8 @@ TEST_F(ReportTest, AReportBeyondTheDocumentsLimitsIsRejected) {
 
     // Through the file: a message naming the file and line, and the document as it was.
     fitDocument.title = "before";
-    EXPECT_FALSE(readReport(dir.write("big.qpo", cases[0].text)));
-    EXPECT_FALSE(readReport(dir.file("none.qpo")));
+    EXPECT_FALSE(plotReport(dir.write("big.qpo", cases[0].text)));
+    EXPECT_FALSE(plotReport(dir.file("none.qpo")));
     ASSERT_EQ(port.messages.size(), 2u);
     EXPECT_EQ(port.messages[0].text, "Cannot read the report " + dir.file("big.qpo") +
                                          ", line 8: 21 spin sites; the document holds 0 to 20.");
@@ -331,7 +332,7 @@ TEST_F(ReportTest, AReportCutShortIsRefusedWhereverItEnds) {
 
     // Through the file: a message naming the file and what is missing; the document stays.
     fitDocument.title = "before";
-    EXPECT_FALSE(readReport(dir.write("cut.qpo", full.substr(0, full.size() - 200))));
+    EXPECT_FALSE(plotReport(dir.write("cut.qpo", full.substr(0, full.size() - 200))));
     ASSERT_EQ(port.messages.size(), 1u);
     EXPECT_EQ(port.messages[0].text,
               "Cannot read the report " + dir.file("cut.qpo") +

@@ -18,6 +18,14 @@ namespace {
 using testing::dimerInput;
 using testing::dimerOutput;
 
+// Re-calculate as the window does it, after writeDialogEngineInput: the results go to the newest
+// calculation.
+RunOutcome recalculate(EngineProgress* progress) {
+    beginRecalculation();
+    runEngine(progress);
+    return completeRun();
+}
+
 struct Recorder final : EngineProgress {
     void status(const std::string& text) override { statuses.push_back(text); }
     void line(const std::string& text) override { lines.push_back(text); }
@@ -102,9 +110,9 @@ TEST_F(RunCycleTest, AFailedRunLeavesReportAndDocumentAsTheyWereAndSaysWhy) {
             setenv("CORVANE_ENGINE", dir.file("none").c_str(), 1);
         else
             useEngine(fault.engine);
-        ASSERT_TRUE(writeDialogEngineInput());
+        ASSERT_TRUE(writeDialogEngineInput(0));
         dir.write("output.txt", dimerOutput); // a file of that name beside is never taken
-        EXPECT_EQ(runRecalculation(&progress), fault.outcome);
+        EXPECT_EQ(recalculate(&progress), fault.outcome);
         EXPECT_EQ(dir.read("cu2.qpo"), report);
         EXPECT_EQ(reportText(fitDocument, ""), document);
         ASSERT_EQ(port.messages.size(), 1u);
@@ -213,9 +221,8 @@ TEST_F(RunCycleTest, AReportLoadedForPlottingCanBeFittedAgainWithTheRealEngine) 
 
     fitDocument.calculationCount = 2; // Add New
     fitDocument.calculations[1] = fitDocument.calculations[0];
-    fitDocument.currentCalculation = 1;
-    ASSERT_TRUE(writeDialogEngineInput());
-    ASSERT_EQ(runRecalculation(nullptr), RunOutcome::Fitted) << port.messages.at(0).text;
+    ASSERT_TRUE(writeDialogEngineInput(1));
+    ASSERT_EQ(recalculate(nullptr), RunOutcome::Fitted) << port.messages.at(0).text;
     EXPECT_NE(dir.read("cu2.qpo").find("Calculation # 2 "), std::string::npos);
     EXPECT_NEAR(fitDocument.calculations[1].j[0].fitted, fitDocument.calculations[0].j[0].fitted,
                 1e-3);

@@ -9,6 +9,7 @@
 #include "fit/input_file.h"
 #include "fuzz_checks.h"
 #include "platform/messages.h"
+#include "platform/ports.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "platform/resources.h"
+#include "resources/resources.h"
 
 namespace corvane {
 namespace {

@@ -13,13 +13,14 @@
 #include "platform/choosers.h"
 #include "platform/headless_dialog.h"
 #include "platform/recording_surface.h"
-#include "platform/resources.h"
 #include "plot/axes.h"
 #include "plot/paint.h"
 #include "plot/plot_settings.h"
+#include "resources/dialog_ids.h"
+#include "resources/resources.h"
 #include "shell/commands.h"
 #include "shell/main_window.h"
-#include "shell_fixture.h"
+#include "support/shell_fixture.h"
 
 namespace corvane {
 namespace {
@@ -64,7 +65,7 @@ TEST_F(MainWindowTest, AtStartOnlyFileAndAboutAreUsableAndTheMarksFollowTheirFla
     EXPECT_FALSE(shell.menu.isChecked(idmGridLines));
 
     // The About box closes with OK; no repaint.
-    dialogs.expect("DL_ABOUT", [](HeadlessDialog& d) { d.click(999); });
+    dialogs.expect("DL_ABOUT", [](HeadlessDialog& d) { d.click(AboutControl::ok); });
     EXPECT_TRUE(command(idmAbout));
     EXPECT_EQ(host.repaints, 0);
     EXPECT_EQ(dialogs.opened().back(), "DL_ABOUT");
@@ -110,24 +111,48 @@ TEST_F(MainWindowTest, DisplayCommandsToggleTheirFlagsMarksAndRepaint) {
     EXPECT_EQ(host.repaints, before);
 }
 
-TEST_F(MainWindowTest, TheMouseModesExcludeEachOtherAndCustomizeEndsThem) {
+TEST_F(MainWindowTest, TheMouseModesExcludeEachOtherAndTheirDefaultsAndCustomizeEndThem) {
+    const auto checked = [this] {
+        return std::vector<bool>{shell.menu.isChecked(idmDetails),
+                                 shell.menu.isChecked(idmSelectByMouse),
+                                 shell.menu.isChecked(idmZoomByMouse)};
+    };
     command(idmDetails);
-    EXPECT_EQ(shell.detailsPick, 1);
-    EXPECT_TRUE(shell.menu.isChecked(idmDetails));
-    command(idmSelectByMouse); // ends Details
-    EXPECT_EQ(shell.detailsPick + shell.selectByMouse * 10, 10);
-    EXPECT_FALSE(shell.menu.isChecked(idmDetails));
+    EXPECT_EQ(shell.mouseMode, MouseMode::Details);
+    EXPECT_EQ(host.cursor, CursorShape::Cross);
+    command(idmSelectByMouse); // ends Details, gives the pointer back
+    EXPECT_EQ(shell.mouseMode, MouseMode::Select);
+    EXPECT_EQ(checked(), (std::vector<bool>{false, true, false}));
+    EXPECT_EQ(host.cursor, CursorShape::Arrow);
+    EXPECT_FALSE(host.captured);
     command(idmZoomByMouse); // ends Select
-    EXPECT_EQ(shell.selectByMouse + shell.zoomByMouse * 10, 10);
+    EXPECT_EQ(checked(), (std::vector<bool>{false, false, true}));
     command(idmZoomByMouse); // leaves Zoom
-    EXPECT_EQ(shell.zoomByMouse, 0);
+    EXPECT_EQ(shell.mouseMode, MouseMode::None);
     command(idmDetails);
-    command(idmSelectCustomize); // ends all three, repaints
-    EXPECT_EQ(shell.detailsPick + shell.selectByMouse + shell.zoomByMouse, 0);
-    EXPECT_FALSE(shell.menu.isChecked(idmDetails));
-    command(idmZoomByMouse);
+    command(idmSelectCustomize); // ends every mode, repaints
+    EXPECT_EQ(shell.mouseMode, MouseMode::None);
+    EXPECT_EQ(checked(), (std::vector<bool>{false, false, false}));
+
+    // Each Default ends its own mode, and only that one.
+    loadLine();
+    command(idmSelectByMouse);
     command(idmZoomDefault);
-    EXPECT_FALSE(shell.menu.isChecked(idmZoomByMouse));
+    EXPECT_EQ(shell.mouseMode, MouseMode::Select);
+    command(idmSelectDefault);
+    EXPECT_EQ(shell.mouseMode, MouseMode::None);
+    EXPECT_EQ(checked(), (std::vector<bool>{false, false, false}));
+    const AxisScale t = plotSettings.tAxis;
+    mouse(WindowMessage::LeftButtonDown, plotX(150), plotY(1));
+    mouse(WindowMessage::MouseMove, plotX(250), plotY(2));
+    mouse(WindowMessage::LeftButtonUp, plotX(250), plotY(2));
+    EXPECT_EQ(plotSettings.tAxis.max, t.max); // no mode: a drag selects nothing
+    command(idmZoomByMouse);
+    command(idmSelectDefault);
+    EXPECT_EQ(shell.mouseMode, MouseMode::Zoom);
+    command(idmZoomDefault);
+    EXPECT_EQ(shell.mouseMode, MouseMode::None);
+    EXPECT_EQ(checked(), (std::vector<bool>{false, false, false}));
 }
 
 TEST_F(MainWindowTest, ZoomByMouseScalesTheFrameAsThePointerMovesWithinTheWindow) {
@@ -140,7 +165,13 @@ TEST_F(MainWindowTest, ZoomByMouseScalesTheFrameAsThePointerMovesWithinTheWindow
     mouse(WindowMessage::MouseMove, -3, 100);  // left of the window: ignored
     mouse(WindowMessage::MouseMove, 510, 305); // where it was: ignored
     EXPECT_EQ(plotSettings.zoom, zoom);
-    mouse(WindowMessage::LeftButtonUp, 510, 305);
+    // Up and left by more than the window's height: the factor would turn negative and stops
+    // at its floor.
+    mouse(WindowMessage::MouseMove, 0, 0);
+    EXPECT_EQ(plotSettings.zoom, 0.001f);
+    mouse(WindowMessage::LeftButtonUp, 0, 0);
+    command(idmZoomDefault);
+    command(idmZoomByMouse);
 
     command(idmFixRatio); // free ratios: each direction on its own
     mouse(WindowMessage::LeftButtonDown, 500, 300);
@@ -152,37 +183,48 @@ TEST_F(MainWindowTest, ZoomByMouseScalesTheFrameAsThePointerMovesWithinTheWindow
     mouse(WindowMessage::MouseMove, 1023, 5000); // below: one pixel inside
     EXPECT_EQ(shell.dragLastY, 704);
     mouse(WindowMessage::LeftButtonUp, 0, 0);
-    EXPECT_EQ(shell.dragging, 0);
-    EXPECT_EQ(shell.zoomByMouse, 1); // the mode stays on
+    EXPECT_FALSE(shell.dragging);
+    EXPECT_EQ(shell.mouseMode, MouseMode::Zoom); // the mode stays on
 }
 
 TEST_F(MainWindowTest, ABandSelectsTheRangesAndAClickPicksTheShownCurveUnderIt) {
     loadLine();
-    const PlotLayout l = plotLayout;
     const AxisScale t = plotSettings.tAxis, chi = plotSettings.chiAxis;
+    // One pixel in data units: how near a band's end comes to the value asked for.
+    const double tPixel = (static_cast<double>(t.max) - t.min) / frameWidth();
+    const double chiPixel = (static_cast<double>(chi.max) - chi.min) / frameHeight();
     command(idmSelectByMouse);
     mouse(WindowMessage::LeftButtonUp, 600, 300); // no press in select mode: nothing applied
     EXPECT_EQ(plotSettings.tAxis.max, t.max);
 
-    // A band drawn right to left and bottom to top: the axes run the other way.
-    const int x0 = l.frameRight - 10, x1 = l.frameLeft + 20, y0 = l.frameBottom - 5,
-              y1 = l.frameTop + 15;
-    mouse(WindowMessage::LeftButtonDown, x0, y0);
-    mouse(WindowMessage::MouseMove, x1, y1);
-    EXPECT_EQ(host.band, (std::vector<int>{x0, y0, x1, y1}));
+    // Pressed at 150 K and chiT 2.5, released at 250 K and chiT 1 (a band drawn down and to the
+    // right): those become the ranges.
+    mouse(WindowMessage::LeftButtonDown, plotX(150), plotY(2.5));
+    mouse(WindowMessage::MouseMove, plotX(250), plotY(1));
+    EXPECT_EQ(host.band, (std::vector<int>{plotX(150), plotY(2.5), plotX(250), plotY(1)}));
     mouse(WindowMessage::LeftButtonUp, 5, 5); // the last accepted move counts, not the release
     EXPECT_TRUE(host.band.empty());
-    const float w = static_cast<float>(l.frameRight - l.frameLeft);
-    const float h = static_cast<float>(l.frameBottom - l.frameTop);
-    const auto f = [](int v) { return static_cast<float>(v); };
-    EXPECT_FLOAT_EQ(plotSettings.tAxis.min, t.min + (t.max - t.min) * f(x0 - l.frameLeft) / w);
-    EXPECT_FLOAT_EQ(plotSettings.tAxis.max, t.min + (t.max - t.min) * f(x1 - l.frameLeft) / w);
-    EXPECT_GT(plotSettings.tAxis.min, plotSettings.tAxis.max);
-    EXPECT_GT(plotSettings.chiAxis.min, plotSettings.chiAxis.max);
-    EXPECT_FLOAT_EQ(plotSettings.chiAxis.max,
-                    chi.max - (chi.max - chi.min) * f(y0 - l.frameTop) / h);
+    EXPECT_NEAR(plotSettings.tAxis.min, 150, tPixel);
+    EXPECT_NEAR(plotSettings.tAxis.max, 250, tPixel);
+    EXPECT_NEAR(plotSettings.chiAxis.min, 1, chiPixel);
+    EXPECT_NEAR(plotSettings.chiAxis.max, 2.5, chiPixel);
+    EXPECT_FLOAT_EQ(plotSettings.tAxis.majorInterval,
+                    (plotSettings.tAxis.max - plotSettings.tAxis.min) / 5);
+
+    // A band drawn up and to the left: both axes run the other way.
+    command(idmSelectDefault);
+    command(idmSelectByMouse);
+    mouse(WindowMessage::LeftButtonDown, plotX(250), plotY(1));
+    mouse(WindowMessage::MouseMove, plotX(150), plotY(2.5));
+    mouse(WindowMessage::LeftButtonUp, plotX(150), plotY(2.5));
+    EXPECT_NEAR(plotSettings.tAxis.min, 250, tPixel);
+    EXPECT_NEAR(plotSettings.tAxis.max, 150, tPixel);
+    EXPECT_NEAR(plotSettings.chiAxis.min, 2.5, chiPixel);
+    EXPECT_NEAR(plotSettings.chiAxis.max, 1, chiPixel);
 
     // A click without a move: both ends the value under it, each maximum raised by 0.00001.
+    command(idmSelectDefault);
+    command(idmSelectByMouse);
     mouse(WindowMessage::LeftButtonDown, 500, 300);
     mouse(WindowMessage::LeftButtonUp, 500, 300);
     EXPECT_GT(plotSettings.tAxis.max, plotSettings.tAxis.min);
@@ -230,12 +272,26 @@ TEST_F(MainWindowTest, OpenFitsWithTheProgressDialogAndEnablesTheNewCurve) {
 
     // Re-calculate of calculation 2 keeps it current and the only curve shown.
     fitDocument.currentCalculation = 1;
-    ASSERT_TRUE(writeDialogEngineInput());
+    ASSERT_TRUE(writeDialogEngineInput(1));
     expectProgress();
     command(idmRecalculate);
     EXPECT_EQ(fitDocument.currentCalculation, 1);
     EXPECT_TRUE(shell.menu.isChecked(idmFitted1 + 1));
     EXPECT_FALSE(shell.menu.isChecked(idmFitted1 + 2));
+
+    // A file named on the command line or dropped: a report is plotted, whatever the case of its
+    // extension, and anything else fitted.
+    for (const char* name : {"one.qpo", "ONE.QPO"}) {
+        auto one = std::make_unique<FitDocument>(*three);
+        one->calculationCount = 1;
+        openFile(dir.write(name, reportText(*one, "d")));
+        EXPECT_EQ(fitDocument.calculationCount, 1) << name;
+        EXPECT_EQ(runState.reportPath, dir.file(name));
+    }
+    expectProgress();
+    openFile(dir.write("cu2.input", dimerInput));
+    EXPECT_EQ(runState.reportPath, dir.file("cu2.qpo"));
+    EXPECT_EQ(dialogs.pendingUsers(), 0u);
 }
 
 TEST_F(MainWindowTest, AFailedRunKeepsTheDialogWithTheReasonAndChangesNothing) {
@@ -277,15 +333,16 @@ TEST_F(MainWindowTest, InterruptGivesTheBestFitSoFarAndLogFileShowsTheLog) {
               "while :; do sleep 0.02; done");
     choosers.answers.push_back(dir.write("cu2.qpi", dimerInput));
     dialogs.expect("DL_SPIN", [](HeadlessDialog& d) {
-        for (int round = 0; round < 50 && d.text(100).find("Iteration 1") == std::string::npos;
+        for (int round = 0;
+             round < 50 && d.text(SpinControl::statusLine).find("Iteration 1") == std::string::npos;
              ++round) {
             d.tick();
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         EXPECT_TRUE(d.isChecked(1));
         EXPECT_FALSE(d.isChecked(2));
-        d.click(999);
-        d.click(998);
+        d.click(SpinControl::logFile);
+        d.click(SpinControl::interrupt);
         for (int round = 0; round < 2000 && !d.hasEnded() && d.tick(); ++round)
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
     });

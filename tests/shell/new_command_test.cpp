@@ -10,11 +10,11 @@
 
 #include "fit/fit_document.h"
 #include "fit/run_state.h"
-#include "platform/resources.h"
 #include "plot/plot_settings.h"
 #include "qpname/qpname.h"
+#include "resources/resources.h"
 #include "shell/commands.h"
-#include "shell_fixture.h"
+#include "support/shell_fixture.h"
 
 namespace corvane {
 namespace {

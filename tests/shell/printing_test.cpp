@@ -6,13 +6,14 @@
 
 #include "fit/fit_document.h"
 #include "fit/run_state.h"
+#include "platform/ports.h"
 #include "platform/printing.h"
 #include "platform/recording_surface.h"
-#include "platform/resources.h"
 #include "plot/plot_settings.h"
+#include "resources/resources.h"
 #include "shell/commands.h"
 #include "shell/main_window.h"
-#include "shell_fixture.h"
+#include "support/shell_fixture.h"
 
 namespace corvane {
 namespace {

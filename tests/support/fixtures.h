@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/messages.h"
+#include "platform/ports.h"
 
 namespace corvane::testing {
 

@@ -1,12 +1,11 @@
-#include "shell/commands.h"
+#include "dialogs/about.h"
 
-#include "platform/resources.h"
+#include "resources/dialog_ids.h"
 
 namespace corvane {
 
 std::intptr_t About(Dialog& dialog, DialogMessage message, int control, Notification) {
-    constexpr int okButton = 999;
-    if ((message == DialogMessage::Command && control == okButton) ||
+    if ((message == DialogMessage::Command && control == AboutControl::ok) ||
         message == DialogMessage::Close) {
         dialog.end(1);
         return 1;

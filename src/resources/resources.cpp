@@ -1,6 +1,10 @@
-#include "platform/resources.h"
+#include "resources/resources.h"
 
 #include <array>
+#include <string>
+
+#include "fit/limits.h"
+#include "resources/dialog_ids.h"
 
 namespace corvane {
 
@@ -11,8 +15,11 @@ using Kind = ControlKind;
 std::vector<MenuItem> menuMenu() {
     using Item = MenuItem;
     std::vector<Item> fitted;
-    for (int n = 1; n <= 10; ++n) {
-        std::string text = n < 10 ? "# &" + std::to_string(n) : "# 1&0";
+    for (int n = 1; n <= maxCalculations; ++n) {
+        // The mnemonic is the last digit: "# &1" .. "# &9", "# 1&0".
+        std::string number = std::to_string(n);
+        number.insert(number.size() - 1, "&");
+        std::string text = "# " + number;
         fitted.push_back(Item::command(idmFitted1 + n - 1, text));
     }
     return {
@@ -76,7 +83,7 @@ DialogTemplate dlAbout() {
         {-1, Kind::Static, "Magnetic Susceptibility Fitting", 19, 20, 156, 11, csCentre},
         {-1, Kind::Icon, "", 14, 33, 21, 18},
         {-1, Kind::Static, "Version 1.0", 71, 38, 52, 11, csCentre},
-        {999, Kind::Button, "OK", 81, 90, 32, 14, csTabStop | csGroup},
+        {AboutControl::ok, Kind::Button, "OK", 81, 90, 32, 14, csTabStop | csGroup},
     };
     return d;
 }
@@ -87,14 +94,15 @@ DialogTemplate dlSpin() {
     DialogTemplate d = head("DL_SPIN", "Calculating Magnetic Susceptibility", 70, 40, 282, 85,
                             dsCaption | dsSystemMenu | dsModalFrame, "Arial", 10);
     d.controls = {
-        {100, Kind::Edit, "", 16, 10, 250, 12, csReadOnly | csCentre},
+        {SpinControl::statusLine, Kind::Edit, "", 16, 10, 250, 12, csReadOnly | csCentre},
         {-1, Kind::GroupBox, "", 26, 26, 230, 26},
-        {999, Kind::Button, "Log File", 44, 62, 50, 14, csTabStop},
-        {998, Kind::Button, "Interrupt", 116, 62, 50, 14, csTabStop},
-        {1000, Kind::Button, "Close", 188, 62, 50, 14, csTabStop},
+        {SpinControl::logFile, Kind::Button, "Log File", 44, 62, 50, 14, csTabStop},
+        {SpinControl::interrupt, Kind::Button, "Interrupt", 116, 62, 50, 14, csTabStop},
+        {SpinControl::close, Kind::Button, "Close", 188, 62, 50, 14, csTabStop},
     };
-    for (int cell = 1; cell <= 24; ++cell)
-        d.controls.push_back({cell, Kind::BlackRect, "", 34 + 9 * (cell - 1), 35, 7, 12});
+    for (int cell = 0; cell < SpinControl::cellCount; ++cell)
+        d.controls.push_back(
+            {SpinControl::firstCell + cell, Kind::BlackRect, "", 34 + 9 * cell, 35, 7, 12});
     return d;
 }
 
@@ -112,52 +120,54 @@ DialogTemplate dlInfo() {
         {3, Kind::Static, "Step", 92, 14, 50, 10, csCentre},
         {5, Kind::Static, "Fitted", 144, 14, 52, 10, csCentre},
     };
-    // One row per parameter: its label, then start, step and fitted value at base, base + 10
-    // and base + 20.
+    // One row per parameter: its label, then its start, step and fitted value.
     auto row = [&d](int labelId, const char* label, int base, int y) {
+        using C = InfoControl;
         d.controls.push_back({labelId, Kind::Static, label, 12, y + 2, 27, 10});
         d.controls.push_back({base, Kind::Edit, "", 40, y, 50, 12, editable, fieldLength});
-        d.controls.push_back({base + 10, Kind::Edit, "", 92, y, 50, 12, editable, fieldLength});
-        d.controls.push_back({base + 20, Kind::Edit, "", 144, y, 52, 12, csReadOnly});
+        d.controls.push_back(
+            {base + C::step, Kind::Edit, "", 92, y, 50, 12, editable, fieldLength});
+        d.controls.push_back({base + C::fitted, Kind::Edit, "", 144, y, 52, 12, csReadOnly});
     };
-    row(2, "g", 100, 26);
-    row(7, "C", 200, 40);
-    row(4, "zJ", 300, 54);
-    row(9, "Xtip", 400, 68);
-    for (int n = 1; n <= 10; ++n) {
+    row(2, "g", InfoControl::gRow, 26);
+    row(7, "C", InfoControl::cRow, 40);
+    row(4, "zJ", InfoControl::zJRow, 54);
+    row(9, "Xtip", InfoControl::tipRow, 68);
+    for (int n = 1; n <= maxJValues; ++n) {
         const std::string label = "J # " + std::to_string(n);
-        row(n == 1 ? 11 : 11 + n, label.c_str(), 1000 * n, 82 + 14 * (n - 1));
+        row(n == 1 ? 11 : 11 + n, label.c_str(), InfoControl::jRow(n), 82 + 14 * (n - 1));
     }
+    using C = InfoControl;
     const std::vector<ControlTemplate> right = {
         {23, Kind::Static, "FITTING CURVE #", 206, 9, 62, 10},
-        {700, Kind::Edit, "", 268, 8, 24, 12, csReadOnly},
+        {C::curveNumber, Kind::Edit, "", 268, 8, 24, 12, csReadOnly},
         {10, Kind::Static, "Spin Sites:", 206, 27, 50, 10},
-        {500, Kind::Edit, "", 258, 26, 34, 12, csReadOnly},
+        {C::siteCount, Kind::Edit, "", 258, 26, 34, 12, csReadOnly},
         {24, Kind::Static, "Data Pairs:", 206, 41, 50, 10},
-        {501, Kind::Edit, "", 258, 40, 34, 12, csReadOnly},
+        {C::pairCount, Kind::Edit, "", 258, 40, 34, 12, csReadOnly},
         {25, Kind::Static, "Fitting From:", 206, 59, 50, 10},
-        {502, Kind::Edit, "", 258, 58, 34, 12, editable, fieldLength},
+        {C::firstPair, Kind::Edit, "", 258, 58, 34, 12, editable, fieldLength},
         {26, Kind::Static, "To:", 206, 73, 50, 10},
-        {503, Kind::Edit, "", 258, 72, 34, 12, editable, fieldLength},
+        {C::lastPair, Kind::Edit, "", 258, 72, 34, 12, editable, fieldLength},
         {27, Kind::Static, "Precision:", 206, 91, 86, 10},
-        {504, Kind::Edit, "", 206, 102, 86, 12, editable, fieldLength},
+        {C::tolerance, Kind::Edit, "", 206, 102, 86, 12, editable, fieldLength},
         {22, Kind::Static, "Square Deviation:", 206, 120, 86, 10},
-        {600, Kind::Edit, "", 206, 131, 86, 12, csReadOnly},
-        {997, Kind::Button, "Add New", 219, 177, 60, 14, csTabStop},
-        {998, Kind::Button, "Re-calculate", 219, 197, 60, 14, csTabStop},
-        {999, Kind::Button, "Close", 219, 217, 60, 14, csTabStop | csDefault},
+        {C::deviation, Kind::Edit, "", 206, 131, 86, 12, csReadOnly},
+        {C::addNew, Kind::Button, "Add New", 219, 177, 60, 14, csTabStop},
+        {C::recalculate, Kind::Button, "Re-calculate", 219, 197, 60, 14, csTabStop},
+        {C::close, Kind::Button, "Close", 219, 217, 60, 14, csTabStop | csDefault},
     };
     d.controls.insert(d.controls.end(), right.begin(), right.end());
     return d;
 }
 
 // The buttons OK, Cancel and Help side by side at y, centred across width, Help disabled.
-void addButtonRow(DialogTemplate& d, int okId, int cancelId, int y) {
+void addButtonRow(DialogTemplate& d, int okId, int cancelId, int helpId, int y) {
     const int left = (d.width - 3 * 50 - 2 * 20) / 2;
     d.controls.push_back({okId, Kind::Button, "OK", left, y, 50, 14, csTabStop | csDefault});
     d.controls.push_back({cancelId, Kind::Button, "Cancel", left + 70, y, 50, 14, csTabStop});
     d.controls.push_back(
-        {995, Kind::Button, "Help", left + 140, y, 50, 14, csTabStop | csDisabled});
+        {helpId, Kind::Button, "Help", left + 140, y, 50, 14, csTabStop | csDisabled});
 }
 
 constexpr unsigned numberField = csBorder | csTabStop;
@@ -176,8 +186,10 @@ DialogTemplate dlSelDos() {
         int current, fresh; // ids of the from fields; the to fields are 100 further
         int y;
     };
-    const Group groups[] = {{1, "Teparature Range", 11, "K", 100, 300, 6},
-                            {2, "Chi (ChiT) Range", 17, "", 101, 301, 76}};
+    using C = RangeControl;
+    const Group groups[] = {{1, "Teparature Range", 11, "K", C::tMin, C::newTMin, 6},
+                            {2, "Chi (ChiT) Range", 17, "", C::chiMin, C::newChiMin, 76}};
+    static_assert(C::tMax == C::tMin + 100 && C::newChiMax == C::newChiMin + 100);
     for (const Group& g : groups) {
         d.controls.push_back({g.id, Kind::GroupBox, g.title, 8, g.y, 228, 62});
         const char* const first[] = {"From", "to", g.unit};
@@ -197,7 +209,7 @@ DialogTemplate dlSelDos() {
                 {g.labels + 3 * row + 2, Kind::Static, texts[2], 216, y + 2, 14, 10});
         }
     }
-    addButtonRow(d, 998, 999, 154);
+    addButtonRow(d, C::ok, C::cancel, C::help, 154);
     return d;
 }
 
@@ -206,23 +218,23 @@ DialogTemplate dlLabel() {
     DialogTemplate d = head("DL_LABEL", "Labeling...", 50, 50, 301, 318,
                             dsCaption | dsSystemMenu | dsModalFrame, "MS Sans Serif", 8);
     constexpr int titleLength = 79;
+    using C = LabelControl;
     d.controls = {
         {10, Kind::Static, "The label for x-axis:", 10, 6, 140, 10},
-        {100, Kind::Edit, "", 10, 17, 281, 12, numberField, titleLength},
+        {C::xTitle, Kind::Edit, "", 10, 17, 281, 12, numberField, titleLength},
         {20, Kind::Static, "The label for y-axis:", 10, 34, 140, 10},
-        {200, Kind::Edit, "", 10, 45, 281, 12, numberField, titleLength},
+        {C::yTitle, Kind::Edit, "", 10, 45, 281, 12, numberField, titleLength},
     };
     struct Group {
         int id;
         const char* title;
         int minLabel, maxLabel, fromLabel, toLabel, intervalLabel, digitsLabel, minorLabel;
-        int base; // the minimum field; maximum base + 1, from base + 100, to base + 101,
-                  // interval base + 110, digits base + 120, minor intervals base + 130
+        int base; // the axis's fields (LabelControl)
         int y;
     };
     const Group groups[] = {
-        {40, "Numerical labels for Temperature", 3, 4, 41, 42, 43, 44, 36, 300, 64},
-        {45, "Numerical labels for Chi:", 5, 6, 46, 49, 47, 48, 37, 600, 162},
+        {40, "Numerical labels for Temperature", 3, 4, 41, 42, 43, 44, 36, C::tAxis, 64},
+        {45, "Numerical labels for Chi:", 5, 6, 46, 49, 47, 48, 37, C::chiAxis, 162},
     };
     for (const Group& g : groups) {
         d.controls.push_back({g.id, Kind::GroupBox, g.title, 6, g.y, 289, 92});
@@ -232,19 +244,19 @@ DialogTemplate dlLabel() {
             d.controls.push_back(
                 {field, Kind::Edit, "", x + 62, rowY, 70, 12, numberField, numberLength});
         };
-        pair(g.minLabel, "Minimum value:", 14, y, g.base);
-        pair(g.maxLabel, "Maximum value:", 152, y, g.base + 1);
-        pair(g.fromLabel, "From:", 14, y + 18, g.base + 100);
-        pair(g.toLabel, "To:", 152, y + 18, g.base + 101);
-        pair(g.intervalLabel, "Major interval:", 14, y + 36, g.base + 110);
-        pair(g.digitsLabel, "decimal digits:", 152, y + 36, g.base + 120);
+        pair(g.minLabel, "Minimum value:", 14, y, g.base + C::min);
+        pair(g.maxLabel, "Maximum value:", 152, y, g.base + C::max);
+        pair(g.fromLabel, "From:", 14, y + 18, g.base + C::from);
+        pair(g.toLabel, "To:", 152, y + 18, g.base + C::to);
+        pair(g.intervalLabel, "Major interval:", 14, y + 36, g.base + C::interval);
+        pair(g.digitsLabel, "decimal digits:", 152, y + 36, g.base + C::digits);
         d.controls.push_back(
             {g.minorLabel, Kind::Static, "Number of minor intervals:", 14, y + 56, 100, 10});
-        d.controls.push_back(
-            {g.base + 130, Kind::Edit, "", 114, y + 54, 32, 12, numberField, numberLength});
+        d.controls.push_back({g.base + C::minorCount, Kind::Edit, "", 114, y + 54, 32, 12,
+                              numberField, numberLength});
     }
-    d.controls.push_back({500, Kind::Button, "Text font", 10, 266, 60, 14, csTabStop});
-    addButtonRow(d, 998, 999, 294);
+    d.controls.push_back({C::font, Kind::Button, "Text font", 10, 266, 60, 14, csTabStop});
+    addButtonRow(d, C::ok, C::cancel, C::help, 294);
     return d;
 }
 
@@ -253,25 +265,26 @@ DialogTemplate dlStyle() {
     DialogTemplate d = head("DL_STYLE", "Curve Attributes", 30, 10, 248, 265,
                             dsCaption | dsSystemMenu | dsModalFrame, "MS Sans Serif", 8);
     constexpr unsigned list = csDropDownList | csTabStop;
+    using C = StyleControl;
     d.controls = {
         {1, Kind::GroupBox, "Width", 8, 4, 232, 30},
-        {1000, Kind::ComboBox, "", 60, 14, 54, 80, csDropDown | csTabStop, 11},
+        {C::width, Kind::ComboBox, "", 60, 14, 54, 80, csDropDown | csTabStop, 11},
         {-1, Kind::GroupBox, "Color", 8, 38, 112, 196},
         {-1, Kind::GroupBox, "Style", 128, 38, 112, 196},
         {20, Kind::Static, "Expt.", 16, 52, 40, 10},
-        {100, Kind::ComboBox, "", 58, 50, 56, 80, list},
+        {C::colour, Kind::ComboBox, "", 58, 50, 56, 80, list},
         {31, Kind::Static, "Expt.", 136, 52, 34, 10},
-        {200, Kind::ComboBox, "", 170, 50, 64, 80, list},
+        {C::marker, Kind::ComboBox, "", 170, 50, 64, 80, list},
     };
-    for (int n = 1; n <= 10; ++n) {
+    for (int n = 1; n <= maxCalculations; ++n) {
         const int y = 50 + 16 * n;
         const std::string label = "Fitted " + std::to_string(n);
         d.controls.push_back({9 + n, Kind::Static, label, 16, y + 2, 40, 10});
-        d.controls.push_back({100 + n, Kind::ComboBox, "", 58, y, 56, 80, list});
+        d.controls.push_back({C::colour + n, Kind::ComboBox, "", 58, y, 56, 80, list});
         d.controls.push_back({20 + n, Kind::Static, label, 136, y + 2, 34, 10});
-        d.controls.push_back({200 + n, Kind::ComboBox, "", 170, y, 64, 80, list});
+        d.controls.push_back({C::marker + n, Kind::ComboBox, "", 170, y, 64, 80, list});
     }
-    addButtonRow(d, 999, 998, 242);
+    addButtonRow(d, C::ok, C::cancel, C::help, 242);
     return d;
 }
 
@@ -279,11 +292,12 @@ DialogTemplate dlStyle() {
 DialogTemplate dlOneBox(const char* name, const char* title) {
     DialogTemplate d =
         head(name, title, 80, 50, 145, 67, dsCaption | dsModalFrame, "MS Sans Serif", 8);
+    using C = BoxControl;
     d.controls = {
-        {100, Kind::ComboBox, "", 10, 6, 70, 56, csTabStop, 11},
-        {999, Kind::Button, "OK", 89, 6, 46, 14, csTabStop | csDefault},
-        {998, Kind::Button, "Cancel", 89, 25, 46, 14, csTabStop},
-        {995, Kind::Button, "Help", 89, 44, 46, 14, csTabStop | csDisabled},
+        {C::first, Kind::ComboBox, "", 10, 6, 70, 56, csTabStop, 11},
+        {C::ok, Kind::Button, "OK", 89, 6, 46, 14, csTabStop | csDefault},
+        {C::cancel, Kind::Button, "Cancel", 89, 25, 46, 14, csTabStop},
+        {C::help, Kind::Button, "Help", 89, 44, 46, 14, csTabStop | csDisabled},
     };
     return d;
 }
@@ -291,13 +305,14 @@ DialogTemplate dlOneBox(const char* name, const char* title) {
 DialogTemplate dlBorder() {
     DialogTemplate d = head("DL_BORDER", "Border Ratio", 80, 50, 220, 146, dsCaption | dsModalFrame,
                             "MS Sans Serif", 8);
+    using C = BoxControl;
     d.controls = {
         {10, Kind::GroupBox, "Horizontal", 8, 4, 98, 112},
-        {100, Kind::ComboBox, "", 16, 17, 82, 92, csTabStop, 11},
+        {C::first, Kind::ComboBox, "", 16, 17, 82, 92, csTabStop, 11},
         {20, Kind::GroupBox, "Vertical", 114, 4, 98, 112},
-        {200, Kind::ComboBox, "", 122, 17, 82, 92, csTabStop, 11},
+        {C::second, Kind::ComboBox, "", 122, 17, 82, 92, csTabStop, 11},
     };
-    addButtonRow(d, 999, 998, 124);
+    addButtonRow(d, C::ok, C::cancel, C::help, 124);
     return d;
 }
 

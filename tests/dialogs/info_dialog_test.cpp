@@ -10,18 +10,20 @@
 #include "fit/run_state.h"
 #include "platform/headless_dialog.h"
 #include "platform/recording_surface.h"
-#include "platform/resources.h"
 #include "plot/axes.h"
 #include "plot/paint.h"
 #include "plot/plot_settings.h"
+#include "resources/dialog_ids.h"
+#include "resources/resources.h"
 #include "shell/commands.h"
 #include "shell/main_window.h"
-#include "shell_fixture.h"
+#include "support/shell_fixture.h"
 
 namespace corvane {
 namespace {
 
-constexpr int addNew = 997, recalculate = 998, closeButton = 999;
+using C = InfoControl;
+constexpr int addNew = C::addNew, recalculate = C::recalculate, closeButton = C::close;
 
 class InfoDialogTest : public testing::ShellTest {
 protected:
@@ -40,7 +42,7 @@ protected:
         fitDocument.calculationCount = count;
     }
     HeadlessDialog* open(int calculation) {
-        createDialog(*findDialogTemplate("DL_INFO"), infoProcedure(calculation));
+        createDialog(*findDialogTemplate("DL_INFO"), infoProcedure(shell.infoDialogs, calculation));
         return dialogs.modeless("DL_INFO");
     }
 };
@@ -75,22 +77,22 @@ TEST_F(InfoDialogTest, APickOpensTheDialogFilledFromThePickedCalculation) {
     const struct {
         int id;
         const char* text;
-    } shown[] = {{700, "2"},
-                 {500, "4"},
-                 {501, "3"},
-                 {502, "2"},
-                 {503, "3"},
-                 {504, "0.000100"},
-                 {100, "2.000000"},
-                 {110, "0.010000"},
-                 {120, "2.056700"},
-                 {300, "0.000000"},
-                 {400, "123456789.500000"}};
+    } shown[] = {{C::curveNumber, "2"},
+                 {C::siteCount, "4"},
+                 {C::pairCount, "3"},
+                 {C::firstPair, "2"},
+                 {C::lastPair, "3"},
+                 {C::tolerance, "0.000100"},
+                 {C::gRow, "2.000000"},
+                 {C::gRow + C::step, "0.010000"},
+                 {C::gRow + C::fitted, "2.056700"},
+                 {C::zJRow, "0.000000"},
+                 {C::tipRow, "123456789.500000"}};
     for (const auto& field : shown) EXPECT_EQ(d->text(field.id), field.text) << field.id;
-    EXPECT_EQ(d->toolTip(120), "standard uncertainty 0.0056");
-    EXPECT_EQ(d->toolTip(220), ""); // not known
+    EXPECT_EQ(d->toolTip(C::gRow + C::fitted), "standard uncertainty 0.0056");
+    EXPECT_EQ(d->toolTip(C::cRow + C::fitted), ""); // not known
     for (int n = 1; n <= 10; ++n) {
-        for (int id : {1000 * n, 1000 * n + 10, 1000 * n + 20}) {
+        for (int id : {C::jRow(n), C::jRow(n) + C::step, C::jRow(n) + C::fitted}) {
             EXPECT_EQ(d->isEnabled(id), n <= 3) << id;
             EXPECT_EQ(d->text(id).empty(), n > 3) << id;
         }
@@ -115,9 +117,16 @@ TEST_F(InfoDialogTest, FieldsTakeSignedDecimalsAndTheRangeIntegersOnly) {
         const char* text;
         bool accepted;
     } cases[] = {
-        {100, "-.5", true},   {110, "+3", true},  {1010, "12.", true},  {504, "0.5 ", true},
-        {502, "+7", true},    {503, "-3", true},  {100, "1e-5", false}, {502, "2.5", false},
-        {1000, "1,5", false}, {503, "7x", false},
+        {C::gRow, "-.5", true},
+        {C::gRow + C::step, "+3", true},
+        {C::jRow(1) + C::step, "12.", true},
+        {C::tolerance, "0.5 ", true},
+        {C::firstPair, "+7", true},
+        {C::lastPair, "-3", true},
+        {C::gRow, "1e-5", false},
+        {C::firstPair, "2.5", false},
+        {C::jRow(1), "1,5", false},
+        {C::lastPair, "7x", false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.id) + " '" + c.text + "'");
@@ -129,7 +138,8 @@ TEST_F(InfoDialogTest, FieldsTakeSignedDecimalsAndTheRangeIntegersOnly) {
         const std::size_t cleared = messages.beeps.size();
         d->type(c.id, c.text);
         EXPECT_EQ(messages.beeps.size() == cleared, c.accepted);
-        d->focusOn(c.id == 200 ? 210 : 200); // leaving the field checks it again
+        d->focusOn(c.id == C::cRow ? C::cRow + C::step
+                                   : C::cRow); // leaving the field checks it again
         EXPECT_EQ(d->hasFocus(c.id), !c.accepted);
         EXPECT_TRUE(d->isEnabled(recalculate)); // the valid text the field held on entry
         EXPECT_GE(cleared, before);
@@ -149,9 +159,9 @@ TEST_F(InfoDialogTest, ReCalculateStoresIntoItsOwnCalculationAndItsResultsGoTher
 
     // A range outside the pairs is refused, with nothing stored or run.
     for (const auto& [first, last, offending] :
-         {std::tuple{"0", "2", 502}, {"2", "3", 503}, {"2", "1", 503}}) {
-        retype(*d, 502, first);
-        retype(*d, 503, last);
+         {std::tuple{"0", "2", C::firstPair}, {"2", "3", C::lastPair}, {"2", "1", C::lastPair}}) {
+        retype(*d, C::firstPair, first);
+        retype(*d, C::lastPair, last);
         const std::size_t beeps = messages.beeps.size();
         d->click(recalculate);
         EXPECT_EQ(messages.beeps.size(), beeps + 1);
@@ -160,10 +170,10 @@ TEST_F(InfoDialogTest, ReCalculateStoresIntoItsOwnCalculationAndItsResultsGoTher
     EXPECT_EQ(dialogs.opened().size(), 2u); // DL_SPIN of the first fit, this dialog
     EXPECT_EQ(fitDocument.calculations[0].firstPair, 1);
 
-    retype(*d, 502, "1");
-    retype(*d, 503, "2");
-    retype(*d, 100, "2.2");
-    retype(*d, 1000, "-90");
+    retype(*d, C::firstPair, "1");
+    retype(*d, C::lastPair, "2");
+    retype(*d, C::gRow, "2.2");
+    retype(*d, C::jRow(1), "-90");
     expectProgress();
     d->click(recalculate);
     EXPECT_TRUE(d->hasEnded());
@@ -185,8 +195,8 @@ TEST_F(InfoDialogTest, AFitWithoutResultsLeavesTheDocumentAsItsReportHasIt) {
     doc.calculations[0].j[3].start = 42.0; // a row above jCount
     HeadlessDialog* d = open(0);
     ASSERT_NE(d, nullptr);
-    retype(*d, 2000, "5");
-    retype(*d, 3010, "0.5");
+    retype(*d, C::jRow(2), "5");
+    retype(*d, C::jRow(3) + C::step, "0.5");
     bool storedLiveRowsOnly = false;
     expectProgress(nullptr, [&] {
         const Calculation& c = doc.calculations[0];
@@ -198,7 +208,7 @@ TEST_F(InfoDialogTest, AFitWithoutResultsLeavesTheDocumentAsItsReportHasIt) {
     EXPECT_EQ(doc.calculations[0].j[1].start, 7.0);
 
     HeadlessDialog* e = open(0);
-    retype(*e, 2000, "6");
+    retype(*e, C::jRow(2), "6");
     expectProgress();
     e->click(addNew);
     EXPECT_TRUE(e->hasEnded());
@@ -217,7 +227,7 @@ TEST_F(InfoDialogTest, AddNewFitsANewLastCalculationAndIsGreyedAtTen) {
     fitDimer();
     HeadlessDialog* first = open(0);
     ASSERT_NE(first, nullptr);
-    retype(*first, 110, "0.02");
+    retype(*first, C::gRow + C::step, "0.02");
     expectProgress();
     first->click(addNew);
     EXPECT_TRUE(first->hasEnded());
@@ -227,7 +237,7 @@ TEST_F(InfoDialogTest, AddNewFitsANewLastCalculationAndIsGreyedAtTen) {
     EXPECT_EQ(fitDocument.calculations[1].deviation, 0.0125);
     EXPECT_EQ(fitDocument.calculations[0].g.step, 0.01);
     HeadlessDialog* again = open(1);
-    EXPECT_EQ(again->text(700), "2");
+    EXPECT_EQ(again->text(C::curveNumber), "2");
     again->click(closeButton);
 
     // Two dialogs at nine calculations: during a fit from one, neither offers a fit; the
@@ -235,8 +245,8 @@ TEST_F(InfoDialogTest, AddNewFitsANewLastCalculationAndIsGreyedAtTen) {
     copies(9);
     HeadlessDialog* a = open(2);
     HeadlessDialog* b = open(5);
-    a->focusOn(110); // the focus starts in 100
-    b->focusOn(110);
+    a->focusOn(C::gRow + C::step); // the focus starts in g
+    b->focusOn(C::gRow + C::step);
     ASSERT_TRUE(a->isEnabled(addNew) && b->isEnabled(addNew) && b->isEnabled(recalculate));
     bool offeredDuringRun = true;
     expectProgress(nullptr, [&] {
@@ -251,7 +261,7 @@ TEST_F(InfoDialogTest, AddNewFitsANewLastCalculationAndIsGreyedAtTen) {
     EXPECT_FALSE(b->isEnabled(addNew));
     EXPECT_TRUE(b->isEnabled(recalculate));
     HeadlessDialog* c = open(9);
-    c->focusOn(110);
+    c->focusOn(C::gRow + C::step);
     EXPECT_FALSE(c->isEnabled(addNew));
     EXPECT_TRUE(c->isEnabled(recalculate));
 }

@@ -20,13 +20,14 @@
 
 #include "fit/fit_document.h"
 #include "fit/report.h"
-#include "platform/resources.h"
+#include "platform/ports.h"
 #include "plot/axes.h"
 #include "plot/plot_settings.h"
 #include "qt/dialog_host.h"
 #include "qt/main_window_host.h"
 #include "qt/platform_services.h"
 #include "qt/printer_port.h"
+#include "resources/resources.h"
 #include "support/fixtures.h"
 #include "support/qt_application.h"
 
@@ -39,6 +40,7 @@ protected:
     void SetUp() override {
         resetPlot();
         host = std::make_unique<MainWindowHost>();
+        setWindowHost(host.get());
         host->start({{1024, 768, 270.9, 203.2}, 96});
         host->show();
     }

@@ -13,9 +13,9 @@
 #include <functional>
 #include <gtest/gtest.h>
 
-#include "platform/resources.h"
 #include "qt/dialog_host.h"
 #include "qt/platform_services.h"
+#include "resources/resources.h"
 #include "support/fixtures.h"
 #include "support/qt_application.h"
 

@@ -15,6 +15,7 @@
 #include "platform/headless_dialog.h"
 #include "platform/recording_surface.h"
 #include "plot/plot_settings.h"
+#include "resources/dialog_ids.h"
 #include "shell/commands.h"
 #include "shell/main_window.h"
 #include "support/fixtures.h"
@@ -22,7 +23,7 @@
 
 namespace corvane::testing {
 
-class RecordingHost final : public ShellHost {
+class RecordingHost final : public WindowHost {
 public:
     void setCursor(CursorShape shape) override { cursor = shape; }
     void captureMouse() override { captured = true; }
@@ -57,9 +58,13 @@ class ShellTest : public ::testing::Test {
 protected:
     void SetUp() override {
         resetPlot();
-        startUp(host, screen);
+        setWindowHost(&host);
+        startUp(screen);
     }
-    void TearDown() override { unsetenv("CORVANE_ENGINE"); }
+    void TearDown() override {
+        unsetenv("CORVANE_ENGINE");
+        setWindowHost(nullptr);
+    }
 
     void useEngine(const std::string& body) { useScriptEngine(dir, body); }
     // A loaded document: the pairs (10 K, 0.5) and (300 K, 0.8), two calculations over both.
@@ -83,8 +88,8 @@ protected:
             if (during) during();
             for (int round = 0; round < 2000 && !d.hasEnded() && d.tick(); ++round)
                 std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            if (status != nullptr) *status = d.text(100);
-            if (!d.hasEnded()) d.click(1000);
+            if (status != nullptr) *status = d.text(SpinControl::statusLine);
+            if (!d.hasEnded()) d.click(SpinControl::close);
         });
     }
 

@@ -5,16 +5,22 @@
 
 #include "fit/fit_document.h"
 #include "platform/headless_dialog.h"
-#include "platform/resources.h"
 #include "plot/paint.h"
 #include "plot/plot_settings.h"
+#include "resources/dialog_ids.h"
+#include "resources/resources.h"
 #include "shell/commands.h"
 #include "shell/main_window.h"
-#include "shell_fixture.h"
+#include "support/shell_fixture.h"
 #include "text/text.h"
 
 namespace corvane {
 namespace {
+
+using R = RangeControl;
+using L = LabelControl;
+using S = StyleControl;
+using B = BoxControl;
 
 class PlotDialogTest : public testing::ShellTest {
 protected:
@@ -45,17 +51,17 @@ TEST_F(PlotDialogTest, TheDisplayRangeTakesTwoRangesAndNumbersThemInFifths) {
     command(idmSelectByMouse);
     const AxisScale chi = s.chiAxis;
     const int repaints = run(idmSelectCustomize, "DL_SELDOS", [&](HeadlessDialog& d) {
-        EXPECT_EQ(d.text(100), formatC("%f", double(s.tAxis.min)));
-        EXPECT_EQ(d.text(400), d.text(200));
-        EXPECT_FALSE(d.isEnabled(995));
-        retype(d, 300, "1e5"); // an exponent is refused at once
-        EXPECT_TRUE(d.hasFocus(300));
-        retype(d, 300, "300");
-        retype(d, 400, "300.0");
-        expectRefused(d, 998, 400); // no width
-        retype(d, 300, " 10");
-        retype(d, 400, "300 ");
-        d.click(998);
+        EXPECT_EQ(d.text(R::tMin), formatC("%f", double(s.tAxis.min)));
+        EXPECT_EQ(d.text(R::newTMax), d.text(R::tMax));
+        EXPECT_FALSE(d.isEnabled(helpButton));
+        retype(d, R::newTMin, "1e5"); // an exponent is refused at once
+        EXPECT_TRUE(d.hasFocus(R::newTMin));
+        retype(d, R::newTMin, "300");
+        retype(d, R::newTMax, "300.0");
+        expectRefused(d, R::ok, R::newTMax); // no width
+        retype(d, R::newTMin, " 10");
+        retype(d, R::newTMax, "300 ");
+        d.click(R::ok);
         EXPECT_TRUE(d.hasEnded());
     });
     EXPECT_EQ(s.tAxis.min, 10.0f);
@@ -63,20 +69,20 @@ TEST_F(PlotDialogTest, TheDisplayRangeTakesTwoRangesAndNumbersThemInFifths) {
     EXPECT_EQ(s.tAxis.majorInterval, 58.0f);
     EXPECT_FLOAT_EQ(s.chiAxis.max, std::stof(formatC("%f", double(chi.max)))); // six decimals
     EXPECT_GE(repaints, 1);
-    EXPECT_FALSE(shell.menu.isChecked(idmSelectByMouse) || shell.selectByMouse == 1);
+    EXPECT_FALSE(shell.menu.isChecked(idmSelectByMouse) || shell.mouseMode == MouseMode::Select);
 
     // Backwards is accepted; Cancel keeps everything.
     run(idmSelectCustomize, "DL_SELDOS", [](HeadlessDialog& d) {
-        retype(d, 301, "2");
-        retype(d, 401, "1");
-        d.click(998);
+        retype(d, R::newChiMin, "2");
+        retype(d, R::newChiMax, "1");
+        d.click(R::ok);
     });
     EXPECT_EQ(s.chiAxis.min, 2.0f);
     EXPECT_EQ(s.chiAxis.majorInterval, -0.2f);
     const PlotSettings before = s;
     run(idmSelectCustomize, "DL_SELDOS", [](HeadlessDialog& d) {
-        retype(d, 300, "50");
-        d.click(999);
+        retype(d, R::newTMin, "50");
+        d.click(R::cancel);
     });
     EXPECT_EQ(s.tAxis.min, before.tAxis.min);
 }
@@ -84,26 +90,28 @@ TEST_F(PlotDialogTest, TheDisplayRangeTakesTwoRangesAndNumbersThemInFifths) {
 TEST_F(PlotDialogTest, LabelingStoresWhatItCanNumberAndTheFontReachesTheAxes) {
     PlotSettings& s = plotSettings;
     run(idmLabel, "DL_LABEL", [&](HeadlessDialog& d) {
-        EXPECT_EQ(d.text(100), "Temperature (K)");
-        EXPECT_EQ(d.text(420), "2");
-        retype(d, 100, std::string(100, 'x'));
-        retype(d, 420, "-2"); // a sign passes while typing
-        EXPECT_TRUE(d.hasFocus(420));
-        retype(d, 300, "0");
-        retype(d, 301, "300");
-        retype(d, 400, "0");
-        retype(d, 401, "300");
-        for (const auto& [field, text] : {std::pair{410, "0"}, {430, "0"}, {720, "11"}}) {
+        EXPECT_EQ(d.text(L::xTitle), "Temperature (K)");
+        EXPECT_EQ(d.text(L::tAxis + L::digits), "2");
+        retype(d, L::xTitle, std::string(100, 'x'));
+        retype(d, L::tAxis + L::digits, "-2"); // a sign passes while typing
+        EXPECT_TRUE(d.hasFocus(L::tAxis + L::digits));
+        retype(d, L::tAxis + L::min, "0");
+        retype(d, L::tAxis + L::max, "300");
+        retype(d, L::tAxis + L::from, "0");
+        retype(d, L::tAxis + L::to, "300");
+        for (const auto& [field, text] : {std::pair{L::tAxis + L::interval, "0"},
+                                          {L::tAxis + L::minorCount, "0"},
+                                          {L::chiAxis + L::digits, "11"}}) {
             const std::string kept = d.text(field);
             retype(d, field, text);
-            expectRefused(d, 998, field);
+            expectRefused(d, L::ok, field);
             retype(d, field, kept);
         }
-        retype(d, 410, "25");
-        retype(d, 601, d.text(600));
-        expectRefused(d, 998, 601);
-        retype(d, 601, "1.5");
-        d.click(998);
+        retype(d, L::tAxis + L::interval, "25");
+        retype(d, L::chiAxis + L::max, d.text(L::chiAxis + L::min));
+        expectRefused(d, L::ok, L::chiAxis + L::max);
+        retype(d, L::chiAxis + L::max, "1.5");
+        d.click(L::ok);
     });
     EXPECT_EQ(std::string(s.xAxisLabel.data()), std::string(79, 'x'));
     EXPECT_EQ(s.tAxis.digits, 0);
@@ -127,9 +135,9 @@ TEST_F(PlotDialogTest, LabelingStoresWhatItCanNumberAndTheFontReachesTheAxes) {
     italic.colour = 0x0000FF;
     choosers.fontAnswers = {std::nullopt, italic};
     run(idmLabel, "DL_LABEL", [](HeadlessDialog& d) {
-        d.click(500); // cancelled in the chooser
-        d.click(500);
-        d.click(999);
+        d.click(L::font); // cancelled in the chooser
+        d.click(L::font);
+        d.click(L::cancel);
     });
     EXPECT_EQ(choosers.fontRequests, (std::vector<Colour>{black, black}));
     EXPECT_EQ(s.labelColour, 0x0000FFu);
@@ -148,24 +156,24 @@ TEST_F(PlotDialogTest, CurveAttributesOfferTheLiveCurvesAndAWidthOfOneToFive) {
     const CurveAttributes before = c;
     run(idmCurveAttributes, "DL_STYLE", [&](HeadlessDialog& d) {
         for (int n = 1; n <= 10; ++n) {
-            EXPECT_EQ(d.isEnabled(100 + n), n <= 2) << n;
-            EXPECT_EQ(d.isEnabled(200 + n), n <= 2) << n;
+            EXPECT_EQ(d.isEnabled(S::colour + n), n <= 2) << n;
+            EXPECT_EQ(d.isEnabled(S::marker + n), n <= 2) << n;
         }
-        EXPECT_EQ(d.selection(1000), 0);
-        d.chooseRow(102, 4);
+        EXPECT_EQ(d.selection(S::width), 0);
+        d.chooseRow(S::colour + 2, 4);
         for (const char* width : {"7", "0"}) {
-            retype(d, 1000, width);
+            retype(d, S::width, width);
             const std::size_t shown = messages.messages.size();
-            expectRefused(d, 999, 1000);
+            expectRefused(d, S::ok, S::width);
             ASSERT_EQ(messages.messages.size(), shown + 1);
             EXPECT_EQ(messages.messages.back().text, "Width value range: 1 - 5 !");
         }
-        retype(d, 1000, "x");
-        expectRefused(d, 999, 1000);
+        retype(d, S::width, "x");
+        expectRefused(d, S::ok, S::width);
         EXPECT_EQ(c.curveColour, before.curveColour); // not even the colour chosen meanwhile
-        retype(d, 1000, "4");
-        d.chooseRow(200, 2);
-        d.click(999);
+        retype(d, S::width, "4");
+        d.chooseRow(S::marker, 2);
+        d.click(S::ok);
     });
     EXPECT_EQ(c.penWidth * 10 + c.penWidthChoice, 43);
     EXPECT_EQ(c.curveColour[1], 4);
@@ -174,9 +182,9 @@ TEST_F(PlotDialogTest, CurveAttributesOfferTheLiveCurvesAndAWidthOfOneToFive) {
     // Points hidden: the marker box opens without a row, and the marker stays.
     plotSettings.experimentalShown = 0;
     run(idmCurveAttributes, "DL_STYLE", [](HeadlessDialog& d) {
-        EXPECT_EQ(d.selection(200), -1);
-        EXPECT_EQ(d.selection(1000), 3);
-        d.click(999);
+        EXPECT_EQ(d.selection(S::marker), -1);
+        EXPECT_EQ(d.selection(S::width), 3);
+        d.click(S::ok);
     });
     EXPECT_EQ(c.experimentalMarker, 2);
 }
@@ -184,29 +192,29 @@ TEST_F(PlotDialogTest, CurveAttributesOfferTheLiveCurvesAndAWidthOfOneToFive) {
 TEST_F(PlotDialogTest, ZoomAndBorderFactorsMultiplyAndCancelAsksFirst) {
     PlotSettings& s = plotSettings;
     for (int k = 0; k < 2; ++k)
-        run(idmZoomCustomize, "DL_ZOOM", [](HeadlessDialog& d) { d.click(999); });
+        run(idmZoomCustomize, "DL_ZOOM", [](HeadlessDialog& d) { d.click(B::ok); });
     EXPECT_EQ(s.zoom, 0.25f);
     run(idmZoomCustomize, "DL_ZOOM", [&](HeadlessDialog& d) {
-        EXPECT_EQ(d.selection(100), 5);
-        retype(d, 100, "123456789012345"); // the field takes 11 characters
-        EXPECT_EQ(d.text(100), "12345678901");
+        EXPECT_EQ(d.selection(B::first), 5);
+        retype(d, B::first, "123456789012345"); // the field takes 11 characters
+        EXPECT_EQ(d.text(B::first), "12345678901");
         for (const char* refused : {"0", "-2", "2x"}) {
-            retype(d, 100, refused);
-            expectRefused(d, 999, 100);
+            retype(d, B::first, refused);
+            expectRefused(d, B::ok, B::first);
         }
-        retype(d, 100, "-"); // passes, holds no number: no change
-        d.click(999);
+        retype(d, B::first, "-"); // passes, holds no number: no change
+        d.click(B::ok);
     });
     EXPECT_EQ(s.zoom, 0.25f);
     EXPECT_EQ(s.zoomChoice, -1);
     run(idmZoomCustomize, "DL_ZOOM", [&](HeadlessDialog& d) {
-        EXPECT_EQ(d.selection(100), -1);
-        retype(d, 100, "2");
+        EXPECT_EQ(d.selection(B::first), -1);
+        retype(d, B::first, "2");
         messages.answers = {idNo};
-        d.click(998);
+        d.click(B::cancel);
         EXPECT_FALSE(d.hasEnded());
         EXPECT_EQ(messages.messages.back().text, "Are you sure to cancel ?");
-        d.click(999);
+        d.click(B::ok);
     });
     EXPECT_EQ(s.zoom, 0.5f);
 
@@ -214,15 +222,15 @@ TEST_F(PlotDialogTest, ZoomAndBorderFactorsMultiplyAndCancelAsksFirst) {
     command(idmFixRatio);
     run(idmZoomCustomize, "DL_ZOOM", [&](HeadlessDialog& d) {
         messages.answers = {idYes};
-        d.click(998);
+        d.click(B::cancel);
     });
     dialogs.expect("DL_BORDER", [&](HeadlessDialog& d) {
-        EXPECT_EQ(d.selection(100), 3);
-        retype(d, 200, "x");
-        expectRefused(d, 999, 200);
+        EXPECT_EQ(d.selection(B::first), 3);
+        retype(d, B::second, "x");
+        expectRefused(d, B::ok, B::second);
         EXPECT_EQ(s.horizontalRatio, 0.5f); // already applied
-        d.chooseRow(200, 0);
-        d.click(999);
+        d.chooseRow(B::second, 0);
+        d.click(B::ok);
     });
     EXPECT_EQ(dialogs.pendingUsers(), 1u);
     MainWndProc({WindowMessage::Command, idmZoomCustomize, 0, 0, nullptr});
@@ -235,18 +243,18 @@ TEST_F(PlotDialogTest, ZoomAndBorderFactorsMultiplyAndCancelAsksFirst) {
 TEST_F(PlotDialogTest, TheBorderWidthIsAWholeNumberFromOne) {
     PlotSettings& s = plotSettings;
     run(idmBorderWidth, "DL_BORDERW", [](HeadlessDialog& d) {
-        EXPECT_EQ(d.selection(100), 1);
-        d.chooseRow(100, 9);
-        d.click(999);
+        EXPECT_EQ(d.selection(B::first), 1);
+        d.chooseRow(B::first, 9);
+        d.click(B::ok);
     });
     EXPECT_EQ(s.frameLineWidth * 100 + s.frameWidthChoice, 1009);
     run(idmBorderWidth, "DL_BORDERW", [&](HeadlessDialog& d) {
         for (const char* refused : {"0", "1.5"}) {
-            retype(d, 100, refused);
-            expectRefused(d, 999, 100);
+            retype(d, B::first, refused);
+            expectRefused(d, B::ok, B::first);
         }
-        retype(d, 100, "12");
-        d.click(999);
+        retype(d, B::first, "12");
+        d.click(B::ok);
     });
     EXPECT_EQ(s.frameLineWidth, 12);
     EXPECT_EQ(s.frameWidthChoice, -1);
