@@ -66,16 +66,8 @@ std::string engineProgram() {
     return findProgram(engineProgramName);
 }
 
-EngineRunner::EngineRunner(EngineProgress* progress) : progress_(progress) {}
-
-namespace {
-
-EngineProgress& progressOr(EngineProgress* progress) {
-    static EngineProgress silent;
-    return progress != nullptr ? *progress : silent;
-}
-
-} // namespace
+EngineRunner::EngineRunner(EngineProgress* progress)
+    : progress_(progress != nullptr ? progress : &silent_) {}
 
 bool EngineRunner::start() {
     runState.lastEngineRun = EngineRun{};
@@ -97,18 +89,18 @@ bool EngineRunner::start() {
     if (!run_.started) {
         runState.lastEngineRun = run_;
         messageBeep(0);
-        progressOr(progress_).status(engineStartFailedText);
+        progress_->status(engineStartFailedText);
         return false;
     }
     started_ = std::time(nullptr);
     running_ = true;
-    progressOr(progress_).status(engineRunningText);
+    progress_->status(engineRunningText);
     return true;
 }
 
 bool EngineRunner::feed(int timeoutMs) {
     if (!running_) return false;
-    EngineProgress& report = progressOr(progress_);
+    EngineProgress& report = *progress_;
     running_ = engine_.poll(timeoutMs, [&](const std::string& text) { report.line(text); });
     return running_;
 }
@@ -148,7 +140,8 @@ const EngineRun& EngineRunner::finish() {
 }
 
 bool runEngine(EngineProgress* progress) {
-    EngineProgress& report = progressOr(progress);
+    EngineProgress silent;
+    EngineProgress& report = progress != nullptr ? *progress : silent;
     EngineRunner runner(&report);
     if (runner.start()) {
         while (runner.feed(pollMilliseconds)) {

@@ -88,6 +88,7 @@ public:
     const EngineRun& run() const { return run_; }
 
 private:
+    EngineProgress silent_; // progress when none is given
     EngineProgress* progress_;
     ChildProgram engine_;
     EngineRun run_;

@@ -11,9 +11,9 @@
 
 namespace corvane {
 
-namespace {
+FileFaults fileFaults;
 
-int writesUntilFault = 0;
+namespace {
 
 std::string systemReason(int code) { return std::strerror(code); }
 
@@ -95,7 +95,7 @@ bool stage(const std::string& path, std::string_view text, Staged& staged) {
     const int fd = createTemporaryBeside(staged.target, staged.temporary);
     if (fd < 0) return false;
     bool ok = true;
-    if (writesUntilFault > 0 && --writesUntilFault == 0) {
+    if (fileFaults.writesUntilFault > 0 && --fileFaults.writesUntilFault == 0) {
         writeAll(fd, text.substr(0, text.size() / 2));
         errno = ENOSPC;
         ok = false;
@@ -199,6 +199,6 @@ bool fileExists(const std::string& path) {
 
 bool removeFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
 
-void failNthFileWrite(int n) { writesUntilFault = n > 0 ? n : 0; }
+void failNthFileWrite(int n) { fileFaults.writesUntilFault = n > 0 ? n : 0; }
 
 } // namespace corvane

@@ -44,9 +44,15 @@ bool fileExists(const std::string& path);
 // Deletes the file at path (never a directory); false when it could not be deleted.
 bool removeFile(const std::string& path);
 
-// Fault injection for tests: the n-th file written from now on by writeWholeFile or
-// writeWholeFiles (1 is the next one) gets part of its temporary written and then fails as if
-// the disk were full. 0 switches it off.
+// Fault injection for tests: while writesUntilFault is above 0, it counts down at every file
+// written by writeWholeFile or writeWholeFiles, and the file at which it reaches 0 gets part of
+// its temporary written and then fails as if the disk were full.
+struct FileFaults {
+    int writesUntilFault = 0;
+};
+extern FileFaults fileFaults;
+
+// The n-th file written from now on fails (1 is the next one); 0 switches it off.
 void failNthFileWrite(int n);
 
 } // namespace corvane

@@ -11,7 +11,6 @@
 
 namespace corvane {
 
-int dashPhase = 0;
 
 namespace {
 
@@ -128,7 +127,7 @@ bool clipToRectangle(DevicePoint p, DevicePoint q, const DeviceBox& box, DeviceP
     return true;
 }
 
-void drawStyledSegment(Surface& surface, int x1, int y1, int x2, int y2, int style) {
+void drawStyledSegment(Surface& surface, int x1, int y1, int x2, int y2, int style, int& phase) {
     if (style <= 0 || style >= lineStyleCount) {
         surface.moveTo(x1, y1);
         surface.lineTo(x2, y2);
@@ -137,12 +136,12 @@ void drawStyledSegment(Surface& surface, int x1, int y1, int x2, int y2, int sty
     const std::string_view pattern = dashPatterns[static_cast<std::size_t>(style)];
     const int period = static_cast<int>(pattern.size());
     auto visit = [&](int x, int y) {
-        if (dashPhase < 0 || dashPhase >= period) dashPhase = 0;
-        if (pattern[static_cast<std::size_t>(dashPhase)] == 'x')
+        if (phase < 0 || phase >= period) phase = 0;
+        if (pattern[static_cast<std::size_t>(phase)] == 'x')
             surface.lineTo(x, y);
         else
             surface.moveTo(x, y);
-        dashPhase = (dashPhase + 1) % period;
+        phase = (phase + 1) % period;
     };
     // Bresenham's walk, both ends included.
     const int dx = x2 - x1, dy = y2 - y1;
@@ -178,7 +177,6 @@ void drawStyledSegment(Surface& surface, int x1, int y1, int x2, int y2, int sty
 }
 
 void drawExperimental(Surface& surface) {
-    dashPhase = 0;
     const PlotSettings& s = plotSettings;
     const CurveAttributes& a = s.curves;
     const Colour c = colourOfRow(a.experimentalColour);
@@ -226,9 +224,9 @@ void drawExperimental(Surface& surface) {
     surface.selectPen(previousPen);
 }
 
-void drawFittedCurve(Surface& surface, int k) {
-    dashPhase = 0;
-    if (k < 0 || k >= std::min(fitDocument.calculationCount, maxCalculations)) return;
+int drawFittedCurve(Surface& surface, int k) {
+    int phase = 0;
+    if (k < 0 || k >= std::min(fitDocument.calculationCount, maxCalculations)) return phase;
     const PlotSettings& s = plotSettings;
     const CurveAttributes& a = s.curves;
     const auto slotK = static_cast<std::size_t>(k);
@@ -237,7 +235,7 @@ void drawFittedCurve(Surface& surface, int k) {
                                                a.penWidth, colourOfRow(a.curveColour[slotK])});
     if (!dataMappable()) {
         surface.selectPen(previousPen);
-        return;
+        return phase;
     }
     if (s.gridLines == 1) {
         const Pen curvePen = surface.selectPen({PenStyle::Solid, a.penWidth, black});
@@ -253,14 +251,14 @@ void drawFittedCurve(Surface& surface, int k) {
     const DeviceBox box = drawingBox();
     const auto period = static_cast<long long>(
         dashPatterns[static_cast<std::size_t>(std::clamp(style, 0, lineStyleCount - 1))].size());
-    auto advance = [period](long long pixels) {
-        if (period > 0) dashPhase = static_cast<int>((dashPhase + pixels) % period);
+    auto advance = [period, &phase](long long pixels) {
+        if (period > 0) phase = static_cast<int>((phase + pixels) % period);
     };
     walkSegments(first, last, displayedFit[slotK], false, [&](DevicePoint from, DevicePoint to) {
         // A dashed curve starts afresh where it comes back into the frame, rather than being
         // joined to where it left.
         if (style == 0) {
-            drawStyledSegment(surface, from.x, from.y, to.x, to.y, style);
+            drawStyledSegment(surface, from.x, from.y, to.x, to.y, style, phase);
             return;
         }
         // A pattern is walked pixel by pixel only near the surface; the pixels beyond it
@@ -272,11 +270,12 @@ void drawFittedCurve(Surface& surface, int k) {
         }
         advance(pixelsBetween(from, start));
         if (!end || *end != start) surface.moveTo(start.x, start.y);
-        drawStyledSegment(surface, start.x, start.y, stop.x, stop.y, style);
+        drawStyledSegment(surface, start.x, start.y, stop.x, stop.y, style, phase);
         advance(pixelsBetween(stop, to));
         end = stop;
     });
     surface.selectPen(previousPen);
+    return phase;
 }
 
 } // namespace corvane

@@ -23,10 +23,6 @@ inline constexpr std::array<std::string_view, lineStyleCount> dashPatterns = {
     "xxxxxx------xxx------xxx------",
     "xxxxxx------xxxxxx------xxx------xxx------"};
 
-// Index of the next element of the dash pattern; 0 at the start of every series, advanced by
-// drawStyledSegment only, so a pattern runs on across the joints of a curve.
-extern int dashPhase;
-
 struct DevicePoint {
     int x = 0, y = 0;
     friend bool operator==(const DevicePoint&, const DevicePoint&) = default;
@@ -46,12 +42,15 @@ bool clipToFrame(DevicePoint p, DevicePoint q, DevicePoint& from, DevicePoint& t
 void drawExperimental(Surface& surface);
 
 // The fitted curve of calculation k (0-based) over its fitted range of pairs, in its colour,
-// style and the pen width; with the grid on, first a line at 0.
-void drawFittedCurve(Surface& surface, int k);
+// style and the pen width; with the grid on, first a line at 0. The dash pattern starts at its
+// first element and runs on across the joints of the curve; returns the index of its next
+// element where the curve ends.
+int drawFittedCurve(Surface& surface, int k);
 
 // One segment in a LineStyle: solid as one line; the others pixel by pixel from (x1, y1) to
-// (x2, y2), both ends included, continuing the pattern at dashPhase. An "on" pixel is joined
-// to the one before with lineTo; an "off" pixel is only moved to.
-void drawStyledSegment(Surface& surface, int x1, int y1, int x2, int y2, int style);
+// (x2, y2), both ends included, continuing the pattern at phase (the index of its next element,
+// advanced past every pixel visited). An "on" pixel is joined to the one before with lineTo; an
+// "off" pixel is only moved to.
+void drawStyledSegment(Surface& surface, int x1, int y1, int x2, int y2, int style, int& phase);
 
 } // namespace corvane

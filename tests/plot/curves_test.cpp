@@ -84,7 +84,7 @@ TEST_F(CurvesTest, AZoomedCurveIsCutExactlyAtTheFrameEdge) {
 TEST_F(CurvesTest, ADottedCurveRunsThreeOnSixOffAcrossTheJoints) {
     loadDefault();
     plotSettings.curves.curveStyle[0] = static_cast<int>(LineStyle::Dotted);
-    drawFittedCurve(surface, 0);
+    const int phase = drawFittedCurve(surface, 0);
     std::vector<SurfaceCall> steps;
     for (const SurfaceCall& c : surface.calls)
         if (c.op == SurfaceOp::MoveTo || c.op == SurfaceOp::LineTo) steps.push_back(c);
@@ -103,7 +103,7 @@ TEST_F(CurvesTest, ADottedCurveRunsThreeOnSixOffAcrossTheJoints) {
     }
     const SurfaceCall& joint = steps[1 + 149];
     EXPECT_EQ(std::make_pair(joint.x1, joint.y1), std::make_pair(437, 352));
-    EXPECT_EQ(dashPhase, 599 % 9);
+    EXPECT_EQ(phase, 599 % 9);
 }
 
 TEST_F(CurvesTest, AZoomFarBeyondTheSurfaceWalksOnlyThePixelsNearIt) {
@@ -111,7 +111,7 @@ TEST_F(CurvesTest, AZoomFarBeyondTheSurfaceWalksOnlyThePixelsNearIt) {
     plotSettings.curves.curveStyle[0] = static_cast<int>(LineStyle::Dotted);
     plotSettings.zoom = 40; // a frame 30000 pixels wide
     layoutFrame();
-    drawFittedCurve(surface, 0);
+    const int phase = drawFittedCurve(surface, 0);
     const DeviceBox box = drawingBox();
     long long pixels = 0; // what a walk of the whole curve would visit
     for (std::size_t i = 1; i < 6; ++i) {
@@ -122,7 +122,7 @@ TEST_F(CurvesTest, AZoomFarBeyondTheSurfaceWalksOnlyThePixelsNearIt) {
                   1;
     }
     EXPECT_GT(pixels, 10000);
-    EXPECT_EQ(dashPhase, pixels % 9);
+    EXPECT_EQ(phase, pixels % 9);
     ASSERT_FALSE(surface.calls.empty());
     EXPECT_LT(surface.calls.size(), 3000u);
     for (const SurfaceCall& c : surface.callsOf(SurfaceOp::LineTo)) {
@@ -131,25 +131,25 @@ TEST_F(CurvesTest, AZoomFarBeyondTheSurfaceWalksOnlyThePixelsNearIt) {
 }
 
 TEST_F(CurvesTest, StyledSegmentsWalkEveryPixelWithBresenham) {
-    dashPhase = 0;
-    drawStyledSegment(surface, 0, 0, 3, 10, static_cast<int>(LineStyle::Dashed));
+    int phase = 0;
+    drawStyledSegment(surface, 0, 0, 3, 10, static_cast<int>(LineStyle::Dashed), phase);
     std::string visits; // "+" drawn to the pixel, "-" moved to it
     for (const SurfaceCall& c : surface.calls)
         visits += c.op == SurfaceOp::LineTo ? formatC("+%d,%d ", c.x2, c.y2)
                                             : formatC("-%d,%d ", c.x1, c.y1);
     EXPECT_EQ(visits, "+0,0 +0,1 +1,2 +1,3 +1,4 +2,5 -2,6 -2,7 -2,8 -3,9 -3,10 ");
-    EXPECT_EQ(dashPhase, 11);
+    EXPECT_EQ(phase, 11);
 
     surface.calls.clear();
-    drawStyledSegment(surface, 10, 5, 0, 5, static_cast<int>(LineStyle::DashDot));
+    drawStyledSegment(surface, 10, 5, 0, 5, static_cast<int>(LineStyle::DashDot), phase);
     EXPECT_EQ(surface.calls.size(), 11u);
     EXPECT_EQ(surface.calls.back().op, SurfaceOp::LineTo); // phase 21 % 21: on again
-    EXPECT_EQ(dashPhase, 1);
+    EXPECT_EQ(phase, 1);
 
     surface.calls.clear();
-    drawStyledSegment(surface, 1, 2, 30, 40, static_cast<int>(LineStyle::Solid));
+    drawStyledSegment(surface, 1, 2, 30, 40, static_cast<int>(LineStyle::Solid), phase);
     EXPECT_EQ(lines(), (std::vector<Line>{{1, 2, 30, 40}}));
-    EXPECT_EQ(dashPhase, 1);
+    EXPECT_EQ(phase, 1);
 }
 
 TEST_F(CurvesTest, GridLinesStartAtZeroAndStepUpToTheTopOfTheRange) {
