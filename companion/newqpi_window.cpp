@@ -233,7 +233,7 @@ QWidget* NewQpiWindow::buildSites() {
     auto* top = new QFormLayout;
     siteCount_ = new QSpinBox(box);
     siteCount_->setRange(0, corvane::maxSites);
-    siteCount_->setToolTip(tr("Number of spin sites, up to 20"));
+    siteCount_->setToolTip(tr("Number of spin sites, up to %1").arg(corvane::maxSites));
     allSites_ = new QComboBox(box);
     allSites_->addItem(tr("each its own"), 0);
     for (int twice = 1; twice <= corvane::maxTwiceSpin; ++twice)
@@ -264,7 +264,7 @@ QWidget* NewQpiWindow::buildJValues() {
     auto* top = new QFormLayout;
     jCount_ = new QSpinBox(box);
     jCount_->setRange(0, corvane::maxJValues);
-    jCount_->setToolTip(tr("Number of distinct exchange constants J1, J2, ..., up to 10"));
+    jCount_->setToolTip(tr("Number of distinct exchange constants J1, J2, ..., up to %1").arg(corvane::maxJValues));
     top->addRow(tr("&J values:"), jCount_);
     layout->addLayout(top);
     jValues_ = makeTable({tr("Start"), tr("Step"), tr("Fit")}, box);
@@ -364,7 +364,7 @@ QWidget* NewQpiWindow::buildData() {
     layout->addLayout(top);
     auto* body = new QHBoxLayout;
     data_ = makeTable({tr("T (K)"), valueHeader(corvane::DataKind::ChiT)}, box);
-    data_->setToolTip(tr("The measured pairs, up to 1000; a value can be corrected in place"));
+    data_->setToolTip(tr("The measured pairs, up to %1; a value can be corrected in place").arg(corvane::maxPairs));
     preview_ = new DataPreview(box);
     body->addWidget(data_, 1);
     body->addWidget(preview_, 1);

@@ -285,7 +285,7 @@ private:
     // The number after J_VALUE or SPIN_ON_SITE: a whole number from 1 to limit. Above the
     // limit, the limit's own message.
     bool statementNumber(const Line& line, std::string_view digits, const char* keyword, int limit,
-                         const char* limitMessage, int& count, int& n) {
+                         const std::string& limitMessage, int& count, int& n) {
         const std::string quoted = shown(digits);
         if (!parseInteger(digits, n)) {
             if (isDigits(digits)) return failAt(line.line, limitMessage); // beyond any int
@@ -308,7 +308,7 @@ private:
                        int n = 0;
                        if (!statementNumber(
                                line, numberAfterKeyword(line.upper, at + keyword.size()), "J_VALUE",
-                               maxJValues, "Maximum J values are 10 !", doc_.jCount, n))
+                               maxJValues, formatC("Maximum J values are %d !", maxJValues), doc_.jCount, n))
                            return false;
                        FitParameter& j = doc_.calculations[slot(1)].j[slot(n)];
                        jLines_[slot(n)] = line.line;
@@ -327,7 +327,8 @@ private:
                        int n = 0;
                        if (!statementNumber(line,
                                             numberAfterKeyword(line.upper, at + keyword.size()),
-                                            "SPIN_ON_SITE", maxSites, "Maximum spin sites are 20 !",
+                                            "SPIN_ON_SITE", maxSites,
+                                            formatC("Maximum spin sites are %d !", maxSites),
                                             doc_.siteCount, n))
                            return false;
                        int& spin = doc_.sites[slot(n)].spin;
@@ -362,7 +363,7 @@ private:
         doc_.interactionCount = 0;
         return forEachStatement("INTERACTION", [&](const Line& line, std::size_t at) {
             const int n = ++doc_.interactionCount;
-            if (n > maxInteractions) return failAt(line.line, "Maximum interractions are 100 !");
+            if (n > maxInteractions) return failAt(line.line, formatC("Maximum interractions are %d !", maxInteractions));
             Interaction& path = doc_.interactions[slot(n)];
             interactionLines_[slot(n)] = line.line;
             std::string_view label = token(line.upper, at, 8); // "J2": the letter is dropped
@@ -384,7 +385,7 @@ private:
         doc_.pairCount = 0;
         return forEachStatement("T_CHI", [&](const Line& line, std::size_t at) {
             const int n = ++doc_.pairCount;
-            if (n > maxPairs) return failAt(line.line, "Maximum Chi-T pairs are 1000 !");
+            if (n > maxPairs) return failAt(line.line, formatC("Maximum Chi-T pairs are %d !", maxPairs));
             DataPair& pair = doc_.pairs[slot(n)];
             if (!real(line, token(line.upper, at, 2), "The temperature", pair.temperature) ||
                 !real(line, token(line.upper, at, 3), "The observed value", pair.observed))

@@ -334,7 +334,8 @@ private:
         if (word(head, 1) != "#" || word(head, 2) != "correlation") return true;
         int count = 0;
         if (!parseInteger(word(head, 3), count) || count < 0 || count > maxParameters)
-            return fail(first, "the number of correlated parameters is not 0 to 14");
+            return fail(first, formatC("the number of correlated parameters is not 0 to %d",
+                                         maxParameters));
         if (lines_.size() < static_cast<std::size_t>(first + count))
             return fail(0, "it ends in the table of correlations");
         for (int a = 0; a < count; ++a) {
