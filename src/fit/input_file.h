@@ -9,6 +9,10 @@
 
 namespace corvane {
 
+// Reads the text of an input file into doc as calculation 1, as readInputFile does, without
+// writing anything; name is the file named in messages. A failed read leaves doc as it was.
+bool readInputText(const std::string& contents, const std::string& name, FitDocument& doc);
+
 // Reads the input file at inputPath into fitDocument as calculation 1 and, on success, writes
 // the engine input file to engineInputPath and the data exchange file to chiPath (chi data) or
 // chitPath (chiT data).
@@ -21,10 +25,6 @@ namespace corvane {
 // negative precision), a control character in the title, a problem the engine cannot fit, an
 // exchange file that cannot be written. Returns false after any of them; no exchange file is
 // written after a failed read.
-// Reads the text of an input file into doc as calculation 1, as readInputFile does, without
-// writing anything; name is the file named in messages. A failed read leaves doc as it was.
-bool readInputText(const std::string& contents, const std::string& name, FitDocument& doc);
-
 bool readInputFile(const std::string& inputPath, const std::string& engineInputPath,
                    const std::string& chiPath, const std::string& chitPath);
 

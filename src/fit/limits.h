@@ -1,5 +1,5 @@
-// Every fixed limit of a fitting problem and of the files that carry it, in one place.
-// Readers and writers alike use these; nothing else spells the numbers.
+// Every fixed limit of a fitting problem and of the files that carry it, in one place. Readers,
+// writers, messages, the menu and the dialogs all take them from here.
 #pragma once
 
 #include <cstddef>

@@ -39,7 +39,6 @@ constexpr int escapeCommand = 2;
 
 } // namespace
 
-// The QDialog: hands closing and Escape to the procedure, and the focus events of the fields.
 // A black rectangle, filled black, or empty (white in a black frame).
 void fillRectangle(QWidget* box, bool filled) {
     QPalette palette = box->palette();
@@ -48,6 +47,7 @@ void fillRectangle(QWidget* box, bool filled) {
     box->setPalette(palette);
 }
 
+// The QDialog: hands closing and Escape to the procedure, and the focus events of the fields.
 class QtDialog::Window final : public QDialog {
 public:
     Window(QtDialog& host, QWidget* owner) : QDialog(owner), host_(host) {}
