@@ -111,6 +111,17 @@ QtDialog::~QtDialog() = default;
 QDialog& QtDialog::window() { return *window_; }
 
 void QtDialog::build() {
+    placeWindow();
+    controls_.reserve(template_->controls.size());
+    for (const ControlTemplate& t : template_->controls) controls_.push_back(makeControl(t));
+    for (const Control& c : controls_)
+        if (c.tmpl->kind == ControlKind::GroupBox) c.widget->lower();
+    for (Control& c : controls_) connect(c);
+}
+
+// Font, title, caption buttons, size, and the place: centred on the owner (or the screen), or
+// at the template's offset from the owner's top-left.
+void QtDialog::placeWindow() {
     QDialog& w = *window_;
     const DialogTemplate& d = *template_;
     QFont font = dialogFont(d);
@@ -133,99 +144,104 @@ void QtDialog::build() {
     } else {
         w.move(owner != nullptr ? owner->mapToGlobal(frame.topLeft()) : frame.topLeft());
     }
+}
 
-    controls_.reserve(d.controls.size());
-    for (const ControlTemplate& t : d.controls) {
-        Control c;
-        c.tmpl = &t;
-        QRect rect = dialogRect(units_, t.x, t.y, t.width, t.height);
-        QString text = qText(t.text);
-        switch (t.kind) {
-        case ControlKind::Static: {
-            auto* label = new QLabel(text, &w);
-            label->setWordWrap(true);
-            label->setAlignment(Qt::AlignTop |
-                                ((t.style & csCentre) != 0 ? Qt::AlignHCenter : Qt::AlignLeft));
-            c.widget = label;
-            break;
-        }
-        case ControlKind::Icon: {
-            auto* label = new QLabel(&w);
-            QIcon icon = QApplication::windowIcon();
-            if (icon.isNull()) icon = w.style()->standardIcon(QStyle::SP_MessageBoxInformation);
-            label->setPixmap(icon.pixmap(32, 32));
-            c.widget = label;
-            break;
-        }
-        case ControlKind::Edit:
-            c.field = new QLineEdit(text, &w);
-            c.field->setReadOnly((t.style & csReadOnly) != 0);
-            c.field->setFrame((t.style & csBorder) != 0);
-            if ((t.style & csCentre) != 0) c.field->setAlignment(Qt::AlignCenter);
+// A combo box: a QComboBox when its list drops down, else a field above a list that is always
+// shown. rect is where it goes; a dropped list's height is not the widget's.
+void QtDialog::makeComboBox(Control& c, QRect& rect) {
+    const ControlTemplate& t = *c.tmpl;
+    QDialog& w = *window_;
+    if ((t.style & (csDropDown | csDropDownList)) != 0) {
+        c.combo = new QComboBox(&w);
+        c.combo->setEditable((t.style & csDropDown) != 0);
+        if (c.combo->isEditable()) {
+            c.combo->setInsertPolicy(QComboBox::NoInsert);
+            c.field = c.combo->lineEdit();
             if (t.maxLength > 0) c.field->setMaxLength(t.maxLength);
-            c.widget = c.field;
-            break;
-        case ControlKind::Button: {
-            auto* button = new QPushButton(text, &w);
-            button->setDefault((t.style & csDefault) != 0);
-            c.widget = c.button = button;
-            break;
         }
-        case ControlKind::CheckBox:
-            c.widget = c.button = new QCheckBox(text, &w);
-            break;
-        case ControlKind::GroupBox: {
-            auto* group = new QGroupBox(text, &w);
-            group->setAttribute(Qt::WA_TransparentForMouseEvents);
-            c.widget = group;
-            break;
-        }
-        case ControlKind::ListBox:
-            c.widget = c.list = new QListWidget(&w);
-            break;
-        case ControlKind::ComboBox:
-            if ((t.style & (csDropDown | csDropDownList)) != 0) {
-                c.combo = new QComboBox(&w);
-                c.combo->setEditable((t.style & csDropDown) != 0);
-                if (c.combo->isEditable()) {
-                    c.combo->setInsertPolicy(QComboBox::NoInsert);
-                    c.field = c.combo->lineEdit();
-                    if (t.maxLength > 0) c.field->setMaxLength(t.maxLength);
-                }
-                // The template's height includes the dropped list.
-                rect.setHeight(c.combo->sizeHint().height());
-                c.widget = c.combo;
-            } else { // simple: the field above a list that is always shown
-                c.widget = new QWidget(&w);
-                c.field = new QLineEdit(c.widget);
-                if (t.maxLength > 0) c.field->setMaxLength(t.maxLength);
-                c.list = new QListWidget(c.widget);
-                c.list->setFocusPolicy(Qt::NoFocus); // the focus stays in the field
-                int fieldHeight = c.field->sizeHint().height();
-                c.field->setGeometry(0, 0, rect.width(), fieldHeight);
-                c.list->setGeometry(0, fieldHeight, rect.width(), rect.height() - fieldHeight);
-            }
-            break;
-        case ControlKind::BlackRect: {
-            auto* box = new QFrame(&w);
-            box->setFrameShape(QFrame::Box);
-            box->setAutoFillBackground(true);
-            c.widget = box;
-            fillRectangle(box, true);
-            break;
-        }
-        }
-        c.widget->setGeometry(rect);
-        c.widget->setObjectName(QString::number(t.id)); // found by its control id
-        c.widget->setEnabled((t.style & csDisabled) == 0);
-        if ((t.style & csTabStop) == 0 && c.button == nullptr && c.field == nullptr &&
-            c.list == nullptr && c.combo == nullptr)
-            c.widget->setFocusPolicy(Qt::NoFocus);
-        controls_.push_back(c);
+        // The template's height includes the dropped list.
+        rect.setHeight(c.combo->sizeHint().height());
+        c.widget = c.combo;
+        return;
     }
-    for (const Control& c : controls_)
-        if (c.tmpl->kind == ControlKind::GroupBox) c.widget->lower();
-    for (Control& c : controls_) connect(c);
+    c.widget = new QWidget(&w);
+    c.field = new QLineEdit(c.widget);
+    if (t.maxLength > 0) c.field->setMaxLength(t.maxLength);
+    c.list = new QListWidget(c.widget);
+    c.list->setFocusPolicy(Qt::NoFocus); // the focus stays in the field
+    int fieldHeight = c.field->sizeHint().height();
+    c.field->setGeometry(0, 0, rect.width(), fieldHeight);
+    c.list->setGeometry(0, fieldHeight, rect.width(), rect.height() - fieldHeight);
+}
+
+QtDialog::Control QtDialog::makeControl(const ControlTemplate& t) {
+    QDialog& w = *window_;
+    Control c;
+    c.tmpl = &t;
+    QRect rect = dialogRect(units_, t.x, t.y, t.width, t.height);
+    QString text = qText(t.text);
+    switch (t.kind) {
+    case ControlKind::Static: {
+        auto* label = new QLabel(text, &w);
+        label->setWordWrap(true);
+        label->setAlignment(Qt::AlignTop |
+                            ((t.style & csCentre) != 0 ? Qt::AlignHCenter : Qt::AlignLeft));
+        c.widget = label;
+        break;
+    }
+    case ControlKind::Icon: {
+        auto* label = new QLabel(&w);
+        QIcon icon = QApplication::windowIcon();
+        if (icon.isNull()) icon = w.style()->standardIcon(QStyle::SP_MessageBoxInformation);
+        label->setPixmap(icon.pixmap(32, 32));
+        c.widget = label;
+        break;
+    }
+    case ControlKind::Edit:
+        c.field = new QLineEdit(text, &w);
+        c.field->setReadOnly((t.style & csReadOnly) != 0);
+        c.field->setFrame((t.style & csBorder) != 0);
+        if ((t.style & csCentre) != 0) c.field->setAlignment(Qt::AlignCenter);
+        if (t.maxLength > 0) c.field->setMaxLength(t.maxLength);
+        c.widget = c.field;
+        break;
+    case ControlKind::Button: {
+        auto* button = new QPushButton(text, &w);
+        button->setDefault((t.style & csDefault) != 0);
+        c.widget = c.button = button;
+        break;
+    }
+    case ControlKind::CheckBox:
+        c.widget = c.button = new QCheckBox(text, &w);
+        break;
+    case ControlKind::GroupBox: {
+        auto* group = new QGroupBox(text, &w);
+        group->setAttribute(Qt::WA_TransparentForMouseEvents);
+        c.widget = group;
+        break;
+    }
+    case ControlKind::ListBox:
+        c.widget = c.list = new QListWidget(&w);
+        break;
+    case ControlKind::ComboBox:
+        makeComboBox(c, rect);
+        break;
+    case ControlKind::BlackRect: {
+        auto* box = new QFrame(&w);
+        box->setFrameShape(QFrame::Box);
+        box->setAutoFillBackground(true);
+        c.widget = box;
+        fillRectangle(box, true);
+        break;
+    }
+    }
+    c.widget->setGeometry(rect);
+    c.widget->setObjectName(QString::number(t.id)); // found by its control id
+    c.widget->setEnabled((t.style & csDisabled) == 0);
+    if ((t.style & csTabStop) == 0 && c.button == nullptr && c.field == nullptr &&
+        c.list == nullptr && c.combo == nullptr)
+        c.widget->setFocusPolicy(Qt::NoFocus);
+    return c;
 }
 
 void QtDialog::connect(Control& c) {

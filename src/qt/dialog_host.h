@@ -98,6 +98,9 @@ private:
     };
     void wrapWhenLong(const Control& control, const QString& text) const;
     void build();
+    void placeWindow();
+    Control makeControl(const ControlTemplate& t);
+    void makeComboBox(Control& control, QRect& rect);
     void connect(Control& control);
     const Control* find(int id) const;
     void send(DialogMessage message, int id, Notification notification);
