@@ -10,6 +10,7 @@
 #include "fit/report.h"
 #include "fit/run_cycle.h"
 #include "support/fixtures.h"
+#include "support/run_fixture.h"
 #include "support/stand_in_engine.h"
 
 namespace corvane {
@@ -26,41 +27,7 @@ RunOutcome recalculate(EngineProgress* progress) {
     return completeRun();
 }
 
-struct Recorder final : EngineProgress {
-    void status(const std::string& text) override { statuses.push_back(text); }
-    void line(const std::string& text) override { lines.push_back(text); }
-    std::vector<std::string> statuses, lines;
-};
-
-class RunCycleTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        resetFitDocument();
-        runState.reset();
-        runState.inputPath = dir.write("cu2.qpi", dimerInput);
-    }
-    void TearDown() override { unsetenv("CORVANE_ENGINE"); }
-
-    // An engine script: body runs with $out set to the output file beside the input file.
-    void useEngine(const std::string& body) { testing::useScriptEngine(dir, body); }
-    void useGoodEngine() {
-        useEngine(std::string("echo 'iteration 1 deviation 0.5'\necho 'iteration 2 deviation "
-                              "0.0125'\nprintf '") +
-                  dimerOutput + "' > \"$out\"");
-    }
-
-    testing::ScratchDir dir;
-    testing::RecordingPort port;
-    Recorder progress;
-};
-
-// As an event loop drives a run: waits until the runner's descriptor is ready, then pumps.
-bool waitAndPump(EngineRunner& runner) {
-    if (!runner.running()) return false;
-    pollfd ready{runner.descriptor(), POLLIN, 0};
-    EXPECT_EQ(::poll(&ready, 1, 60000), 1) << "the descriptor never became ready";
-    return runner.pump();
-}
+using RunCycleTest = testing::RunTest;
 
 TEST(RunCyclePaths, TheReportIsAlwaysBesideItsInputFile) {
     const std::pair<const char*, const char*> reports[] = {
@@ -130,78 +97,6 @@ TEST_F(RunCycleTest, AnInterruptBeforeAnyResultIsSaidAsSuch) {
     EXPECT_EQ(engineFailureText(run), "the fit was interrupted before it had any result");
     run.interrupted = false; // the engine stopped by someone else
     EXPECT_EQ(engineFailureText(run), "the fitting engine stopped with exit code 3");
-}
-
-TEST_F(RunCycleTest, ARunnerHandsOverLinesAsTheyComeAndStopsTheEngineAsAsked) {
-    const std::string waitForever = "echo 'iteration 1'\nwhile :; do sleep 0.02; done";
-    const struct {
-        const char* name;
-        std::string engine; // script body; empty: no engine at all
-        int stops;          // requests to stop, once the first line has come
-        bool exited;
-        int exitCode, signal;
-        bool leftOutput;
-    } runs[] = {
-        {"to its end",
-         std::string("echo 'iteration 1'; echo 'iteration 2'; printf '") + dimerOutput +
-             "' > \"$out\"",
-         0, true, 0, 0, true},
-        // The first request: the engine writes its best result so far and exits with 3.
-        {"interrupted",
-         std::string("trap 'printf \"") + dimerOutput + "\" > \"$out\"; exit 3' TERM\n" +
-             waitForever,
-         1, true, 3, 0, true},
-        // The second: an engine that goes on after the first is stopped at once.
-        {"killed", "trap 'echo still running' TERM\n" + waitForever, 2, false, -1, 9, false},
-    };
-    runState.workDir = dir.path();
-    ASSERT_TRUE(prepareRun(runState.inputPath));
-    for (const auto& r : runs) {
-        SCOPED_TRACE(r.name);
-        useEngine(r.engine);
-        progress = Recorder{};
-        EngineRunner runner(&progress);
-        ASSERT_TRUE(runner.start());
-        EXPECT_EQ(progress.statuses, std::vector<std::string>{engineRunningText});
-        // An engine that ends by itself may end in the pump that brings its first line.
-        while (progress.lines.empty() && waitAndPump(runner)) {
-        }
-        ASSERT_FALSE(progress.lines.empty());
-        EXPECT_EQ(progress.lines.front(), "iteration 1");
-        if (r.stops >= 1) runner.requestInterrupt();
-        if (r.stops >= 2) {
-            while (progress.lines.back() != "still running" && waitAndPump(runner)) {
-            }
-            runner.requestKill();
-        }
-        while (waitAndPump(runner)) {
-        }
-        const EngineRun run = runner.finish();
-        EXPECT_TRUE(run.started);
-        EXPECT_EQ(run.exited, r.exited);
-        EXPECT_EQ(run.exitCode, r.exitCode);
-        EXPECT_EQ(run.signal, r.signal);
-        EXPECT_EQ(run.interrupted, r.stops >= 1);
-        EXPECT_EQ(run.killed, r.stops >= 2);
-        EXPECT_EQ(runState.lastEngineRun.exitCode, r.exitCode);
-        EXPECT_EQ(dir.has("output.txt"), r.leftOutput);
-        if (r.stops == 0) {
-            EXPECT_EQ(progress.lines, (std::vector<std::string>{"iteration 1", "iteration 2"}));
-        }
-        std::filesystem::remove(dir.file("output.txt"));
-    }
-
-    // An engine that cannot be started says so at start, and finish records why.
-    setenv("CORVANE_ENGINE", dir.file("none").c_str(), 1);
-    progress = Recorder{};
-    EngineRunner runner(&progress);
-    EXPECT_FALSE(runner.start());
-    EXPECT_EQ(progress.statuses, std::vector<std::string>{engineStartFailedText});
-    EXPECT_FALSE(runner.pump());
-    const EngineRun run = runner.finish();
-    EXPECT_FALSE(run.started);
-    EXPECT_EQ(run.startFailure, dir.file("none") + ": No such file or directory");
-    EXPECT_EQ(runState.lastEngineRun.startFailure, run.startFailure);
 }
 
 TEST_F(RunCycleTest, AReportLoadedForPlottingCanBeFittedAgainWithTheRealEngine) {
