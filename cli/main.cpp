@@ -169,7 +169,8 @@ std::string withUncertainty(const FitParameter& p) {
     if (p.step == 0.0) return value + " (fixed)";
     if (std::isnan(p.uncertainty) && runState.lastEngineRun.interrupted)
         return value + " (uncertainty not estimated: the fit was interrupted)";
-    if (std::isnan(p.uncertainty)) return value + " (not determined by the data)";
+    if (std::isinf(p.uncertainty)) return value + " (not determined by the data)";
+    if (std::isnan(p.uncertainty)) return value;
     return value + " +/- " + formatC("%.2g", p.uncertainty);
 }
 

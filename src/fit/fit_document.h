@@ -44,10 +44,13 @@ struct FitParameter {
     double start = 0.0;  // starting value given to the engine
     double step = 0.0;   // step given to the engine; 0 keeps the parameter fixed
     double fitted = 0.0; // value the engine found
-    // Its standard uncertainty from the last engine run: 0 for a fixed parameter, NaN when the
-    // data cannot determine it or it is not known (a document read from a report).
+    // Its standard uncertainty: 0 for a fixed parameter, infinite when the data cannot determine
+    // it, NaN when it is not known (a report written without it).
     double uncertainty = 0.0;
 };
+
+// How the engine's fit of a calculation ended.
+enum class FitEnd { Converged, IterationLimit, Interrupted, Plateau };
 
 struct Calculation {
     double tolerance = 0.0; // convergence tolerance given to the engine
@@ -77,6 +80,7 @@ struct Calculation {
         std::array<double, maxParameters> values{};
     };
     std::vector<OtherMinimum> alternatives;
+    FitEnd end = FitEnd::Converged; // a report keeps it when the fit did not converge
 };
 
 struct FitDocument {

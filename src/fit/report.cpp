@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "fit/line_pieces.h"
+#include "fit/results.h"
 #include "platform/files.h"
 #include "platform/messages.h"
 #include "text/text.h"
@@ -55,6 +56,20 @@ constexpr std::string_view fittingFrom = "Fitting from pair #";
 constexpr std::string_view toPair = " to pair #";
 constexpr std::string_view temperature = "Tempreture (K)";
 constexpr std::string_view chiTExperimental = "ChiT (Experimental)";
+// What a run knew beyond the values (written only then; a reader that knows only the labels
+// above reads past these lines).
+constexpr std::string_view uncertainties = "Standard Uncertainties:";
+constexpr std::string_view correlations = "Correlations Of Free Parameters:";
+constexpr std::string_view perDegree = "Squared Deviation Per Degree Of Freedom: ";
+constexpr std::string_view warning = "Warning: ";
+constexpr std::string_view otherMinimum = "Other Minimum: squared deviation ";
+constexpr std::string_view equivalentMinimum = "Equivalent Minimum: squared deviation ";
+constexpr std::string_view minimumAt = " at";
+constexpr std::string_view fitEnd = "Fit End: ";
+constexpr const char* fitEnds[] = {"converged", "iteration limit", "interrupted", "plateau"};
+constexpr const char* fixedWord = "fixed";
+constexpr const char* undeterminedWord = "undetermined";
+constexpr const char* unknownWord = "-";
 constexpr const char* pairHeadings[dataKindCount] = {
     "  #    Tempreture (K)      ChiT (Experimental)      ChiT (Fitted)\n",
     "  #    Tempreture (K)      Chi (Experimental)       Chi (Fitted)\n"};
@@ -92,6 +107,66 @@ void appendHead(std::string& out, const FitDocument& doc, const std::string& dat
         out += "\n  " + str(label::energyUnit) + label::unitNames[unit] + "\n";
 }
 
+// An uncertainty as the report keeps it.
+std::string uncertaintyText(const FitParameter& f) {
+    if (f.step == 0 && f.uncertainty == 0) return label::fixedWord;
+    if (std::isnan(f.uncertainty)) return label::unknownWord;
+    if (!std::isfinite(f.uncertainty)) return label::undeterminedWord;
+    return formatC("%.6g", f.uncertainty);
+}
+
+// What the run knew beyond the values: uncertainties, correlations, the deviation per degree of
+// freedom, warnings, other minima and how the fit ended.
+void appendRunResults(std::string& out, const FitDocument& doc, int n) {
+    const Calculation& calc = doc.calculations[slot(n)];
+    const std::vector<ResultRow> rows = resultRows(doc, n - 1);
+    out += "\n  " + str(label::uncertainties) + "\n";
+    out += "     Parameter   Value              Uncertainty\n";
+    out += "  ---------------------------------------------\n";
+    for (const ResultRow& row : rows) {
+        const FitParameter& f = row.parameter <= fixedParameterCount
+                                    ? *fourParameters(calc)[slot(row.parameter)]
+                                    : calc.j[slot(row.parameter - fixedParameterCount)];
+        out += formatC("     %-11s %-18s %s\n", row.name.c_str(), formatC("%f", f.fitted).c_str(),
+                       uncertaintyText(f).c_str());
+    }
+    if (calc.correlatedCount > 0) {
+        out += "\n  " + str(label::correlations);
+        for (int a = 0; a < calc.correlatedCount; ++a)
+            out += " " + parameterName(calc.correlated[static_cast<std::size_t>(a)]);
+        out += "\n";
+        for (int a = 0; a < calc.correlatedCount; ++a) {
+            out += formatC("     %-6s", parameterName(calc.correlated[static_cast<std::size_t>(a)]).c_str());
+            for (int b = 0; b < calc.correlatedCount; ++b) {
+                const double r = calc.correlation[static_cast<std::size_t>(a)][static_cast<std::size_t>(b)];
+                out += std::isfinite(r) ? formatC(" %7.3f", r) : formatC(" %7s", label::unknownWord);
+            }
+            out += "\n";
+        }
+    }
+    const double perDegree = deviationPerDegree(doc, n - 1);
+    if (std::isfinite(perDegree))
+        out += "\n  " + str(label::perDegree) +
+               formatC("%g (%d points, %d free parameters)\n", perDegree, fittedPoints(doc, n - 1),
+                       freeParameters(doc, n - 1));
+    for (const std::string& warning : calc.warnings)
+        out += "  " + str(label::warning) + printableText(warning) + "\n";
+    // Another minimum: its label line, then its values four to a line, each line but the last
+    // ending in a comma.
+    for (const Calculation::OtherMinimum& other : calc.alternatives) {
+        out += "  " + str(other.equivalent ? label::equivalentMinimum : label::otherMinimum) +
+               formatC("%g", other.deviation) + str(label::minimumAt) + "\n      ";
+        for (std::size_t k = 0; k < rows.size(); ++k) {
+            out += rows[k].name + " " +
+                   formatC("%.10g", other.values[static_cast<std::size_t>(rows[k].parameter - 1)]);
+            out += k + 1 == rows.size() ? "\n" : k % 4 == 3 ? ",\n      " : ", ";
+        }
+    }
+    if (calc.end != FitEnd::Converged)
+        out += "  " + str(label::fitEnd) + label::fitEnds[static_cast<int>(calc.end)] + ". " +
+               fitEndText(calc.end) + "\n";
+}
+
 void appendSection(std::string& out, const FitDocument& doc, int n) {
     const Calculation& calc = doc.calculations[slot(n)];
     out += "\n\n" + label::asterisks + "\n";
@@ -121,6 +196,7 @@ void appendSection(std::string& out, const FitDocument& doc, int n) {
     out += "  -----------------\n";
     for (int k = 1; k <= doc.jCount; ++k)
         out += formatC("     %d      %f\n", k, calc.j[slot(k)].fitted);
+    if (hasRunResults(calc)) appendRunResults(out, doc, n);
     out += "\n  Fitted Susceptibility:\n\n";
     out += "  " + str(label::totalPairs) + formatC("%d.   ", doc.pairCount) +
            str(label::fittingFrom) + formatC("%d", calc.firstPair) + str(label::toPair) +
@@ -220,7 +296,8 @@ private:
     }
 
     // The uncertainties of line 3 or 5: after its "#", one token per parameter; a number, or a
-    // word for one the data cannot determine. A line without them leaves them unknown.
+    // word for one the data cannot determine (infinite). A line without them leaves them
+    // unknown (NaN).
     void uncertainties(int line, const std::array<FitParameter*, maxParameters>& parameters,
                        int count) {
         const std::string& text = lines_[slot(line)].text;
@@ -233,7 +310,7 @@ private:
             if (token.empty())
                 value = std::nan("");
             else if (!parseReal(token, value))
-                value = std::nan("");
+                value = HUGE_VAL; // "undetermined"
             parameters[static_cast<std::size_t>(k)]->uncertainty = value;
         }
     }
@@ -534,6 +611,8 @@ private:
         for (FitParameter& j : calc.j) j.uncertainty = std::nan("");
         calc.warnings.clear();
         calc.alternatives.clear();
+        calc.correlatedCount = 0;
+        calc.end = FitEnd::Converged;
         enum SectionPart { initial, initialJ, fitted, fittedJ, pairs, table, partCount };
         std::array<bool, partCount> seen{};
         for (;;) {
@@ -582,6 +661,7 @@ private:
                         return false;
                 seen[fittedJ] = true;
             }
+            if (!readRunResults(calc, where)) return false;
             if (holds(*line_, label::totalPairs)) {
                 if (!wholeAfter(label::totalPairs, doc_.pairCount) ||
                     !wholeAfter(label::fittingFrom, calc.firstPair) ||
@@ -623,6 +703,92 @@ private:
         for (int p = 0; p < partCount; ++p)
             if (!seen[static_cast<std::size_t>(p)])
                 return fail(formatC("calculation # %d has no %s", n, partNames[p]));
+        return true;
+    }
+
+    // The engine parameter number of a name the report prints ("g" .. "J10"); 0 for none of the
+    // problem's.
+    int parameterNamed(std::string_view name) const {
+        for (int p = 1; p <= fixedParameterCount + doc_.jCount; ++p)
+            if (parameterName(p) == name) return p;
+        return 0;
+    }
+    FitParameter* parameter(Calculation& calc, int p) {
+        if (p <= 0) return nullptr;
+        return p <= fixedParameterCount ? fourParameters(calc)[slot(p)]
+                                        : &calc.j[slot(p - fixedParameterCount)];
+    }
+
+    // What a run knew beyond the values, when line_ holds one of its labels; true when it holds
+    // none. Uncertainties and correlations are tables; warnings, other minima and how the fit
+    // ended lines of their own.
+    bool readRunResults(Calculation& calc, const std::string& where) {
+        if (holds(*line_, label::uncertainties)) {
+            if (!row(where) || !row(where)) return false;
+            for (int k = 0; k < fixedParameterCount + doc_.jCount; ++k) {
+                if (!row(where)) return false;
+                FitParameter* f = parameter(calc, parameterNamed(word(line_->text, 1)));
+                if (f == nullptr) return fail("an uncertainty of no parameter of the problem");
+                const std::string_view u = word(line_->text, 3);
+                if (u == label::fixedWord)
+                    f->uncertainty = 0;
+                else if (u == label::undeterminedWord)
+                    f->uncertainty = HUGE_VAL;
+                else if (u == label::unknownWord)
+                    f->uncertainty = std::nan("");
+                else if (!number("uncertainty", u, f->uncertainty))
+                    return false;
+            }
+        } else if (holds(*line_, label::correlations)) {
+            const std::string head = line_->text;
+            int count = 0;
+            while (!word(head, 5 + count).empty()) ++count;
+            if (count > maxParameters) return fail("more correlated parameters than the problem's");
+            for (int a = 0; a < count; ++a) {
+                const int p = parameterNamed(word(head, 5 + a));
+                if (p == 0) return fail("a correlation of no parameter of the problem");
+                calc.correlated[static_cast<std::size_t>(a)] = p;
+                if (!row(where)) return false;
+                for (int b = 0; b < count; ++b) {
+                    double r = std::nan("");
+                    const std::string_view token = word(line_->text, 2 + b);
+                    if (token != label::unknownWord && !number("correlation", token, r))
+                        return false;
+                    calc.correlation[static_cast<std::size_t>(a)][static_cast<std::size_t>(b)] = r;
+                }
+            }
+            calc.correlatedCount = count;
+        } else if (holds(*line_, label::warning)) {
+            std::string_view text = line_->text;
+            text.remove_prefix(text.find(label::warning) + label::warning.size());
+            calc.warnings.emplace_back(text.substr(0, text.find('\n')));
+        } else if (holds(*line_, label::otherMinimum) || holds(*line_, label::equivalentMinimum)) {
+            Calculation::OtherMinimum other;
+            other.equivalent = holds(*line_, label::equivalentMinimum);
+            if (!numberAfter(other.equivalent ? label::equivalentMinimum : label::otherMinimum,
+                             other.deviation))
+                return false;
+            do {
+                if (!row(where)) return false;
+                std::string_view rest = line_->text;
+                while (!rest.empty()) {
+                    const std::size_t comma = rest.find(',');
+                    const std::string_view pair = rest.substr(0, comma);
+                    const int p = parameterNamed(word(pair, 1));
+                    if (p != 0 && !number("value of a minimum", word(pair, 2),
+                                          other.values[slot(p)]))
+                        return false;
+                    rest = comma == std::string_view::npos ? "" : rest.substr(comma + 1);
+                }
+            } while (line_->text.find_last_not_of(" \n") != std::string::npos &&
+                     line_->text[line_->text.find_last_not_of(" \n")] == ',');
+            calc.alternatives.push_back(other);
+        } else if (holds(*line_, label::fitEnd)) {
+            std::string_view text = line_->text;
+            text.remove_prefix(text.find(label::fitEnd) + label::fitEnd.size());
+            for (int e = 0; e < 4; ++e)
+                if (text.starts_with(label::fitEnds[e])) calc.end = static_cast<FitEnd>(e);
+        }
         return true;
     }
 
@@ -697,7 +863,7 @@ bool readEngineOutput(const std::string& contents, FitDocument& doc, std::string
 }
 
 ReportWrite writeReport(const std::string& outputPath, const std::string& reportPath,
-                        int calculation) {
+                        int calculation, FitEnd end) {
     std::string contents, reason;
     if (!readWholeFile(outputPath, contents, reason, maxReportFileBytes))
         return {fileExists(outputPath) ? ReportWrite::UnusableOutput : ReportWrite::NoOutput,
@@ -706,6 +872,8 @@ ReportWrite writeReport(const std::string& outputPath, const std::string& report
     std::string problem;
     if (!readEngineOutput(contents, *updated, problem, calculation))
         return {ReportWrite::UnusableOutput, problem, "", 0};
+    updated->calculations[slot(calculation == 0 ? updated->calculationCount : calculation)].end =
+        end;
     ReportWrite written{ReportWrite::Written, "", "", 0};
     struct stat status {};
     if (::stat(reportPath.c_str(), &status) == 0) {

@@ -51,9 +51,10 @@ struct ReportWrite {
 // the outcome is Written, fitDocument and the report on disk stay as they were; the caller tells
 // the user why. A report on disk without write permission is not replaced (NotWritten); one that
 // holds more calculations than the new one, or cannot be read as a report, is first kept as
-// reportPath + "~" (an older such copy replaced).
+// reportPath + "~" (an older such copy replaced). end is how the engine's fit ended; the report
+// says so when it did not converge.
 ReportWrite writeReport(const std::string& outputPath, const std::string& reportPath,
-                        int calculation = 0);
+                        int calculation = 0, FitEnd end = FitEnd::Converged);
 
 // Takes a report's text into doc, which is not cleared first: calculations whose numbers are
 // not above doc.calculationCount when their section is met are left as they are. False, with

@@ -116,9 +116,22 @@ void beginRecalculation() {
     if (fileExists(outputPath)) removeFile(outputPath);
 }
 
+namespace {
+
+// How the engine's fit ended, from how the engine ended.
+FitEnd fitEnd(const EngineRun& run) {
+    if (run.interrupted) return FitEnd::Interrupted;
+    if (run.exited && run.exitCode == 1) return FitEnd::IterationLimit;
+    if (run.exited && run.exitCode == 6) return FitEnd::Plateau;
+    return FitEnd::Converged;
+}
+
+} // namespace
+
 RunOutcome completeRun(std::string* problem, int calculation) {
     const std::string outputPath = inWorkDir(engineOutputName);
-    const ReportWrite write = writeReport(outputPath, runState.reportPath, calculation);
+    const ReportWrite write =
+        writeReport(outputPath, runState.reportPath, calculation, fitEnd(runState.lastEngineRun));
     // The run folder goes, unless the run failed or stopped short: then its log is the user's
     // to read.
     const EngineRun& run = runState.lastEngineRun;
