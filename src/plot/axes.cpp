@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <vector>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -115,6 +116,19 @@ std::string numberText(double value, int field, int digits) {
 }
 
 } // namespace
+
+int readableDigits(const std::vector<double>& values, int digits) {
+    const auto apart = [&values](int d) {
+        std::vector<std::string> texts;
+        for (double v : values) texts.push_back(numberText(v, 0, d));
+        std::sort(texts.begin(), texts.end());
+        return std::adjacent_find(texts.begin(), texts.end()) == texts.end();
+    };
+    if (apart(digits)) return digits;
+    for (int d = std::max(digits, 0) + 1; d <= maxReadableDigits; ++d)
+        if (apart(d)) return d;
+    return digits;
+}
 
 int truncDevice(double v) {
     if (std::isnan(v)) return 0;
@@ -245,14 +259,28 @@ void drawAxes(Surface& surface) {
     font.lfHeight = textH;
     font.lfWidth = textW;
 
-    // Vertical title, rotated to run upwards, centred on the middle of the surface's height.
+    // The vertical axis's numbers: right-aligned in a field as wide as "%f" of the axis minimum
+    // and one more, ending about a character left of the outer frame. With more decimals than
+    // set (where the set ones would print two ticks alike) the field widens to the longest.
     const int fieldV =
         static_cast<int>(formatC("%f", static_cast<double>(s.chiAxis.min)).size()) + 1;
+    std::vector<double> shownValues;
+    cWalk.forEach([&](long long n, int y) {
+        if (cWalk.shown(y)) shownValues.push_back(cWalk.value(n));
+    });
+    const int digitsV = readableDigits(shownValues, s.chiAxis.digits);
+    int numberField = fieldV;
+    if (digitsV != s.chiAxis.digits)
+        for (double v : shownValues)
+            numberField = std::max(numberField, static_cast<int>(numberText(v, 0, digitsV).size()) + 1);
+
+    // Vertical title, rotated to run upwards, centred on the middle of the surface's height,
+    // left of the numbers.
     font.lfEscapement = font.lfOrientation = 900;
     LogFont previousFont = surface.selectFont(font);
     const Colour previousColour = surface.setTextColour(s.labelColour);
     const int yLength = labelLength(s.yAxisLabel);
-    surface.textOut(l.frameLeft - textW * (fieldV + 2), l.centreY + textW * yLength / 2,
+    surface.textOut(l.frameLeft - textW * (numberField + 2), l.centreY + textW * yLength / 2,
                     std::string_view(s.yAxisLabel.data(), static_cast<std::size_t>(yLength)));
     surface.selectFont(previousFont);
 
@@ -263,13 +291,12 @@ void drawAxes(Surface& surface) {
     surface.textOut(l.centreX - textW * xLength / 2, l.frameBottom + 4 * textH,
                     std::string_view(s.xAxisLabel.data(), static_cast<std::size_t>(xLength)));
 
-    // Numbers of the vertical axis: right-aligned in a field as wide as "%f" of the axis
-    // minimum and one more, ending about a character left of the outer frame.
+    // Numbers of the vertical axis.
     const int halfText = truncDevice(th * zoom / 2);
     cWalk.forEach([&](long long n, int y) {
         if (cWalk.shown(y))
-            surface.textOut(l.frameLeft - (fieldV + 1) * textW, y - halfText,
-                            numberText(cWalk.value(n), fieldV, s.chiAxis.digits));
+            surface.textOut(l.frameLeft - (numberField + 1) * textW, y - halfText,
+                            numberText(cWalk.value(n), numberField, digitsV));
     });
 
     // Numbers of the horizontal axis, centred under their ticks.

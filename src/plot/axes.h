@@ -5,6 +5,8 @@
 // are device units, y growing downwards.
 #pragma once
 
+#include <vector>
+
 #include "plot/plot_settings.h"
 
 namespace corvane {
@@ -37,6 +39,12 @@ int plotY(double v);
 // Device to data, the inverse of plotX and plotY (up to the truncation).
 double plotT(int px);
 double plotValue(int py);
+
+// The decimals an axis's numbers get: digits, unless two of values would then print alike
+// (chi of 0.001 with two decimals: "0.00" at every tick); then the fewest, up to
+// maxReadableDigits, that print them all apart.
+inline constexpr int maxReadableDigits = 12;
+int readableDigits(const std::vector<double>& values, int digits);
 
 // Lays out the frame from the measured surface, the zoom and the border ratios: unzoomed it
 // lies 15 % of the height in from top and bottom, and is one and a half times as wide as high

@@ -107,6 +107,36 @@ TEST_F(LayoutTest, NumberingFollowsLabelFromLabelToAndDigits) {
     for (const Line& line : lines()) EXPECT_NE(line[0], 123); // no tick on the left side
 }
 
+TEST_F(LayoutTest, VerticalNumbersThatWouldPrintAlikeGetTheFewestDecimalsThatTellThemApart) {
+    EXPECT_EQ(readableDigits({0, 0.00026, 0.00052, 0.00078}, 2), 4);
+    EXPECT_EQ(readableDigits({0, 0.25, 0.5}, 2), 2);    // apart already: as set
+    EXPECT_EQ(readableDigits({0, 0.5, 1.0}, 0), 1);     // whole numbers would print 0 0 1
+    EXPECT_EQ(readableDigits({1, 1 + 1e-15}, 2), 2);    // beyond any sensible decimals: as set
+    EXPECT_EQ(readableDigits({0.1, 0.12}, 1), 2);
+
+    // Values of about 0.001 (chi of an antiferromagnet): six different numbers instead of "0.00" six times,
+    // and the title moved left of the wider numbers.
+    load({{2, 0.0005}, {100, 0.0011}, {300, 0.0013}});
+    drawAxes(surface);
+    std::vector<std::string> numbers;
+    int titleX = 0;
+    int numberX = 0;
+    for (const SurfaceCall& c : surface.callsOf(SurfaceOp::TextOut)) {
+        if (c.text == "ChiT - T")
+            titleX = c.x1;
+        else if (c.x1 < plotLayout.frameLeft && c.y1 < plotLayout.frameBottom) {
+            numbers.push_back(c.text);
+            numberX = c.x1;
+        }
+    }
+    ASSERT_EQ(numbers.size(), 6u);
+    EXPECT_EQ(numbers.front(), "   0.0000");
+    EXPECT_EQ(numbers.back(), "   0.0013");
+    std::sort(numbers.begin(), numbers.end());
+    EXPECT_EQ(std::adjacent_find(numbers.begin(), numbers.end()), numbers.end());
+    EXPECT_LT(titleX, numberX);
+}
+
 TEST_F(LayoutTest, ADegenerateAxisDrawsTheFrameWithoutTicks) {
     load({{0, 0.0}, {0, 0.0}});
     EXPECT_EQ(plotSettings.tAxis.max, plotSettings.tAxis.min);
