@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <vector>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "text/text.h"
 
@@ -272,7 +272,8 @@ void drawAxes(Surface& surface) {
     int numberField = fieldV;
     if (digitsV != s.chiAxis.digits)
         for (double v : shownValues)
-            numberField = std::max(numberField, static_cast<int>(numberText(v, 0, digitsV).size()) + 1);
+            numberField =
+                std::max(numberField, static_cast<int>(numberText(v, 0, digitsV).size()) + 1);
 
     // Vertical title, rotated to run upwards, centred on the middle of the surface's height,
     // left of the numbers.

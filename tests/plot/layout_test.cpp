@@ -109,13 +109,13 @@ TEST_F(LayoutTest, NumberingFollowsLabelFromLabelToAndDigits) {
 
 TEST_F(LayoutTest, VerticalNumbersThatWouldPrintAlikeGetTheFewestDecimalsThatTellThemApart) {
     EXPECT_EQ(readableDigits({0, 0.00026, 0.00052, 0.00078}, 2), 4);
-    EXPECT_EQ(readableDigits({0, 0.25, 0.5}, 2), 2);    // apart already: as set
-    EXPECT_EQ(readableDigits({0, 0.5, 1.0}, 0), 1);     // whole numbers would print 0 0 1
-    EXPECT_EQ(readableDigits({1, 1 + 1e-15}, 2), 2);    // beyond any sensible decimals: as set
+    EXPECT_EQ(readableDigits({0, 0.25, 0.5}, 2), 2); // apart already: as set
+    EXPECT_EQ(readableDigits({0, 0.5, 1.0}, 0), 1);  // whole numbers would print 0 0 1
+    EXPECT_EQ(readableDigits({1, 1 + 1e-15}, 2), 2); // beyond any sensible decimals: as set
     EXPECT_EQ(readableDigits({0.1, 0.12}, 1), 2);
 
-    // Values of about 0.001 (chi of an antiferromagnet): six different numbers instead of "0.00" six times,
-    // and the title moved left of the wider numbers.
+    // Values of about 0.001 (chi of an antiferromagnet): six different numbers instead of "0.00"
+    // six times, and the title moved left of the wider numbers.
     load({{2, 0.0005}, {100, 0.0011}, {300, 0.0013}});
     drawAxes(surface);
     std::vector<std::string> numbers;
