@@ -56,6 +56,8 @@ struct PlotRequest {
     std::string size = "1024x768";
     bool chi = false;
     bool grid = false;
+    bool info = false;      // the results box
+    bool residuals = false; // the residual panel
 };
 
 // "WxH" with both sides in 1..maxExportSide.
@@ -78,6 +80,8 @@ int writePlot(const PlotRequest& request) {
         return exitPlotFailed;
     }
     showPlotForExport(request.chi, request.grid);
+    plotSettings.showInfo = request.info ? 1 : 0;
+    plotSettings.showResiduals = request.residuals ? 1 : 0;
     std::string error;
     if (!exportPlot(request.output, width, height, error)) {
         std::fprintf(stderr, "corvane-fit: cannot write the plot %s: %s\n", request.output.c_str(),
@@ -96,6 +100,10 @@ void addPlotOptions(CLI::App* command, PlotRequest& request, bool required) {
     command->add_option("--size", request.size, "WIDTHxHEIGHT in pixels (default 1024x768)");
     command->add_flag("--chi", request.chi, "plot chi against T instead of chiT");
     command->add_flag("--grid", request.grid, "draw grid lines");
+    command->add_flag("--info", request.info,
+                      "draw the results box: each fitted value with its uncertainty and unit");
+    command->add_flag("--residuals", request.residuals,
+                      "draw the residuals (observed minus calculated) in a panel under the plot");
 }
 
 const char* plural(int n, const char* one, const char* many) { return n == 1 ? one : many; }

@@ -198,6 +198,35 @@ void layoutFrame() {
         truncDevice((l.frameRight - l.frameLeft) * static_cast<double>(s.horizontalRatio));
     l.frameLeft = l.centreX - newWidth / 2;
     l.frameRight = l.frameLeft + newWidth;
+
+    // The residual panel takes the lower part of the frame's place, under a gap.
+    l.panelTop = l.panelBottom = 0;
+    if (s.showResiduals == 1) {
+        const int height = l.frameBottom - l.frameTop;
+        l.panelBottom = l.frameBottom;
+        l.panelTop = l.frameBottom - height / 4;
+        l.frameBottom = l.frameTop + height * 2 / 3;
+    }
+    l.belowPlot = l.panelBottom != 0 ? l.panelBottom : l.frameBottom;
+}
+
+TextCell plotTextCell(Surface& surface) {
+    PlotSettings& s = plotSettings;
+    const double p = plotLayout.printScale;
+    // Text size: the surface's own font times the zoom, or the chosen font's height times the
+    // zoom and the print scale.
+    const TextMetrics own = surface.textMetrics();
+    const int th = own.height, tw = own.averageCharWidth;
+    const double zoom = s.zoom;
+    double fontH = std::trunc(th * zoom), fontW = std::trunc(tw * zoom);
+    if (s.labelFont.lfHeight != 0) {
+        if (s.labelFont.lfHeight < 0)
+            s.labelFont.lfHeight = -std::max(s.labelFont.lfHeight, -INT_MAX);
+        fontH = std::trunc(s.labelFont.lfHeight * zoom * p);
+        fontW = th > 0 ? std::trunc(fontH * tw / th) : std::trunc(fontH / 2);
+    }
+    // A text larger than any surface is of no use; the limit keeps text positions within int.
+    return {fontSize(fontW), fontSize(fontH)};
 }
 
 void drawAxes(Surface& surface) {
@@ -241,20 +270,11 @@ void drawAxes(Surface& surface) {
         });
     });
 
-    // Text size: the surface's own font times the zoom, or the chosen font's height times the
-    // zoom and the print scale.
     const TextMetrics own = surface.textMetrics();
-    const int th = own.height, tw = own.averageCharWidth;
+    const int th = own.height;
     const double zoom = s.zoom;
-    double fontH = std::trunc(th * zoom), fontW = std::trunc(tw * zoom);
-    if (s.labelFont.lfHeight != 0) {
-        if (s.labelFont.lfHeight < 0)
-            s.labelFont.lfHeight = -std::max(s.labelFont.lfHeight, -INT_MAX);
-        fontH = std::trunc(s.labelFont.lfHeight * zoom * p);
-        fontW = th > 0 ? std::trunc(fontH * tw / th) : std::trunc(fontH / 2);
-    }
-    // A text larger than any surface is of no use; the limit keeps text positions within int.
-    const int textH = fontSize(fontH), textW = fontSize(fontW);
+    const TextCell cell = plotTextCell(surface);
+    const int textH = cell.height, textW = cell.width;
     LogFont font = s.labelFont;
     font.lfHeight = textH;
     font.lfWidth = textW;
@@ -289,7 +309,7 @@ void drawAxes(Surface& surface) {
     font.lfEscapement = font.lfOrientation = 0;
     previousFont = surface.selectFont(font);
     const int xLength = labelLength(s.xAxisLabel);
-    surface.textOut(l.centreX - textW * xLength / 2, l.frameBottom + 4 * textH,
+    surface.textOut(l.centreX - textW * xLength / 2, l.belowPlot + 4 * textH,
                     std::string_view(s.xAxisLabel.data(), static_cast<std::size_t>(xLength)));
 
     // Numbers of the vertical axis.
@@ -305,7 +325,7 @@ void drawAxes(Surface& surface) {
     trimLeft(minText.data());
     const int fieldT = static_cast<int>(std::strlen(minText.c_str())) + 1;
     const int shift = truncDevice(fieldT * textW * zoom / 2);
-    const int numberY = l.frameBottom + truncDevice(2 * th * zoom);
+    const int numberY = l.belowPlot + truncDevice(2 * th * zoom);
     tWalk.forEach([&](long long n, int x) {
         if (tWalk.shown(x))
             surface.textOut(x - shift, numberY, numberText(tWalk.value(n), fieldT, s.tAxis.digits));

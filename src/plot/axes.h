@@ -51,6 +51,14 @@ int readableDigits(const std::vector<double>& values, int digits);
 // in physical length, centred.
 void layoutFrame();
 
+// The character cell of the plot's titles and numbers: the surface's own font times the zoom,
+// or the chosen label font's height times the zoom and the print scale. A negative lfHeight of
+// the label font is made positive in plotSettings.
+struct TextCell {
+    int width = 0, height = 0;
+};
+TextCell plotTextCell(Surface& surface);
+
 // Draws the outer frame, the ticks on all four sides, the two axis titles and the numbers.
 // Expects layoutFrame() for the same surface. An axis whose range is empty or whose major step
 // is below one device unit gets no ticks and no numbers. A negative lfHeight of the label

@@ -6,6 +6,8 @@
 #include "plot/axes.h"
 #include "plot/curves.h"
 #include "plot/plot_settings.h"
+#include "plot/residuals.h"
+#include "plot/results_box.h"
 
 namespace corvane {
 
@@ -24,6 +26,8 @@ void paintPlot(Surface& surface) {
     const int calculations = std::clamp(fitDocument.calculationCount, 0, maxCalculations);
     for (int k = 0; k < calculations; ++k)
         if (s.curveShown[static_cast<std::size_t>(k)] == 1) drawFittedCurve(surface, k);
+    drawResidualPanel(surface);
+    drawResultsBox(surface);
 }
 
 } // namespace corvane

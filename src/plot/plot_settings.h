@@ -91,6 +91,8 @@ struct PlotSettings {
     int showChi = 0;           // the vertical axis shows chi (1) or chiT (0)
     int gridLines = 0;         // horizontal grid lines
     int experimentalShown = 1; // experimental markers drawn
+    int showInfo = 0;          // the results box (Show Info)
+    int showResiduals = 0;     // the residual panel under the frame
     std::array<int, maxCalculations> curveShown = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0};
     int plotLoaded = 0; // a document is loaded; painting draws the plot only then
     CurveAttributes curves;
@@ -103,6 +105,10 @@ struct PlotLayout {
     int centreY = 0;
     float pixelAspect = 1.0f; // height over width of one pixel
     int frameLeft = 0, frameRight = 0, frameTop = 0, frameBottom = 0; // the data rectangle
+    // The residual panel's data rectangle, from frameLeft to frameRight (0, 0: none), and the
+    // bottom of the lowest of the two, under which the temperature axis is numbered.
+    int panelTop = 0, panelBottom = 0;
+    int belowPlot = 0;
     int referenceWidth = 0;  // deviceWidth of the screen at start-up
     float printScale = 1.0f; // deviceWidth / referenceWidth, set on every paint
     int printing = 0;        // 1 while a printer page is painted

@@ -25,6 +25,7 @@ enum MenuCommand : int {
     idmGridLines = 303,
     idmDisplayDefault = 304,
     idmShowInfo = 305,
+    idmResiduals = 306,
     idmFitted1 = 3011, // "# 1"; "# n" is idmFitted1 + n - 1, up to "# 10" (3020)
     idmFitted10 = 3020,
     idmSelectByMouse = 401,

@@ -132,6 +132,16 @@ const CommandRow commandTable[] = {
          toggleByMark(plotSettings.gridLines, id);
          repaint();
      }},
+    {idmShowInfo, idmShowInfo,
+     [](int id) {
+         toggleByFlag(plotSettings.showInfo, id);
+         repaint();
+     }},
+    {idmResiduals, idmResiduals,
+     [](int id) {
+         toggleByFlag(plotSettings.showResiduals, id);
+         repaint();
+     }},
     {idmDisplayDefault, idmDisplayDefault,
      [](int) {
          resetDisplayDefaults();
