@@ -25,6 +25,7 @@
 #include "fit/exchange_files.h"
 #include "fit/fit_document.h"
 #include "fit/report.h"
+#include "fit/results.h"
 #include "fit/run_cycle.h"
 #include "plot/plot_settings.h"
 #include "qt/plot_export.h"
@@ -199,6 +200,7 @@ void printResults() {
     for (int k = 1; k <= doc.jCount; ++k)
         std::printf("  J%-3d = %s  %s\n", k, withUncertainty(calc.j[slot(k)]).c_str(),
                     unit.c_str());
+    if (calc.end != FitEnd::Converged) std::printf("%s\n", fitEndText(calc.end).c_str());
     for (const std::string& warning : calc.warnings) std::printf("Warning: %s.\n", warning.c_str());
     static const char* const names[] = {"g", "C", "zJ", "Xtip"};
     for (const Calculation::OtherMinimum& other : calc.alternatives) {
@@ -351,6 +353,7 @@ nlohmann::ordered_json documentJson(const FitDocument& doc) {
                                 {"Xtip", parameterJson(calc.tip)},
                                 {"J", j},
                                 {"correlations", correlationJson(calc)},
+                                {"converged", calc.end == FitEnd::Converged},
                                 {"firstPair", calc.firstPair},
                                 {"lastPair", calc.lastPair},
                                 {"fittedValues", fitted}});

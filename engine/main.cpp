@@ -378,9 +378,12 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
                 std::chrono::steady_clock::time_point started) {
     int freeCount = 0;
     for (const Parameter& parameter : problem.parameters) freeCount += parameter.free();
-    progress("setup %s; %d free parameter%s, %zu points, %d thread%s", plan.describe().c_str(),
-             freeCount, freeCount == 1 ? "" : "s", problem.points.size(), plan.threads,
-             plan.threads == 1 ? "" : "s");
+    int freeJ = 0;
+    for (std::size_t i = firstJIndex; i < problem.parameters.size(); ++i)
+        freeJ += problem.parameters[i].free();
+    progress("setup %s; %d free parameter%s, %zu points, %d thread%s; a fit takes about %.3g s",
+             plan.describe().c_str(), freeCount, freeCount == 1 ? "" : "s", problem.points.size(),
+             plan.threads, plan.threads == 1 ? "" : "s", estimatedSeconds(plan, freeJ));
     // One spectrum per worker: the blocks of each on one thread when several work side by side.
     const int blockThreads = search.workers > 1 ? 1 : plan.threads;
     std::vector<std::unique_ptr<Spectrum>> spectra;

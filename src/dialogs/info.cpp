@@ -10,6 +10,8 @@
 #include "fit/exchange_files.h"
 #include "fit/fit_document.h"
 #include "fit/limits.h"
+#include "fit/results.h"
+#include "platform/ports.h"
 #include "resources/dialog_ids.h"
 #include "text/text.h"
 
@@ -207,6 +209,8 @@ std::intptr_t MOInfo(InfoDialogs& dialogs, InfoState& state, Dialog& dialog, Dia
                 fit(dialogs, state, dialog, control == C::addNew);
             else if (control == C::close && !state.fitting)
                 close(state, dialog);
+            else if (control == copyCommand)
+                window().copyText(resultsTable(fitDocument, {state.calculation}));
         } else if (isEditable(control) && (notification == Notification::EditChanged ||
                                            notification == Notification::EditFocusGained ||
                                            notification == Notification::EditFocusLost)) {

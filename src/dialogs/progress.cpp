@@ -15,6 +15,27 @@ namespace {
 
 using C = SpinControl;
 constexpr int feedMilliseconds = 50;
+constexpr int waitingTicks = 5; // the running cell moves every 250 ms
+
+// The engine's estimate of one fit from its setup line ("setup ...; a fit takes about 27.3 s");
+// 0 when the line gives none.
+double setupEstimate(const std::string& text) {
+    if (text.rfind("setup ", 0) != 0) return 0;
+    const std::size_t at = text.rfind("about ");
+    double seconds = 0;
+    if (at == std::string::npos || std::sscanf(text.c_str() + at, "about %lf s", &seconds) != 1)
+        return 0;
+    return seconds;
+}
+
+std::string waitingText(double seconds) {
+    if (seconds < 1) return "Fitting: the first iteration comes in a moment...";
+    if (seconds < 120)
+        return formatC("Fitting: a fit takes about %.0f s; the first iteration comes soon...",
+                       seconds);
+    return formatC("Fitting: a fit takes about %.0f min; waiting for the first iteration...",
+                   seconds / 60);
+}
 
 // One run of the engine inside the dialog: the dialog shows the engine's latest progress line
 // and fills a cell per iteration.
@@ -27,7 +48,10 @@ public:
     void line(const std::string& text) override {
         int iteration = 0;
         double deviation = 0;
+        const double estimate = setupEstimate(text);
+        if (estimate > 0 && !iterated_) dialog_.setText(C::statusLine, waitingText(estimate));
         if (std::sscanf(text.c_str(), "iteration %d deviation %lf", &iteration, &deviation) == 2) {
+            iterated_ = true;
             dialog_.setText(C::statusLine,
                             formatC("Iteration %d: squared deviation %g", iteration, deviation));
             const int filled = filledCells(iteration);
@@ -51,6 +75,12 @@ public:
     }
 
     void feed() {
+        // Until the first iteration, one cell runs along the row: the engine is at work.
+        if (!iterated_ && ++ticks_ % waitingTicks == 0) {
+            const int lit = (ticks_ / waitingTicks - 1) % C::cellCount;
+            for (int cell = 0; cell < C::cellCount; ++cell)
+                dialog_.setChecked(C::firstCell + cell, cell == lit);
+        }
         if (runner_.pump()) return;
         dialog_.setTimer(0);
         runner_.finish();
@@ -93,6 +123,8 @@ private:
     EngineRunner runner_;
     int calculation_; // the calculation (from 1) that takes the results; 0 the newest
     bool interrupted_ = false;
+    bool iterated_ = false; // the first iteration has been reported
+    int ticks_ = 0;
     RunOutcome outcome_ = RunOutcome::NoResults;
 };
 

@@ -131,7 +131,9 @@ std::string resultsTable(const FitDocument& doc, const std::vector<int>& shown) 
             out += formatC("\t%.10g\t", row.value) + u;
         }
         const Calculation& calc = doc.calculations[static_cast<std::size_t>(k)];
-        out += formatC("\t%.6g\t%.6g\n", calc.deviation, deviationPerDegree(doc, k));
+        const double perDegree = deviationPerDegree(doc, k);
+        out += formatC("\t%.6g\t", calc.deviation) +
+               (std::isfinite(perDegree) ? formatC("%.6g", perDegree) : std::string()) + "\n";
     }
     return out;
 }

@@ -83,6 +83,10 @@ struct DialogTemplate {
 // of the engine, is fed this way, never by a loop inside the procedure).
 enum class DialogMessage { Initialise, Command, Close, Timer };
 
+// The control id of a Command that no control sends: the user pressed the copy key (Ctrl+C)
+// with no text selected.
+inline constexpr int copyCommand = 0x7fff0001;
+
 // What a control reports with a Command.
 enum class Notification {
     None,             // Initialise and Close

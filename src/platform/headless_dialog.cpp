@@ -154,6 +154,10 @@ void HeadlessDialog::closeBySystemMenu() {
     if (procedure_) procedure_(*this, DialogMessage::Close, 0, Notification::None);
 }
 
+void HeadlessDialog::pressCopy() {
+    if (opened_ && !ended_) send(copyCommand, Notification::Clicked);
+}
+
 bool HeadlessDialog::tick() {
     if (!opened_ || ended_ || timer_ == 0) return false;
     if (procedure_) procedure_(*this, DialogMessage::Timer, 0, Notification::None);

@@ -31,6 +31,7 @@ public:
     bool click(int id);
     bool chooseRow(int id, int row);
     void closeBySystemMenu(); // Close: the system menu, the close box or Alt+F4
+    void pressCopy();         // the copy key with no text selected (copyCommand)
     // The interval set with setTimer has passed: sends Timer; false when no timer runs.
     bool tick();
     int timerInterval() const { return timer_; }

@@ -64,6 +64,8 @@ public:
         error = "there is no window";
         return false;
     }
+    void setTitle(const std::string&) override {}
+    void copyText(const std::string&) override {}
 };
 
 HeadlessMessagePort headlessMessages;

@@ -42,6 +42,10 @@ public:
     // The plot as the window shows it, at the window's size, written to path as PNG, PDF or
     // SVG by its extension; false with the reason in error.
     virtual bool savePlot(const std::string& path, std::string& error) = 0;
+    // The window's title.
+    virtual void setTitle(const std::string& title) = 0;
+    // Puts text on the clipboard.
+    virtual void copyText(const std::string& text) = 0;
 };
 
 } // namespace corvane

@@ -11,6 +11,7 @@
 #include <QFontMetrics>
 #include <QFrame>
 #include <QGroupBox>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
@@ -66,6 +67,13 @@ protected:
             if (reason != Qt::ActiveWindowFocusReason && reason != Qt::PopupFocusReason)
                 host_.focusEvent(static_cast<QLineEdit*>(watched),
                                  event->type() == QEvent::FocusIn);
+        }
+        // The copy key in a field with nothing selected goes to the procedure.
+        if (event->type() == QEvent::KeyPress &&
+            static_cast<QKeyEvent*>(event)->matches(QKeySequence::Copy) &&
+            !static_cast<QLineEdit*>(watched)->hasSelectedText()) {
+            host_.send(DialogMessage::Command, copyCommand, Notification::Clicked);
+            return true;
         }
         return QDialog::eventFilter(watched, event);
     }

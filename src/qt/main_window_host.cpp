@@ -2,6 +2,7 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QClipboard>
 #include <QCloseEvent>
 #include <QDragEnterEvent>
 #include <QDropEvent>
@@ -17,6 +18,7 @@
 #include <QPlainTextEdit>
 #include <QScreen>
 #include <QScrollBar>
+#include <QShortcut>
 #include <QSvgRenderer>
 #include <QTimer>
 #include <QUrl>
@@ -189,6 +191,10 @@ MainWindowHost::MainWindowHost() : plot_(new PlotView(*this)) {
     setWindowIcon(QIcon(QStringLiteral(":/corvane/corvane.svg")));
     setCentralWidget(plot_);
     setAcceptDrops(true);
+    // Ctrl+C: the shown calculations' results to the clipboard.
+    auto* copy = new QShortcut(QKeySequence::Copy, this);
+    QObject::connect(copy, &QShortcut::activated, this,
+                     [] { MainWndProc({.message = WindowMessage::Command, .command = idmCopy}); });
 }
 
 MainWindowHost::~MainWindowHost() {
@@ -338,8 +344,19 @@ void MainWindowHost::hideBand() {
 void MainWindowHost::showLogFile(const std::string& path) {
     if (log_ == nullptr) log_ = new LogWindow(*this);
     log_->follow(qText(path));
+    // In front, and usable while the progress dialog is modal: shown as a window of its own
+    // that the dialog does not block.
+    log_->setAttribute(Qt::WA_ShowWithoutActivating, false);
+    log_->setWindowModality(Qt::NonModal);
     log_->show();
     log_->raise();
+    log_->activateWindow();
+}
+
+void MainWindowHost::setTitle(const std::string& title) { setWindowTitle(qText(title)); }
+
+void MainWindowHost::copyText(const std::string& text) {
+    QGuiApplication::clipboard()->setText(qText(text));
 }
 
 void MainWindowHost::closeEvent(QCloseEvent* event) {

@@ -72,6 +72,8 @@ public:
     void showBand(int x0, int y0, int x1, int y1) override;
     void hideBand() override;
     bool savePlot(const std::string& path, std::string& error) override;
+    void setTitle(const std::string& title) override;
+    void copyText(const std::string& text) override;
 
 protected:
     void closeEvent(QCloseEvent* event) override;

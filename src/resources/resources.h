@@ -18,6 +18,7 @@ enum MenuCommand : int {
     idmPrintSetup = 104,
     idmExportPlot = 105,
     idmExit = 106,
+    idmCopy = 107,        // no item: Ctrl+C, the shown calculations' results to the clipboard
     idmRecalculate = 123, // no item: sent by the fitting parameter dialog
     idmDetails = 200,
     idmExperimental = 300,

@@ -4,12 +4,15 @@
 #include <cmath>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 #include "dialogs/about.h"
 #include "dialogs/info.h"
 #include "dialogs/plot_dialogs.h"
 #include "fit/fit_document.h"
+#include "fit/results.h"
 #include "fit/run_state.h"
+#include "platform/messages.h"
 #include "platform/ports.h"
 #include "plot/axes.h"
 #include "plot/paint.h"
@@ -17,6 +20,7 @@
 #include "plot/scaling.h"
 #include "resources/resources.h"
 #include "shell/commands.h"
+#include "text/text.h"
 
 namespace corvane {
 
@@ -91,6 +95,18 @@ void endMouseMode(MouseMode mode) {
     if (shell.mouseMode == mode) setMouseMode(MouseMode::None);
 }
 
+// The shown calculations' results, as a table for a spreadsheet; nothing without a plot.
+void copyResults() {
+    if (plotSettings.plotLoaded != 1) return;
+    std::vector<int> shown;
+    for (int k = 0; k < std::min(fitDocument.calculationCount, maxCalculations); ++k)
+        if (plotSettings.curveShown[static_cast<std::size_t>(k)] == 1) shown.push_back(k);
+    if (shown.empty()) return;
+    window().copyText(resultsTable(fitDocument, shown));
+    showStatus(formatC("The results of %zu calculation%s are on the clipboard.", shown.size(),
+                       shown.size() == 1 ? "" : "s"));
+}
+
 // [SECTION] The command table
 
 using Handler = void (*)(int id);
@@ -109,6 +125,7 @@ const CommandRow commandTable[] = {
     {idmExportPlot, idmExportPlot, [](int) { exportPlotCommand(); }},
     {idmExit, idmExit, [](int) { window().quit(0); }},
     {idmRecalculate, idmRecalculate, [](int) { recalculateCommand(); }},
+    {idmCopy, idmCopy, [](int) { copyResults(); }},
     {idmExperimental, idmExperimental,
      [](int id) {
          toggleByFlag(plotSettings.experimentalShown, id);
@@ -324,6 +341,14 @@ void startUp(Surface& screen) {
     plotSettings.labelFont = defaultLabelFont();
     plotSettings.labelColour = 0;
     resetFitDocument();
+}
+
+std::string windowTitle() {
+    const std::string& path = runState.reportPath;
+    if (path.empty()) return mainWindowTitle;
+    const std::size_t slash = path.rfind('/');
+    return std::string(mainWindowTitle) + " - " +
+           (slash == std::string::npos ? path : path.substr(slash + 1));
 }
 
 CoverPosition coverPosition() {

@@ -71,6 +71,9 @@ extern Shell shell;
 // page at coverPosition().
 void startUp(Surface& screen);
 
+// The window's title: the program's, then the name of the report of the document shown.
+std::string windowTitle();
+
 // Where the cover page stands in the window's client area.
 struct CoverPosition {
     int x, y;

@@ -103,6 +103,7 @@ void refreshAfterLoad(bool keepCurrent) {
     for (int k = 1; k <= n; ++k) shell.menu.uncheck(idmFitted1 + k - 1);
     shell.menu.check(idmFitted1 + doc.currentCalculation);
     showLoadedPlot(doc.currentCalculation); // shown flags, chiT, scalePlot()
+    window().setTitle(windowTitle());
     window().invalidate(true);
 }
 

@@ -100,6 +100,10 @@ TEST_F(InfoDialogTest, APickOpensTheDialogFilledFromThePickedCalculation) {
     EXPECT_FALSE(d->isEnabled(addNew) || d->isEnabled(recalculate));
     EXPECT_TRUE(d->isEnabled(closeButton));
 
+    // The copy key with nothing selected: this calculation's results to the clipboard.
+    d->pressCopy();
+    EXPECT_EQ(host.clipboard.substr(host.clipboard.find('\n') + 1, 4), "# 2\t");
+
     // A pick that finds nothing: no calculation current, no dialog, the open one as it was.
     MainWndProc({WindowMessage::Command, idmDetails, 0, 0, nullptr});
     MainWndProc({WindowMessage::LeftButtonUp, 0, plotLayout.frameLeft + 1, 2, nullptr});

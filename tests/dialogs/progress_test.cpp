@@ -83,6 +83,35 @@ TEST_F(ProgressDialogTest, EachIterationFillsACellAndAFullRowStartsAgain) {
     EXPECT_EQ(filledCells(2 * C::cellCount), C::cellCount);
 }
 
+TEST_F(ProgressDialogTest, BeforeTheFirstIterationItShowsTheEstimateAndACellRunsAlong) {
+    testing::useScriptEngine(dir, "echo 'setup S blocks: dimension 4; a fit takes about 90 s'\n"
+                                  "sleep 30");
+    ASSERT_TRUE(beginInputCycle());
+    std::vector<int> lit;
+    dialogs.expect("DL_SPIN", [&](HeadlessDialog& d) {
+        for (int round = 0; round < 2000 && d.text(C::statusLine).find("90 s") == std::string::npos;
+             ++round) {
+            d.tick();
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        status = d.text(C::statusLine);
+        for (int step = 0; step < 2; ++step) {
+            for (int tick = 0; tick < 5; ++tick) d.tick();
+            for (int cell = 0; cell < C::cellCount; ++cell)
+                if (d.isChecked(C::firstCell + cell)) lit.push_back(cell);
+        }
+        d.click(C::interrupt);
+        d.click(C::interrupt); // at once
+        for (int round = 0; round < 2000 && !d.hasEnded() && d.tick(); ++round)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        if (!d.hasEnded()) d.click(C::close);
+    });
+    runProgressDialog(0, nullptr);
+    EXPECT_EQ(status, "Fitting: a fit takes about 90 s; the first iteration comes soon...");
+    ASSERT_EQ(lit.size(), 2u); // one cell at a time, moving on
+    EXPECT_NE(lit[0], lit[1]);
+}
+
 TEST_F(ProgressDialogTest, WithoutResultsItStaysWithTheReasonAndClose) {
     EXPECT_EQ(run(1, "exit 3"), RunOutcome::NoResults);
     EXPECT_TRUE(closeOffered);

@@ -103,12 +103,22 @@ TEST_F(MainWindowTest, DisplayCommandsToggleTheirFlagsMarksAndRepaint) {
     send(WindowMessage::Paint);
     EXPECT_FALSE(shell.menu.isChecked(idmGridLines));
 
-    // Fix W/H ratio toggles without a repaint; Show Info is not handled and changes nothing.
+    // Fix W/H ratio toggles without a repaint; Show Info and Residuals toggle their flags and
+    // marks, off at start, and repaint.
     const int before = host.repaints;
     command(idmFixRatio);
     EXPECT_EQ(plotSettings.fixedAspect, 0);
-    EXPECT_FALSE(command(idmShowInfo));
     EXPECT_EQ(host.repaints, before);
+    for (const auto& [id, flag] : {std::pair{idmShowInfo, &PlotSettings::showInfo},
+                                   std::pair{idmResiduals, &PlotSettings::showResiduals}}) {
+        EXPECT_EQ(plotSettings.*flag, 0);
+        EXPECT_TRUE(command(id));
+        EXPECT_EQ(plotSettings.*flag, 1);
+        EXPECT_TRUE(shell.menu.isChecked(id));
+        command(id);
+        EXPECT_FALSE(shell.menu.isChecked(id));
+    }
+    EXPECT_EQ(host.repaints, before + 4);
 }
 
 TEST_F(MainWindowTest, TheMouseModesExcludeEachOtherAndTheirDefaultsAndCustomizeEndThem) {
@@ -256,6 +266,16 @@ TEST_F(MainWindowTest, OpenFitsWithTheProgressDialogAndEnablesTheNewCurve) {
     EXPECT_TRUE(shell.menu.isChecked(idmExperimental));
     EXPECT_EQ(plotSettings.plotLoaded, 1);
     EXPECT_TRUE(messages.messages.empty());
+    EXPECT_EQ(host.title, std::string(mainWindowTitle) + " - cu2.qpo");
+
+    // Ctrl+C: the shown calculation's results as a table for a spreadsheet.
+    command(idmCopy);
+    EXPECT_EQ(host.clipboard.substr(0, host.clipboard.find('\n')),
+              "Calculation\tg\tu(g)\tC (cm3 K mol-1)\tu(C)\tzJ (K)\tu(zJ)\tXtip (cm3 mol-1)"
+              "\tu(Xtip)\tJ1 (K)\tu(J1)\tD\tD/(n-p)");
+    EXPECT_EQ(host.clipboard.substr(host.clipboard.find('\n') + 1),
+              "# 1\t2.1\t0.01\t0.003\t0.001\t-0.2\tfixed\t0.00015\tfixed\t-97.25\t0.5\t0.0125"
+              "\t\n"); // two points for three parameters: no D/(n-p)
 
     // Plot of a report of three calculations: "# 1" .. "# 3" usable, only "# 3" shown.
     auto three = std::make_unique<FitDocument>(fitDocument);

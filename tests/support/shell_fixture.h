@@ -37,6 +37,8 @@ public:
     int clientHeight() const override { return 705; }
     void showBand(int x0, int y0, int x1, int y1) override { band = {x0, y0, x1, y1}; }
     void hideBand() override { band.clear(); }
+    void setTitle(const std::string& text) override { title = text; }
+    void copyText(const std::string& text) override { clipboard = text; }
     bool savePlot(const std::string& path, std::string& error) override {
         saved.push_back(path);
         error = saveError;
@@ -52,6 +54,7 @@ public:
     std::vector<int> band;
     std::vector<std::string> saved;
     std::string saveError; // "" saves
+    std::string title, clipboard;
 };
 
 class ShellTest : public ::testing::Test {
