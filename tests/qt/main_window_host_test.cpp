@@ -101,8 +101,9 @@ TEST_F(MainWindowHostTest, TheMenuBarMirrorsTheShellsMenu) {
     grid->trigger();
     EXPECT_FALSE(grid->isCheckable() || grid->isChecked());
     host->action(idmShowInfo)->setEnabled(true);
-    host->action(idmShowInfo)->trigger(); // not handled: stays unmarked
-    EXPECT_FALSE(host->action(idmShowInfo)->isCheckable());
+    host->action(idmShowInfo)->trigger(); // the results box: marked while on
+    EXPECT_TRUE(host->action(idmShowInfo)->isChecked());
+    EXPECT_EQ(plotSettings.showInfo, 1);
 }
 
 TEST_F(MainWindowHostTest, TheWindowAndItsCoverPageStandWhereTheLayoutSays) {
