@@ -49,18 +49,21 @@ QString axisEndText(double value, double low, double high) {
     const double tolerance = std::min(std::fabs(high - low) / 1000, std::fabs(value) / 200);
     if (!std::isfinite(value) || !std::isfinite(tolerance))
         return QString::fromStdString(corvane::formatC("%g", value));
-    std::string best;
-    const auto consider = [&](std::string text) {
+    // The shortest fixed form and the shortest with an exponent; fixed unless that is two
+    // characters longer or more ("0.003", "0.00012", but "1.2e-5").
+    std::string fixed, exponent;
+    const auto consider = [&](std::string& best, std::string text) {
         double read = 0;
         if (!corvane::parseReal(text, read) || std::fabs(read - value) > tolerance) return;
         if (read == 0) text = "0"; // never "-0" or "0.00"
         if (best.empty() || text.size() < best.size()) best = text;
     };
-    // Fixed forms first, so that 300 is "300" rather than "3e2" of the same length.
     for (int decimals = 0; decimals <= 6; ++decimals)
-        consider(corvane::formatC("%.*f", decimals, value));
+        consider(fixed, corvane::formatC("%.*f", decimals, value));
     for (int digits = 1; digits <= 6; ++digits)
-        consider(compactExponent(corvane::formatC("%.*e", digits - 1, value)));
+        consider(exponent, compactExponent(corvane::formatC("%.*e", digits - 1, value)));
+    std::string best = fixed;
+    if (best.empty() || (!exponent.empty() && exponent.size() + 1 < fixed.size())) best = exponent;
     if (best.empty()) best = corvane::formatC("%g", value);
     return QString::fromStdString(best);
 }

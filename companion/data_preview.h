@@ -11,8 +11,8 @@
 namespace newqpi {
 
 // The text of one end of an axis that runs from low to high: the shortest form, fixed or with
-// an exponent ("0.00363", "3.6e-5"), that lies within a thousandth of the axis's length and half
-// a percent of the value.
+// an exponent ("0.003634", "3.6e-5"), that lies within a thousandth of the axis's length and
+// half a percent of the value; fixed unless that is two characters longer or more.
 QString axisEndText(double value, double low, double high);
 
 class DataPreview final : public QWidget {
