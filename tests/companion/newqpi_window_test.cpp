@@ -98,7 +98,8 @@ TEST_F(NewQpiWindowTest, ADimerBuiltFromAMeasuredFileIsSavedAndItsNameStored) {
     ASSERT_EQ(doc->interactionCount, 1);
     EXPECT_EQ(doc->interactions[0].parameterIndex, corvane::firstJParameter);
     EXPECT_EQ(doc->calculations[0].j[0].start, -200);
-    EXPECT_EQ(doc->calculations[0].c.step, 0); // not fitted
+    EXPECT_EQ(doc->calculations[0].c.start, 0.001); // fitted unless the user clears it
+    EXPECT_EQ(doc->calculations[0].c.step, 0.0001);
     ASSERT_EQ(doc->pairCount, 29);
     EXPECT_EQ(doc->pairs[0].temperature, 288.445);
     EXPECT_EQ(doc->pairs[3].observed, 0.334);
