@@ -45,6 +45,7 @@ enum ExitCode : int {
                           // or is left as it was when the engine was stopped at once
     exitPlotFailed = 5,   // the plot could not be written
     exitOutputFailed = 6, // what was to be printed could not be written (a full disk, say)
+    exitUsage = 64,       // a command line that is not understood (EX_USAGE of sysexits.h)
 };
 
 // Progress and notes go to the standard output, or to the standard error stream when the
@@ -153,6 +154,8 @@ extern "C" void onInterrupt(int) {
 class TerminalProgress final : public EngineProgress {
 public:
     void status(const std::string& text) override {
+        // An engine that cannot be started is told once, with the reason, on the error stream.
+        if (text == engineStartFailedText) return;
         std::fprintf(chatter, "%s\n", text.c_str());
         std::fflush(chatter);
     }
@@ -403,16 +406,33 @@ int plotCommand(const std::string& path, const PlotRequest& plot) {
     return writePlot(plot);
 }
 
+// A command line that is not understood: what is wrong, then how the command it names is used,
+// on the error stream. With no arguments at all, the usage alone.
+int usageError(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
+    const std::vector<CLI::App*> commands = app.get_subcommands();
+    if (argc > 1 && commands.empty())
+        std::fprintf(
+            stderr,
+            "corvane-fit: %s is not %s; give one of the commands prepare, run, export or plot.\n",
+            argv[1], argv[1][0] == '-' ? "an option" : "a command");
+    else if (argc > 1)
+        std::fprintf(stderr, "corvane-fit: %s\n", error.what());
+    const std::string usage = commands.empty() ? app.help() : commands.back()->help(app.get_name());
+    std::fprintf(stderr, "%s", usage.c_str());
+    return exitUsage;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{"Corvane: fit the magnetic susceptibility of exchange-coupled spin clusters."};
+    CLI::App app{"Corvane: fit the magnetic susceptibility of exchange-coupled spin clusters.",
+                 "corvane-fit"};
     app.set_version_flag("--version", std::string("corvane-fit ") + CORVANE_VERSION);
     app.require_subcommand(1);
     app.footer("Exit codes: 0 done, 1 a file that cannot be read, 2 no engine, 3 the engine left "
                "no results, 4 interrupted (the report holds the best fit so far; after a second "
                "Ctrl-C it is left as it was), 5 the plot could not be written, 6 the standard "
-               "output could not be written.\n"
+               "output could not be written, 64 a command line that is not understood.\n"
                "The engine is corefit beside corvane-fit or on PATH; CORVANE_ENGINE names "
                "another.");
 
@@ -445,7 +465,13 @@ int main(int argc, char** argv) {
     plotter->add_option("FILE", path, "results report (.qpo)")->required();
     addPlotOptions(plotter, plot, true);
 
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& done) { // --help, --version
+        return app.exit(done);
+    } catch (const CLI::ParseError& error) {
+        return usageError(app, error, argc, argv);
+    }
 
     resetPlot();
     initPlotSettings();

@@ -3,17 +3,32 @@
 #pragma once
 
 #include <QPointF>
+#include <QRect>
 #include <QString>
 #include <QVector>
 #include <QWidget>
 
 namespace newqpi {
 
+// The text of one end of an axis that runs from low to high: the shortest form, fixed or with
+// an exponent ("0.003634", "3.6e-5"), that lies within a thousandth of the axis's length and
+// half a percent of the value; fixed unless that is two characters longer or more.
+QString axisEndText(double value, double low, double high);
+
 class DataPreview final : public QWidget {
 public:
     explicit DataPreview(QWidget* parent = nullptr);
     void setPairs(QVector<QPointF> pairs, const QString& valueName);
     QSize sizeHint() const override { return {320, 170}; }
+
+    // What the preview writes beside its frame, and the frame: the side column left of the
+    // frame holds the value axis's texts whole.
+    struct Axes {
+        double tLow = 0, tHigh = 1, vLow = 0, vHigh = 1;
+        QString tLowText, tHighText, vLowText, vHighText;
+    };
+    Axes axes() const;
+    QRect frame(const Axes& axes) const;
 
 protected:
     void paintEvent(QPaintEvent* event) override;

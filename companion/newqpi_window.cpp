@@ -18,9 +18,12 @@
 #include <QListWidget>
 #include <QMenuBar>
 #include <QPushButton>
+#include <QScreen>
+#include <QScrollArea>
 #include <QShortcut>
 #include <QSpinBox>
 #include <QStatusBar>
+#include <QStyle>
 #include <QTableWidget>
 #include <QVBoxLayout>
 #include <algorithm>
@@ -70,14 +73,30 @@ QLineEdit* numberField(const QString& tip, QWidget* parent) {
 
 QString valueHeader(corvane::DataKind kind) { return QString::fromLatin1(observedName(kind)); }
 
+// The layout of the scrolled form. It says it has no height for width, so that the scroll area
+// gives the form all the room down to its minimum size; otherwise the height its wrapped note
+// would like counts as the least and the form scrolls although it fits.
+class FormLayout final : public QHBoxLayout {
+public:
+    using QHBoxLayout::QHBoxLayout;
+    bool hasHeightForWidth() const override { return false; }
+};
+
 } // namespace
 
 NewQpiWindow::NewQpiWindow() {
     setWindowTitle(tr("newQPI: New Fitting Input File"));
 
+    // The form scrolls when the screen is too small for it; the problems and the buttons stay
+    // in view below it.
     auto* central = new QWidget(this);
     auto* layout = new QVBoxLayout(central);
-    auto* columns = new QHBoxLayout;
+    auto* scroll = new QScrollArea(central);
+    scroll->setWidgetResizable(true);
+    scroll->setFrameShape(QFrame::NoFrame);
+    auto* form = new QWidget(scroll);
+    auto* columns = new FormLayout(form);
+    columns->setContentsMargins(0, 0, 0, 0);
     auto* left = new QVBoxLayout;
     left->addWidget(buildProblem());
     left->addWidget(buildParameters());
@@ -90,11 +109,14 @@ NewQpiWindow::NewQpiWindow() {
     right->addWidget(buildData(), 3);
     columns->addLayout(left, 1);
     columns->addLayout(right, 1);
-    layout->addLayout(columns, 1);
+    scroll->setWidget(form);
+    layout->addWidget(scroll, 1);
 
     auto* problemsLabel = new QLabel(tr("Problems to fix before saving:"), central);
     problems_ = new QListWidget(central);
-    problems_->setMaximumHeight(problems_->fontMetrics().height() * 5 + 8);
+    // Five lines, three on a short screen, where the form needs the room more.
+    const int problemLines = screen()->availableGeometry().height() < 800 ? 3 : 5;
+    problems_->setMaximumHeight(problems_->fontMetrics().height() * problemLines + 8);
     problems_->setToolTip(tr("What keeps the input file from being saved; every change is "
                              "checked at once"));
     problemsLabel->setBuddy(problems_);
@@ -146,7 +168,10 @@ NewQpiWindow::NewQpiWindow() {
     };
 
     setForm(ProblemForm{});
-    resize(1000, 720);
+    // As large as the form wants, within the screen less room for the window's frame.
+    const QRect available = screen()->availableGeometry();
+    const int titleBar = style()->pixelMetric(QStyle::PM_TitleBarHeight) + 8;
+    resize(std::min(1000, available.width() - 8), std::min(720, available.height() - titleBar));
 }
 
 // [SECTION] The fields

@@ -26,7 +26,7 @@ struct ProblemForm {
     corvane::EnergyUnit energyUnit = corvane::EnergyUnit::Cm1;
     std::string precision = "0.00001";
     ParameterText g{"2.0", "0.01", true};
-    ParameterText c{"0.0", "0.0001", false};
+    ParameterText c{"0.001", "0.0001", true}; // an impurity tail is in almost every sample
     ParameterText zJ{"0.0", "0.01", false};
     ParameterText tip{"0.0", "0.00001", false};
     std::vector<int> spins;             // 2S of each site; 0 while none is chosen

@@ -5,6 +5,8 @@
 #include <QComboBox>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QScrollArea>
+#include <QScrollBar>
 #include <QSpinBox>
 #include <QTableWidget>
 #include <QTest>
@@ -98,7 +100,8 @@ TEST_F(NewQpiWindowTest, ADimerBuiltFromAMeasuredFileIsSavedAndItsNameStored) {
     ASSERT_EQ(doc->interactionCount, 1);
     EXPECT_EQ(doc->interactions[0].parameterIndex, corvane::firstJParameter);
     EXPECT_EQ(doc->calculations[0].j[0].start, -200);
-    EXPECT_EQ(doc->calculations[0].c.step, 0); // not fitted
+    EXPECT_EQ(doc->calculations[0].c.start, 0.001); // fitted unless the user clears it
+    EXPECT_EQ(doc->calculations[0].c.step, 0.0001);
     ASSERT_EQ(doc->pairCount, 29);
     EXPECT_EQ(doc->pairs[0].temperature, 288.445);
     EXPECT_EQ(doc->pairs[3].observed, 0.334);
@@ -138,6 +141,26 @@ TEST_F(NewQpiWindowTest, StartedByHandTheSavedFileIsHandedToNoWindow) {
     EXPECT_FALSE(window.isVisible());
     EXPECT_TRUE(messages.messages.empty());
     EXPECT_EQ(corvane::testing::ScratchDir::listingOf(dir.path()), "copy.qpi");
+}
+
+// A 1080-line screen at scale 2 leaves newQPI some 500 lines: the window fits within the
+// screen and shrinks to that height, the form scrolling and Save and Cancel whole below it.
+// With room for the whole form, nothing scrolls.
+TEST_F(NewQpiWindowTest, TheWindowFitsAShortScreenWithItsButtonsInView) {
+    EXPECT_TRUE(window.screen()->availableGeometry().contains(window.frameGeometry()));
+    window.resize(window.width(), 480);
+    QTest::qWait(0);
+    EXPECT_EQ(window.height(), 480);
+    for (QPushButton* b : {window.saveButton(), button("Cancel")})
+        EXPECT_EQ(b->visibleRegion().boundingRect(), b->rect());
+
+    auto* scroll = window.findChild<QScrollArea*>();
+    ASSERT_NE(scroll, nullptr);
+    EXPECT_TRUE(scroll->verticalScrollBar()->isVisible());
+    const int room = scroll->widget()->minimumSizeHint().height() - scroll->viewport()->height();
+    window.resize(window.width(), window.height() + room);
+    QTest::qWait(0);
+    EXPECT_FALSE(scroll->verticalScrollBar()->isVisible());
 }
 
 } // namespace
