@@ -1,5 +1,6 @@
 #include "spectrum.h"
 
+#include "group_blocks.h"
 #include "recoupling.h"
 #include "split_blocks.h"
 
@@ -134,8 +135,10 @@ std::vector<BlockSpec> blockSpecs(const SpinSystem& system, Method method,
     if (method == Method::SBlocks && group != nullptr && group->order() > 1) {
         std::vector<BlockSpec> specs;
         for (const SplitBlockSize& block : splitBlockSizes(system, *group)) {
+            // A level stands for d / kind copies of every state of the multiplet.
+            const auto& irrep = group->irreps[static_cast<std::size_t>(block.irrep)];
             const double s = block.twiceTotal / 2.0,
-                         d = group->irreps[static_cast<std::size_t>(block.irrep)].dimension;
+                         d = static_cast<double>(irrep.dimension) / irrep.kind;
             specs.push_back({block.twiceTotal, block.size, d * (2 * s + 1),
                              d * s * (s + 1) * (2 * s + 1) / 3, block.irrep});
         }
@@ -169,6 +172,10 @@ std::vector<BlockSpec> blockSpecs(const SpinSystem& system, Method method,
 
 // Bytes of a dense n x n matrix of doubles.
 double squareBytes(double n) { return n * n * 8; }
+
+// Floating-point operations a second of dgeqrf, dormqr and dgemm on one thread, measured on
+// 2-core machines (building blocks of the whole symmetry group).
+constexpr double groupFlopRate = 2e10;
 
 // Seconds for dsyevd on an n x n matrix, one thread, from measurements on 2-core machines.
 double eigenSeconds(double n, bool vectors) {
@@ -538,7 +545,53 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
     plan.bytes = plan.scaled ? 0 : k * stored;
     for (std::size_t i = 0; i < sizes.size() && i < static_cast<std::size_t>(plan.threads); ++i)
         plan.bytes += working * squareBytes(sizes[i]);
-    if (plan.split()) {
+    if (plan.split() && plan.group->wholeGroup) {
+        // All irrep blocks of one total spin are built at once from the product states of
+        // M = S and S + 1 (some 40 bytes a state with its orbit; the representatives' rows), then
+        // irrep by irrep: S+ and its kernel dense, the Hamiltonian per J sparse.
+        const auto sites = static_cast<int>(system.twiceSpin.size());
+        const std::vector<Count> counts = momentCounts(system.twiceSpin);
+        const int total = sumTwiceSpin(system.twiceSpin);
+        auto statesOf = [&](int twiceM) {
+            const int i = (twiceM + total) / 2;
+            return i < static_cast<int>(counts.size()) ? static_cast<double>(counts[static_cast<std::size_t>(i)]) : 0.0;
+        };
+        std::vector<std::pair<double, double>> perSpin; // (seconds, bytes) by total spin
+        for (const GroupSpace& space : groupSpaces(system, *plan.group)) {
+            const auto label = static_cast<std::size_t>(space.twiceTotal);
+            if (perSpin.size() <= label) perSpin.resize(label + 1, {0, 0});
+            const auto& irrep = plan.group->irreps[static_cast<std::size_t>(space.irrep)];
+            const double n = space.states - space.above, slots = std::max(k, 1.0);
+            perSpin[label].first += groupBlockFlops(space, used.size(), sites) / groupFlopRate;
+            const double dense = 8 * (space.states * space.above + 2 * space.states * n) +
+                                 slots * space.states * (2.0 + sites) * 16 * irrep.dimension;
+            perSpin[label].second = std::max(perSpin[label].second, dense);
+        }
+        double seconds = 0, slowest = 0;
+        for (std::size_t label = 0; label < perSpin.size(); ++label) {
+            const double states = statesOf(static_cast<int>(label)) + statesOf(static_cast<int>(label) + 2);
+            perSpin[label].first += states * plan.group->order() * sites * 2e-9;
+            perSpin[label].second += states * 40;
+            seconds += perSpin[label].first;
+            slowest = std::max(slowest, perSpin[label].first);
+        }
+        plan.secondsToBuild = std::max(seconds / plan.threads, slowest);
+        std::sort(perSpin.begin(), perSpin.end(), [](const auto& a, const auto& b) {
+            return a.second > b.second;
+        });
+        for (std::size_t i = 0; i < perSpin.size() && i < static_cast<std::size_t>(plan.threads); ++i)
+            plan.bytes += perSpin[i].second;
+        // The blocks of one total spin, held until they are diagonalised.
+        std::vector<double> perLabel;
+        for (const BlockSpec& spec : specs) {
+            const auto label = static_cast<std::size_t>(spec.twiceLabel);
+            if (perLabel.size() <= label) perLabel.resize(label + 1, 0);
+            perLabel[label] += (plan.scaled ? 1 : k) * squareBytes(spec.size);
+        }
+        std::sort(perLabel.begin(), perLabel.end(), std::greater<>());
+        for (std::size_t i = 0; i < perLabel.size() && i < static_cast<std::size_t>(plan.threads); ++i)
+            plan.bytes += perLabel[i];
+    } else if (plan.split()) {
         // All irrep blocks of one total spin are built at once, with the coupled states of that
         // spin (their values and an index, some 100 bytes a state) and their orbits.
         std::vector<std::pair<double, double>> perSpin; // (matrices, states) by total spin
@@ -624,7 +677,10 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     if (plan.split()) {
         // The irrep blocks of one total spin are built together, one total spin per thread,
         // those with the largest blocks first.
-        const CouplingTree tree = couplingTree(*plan.group, static_cast<int>(system.twiceSpin.size()));
+        const bool whole = plan.group->wholeGroup;
+        const CouplingTree tree =
+            whole ? CouplingTree{}
+                  : couplingTree(*plan.group, static_cast<int>(system.twiceSpin.size()));
         std::vector<std::vector<Block*>> bySpin;
         for (const auto& block : blocks_) {
             auto same = std::find_if(bySpin.begin(), bySpin.end(), [&](const auto& list) {
@@ -637,8 +693,12 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
             const auto& list = bySpin[static_cast<std::size_t>(i)];
             std::vector<std::vector<Eigen::MatrixXd>> matrices;
             const auto started = std::chrono::steady_clock::now();
-            buildSplitBlocks(system, *plan.group, tree, jSlot, usedJ_.size(),
-                             list[0]->spec.twiceLabel, matrices, stop_);
+            if (whole)
+                buildGroupBlocks(system, *plan.group, jSlot, usedJ_.size(),
+                                 list[0]->spec.twiceLabel, matrices, stop_);
+            else
+                buildSplitBlocks(system, *plan.group, tree, jSlot, usedJ_.size(),
+                                 list[0]->spec.twiceLabel, matrices, stop_);
             countBuild(started);
             for (Block* block : list) {
                 auto& perJ = matrices[static_cast<std::size_t>(block->spec.irrep)];
