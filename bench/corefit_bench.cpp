@@ -51,6 +51,7 @@
 #include <CLI/CLI.hpp>
 
 #include "fit.h"
+#include "group_blocks.h"
 #include "model.h"
 #include "problem.h"
 #include "problem_io.h"
@@ -797,6 +798,53 @@ int runScale(const Settings& settings) {
         std::fflush(stdout);
     }
 
+    // The whole symmetry group: the blocks split by the subgroup of order 2^k alone (present)
+    // beside those split by the whole group wherever that is estimated faster (new).
+    std::printf("\nthe whole symmetry group: present = S blocks split by the subgroup of order 2^k "
+                "on a coupling tree, new = by the whole group where estimated faster; whole run "
+                "(setup + chiT)\n");
+    std::printf("%-34s  %-44s  %9s  %9s  %8s  %8s  %8s  %8s  %8s  %9s\n", "target", "new method",
+                "present s", "new s", "ratio", "est s", "est GiB", "peak GiB", "pres GiB",
+                "agreement");
+    std::vector<Case> wholeTargets{ring(12, 1, false, {-10}), ring(16, 1, false, {-10}),
+                                   ring(18, 1, false, {-10}), ring(20, 1, false, {-10}),
+                                   ring(10, 3, false, {-10}), standard[3]};
+    wholeTargets[3].large = true;
+    for (std::size_t k = 0; k < wholeTargets.size(); ++k) {
+        const Case& c = wholeTargets[k];
+        if (!chosen(static_cast<int>(k) + 11)) continue;
+        const SpinSystem system = systemOf(c);
+        const SiteSymmetry symmetry = findSymmetry(system);
+        const int sites = static_cast<int>(c.twiceSpin.size());
+        const auto tree = std::make_shared<const SplitGroup>(splitGroup(symmetry, sites));
+        const auto whole = std::make_shared<const SplitGroup>(wholeGroup(symmetry, sites));
+        const Plan present = planSpectrum(system, Method::SBlocks, threads, tree);
+        const Plan fast = planSpectrum(system, Method::SBlocks, threads, tree, {}, whole);
+        progress("%s: %s", c.name.c_str(), fast.describe().c_str());
+        const Measured now = measureApart(c, fast, threads, false);
+        const double presentEstimate = present.secondsToBuild + present.secondsPerSpectrum;
+        Measured before;
+        if ((presentEstimate <= settings.presentBudget && !c.large) || settings.large) {
+            progress("  present: %s", present.describe().c_str());
+            before = measureApart(c, present, threads, false);
+        }
+        auto run = [](const Measured& m) { return m.setup + m.evaluation; };
+        std::printf("%-34s  %-44s  %9s  %9s  %8s  %8.3g  %8.3g  %8.3g  %8s  %9s\n", c.name.c_str(),
+                    format("%.44s", fast.describe().c_str()).c_str(),
+                    before.ok ? seconds(run(before)).c_str()
+                              : format("(est %.0f)", presentEstimate).c_str(),
+                    now.ok ? seconds(run(now)).c_str() : "failed",
+                    before.ok && now.ok ? format("%.3g", run(before) / run(now)).c_str() : "-",
+                    fast.secondsToBuild + fast.secondsPerSpectrum, fast.bytes / gib,
+                    now.peakBytes / gib,
+                    before.ok ? format("%.3g", before.peakBytes / gib).c_str() : "-",
+                    before.ok && now.ok
+                        ? format("%.1e", largestDifference(now.values, before.values)).c_str()
+                        : "-");
+        std::printf("%-34s  %s\n", "", fast.describe().c_str());
+        std::fflush(stdout);
+    }
+
     // FTLM against the exact spectrum (split by symmetry) on rings of 16, 18 and 20 sites.
     if (!chosen(5)) return 0;
     std::printf("\nFTLM (hybrid: lowest %d levels of every M block exact, %d Lanczos steps) "
@@ -1178,7 +1226,8 @@ int main(int argc, char** argv) {
         ->check(CLI::PositiveNumber);
     app.add_flag("--large", settings.large, "also run the 8 x S=5/2 ring (may take many minutes)");
     app.add_option("--case", settings.cases,
-                   "run only these problems (1-8; repeatable); with --scale: 1-4 the targets, 5 "
+                   "run only these problems (1-8; repeatable); with --scale: 1-4 the targets, "
+                   "11-16 the whole group, 5 "
                    "FTLM");
     app.add_flag("--csv", settings.csv, "print CSV instead of an aligned table");
     app.add_flag("--under-load", settings.underLoad,

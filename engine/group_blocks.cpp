@@ -82,7 +82,8 @@ std::vector<SplitGroup::Irrep> irrepsFromRegular(const std::vector<int>& product
     for (double& x : raw) x = numbers.next();
     for (Index g = 0; g < n; ++g)
         c[static_cast<std::size_t>(g)] =
-            raw[static_cast<std::size_t>(g)] + raw[static_cast<std::size_t>(inverse[static_cast<std::size_t>(g)])];
+            raw[static_cast<std::size_t>(g)] +
+            raw[static_cast<std::size_t>(inverse[static_cast<std::size_t>(g)])];
     Eigen::MatrixXd r(n, n);
     for (Index y = 0; y < n; ++y)
         for (Index x = 0; x < n; ++x)
@@ -101,7 +102,8 @@ std::vector<SplitGroup::Irrep> irrepsFromRegular(const std::vector<int>& product
         const Eigen::MatrixXd u = solver.eigenvectors().middleCols(begin, d);
         begin = end;
         // D(g) = U^T L(g) U with L(g) e_x = e_(gx).
-        std::vector<double> matrices(static_cast<std::size_t>(n * d * d)), character(static_cast<std::size_t>(n));
+        std::vector<double> matrices(static_cast<std::size_t>(n * d * d)),
+            character(static_cast<std::size_t>(n));
         for (Index g = 0; g < n; ++g) {
             Eigen::MatrixXd moved(n, d);
             for (Index x = 0; x < n; ++x) moved.row(at(g, x)) = u.row(x);
@@ -130,13 +132,18 @@ std::vector<SplitGroup::Irrep> irrepsFromRegular(const std::vector<int>& product
         indicator /= static_cast<double>(n);
         const int kind = static_cast<int>(std::lround(norm));
         if (std::abs(norm - kind) > 1e-6 || (kind != 1 && kind != 2 && kind != 4) ||
-            std::abs(indicator - (kind == 1 ? 1 : kind == 2 ? 0 : -2)) > 1e-6 || d % kind != 0)
+            std::abs(indicator - (kind == 1   ? 1
+                                  : kind == 2 ? 0
+                                              : -2)) > 1e-6 ||
+            d % kind != 0)
             return {};
         SplitGroup::Irrep irrep;
         irrep.dimension = static_cast<int>(d);
         irrep.kind = kind;
         irrep.name = std::to_string(d) + "D" +
-                     (kind == 2 ? " (complex pair)" : kind == 4 ? " (quaternionic)" : "");
+                     (kind == 2   ? " (complex pair)"
+                      : kind == 4 ? " (quaternionic)"
+                                  : "");
         irrep.matrix = std::move(matrices);
         covered += static_cast<double>(d * d) / kind;
         characters.push_back(std::move(character));
@@ -145,8 +152,8 @@ std::vector<SplitGroup::Irrep> irrepsFromRegular(const std::vector<int>& product
     if (std::abs(covered - static_cast<double>(n)) > 0.5) return {};
     // The trivial representation first, then by dimension.
     auto trivial = [](const SplitGroup::Irrep& irrep) {
-        return irrep.dimension == 1 &&
-               std::all_of(irrep.matrix.begin(), irrep.matrix.end(), [](double x) { return x > 0.5; });
+        return irrep.dimension == 1 && std::all_of(irrep.matrix.begin(), irrep.matrix.end(),
+                                                   [](double x) { return x > 0.5; });
     };
     std::stable_sort(irreps.begin(), irreps.end(), [&](const auto& a, const auto& b) {
         return std::make_pair(a.dimension, !trivial(a)) < std::make_pair(b.dimension, !trivial(b));
@@ -185,14 +192,16 @@ struct ProductSpace {
             }
             const std::size_t i = sites - 1;
             for (int d = 0; d <= twiceSpin[i] && d <= sum; ++d)
-                if (sum - d <= rest[i]) self(self, i, sum - d, code + static_cast<std::uint64_t>(d) * stride[i]);
+                if (sum - d <= rest[i])
+                    self(self, i, sum - d, code + static_cast<std::uint64_t>(d) * stride[i]);
         };
         fill(fill, twiceSpin.size(), digitSum, 0);
     }
     Index size() const { return static_cast<Index>(codes.size()); }
     Index find(std::uint64_t code) const {
         const auto found = std::lower_bound(codes.begin(), codes.end(), code);
-        return found != codes.end() && *found == code ? static_cast<Index>(found - codes.begin()) : -1;
+        return found != codes.end() && *found == code ? static_cast<Index>(found - codes.begin())
+                                                      : -1;
     }
     int digit(std::uint64_t code, std::size_t site, int twiceSpin) const {
         return static_cast<int>(code / stride[site] % static_cast<std::uint64_t>(twiceSpin + 1));
@@ -238,9 +247,11 @@ struct AdaptedSpace {
                 const Permutation& p = group.elements[g];
                 std::uint64_t image = 0;
                 for (std::size_t i = 0; i < sites; ++i)
-                    image += static_cast<std::uint64_t>(digits[i]) * space.stride[static_cast<std::size_t>(p[i])];
+                    image += static_cast<std::uint64_t>(digits[i]) *
+                             space.stride[static_cast<std::size_t>(p[i])];
                 const Index target = space.find(image);
-                if (target < 0) throw std::logic_error("a symmetry element leaves the product states");
+                if (target < 0)
+                    throw std::logic_error("a symmetry element leaves the product states");
                 const auto t = static_cast<std::size_t>(target);
                 if (orbitOf[t] < 0) {
                     orbitOf[t] = orbit;
@@ -249,7 +260,8 @@ struct AdaptedSpace {
                 if (t == c)
                     for (std::size_t k = 0; k < irreps; ++k) {
                         const int d = group.irreps[k].dimension;
-                        sums[k] += Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>(
+                        sums[k] += Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic,
+                                                                  Eigen::Dynamic, Eigen::RowMajor>>(
                             group.irreps[k].at(g), d, d);
                     }
             }
@@ -306,7 +318,8 @@ void addElement(const SplitGroup& group, const AdaptedSpace& bra, std::size_t br
                 factor * here.w[braOrbit](0, 0) * group.irreps[k].at(h)[0] * there.aw[other](0, 0));
             continue;
         }
-        const Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>
+        const Eigen::Map<
+            const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>
             dh(group.irreps[k].at(h), d, d);
         const Eigen::MatrixXd y = here.w[braOrbit].transpose() * (dh * there.aw[other]);
         for (int i = 0; i < rows; ++i)
@@ -364,13 +377,15 @@ double groupBlockFlops(const GroupSpace& space, std::size_t slots, int sites) {
     const double factor = 2 * m * a * a - 2.0 / 3.0 * a * a * a; // dgeqrf
     const double kernel = 4 * m * a * n - 2 * a * a * n;         // dormqr on n columns
     const double perJ = 2 * m * (2.0 + sites) * n + 2 * m * n * n;
-    return factor + std::max(0.0, kernel) + static_cast<double>(std::max<std::size_t>(slots, 1)) * perJ;
+    return factor + std::max(0.0, kernel) +
+           static_cast<double>(std::max<std::size_t>(slots, 1)) * perJ;
 }
 
 void buildGroupBlocks(const SpinSystem& system, const SplitGroup& group,
                       const std::vector<int>& jSlot, std::size_t slots, int twiceTotal,
                       std::vector<std::vector<Eigen::MatrixXd>>& matrices, const StopFlag* stop) {
-    const AdaptedSpace here(system, group, twiceTotal, stop), above(system, group, twiceTotal + 2, stop);
+    const AdaptedSpace here(system, group, twiceTotal, stop),
+        above(system, group, twiceTotal + 2, stop);
     const std::size_t irreps = group.irreps.size(), sites = system.twiceSpin.size();
     const ProductSpace& space = here.space;
 
@@ -382,7 +397,8 @@ void buildGroupBlocks(const SpinSystem& system, const SplitGroup& group,
     for (std::size_t o = 0; o < here.representatives.size(); ++o) {
         if (o % 256 == 0) throwIfStopped(stop);
         const std::uint64_t code = space.codes[static_cast<std::size_t>(here.representatives[o])];
-        for (std::size_t i = 0; i < sites; ++i) digits[i] = space.digit(code, i, system.twiceSpin[i]);
+        for (std::size_t i = 0; i < sites; ++i)
+            digits[i] = space.digit(code, i, system.twiceSpin[i]);
         for (const Bond& bond : system.bonds) {
             const auto slot = static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)]);
             auto add = [&](std::size_t k, Index row, Index column, double value) {
@@ -396,15 +412,17 @@ void buildGroupBlocks(const SpinSystem& system, const SplitGroup& group,
                 addElement(group, here, o, here, here.representatives[o], -2 * ma * mb, add);
             if (da < system.twiceSpin[a] && db > 0) {
                 const Index target = space.find(code + space.stride[a] - space.stride[b]);
-                addElement(group, here, o, here, target,
-                           -std::sqrt((sa * (sa + 1) - ma * (ma + 1)) * (sb * (sb + 1) - mb * (mb - 1))),
-                           add);
+                addElement(
+                    group, here, o, here, target,
+                    -std::sqrt((sa * (sa + 1) - ma * (ma + 1)) * (sb * (sb + 1) - mb * (mb - 1))),
+                    add);
             }
             if (da > 0 && db < system.twiceSpin[b]) {
                 const Index target = space.find(code - space.stride[a] + space.stride[b]);
-                addElement(group, here, o, here, target,
-                           -std::sqrt((sa * (sa + 1) - ma * (ma - 1)) * (sb * (sb + 1) - mb * (mb + 1))),
-                           add);
+                addElement(
+                    group, here, o, here, target,
+                    -std::sqrt((sa * (sa + 1) - ma * (ma - 1)) * (sb * (sb + 1) - mb * (mb + 1))),
+                    add);
             }
         }
     }
@@ -452,7 +470,8 @@ void buildGroupBlocks(const SpinSystem& system, const SplitGroup& group,
                 throw std::runtime_error("LAPACK dgeqrf failed with info " + std::to_string(info));
             const double largest = b.diagonal().cwiseAbs().maxCoeff();
             if (b.diagonal().cwiseAbs().minCoeff() < 1e-9 * largest)
-                throw std::logic_error("S+ does not reach every state of M + 1 in a symmetry block");
+                throw std::logic_error(
+                    "S+ does not reach every state of M + 1 in a symmetry block");
             kernel.setZero();
             kernel.bottomRows(n).setIdentity();
             const char left = 'L', none = 'N';

@@ -114,7 +114,8 @@ struct BlockSpec {
     int twiceLabel = 0; // 2M for M blocks, 2S for S blocks, unused for the full basis
     double size = 0;    // exact up to 2^53, far beyond any block that is built
     double weight = 1, moment = 0;
-    int irrep = -1; // split S blocks: the irreducible representation
+    int irrep = -1;     // split S blocks: the irreducible representation
+    bool whole = false; // of the whole group (product states), not the tree's subgroup
     long built() const { return static_cast<long>(size); } // once the plan is within limits
 };
 
@@ -129,19 +130,31 @@ void checkSystem(const SpinSystem& system) {
                                         ", not " + std::to_string(s));
 }
 
-std::vector<BlockSpec> blockSpecs(const SpinSystem& system, Method method,
-                                  const SplitGroup* group) {
+// The (S, irrep) blocks of a group: a level stands for d / kind copies of every state of the
+// multiplet.
+std::vector<BlockSpec> splitSpecs(const SpinSystem& system, const SplitGroup& group, bool whole) {
+    std::vector<BlockSpec> specs;
+    for (const SplitBlockSize& block : splitBlockSizes(system, group)) {
+        const auto& irrep = group.irreps[static_cast<std::size_t>(block.irrep)];
+        const double s = block.twiceTotal / 2.0,
+                     d = static_cast<double>(irrep.dimension) / irrep.kind;
+        specs.push_back({block.twiceTotal, block.size, d * (2 * s + 1),
+                         d * s * (s + 1) * (2 * s + 1) / 3, block.irrep, whole});
+    }
+    return specs;
+}
+
+std::vector<BlockSpec> blockSpecs(const SpinSystem& system, const Plan& plan) {
     checkSystem(system);
-    if (method == Method::SBlocks && group != nullptr && group->order() > 1) {
+    const Method method = plan.method;
+    if (method == Method::SBlocks && plan.split()) {
         std::vector<BlockSpec> specs;
-        for (const SplitBlockSize& block : splitBlockSizes(system, *group)) {
-            // A level stands for d / kind copies of every state of the multiplet.
-            const auto& irrep = group->irreps[static_cast<std::size_t>(block.irrep)];
-            const double s = block.twiceTotal / 2.0,
-                         d = static_cast<double>(irrep.dimension) / irrep.kind;
-            specs.push_back({block.twiceTotal, block.size, d * (2 * s + 1),
-                             d * s * (s + 1) * (2 * s + 1) / 3, block.irrep});
-        }
+        if (plan.group)
+            for (const BlockSpec& spec : splitSpecs(system, *plan.group, false))
+                if (!plan.splitByWhole(spec.twiceLabel)) specs.push_back(spec);
+        if (plan.whole)
+            for (const BlockSpec& spec : splitSpecs(system, *plan.whole, true))
+                if (plan.splitByWhole(spec.twiceLabel)) specs.push_back(spec);
         return specs;
     }
     const std::vector<Count> counts = momentCounts(system.twiceSpin);
@@ -447,9 +460,32 @@ void parallelFor(long count, int threads, const StopFlag* stop,
 std::string Plan::describe() const {
     char text[320];
     std::string name = methodName(method);
-    if (split())
-        name += " split by symmetry (order " + std::to_string(group->order()) +
-                (group->name.rfind("order", 0) == 0 ? "" : ", " + group->name) + ")";
+    auto named = [](const SplitGroup& g) {
+        return "order " + std::to_string(g.order()) +
+               (g.name.rfind("order", 0) == 0 ? "" : ", " + g.name);
+    };
+    // The total spins split by the whole group, as ranges: "S = 0 to 2, 4".
+    std::string spins;
+    for (std::size_t label = 0; label < wholeFor.size(); ++label) {
+        if (wholeFor[label] == 0 || (label >= 2 && wholeFor[label - 2] != 0)) continue;
+        std::size_t last = label;
+        while (last + 2 < wholeFor.size() && wholeFor[last + 2] != 0) last += 2;
+        char range[48];
+        const double from = static_cast<double>(label) / 2, to = static_cast<double>(last) / 2;
+        if (last == label)
+            std::snprintf(range, sizeof range, "%g", from);
+        else
+            std::snprintf(range, sizeof range, "%g to %g", from, to);
+        spins += (spins.empty() ? "S = " : ", ") + std::string(range);
+    }
+    const bool byTree = group != nullptr && group->order() > 1 && (whole == nullptr || treeUsed);
+    if (!spins.empty() && byTree)
+        name += " split by symmetry (the whole group, " + named(*whole) + ", for " + spins + "; " +
+                named(*group) + " for the others)";
+    else if (!spins.empty())
+        name += " split by symmetry (the whole group, " + named(*whole) + ")";
+    else if (byTree)
+        name += " split by symmetry (" + named(*group) + ")";
     std::snprintf(text, sizeof text, "%s: dimension %.*g, %zu block%s, largest %.*g%s",
                   name.c_str(), dimension < 0x1p53 ? 17 : 4, dimension, blockSizes.size(),
                   blockSizes.size() == 1 ? "" : "s", largestBlock < 0x1p53 ? 17 : 4, largestBlock,
@@ -496,23 +532,128 @@ Plan planFtlm(const SpinSystem& system, Plan plan) {
     return plan;
 }
 
+// The cost of building the blocks of one total spin split by a group: one thread's seconds,
+// the bytes held meanwhile (with the blocks kept until they are diagonalised), and the
+// diagonalisations of a fit (scaled: one spectrum; otherwise some 25 with J slopes).
+struct SpinCost {
+    int twiceTotal = 0;
+    double build = 0, bytes = 0, diagonalise = 0;
+};
+
+std::vector<SpinCost> spinCostsOf(const SpinSystem& system, const SplitGroup& group, bool whole,
+                                  double k, bool scaled) {
+    const auto sites = static_cast<int>(system.twiceSpin.size());
+    std::vector<SpinCost> costs;
+    auto at = [&](int twiceTotal) -> SpinCost& {
+        for (SpinCost& cost : costs)
+            if (cost.twiceTotal == twiceTotal) return cost;
+        costs.push_back({twiceTotal, 0, 0, 0});
+        return costs.back();
+    };
+    for (const BlockSpec& spec : splitSpecs(system, group, whole)) {
+        SpinCost& cost = at(spec.twiceLabel);
+        const double n = spec.size;
+        cost.bytes += (scaled ? 1 : k) * squareBytes(n);
+        cost.diagonalise += scaled ? eigenSeconds(n, false)
+                                   : 25 * (eigenSeconds(n, true) + k * 1.0e-10 * n * n * n);
+        if (!whole) {
+            // Coupled states: their values and an index (some 100 bytes a state) and orbits;
+            // per state its images under the group and a share of the rows (some 1.5 us per
+            // exchange path), measured on these machines.
+            const double states = n * group.irreps[static_cast<std::size_t>(spec.irrep)].dimension;
+            cost.bytes += states * (100 + 2.0 * sites);
+            cost.build +=
+                states * (4e-7 * group.order() + 1.5e-6 * static_cast<double>(system.bonds.size()));
+        }
+    }
+    if (!whole) return costs;
+    // Product states of M = S and S + 1 with their orbits (some 40 bytes a state), then irrep
+    // by irrep: S+ and its kernel dense, the Hamiltonian per J sparse.
+    const std::vector<Count> counts = momentCounts(system.twiceSpin);
+    const int total = sumTwiceSpin(system.twiceSpin);
+    auto statesOf = [&](int twiceM) {
+        const auto i = static_cast<std::size_t>((twiceM + total) / 2);
+        return i < counts.size() ? static_cast<double>(counts[i]) : 0.0;
+    };
+    std::vector<double> dense(costs.size(), 0);
+    for (const GroupSpace& space : groupSpaces(system, group)) {
+        SpinCost& cost = at(space.twiceTotal);
+        const auto& irrep = group.irreps[static_cast<std::size_t>(space.irrep)];
+        const double n = space.states - space.above;
+        cost.build += groupBlockFlops(space, static_cast<std::size_t>(k), sites) / groupFlopRate;
+        const std::size_t i = static_cast<std::size_t>(&cost - costs.data());
+        if (dense.size() <= i) dense.resize(i + 1, 0);
+        dense[i] = std::max(dense[i], 8 * (space.states * space.above + 2 * space.states * n) +
+                                          k * space.states * (2.0 + sites) * 16 * irrep.dimension);
+    }
+    for (std::size_t i = 0; i < costs.size(); ++i) {
+        const double states = statesOf(costs[i].twiceTotal) + statesOf(costs[i].twiceTotal + 2);
+        costs[i].build += states * group.order() * sites * 2e-9;
+        costs[i].bytes += states * 40 + (i < dense.size() ? dense[i] : 0);
+    }
+    return costs;
+}
+
+// For every total spin, the whole group when its blocks are estimated faster to build and
+// diagonalise than those of the tree's subgroup.
+void chooseGroups(const SpinSystem& system, Plan& plan, double k) {
+    const std::vector<SpinCost> whole = spinCostsOf(system, *plan.whole, true, k, plan.scaled);
+    std::vector<SpinCost> tree;
+    if (plan.group) tree = spinCostsOf(system, *plan.group, false, k, plan.scaled);
+    for (const SpinCost& cost : whole) {
+        bool faster = true;
+        for (const SpinCost& other : tree)
+            if (other.twiceTotal == cost.twiceTotal)
+                faster = cost.build + cost.diagonalise < other.build + other.diagonalise;
+        const auto label = static_cast<std::size_t>(cost.twiceTotal);
+        if (plan.wholeFor.size() <= label) plan.wholeFor.resize(label + 1, 0);
+        plan.wholeFor[label] = faster ? 1 : 0;
+    }
+}
+
+// The build costs of the plan's blocks, each total spin by the group it is split by.
+std::vector<SpinCost> spinCosts(const SpinSystem& system, const Plan& plan, double k) {
+    std::vector<SpinCost> costs;
+    for (int whole = 0; whole < 2; ++whole) {
+        const SplitGroup* group = whole ? plan.whole.get() : plan.group.get();
+        if (group == nullptr) continue;
+        for (const SpinCost& cost : spinCostsOf(system, *group, whole != 0, k, plan.scaled))
+            if (plan.splitByWhole(cost.twiceTotal) == (whole != 0)) costs.push_back(cost);
+    }
+    return costs;
+}
+
 } // namespace
 
 Plan planSpectrum(const SpinSystem& system, Method method, int threads,
-                  std::shared_ptr<const SplitGroup> group, const FtlmSettings& ftlm) {
+                  std::shared_ptr<const SplitGroup> group, const FtlmSettings& ftlm,
+                  std::shared_ptr<const SplitGroup> whole) {
     Plan plan;
     plan.method = method == Method::Automatic ? Method::SBlocks : method;
     plan.threads = std::max(1, threads);
     plan.ftlm = ftlm;
     if (plan.method == Method::Ftlm) return planFtlm(system, plan);
-    if (plan.method == Method::SBlocks && group && group->order() > 1) plan.group = std::move(group);
-    const std::vector<BlockSpec> specs = blockSpecs(system, plan.method, plan.group.get());
     const std::vector<int> used = usedJValues(system);
     plan.scaled = used.size() <= 1;
+    const double k = static_cast<double>(std::max<std::size_t>(used.size(), 1));
+    if (plan.method == Method::SBlocks) {
+        if (group && group->wholeGroup) std::swap(group, whole);
+        // With the whole group the tree's subgroup is kept even when trivial: it then splits
+        // nothing, and its coupled states make the blocks the whole group does not.
+        // (Not when the tree's subgroup is the whole group: its blocks are the same and cheaper.)
+        const bool byWhole =
+            whole && whole->order() > 1 && !(group && group->order() >= whole->order());
+        if (group && (group->order() > 1 || byWhole)) plan.group = std::move(group);
+        if (byWhole) {
+            plan.whole = std::move(whole);
+            chooseGroups(system, plan, k);
+        }
+    }
+    const std::vector<BlockSpec> specs = blockSpecs(system, plan);
+    for (const BlockSpec& spec : specs) plan.treeUsed = plan.treeUsed || !spec.whole;
     Count dimension = 0;
     for (Count c : momentCounts(system.twiceSpin)) dimension += c;
     plan.dimension = static_cast<double>(dimension);
-    const double k = static_cast<double>(std::max<std::size_t>(used.size(), 1));
     double stored = 0, levels = 0, spectrum = 0, slopes = 0, longest = 0, longestSlopes = 0;
     for (const BlockSpec& spec : specs) {
         const double n = spec.size;
@@ -545,75 +686,19 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
     plan.bytes = plan.scaled ? 0 : k * stored;
     for (std::size_t i = 0; i < sizes.size() && i < static_cast<std::size_t>(plan.threads); ++i)
         plan.bytes += working * squareBytes(sizes[i]);
-    if (plan.split() && plan.group->wholeGroup) {
-        // All irrep blocks of one total spin are built at once from the product states of
-        // M = S and S + 1 (some 40 bytes a state with its orbit; the representatives' rows), then
-        // irrep by irrep: S+ and its kernel dense, the Hamiltonian per J sparse.
-        const auto sites = static_cast<int>(system.twiceSpin.size());
-        const std::vector<Count> counts = momentCounts(system.twiceSpin);
-        const int total = sumTwiceSpin(system.twiceSpin);
-        auto statesOf = [&](int twiceM) {
-            const int i = (twiceM + total) / 2;
-            return i < static_cast<int>(counts.size()) ? static_cast<double>(counts[static_cast<std::size_t>(i)]) : 0.0;
-        };
-        std::vector<std::pair<double, double>> perSpin; // (seconds, bytes) by total spin
-        for (const GroupSpace& space : groupSpaces(system, *plan.group)) {
-            const auto label = static_cast<std::size_t>(space.twiceTotal);
-            if (perSpin.size() <= label) perSpin.resize(label + 1, {0, 0});
-            const auto& irrep = plan.group->irreps[static_cast<std::size_t>(space.irrep)];
-            const double n = space.states - space.above, slots = std::max(k, 1.0);
-            perSpin[label].first += groupBlockFlops(space, used.size(), sites) / groupFlopRate;
-            const double dense = 8 * (space.states * space.above + 2 * space.states * n) +
-                                 slots * space.states * (2.0 + sites) * 16 * irrep.dimension;
-            perSpin[label].second = std::max(perSpin[label].second, dense);
-        }
+    if (plan.split()) {
+        // The blocks of one total spin are built together, one total spin per thread.
         double seconds = 0, slowest = 0;
-        for (std::size_t label = 0; label < perSpin.size(); ++label) {
-            const double states = statesOf(static_cast<int>(label)) + statesOf(static_cast<int>(label) + 2);
-            perSpin[label].first += states * plan.group->order() * sites * 2e-9;
-            perSpin[label].second += states * 40;
-            seconds += perSpin[label].first;
-            slowest = std::max(slowest, perSpin[label].first);
+        std::vector<double> bytes;
+        for (const SpinCost& cost : spinCosts(system, plan, k)) {
+            seconds += cost.build;
+            slowest = std::max(slowest, cost.build);
+            bytes.push_back(cost.bytes);
         }
         plan.secondsToBuild = std::max(seconds / plan.threads, slowest);
-        std::sort(perSpin.begin(), perSpin.end(), [](const auto& a, const auto& b) {
-            return a.second > b.second;
-        });
-        for (std::size_t i = 0; i < perSpin.size() && i < static_cast<std::size_t>(plan.threads); ++i)
-            plan.bytes += perSpin[i].second;
-        // The blocks of one total spin, held until they are diagonalised.
-        std::vector<double> perLabel;
-        for (const BlockSpec& spec : specs) {
-            const auto label = static_cast<std::size_t>(spec.twiceLabel);
-            if (perLabel.size() <= label) perLabel.resize(label + 1, 0);
-            perLabel[label] += (plan.scaled ? 1 : k) * squareBytes(spec.size);
-        }
-        std::sort(perLabel.begin(), perLabel.end(), std::greater<>());
-        for (std::size_t i = 0; i < perLabel.size() && i < static_cast<std::size_t>(plan.threads); ++i)
-            plan.bytes += perLabel[i];
-    } else if (plan.split()) {
-        // All irrep blocks of one total spin are built at once, with the coupled states of that
-        // spin (their values and an index, some 100 bytes a state) and their orbits.
-        std::vector<std::pair<double, double>> perSpin; // (matrices, states) by total spin
-        for (const BlockSpec& spec : specs) {
-            const auto label = static_cast<std::size_t>(spec.twiceLabel);
-            if (perSpin.size() <= label) perSpin.resize(label + 1);
-            const double d = plan.group->irreps[static_cast<std::size_t>(spec.irrep)].dimension;
-            perSpin[label].first += squareBytes(spec.size);
-            perSpin[label].second += d * spec.size * (100 + 2.0 * static_cast<double>(system.twiceSpin.size()));
-        }
-        // Building, measured on these machines: per coupled state, its images under the group
-        // and a share of the rows (some 1.5 us per exchange path).
-        double states = 0;
-        for (const auto& spin : perSpin)
-            states += spin.second / (100 + 2.0 * static_cast<double>(system.twiceSpin.size()));
-        plan.secondsToBuild = states *
-                              (4e-7 * plan.group->order() +
-                               1.5e-6 * static_cast<double>(system.bonds.size())) /
-                              plan.threads;
-        std::sort(perSpin.begin(), perSpin.end(), std::greater<>());
-        for (std::size_t i = 0; i < perSpin.size() && i < static_cast<std::size_t>(plan.threads); ++i)
-            plan.bytes += (plan.scaled ? 1 : k) * perSpin[i].first + perSpin[i].second;
+        std::sort(bytes.begin(), bytes.end(), std::greater<>());
+        for (std::size_t i = 0; i < bytes.size() && i < static_cast<std::size_t>(plan.threads); ++i)
+            plan.bytes += bytes[i];
     }
     // The program itself, and the levels with their slopes (kept twice while they are gathered).
     plan.bytes += 16.0 * 1024 * 1024 + 2 * 8 * (3 + k) * levels;
@@ -645,7 +730,7 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     for (std::size_t slot = 0; slot < usedJ_.size(); ++slot)
         jSlot[static_cast<std::size_t>(usedJ_[slot])] = static_cast<int>(slot);
 
-    for (const BlockSpec& spec : blockSpecs(system, plan.method, plan.group.get())) {
+    for (const BlockSpec& spec : blockSpecs(system, plan)) {
         blocks_.push_back(std::make_unique<Block>());
         blocks_.back()->spec = spec;
     }
@@ -677,10 +762,9 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     if (plan.split()) {
         // The irrep blocks of one total spin are built together, one total spin per thread,
         // those with the largest blocks first.
-        const bool whole = plan.group->wholeGroup;
         const CouplingTree tree =
-            whole ? CouplingTree{}
-                  : couplingTree(*plan.group, static_cast<int>(system.twiceSpin.size()));
+            plan.group ? couplingTree(*plan.group, static_cast<int>(system.twiceSpin.size()))
+                       : CouplingTree{};
         std::vector<std::vector<Block*>> bySpin;
         for (const auto& block : blocks_) {
             auto same = std::find_if(bySpin.begin(), bySpin.end(), [&](const auto& list) {
@@ -693,8 +777,8 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
             const auto& list = bySpin[static_cast<std::size_t>(i)];
             std::vector<std::vector<Eigen::MatrixXd>> matrices;
             const auto started = std::chrono::steady_clock::now();
-            if (whole)
-                buildGroupBlocks(system, *plan.group, jSlot, usedJ_.size(),
+            if (list[0]->spec.whole)
+                buildGroupBlocks(system, *plan.whole, jSlot, usedJ_.size(),
                                  list[0]->spec.twiceLabel, matrices, stop_);
             else
                 buildSplitBlocks(system, *plan.group, tree, jSlot, usedJ_.size(),

@@ -177,8 +177,8 @@ std::vector<SplitBlockSize> splitBlockSizes(const SpinSystem& system, const Spli
         for (std::size_t k = 0; k < group.irreps.size(); ++k) {
             double sum = 0;
             for (std::size_t g = 0; g < group.elements.size(); ++g)
-                sum += group.irreps[k].character(g) *
-                       (fixed.at(g, twiceS) - fixed.at(g, twiceS + 2));
+                sum +=
+                    group.irreps[k].character(g) * (fixed.at(g, twiceS) - fixed.at(g, twiceS + 2));
             const double size = std::round(sum / group.order());
             if (size > 0) sizes.push_back({twiceS, static_cast<int>(k), size});
         }

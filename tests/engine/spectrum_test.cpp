@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cmath>
 
-#include "model.h"
 #include "group_blocks.h"
+#include "model.h"
 #include "spectrum.h"
 #include "symmetry.h"
 
@@ -257,13 +257,17 @@ TEST(Spectrum, WholeGroupBlocksAgreeWithFullBasisAndSplitBlocks) {
         {{"ring 6 x 1", ring({2, 2, 2, 2, 2, 2}, 1), {-9}}, true, 12},
         {{"ring 9 x 1/2", ring(std::vector<int>(9, 1), 1), {-11}}, true, 18},
         {{"ring 10 x 1/2, J1/J2", ring(std::vector<int>(10, 1), 2), {-10, -4}}, true, 10},
-        {{"ring 9 x 1/2, J1/J2/J3: cyclic 3, complex", ring(std::vector<int>(9, 1), 3), {-10, -4, 3}},
+        {{"ring 9 x 1/2, J1/J2/J3: cyclic 3, complex",
+          ring(std::vector<int>(9, 1), 3),
+          {-10, -4, 3}},
          true,
          3},
         {{"ring 12 x 1/2", ring(std::vector<int>(12, 1), 1), {-10}}, false, 24},
         {{"ring 6 x 5/2, J1/J2", ring({5, 5, 5, 5, 5, 5}, 2), {-10, -7}}, false, 6},
         {{"triangle 3 x 3/2", graph(3, 3, {{0, 1}, {1, 2}, {2, 0}}), {-13}}, true, 6},
-        {{"tetrahedron 4 x 3/2", graph(4, 3, {{0, 1}, {0, 2}, {0, 3}, {1, 2}, {1, 3}, {2, 3}}), {5}},
+        {{"tetrahedron 4 x 3/2",
+          graph(4, 3, {{0, 1}, {0, 2}, {0, 3}, {1, 2}, {1, 3}, {2, 3}}),
+          {5}},
          true,
          24},
         {{"cube 8 x 1/2", graph(8, 1, cube), {-8}}, true, 48},
@@ -284,8 +288,17 @@ TEST(Spectrum, WholeGroupBlocksAgreeWithFullBasisAndSplitBlocks) {
         Spectrum spectrum(cluster.system, plan, 2);
         const Levels& levels = spectrum.levels(cluster.j, allSlopes);
         Spectrum split(cluster.system,
-                       planSpectrum(cluster.system, Method::SBlocks, 1, symmetryOf(cluster.system)), 2);
+                       planSpectrum(cluster.system, Method::SBlocks, 1, symmetryOf(cluster.system)),
+                       2);
         expectSameSpectrum(levels, split.levels(cluster.j, allSlopes), cluster.j, 1e-10);
+        // Every other total spin by the whole group, the rest by the tree's subgroup.
+        Plan mixed =
+            planSpectrum(cluster.system, Method::SBlocks, 1, symmetryOf(cluster.system), {}, whole);
+        mixed.wholeFor.assign(64, 0);
+        for (std::size_t label = 0; label < mixed.wholeFor.size(); ++label)
+            mixed.wholeFor[label] = label % 4 < 2;
+        Spectrum both(cluster.system, mixed, 2);
+        expectSameSpectrum(both.levels(cluster.j, allSlopes), levels, cluster.j, 1e-10);
         if (c.full) {
             Spectrum full(cluster.system, planSpectrum(cluster.system, Method::Full), 2);
             expectSameSpectrum(levels, full.levels(cluster.j, allSlopes), cluster.j, 1e-9);

@@ -81,8 +81,8 @@ bool isAutomorphism(const SpinSystem& system, const Permutation& p) {
 void expectRealIrreps(const SplitGroup& group) {
     const auto n = group.elements.size();
     auto indexOf = [&](const Permutation& p) {
-        return static_cast<std::size_t>(
-            std::find(group.elements.begin(), group.elements.end(), p) - group.elements.begin());
+        return static_cast<std::size_t>(std::find(group.elements.begin(), group.elements.end(), p) -
+                                        group.elements.begin());
     };
     double squares = 0;
     for (std::size_t k = 0; k < group.irreps.size(); ++k) {
@@ -105,7 +105,8 @@ void expectRealIrreps(const SplitGroup& group) {
                 for (int i = 0; i < d; ++i)
                     for (int j = 0; j < d; ++j) {
                         double sum = 0;
-                        for (int x = 0; x < d; ++x) sum += irrep.at(g)[i * d + x] * irrep.at(h)[x * d + j];
+                        for (int x = 0; x < d; ++x)
+                            sum += irrep.at(g)[i * d + x] * irrep.at(h)[x * d + j];
                         ASSERT_NEAR(sum, product[i * d + j], 1e-9) << irrep.name;
                     }
             }
