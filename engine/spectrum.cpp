@@ -16,6 +16,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include <Eigen/Sparse>
 
 extern "C" {
 void dsyevd_(const char* jobz, const char* uplo, const int* n, double* a, const int* lda, double* w,
@@ -221,16 +222,20 @@ struct ProductBasis {
     }
 };
 
-// Fills matrices[slot of J] of the product states `states` (all of one total M, or all states).
+// The Hamiltonian per J of a block of the coupled or product basis: its lower triangle, sparse.
+using Entry = Eigen::Triplet<double, int>;
+using Term = Eigen::SparseMatrix<double, Eigen::ColMajor, int>;
+
+// Fills terms[slot of J] of the product states `states` (all of one total M, or all states).
 void buildProductBlock(const SpinSystem& system, const std::vector<int>& jSlot,
-                       const std::vector<long>& states, std::vector<Eigen::MatrixXd>& matrices,
+                       const std::vector<long>& states, std::vector<Term>& terms,
                        std::vector<double>* stateMoment, const StopFlag* stop) {
     const ProductBasis basis(system.twiceSpin);
     const Index n = static_cast<Index>(states.size());
     std::unordered_map<long, Index> position;
     position.reserve(states.size());
     for (Index i = 0; i < n; ++i) position.emplace(states[static_cast<std::size_t>(i)], i);
-    for (auto& matrix : matrices) matrix.setZero(n, n);
+    std::vector<std::vector<Entry>> entries(terms.size());
     if (stateMoment) stateMoment->resize(states.size());
 
     for (Index col = 0; col < n; ++col) {
@@ -241,27 +246,35 @@ void buildProductBlock(const SpinSystem& system, const std::vector<int>& jSlot,
             (*stateMoment)[static_cast<std::size_t>(col)] = m * m;
         }
         for (const Bond& bond : system.bonds) {
-            Eigen::MatrixXd& h =
-                matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])];
+            std::vector<Entry>& h =
+                entries[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])];
             const auto a = static_cast<std::size_t>(bond.a), b = static_cast<std::size_t>(bond.b);
             const double sa = system.twiceSpin[a] / 2.0, sb = system.twiceSpin[b] / 2.0;
             const int da = basis.digit(code, a), db = basis.digit(code, b);
             const double ma = da - sa, mb = db - sb;
-            h(col, col) += -2 * ma * mb;
+            const auto column = static_cast<int>(col);
+            if (ma * mb != 0) h.emplace_back(column, column, -2 * ma * mb);
             // -2 * (1/2) (S+_a S-_b + S-_a S+_b)
             if (da < system.twiceSpin[a] && db > 0) {
                 const long target = code + basis.stride[a] - basis.stride[b];
                 const double value =
                     -std::sqrt((sa * (sa + 1) - ma * (ma + 1)) * (sb * (sb + 1) - mb * (mb - 1)));
-                h(position.at(target), col) += value;
+                const Index row = position.at(target);
+                if (row > col) h.emplace_back(static_cast<int>(row), column, value);
             }
             if (da > 0 && db < system.twiceSpin[b]) {
                 const long target = code - basis.stride[a] + basis.stride[b];
                 const double value =
                     -std::sqrt((sa * (sa + 1) - ma * (ma - 1)) * (sb * (sb + 1) - mb * (mb + 1)));
-                h(position.at(target), col) += value;
+                const Index row = position.at(target);
+                if (row > col) h.emplace_back(static_cast<int>(row), column, value);
             }
         }
+    }
+    for (std::size_t slot = 0; slot < terms.size(); ++slot) {
+        terms[slot].resize(n, n);
+        terms[slot].setFromTriplets(entries[slot].begin(), entries[slot].end());
+        entries[slot] = {};
     }
 }
 
@@ -345,7 +358,7 @@ private:
 // <c| S_a.S_b |c'> = 1/(2S_b+1) sum_X (-1)^(X - S_b) <c..S_b||s_a||c'..X> <c'..X||s_b||c'..S_b>,
 // where S_b is the spin of sites 0..b and c' differs from c only in t[a..b-1].
 void addCoupledBond(const CoupledBlock& block, const std::vector<int>& spins, int a, int b,
-                    Recoupling& recoupling, Eigen::MatrixXd& h, long rowBegin, long rowEnd) {
+                    Recoupling& recoupling, std::vector<Entry>& h, long rowBegin, long rowEnd) {
     const std::size_t sites = spins.size();
     std::vector<int> other(sites);
     for (long row = rowBegin; row < rowEnd; ++row) {
@@ -368,7 +381,9 @@ void addCoupledBond(const CoupledBlock& block, const std::vector<int>& spins, in
                     element += sign(x - tb) * first * second;
                 }
                 element *= amplitude * reducedSpin(spins[static_cast<std::size_t>(b)]) / (tb + 1);
-                if (element != 0) h(block.rank(other.data()), row) += -2 * element;
+                const long target = block.rank(other.data());
+                if (element != 0 && target >= row)
+                    h.emplace_back(static_cast<int>(target), static_cast<int>(row), -2 * element);
                 return;
             }
             const auto si = static_cast<std::size_t>(i);
@@ -402,15 +417,17 @@ void addCoupledBond(const CoupledBlock& block, const std::vector<int>& spins, in
 }
 
 void buildCoupledBlock(const SpinSystem& system, const std::vector<int>& jSlot, int twiceTotal,
-                       std::vector<Eigen::MatrixXd>& matrices, int threads, const StopFlag* stop) {
+                       std::vector<Term>& terms, int threads, const StopFlag* stop) {
     const CoupledBlock block(system.twiceSpin, twiceTotal);
-    for (auto& matrix : matrices) matrix.setZero(block.size(), block.size());
     // Rows are independent and each fills its own column: chunks of rows run side by side, and
     // a stop request is seen between slices of rows.
     constexpr long slice = 64;
     const long chunks = threads > 1 ? 8L * threads : 1;
+    std::vector<std::vector<std::vector<Entry>>> entries(
+        static_cast<std::size_t>(chunks), std::vector<std::vector<Entry>>(terms.size()));
     parallelFor(chunks, threads, stop, [&](long chunk) {
         Recoupling recoupling;
+        auto& mine = entries[static_cast<std::size_t>(chunk)];
         const long begin = block.size() * chunk / chunks, end = block.size() * (chunk + 1) / chunks;
         for (long from = begin; from < end; from += slice) {
             throwIfStopped(stop);
@@ -418,10 +435,23 @@ void buildCoupledBlock(const SpinSystem& system, const std::vector<int>& jSlot, 
                 addCoupledBond(
                     block, system.twiceSpin, std::min(bond.a, bond.b), std::max(bond.a, bond.b),
                     recoupling,
-                    matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])],
-                    from, std::min(from + slice, end));
+                    mine[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])], from,
+                    std::min(from + slice, end));
         }
     });
+    const auto n = static_cast<Index>(block.size());
+    for (std::size_t slot = 0; slot < terms.size(); ++slot) {
+        std::vector<Entry> all;
+        std::size_t count = 0;
+        for (const auto& chunk : entries) count += chunk[slot].size();
+        all.reserve(count);
+        for (auto& chunk : entries) {
+            all.insert(all.end(), chunk[slot].begin(), chunk[slot].end());
+            chunk[slot] = {};
+        }
+        terms[slot].resize(n, n);
+        terms[slot].setFromTriplets(all.begin(), all.end());
+    }
 }
 
 } // namespace
@@ -654,16 +684,24 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
     Count dimension = 0;
     for (Count c : momentCounts(system.twiceSpin)) dimension += c;
     plan.dimension = static_cast<double>(dimension);
+    // Blocks of the coupled or product basis keep the Hamiltonian per J as the sparse lower
+    // triangle, some 6 entries per state and exchange path (5.5 on a 10-site cluster of S = 5/2
+    // and 1/2), 12 bytes each; blocks split by symmetry one dense matrix per J.
+    const bool sparse = !plan.split();
+    const double paths = static_cast<double>(system.bonds.size());
     double stored = 0, levels = 0, spectrum = 0, slopes = 0, longest = 0, longestSlopes = 0;
     for (const BlockSpec& spec : specs) {
         const double n = spec.size;
         plan.blockSizes.push_back(n);
         plan.largestBlock = std::max(plan.largestBlock, n);
-        stored += squareBytes(n);
+        const double entries = std::min(n * (1 + 6 * paths), k * n * (n + 1) / 2);
+        stored += sparse ? 12 * entries + 4 * k * (n + 1) : k * squareBytes(n);
         levels += n;
         const double values = eigenSeconds(n, plan.method == Method::Full);
-        // eigenvectors, then one product per J for the slopes
-        const double withSlopes = eigenSeconds(n, true) + k * 1.0e-10 * n * n * n;
+        // eigenvectors, then the slopes: one dense product per J, or a pass over the sparse
+        // entries per slice of eigenvectors
+        const double withSlopes =
+            eigenSeconds(n, true) + (sparse ? 2e-9 * entries * n : k * 1.0e-10 * n * n * n);
         spectrum += values;
         slopes += withSlopes;
         longest = std::max(longest, values);
@@ -677,13 +715,15 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
 
     // Memory: what the blocks being worked on hold at once, for the `threads` largest. Scaled:
     // a block's matrix is built, diagonalised and dropped (dsyevd's workspace is 2n^2 more with
-    // eigenvectors, for the full basis). Otherwise: one matrix per J for every block is kept,
-    // and each block being worked on adds its working copy, the product for the slopes and
-    // dsyevd's workspace.
+    // eigenvectors, for the full basis). Otherwise: the matrices per J of every block are kept,
+    // and each block being worked on adds its working copy and dsyevd's workspace (and, with
+    // dense matrices per J, the product for the slopes).
     std::vector<double> sizes = plan.blockSizes;
     std::sort(sizes.begin(), sizes.end(), std::greater<>());
-    const double working = plan.scaled ? (plan.method == Method::Full ? 3.2 : 1.2) : 4.2;
-    plan.bytes = plan.scaled ? 0 : k * stored;
+    const double working = plan.scaled ? (plan.method == Method::Full ? 3.2 : 1.2)
+                           : sparse    ? 3.1
+                                       : 4.2;
+    plan.bytes = plan.scaled ? 0 : stored;
     for (std::size_t i = 0; i < sizes.size() && i < static_cast<std::size_t>(plan.threads); ++i)
         plan.bytes += working * squareBytes(sizes[i]);
     if (plan.split()) {
@@ -707,7 +747,11 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
 
 struct Spectrum::Block {
     BlockSpec spec;
-    std::vector<Eigen::MatrixXd> perJ; // one per used J (not kept when the spectrum is scaled)
+    // The Hamiltonian per used J (not kept when the spectrum is scaled): sparse for blocks of the
+    // coupled or product basis, which a new set of J values sums into one dense matrix; dense
+    // for blocks split by symmetry (and with Plan::denseTerms).
+    std::vector<Term> terms;
+    std::vector<Eigen::MatrixXd> perJ;
     std::vector<double> stateMoment;   // full basis: M^2 of every product state
     Eigen::VectorXd unitValues;        // scaled: eigenvalues of the one J's matrix at J = 1
     Eigen::VectorXd unitMoments;       // scaled, full basis: M^2 of each eigenvector
@@ -747,9 +791,11 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     // One J (or none): diagonalise once at J = 1 and keep only the levels.
     auto diagonaliseOnce = [&](Block& block) {
         const auto n = static_cast<Index>(block.spec.built());
-        Eigen::MatrixXd matrix =
-            block.perJ.empty() ? Eigen::MatrixXd::Zero(n, n) : std::move(block.perJ[0]);
+        Eigen::MatrixXd matrix = !block.perJ.empty()    ? std::move(block.perJ[0])
+                                 : !block.terms.empty() ? Eigen::MatrixXd(block.terms[0])
+                                                        : Eigen::MatrixXd::Zero(n, n);
         block.perJ.clear();
+        block.terms.clear();
         const bool vectors = plan.method == Method::Full;
         throwIfStopped(stop_);
         symmetricEigen(matrix, block.unitValues, vectors);
@@ -801,15 +847,23 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     const int buildThreads = blocks_.size() == 1 ? threads_ : 1;
     parallelFor(static_cast<long>(blocks_.size()), threads_, stop_, [&](long i) {
         Block& block = *blocks_[static_cast<std::size_t>(i)];
-        block.perJ.resize(usedJ_.size());
+        block.terms.resize(usedJ_.size());
         const auto started = std::chrono::steady_clock::now();
         if (plan.method == Method::SBlocks) {
-            buildCoupledBlock(system, jSlot, block.spec.twiceLabel, block.perJ, buildThreads,
+            buildCoupledBlock(system, jSlot, block.spec.twiceLabel, block.terms, buildThreads,
                               stop_);
         } else {
             const auto states = productStates(system, block.spec, plan.method);
-            buildProductBlock(system, jSlot, states, block.perJ,
+            buildProductBlock(system, jSlot, states, block.terms,
                               plan.method == Method::Full ? &block.stateMoment : nullptr, stop_);
+        }
+        if (plan.denseTerms && !plan_.scaled) {
+            for (const Term& term : block.terms) {
+                Eigen::MatrixXd dense(term);
+                dense.triangularView<Eigen::StrictlyUpper>() = dense.transpose();
+                block.perJ.push_back(std::move(dense));
+            }
+            block.terms.clear();
         }
         countBuild(started);
         if (plan_.scaled) diagonaliseOnce(block);
@@ -843,8 +897,17 @@ void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
         return;
     }
     Eigen::MatrixXd matrix = Eigen::MatrixXd::Zero(n, n);
-    for (std::size_t slot = 0; slot < used; ++slot)
-        matrix += jKelvin[static_cast<std::size_t>(usedJ_[slot])] * block.perJ[slot];
+    for (std::size_t slot = 0; slot < used; ++slot) {
+        const double j = jKelvin[static_cast<std::size_t>(usedJ_[slot])];
+        if (!block.perJ.empty()) {
+            matrix += j * block.perJ[slot];
+            continue;
+        }
+        const Term& term = block.terms[slot];
+        for (Index column = 0; column < n; ++column)
+            for (Term::InnerIterator it(term, column); it; ++it)
+                matrix(it.row(), column) += j * it.value();
+    }
     bool anySlope = false;
     for (std::size_t slot = 0; slot < used; ++slot) anySlope = anySlope || wanted(slot);
     const bool vectors = anySlope || plan_.method == Method::Full;
@@ -854,7 +917,35 @@ void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
         block.moments = matrix.array().square().matrix().transpose() * m2;
     }
     if (!anySlope) return;
-    // Hellmann-Feynman: dE_n/dJ_k = <n| H_k |n> = sum_i U_in (H_k U)_in.
+    // Hellmann-Feynman: dE_n/dJ_k = <n| H_k |n> = sum_i U_in (H_k U)_in. With sparse H_k (its
+    // lower triangle): sum over its entries h_ij of (2 - delta_ij) h_ij U_in U_jn, for a slice of
+    // eigenvectors at a time, transposed so that the slice's U_i. lie side by side.
+    if (block.perJ.empty()) {
+        constexpr Index width = 64;
+        Eigen::MatrixXd slice;
+        Eigen::ArrayXd sum;
+        for (std::size_t slot = 0; slot < used; ++slot)
+            if (wanted(slot)) block.slopes[slot].resize(n);
+        for (Index from = 0; from < n; from += width) {
+            const Index w = std::min(width, n - from);
+            slice = matrix.middleCols(from, w).transpose();
+            for (std::size_t slot = 0; slot < used; ++slot) {
+                if (!wanted(slot)) continue;
+                sum.setZero(w);
+                double* total = sum.data();
+                for (Index column = 0; column < n; ++column) {
+                    const double* x = slice.data() + column * w;
+                    for (Term::InnerIterator it(block.terms[slot], column); it; ++it) {
+                        const double* y = slice.data() + it.row() * w;
+                        const double h = it.row() == column ? it.value() : 2 * it.value();
+                        for (Index i = 0; i < w; ++i) total[i] += h * x[i] * y[i];
+                    }
+                }
+                block.slopes[slot].segment(from, w) = sum.matrix();
+            }
+        }
+        return;
+    }
     Eigen::MatrixXd product(n, n);
     const int size = static_cast<int>(n);
     const double one = 1, zero = 0;

@@ -4,8 +4,9 @@
 // - MBlocks: product states of equal total M, only M >= 0 (negative M repeat them);
 // - SBlocks: a spin-coupled basis |S1 S12 S123 ... S>, one block per total spin S, with matrix
 //   elements from irreducible tensor operators (Wigner 6j symbols).
-// The Hamiltonian is kept as one matrix per J value, so a new set of J values costs one
-// diagonalisation per block; with a single J the spectrum is computed once and scaled.
+// The Hamiltonian is kept as one sparse matrix per J value (dense for blocks split by symmetry),
+// so a new set of J values costs one dense sum and one diagonalisation per block; with a single J
+// the spectrum is computed once and scaled.
 // Blocks are built and diagonalised side by side, one block per thread, largest first; LAPACK
 // itself runs on one thread. (OpenBLAS's own threads wait for each other at every step of a
 // dsyevd: with another program busy on one of two cores, one dsyevd of n = 2000 took 30 times
@@ -61,6 +62,9 @@ struct Plan {
     std::vector<char> wholeFor;
     bool treeUsed = false; // some blocks split by the tree's subgroup
     FtlmSettings ftlm; // for Method::Ftlm
+    // Blocks of the coupled or product basis keep their Hamiltonian per J sparse; with this,
+    // as one dense matrix per J (the earlier way, for comparison in the benchmark).
+    bool denseTerms = false;
     // Dense blocks within LAPACK's sizes; FTLM's sparse blocks within 32-bit column indices.
     bool buildable() const {
         return largestBlock <= (method == Method::Ftlm ? 2147483647.0 : static_cast<double>(maxLapackBlock));

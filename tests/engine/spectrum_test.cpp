@@ -85,6 +85,24 @@ void expectSameSpectrum(const Levels& levels, const Levels& reference,
         EXPECT_NEAR(momentAt(levels, t), momentAt(reference, t),
                     tolerance * momentAt(reference, t) + 1e-20)
             << "T = " << t;
+    // The thermal mean of every dH/dJ_k: the same whatever basis degenerate levels come in.
+    auto slopeAt = [](const Levels& l, std::size_t k, double t) {
+        const double e0 = *std::min_element(l.energy.begin(), l.energy.end());
+        double z = 0, sum = 0;
+        for (std::size_t n = 0; n < l.energy.size(); ++n) {
+            const double boltzmann = l.weight[n] * std::exp(-(l.energy[n] - e0) / t);
+            z += boltzmann;
+            sum += boltzmann * l.slope[k][n];
+        }
+        return sum / z;
+    };
+    for (std::size_t k = 0; k < j.size() && k < reference.slope.size(); ++k) {
+        if (reference.slope[k].empty() || k >= levels.slope.size() || levels.slope[k].empty())
+            continue;
+        for (double t : {3.0, 40.0})
+            EXPECT_NEAR(slopeAt(levels, k, t), slopeAt(reference, k, t), tolerance * scale)
+                << "J" << k + 1 << ", T = " << t;
+    }
     for (std::size_t n = 0; n < levels.energy.size(); ++n) {
         if (levels.slope.empty() || levels.slope[0].empty()) break;
         double sum = 0;
