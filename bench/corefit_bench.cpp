@@ -51,6 +51,7 @@
 #include <CLI/CLI.hpp>
 
 #include "fit.h"
+#include "group_blocks.h"
 #include "model.h"
 #include "problem.h"
 #include "problem_io.h"
@@ -143,6 +144,18 @@ std::vector<Case> standardCases() {
     large.large = true;
     cases.push_back(large);
     return cases;
+}
+
+// A cluster without symmetry: four S=5/2 on a chain (J1), each with an S=1/2 radical (J2), two
+// more radicals on the first and last, the radicals paired (J3).
+Case mixedCluster() {
+    Case c;
+    c.name = "4 x S=5/2 + 6 x S=1/2, J1-J3";
+    c.twiceSpin = {5, 5, 5, 5, 1, 1, 1, 1, 1, 1};
+    c.bonds = {{0, 1, 0}, {1, 2, 0}, {2, 3, 0}, {0, 4, 1}, {1, 5, 1}, {2, 6, 1},
+               {3, 7, 1}, {1, 8, 1}, {3, 9, 1}, {4, 5, 2}, {6, 7, 2}, {8, 9, 2}};
+    c.j = {-10, -30, 5};
+    return c;
 }
 
 // chiT in kelvin units at pointCount temperatures, every parameter fixed at its true value; the
@@ -735,8 +748,9 @@ int runScale(const Settings& settings) {
                 "start\n",
                 cpuModel().c_str(), ::sysconf(_SC_NPROCESSORS_ONLN), physicalMemory() / gib,
                 threads, threads == 1 ? "" : "s", loadAverage().c_str());
-    std::printf("present: S blocks without symmetry; new: S blocks split by the symmetry "
-                "(or FTLM); whole run: setup + chiT at %d temperatures; each run in a child "
+    std::printf("present: S blocks without symmetry, one dense matrix per J; new: S blocks split "
+                "by the symmetry (or FTLM), one sparse matrix per J where not split; whole run: "
+                "setup + chiT at %d temperatures; each run in a child "
                 "process, peak memory from the kernel\n\n",
                 pointCount);
     std::printf("%-34s  %-44s  %9s  %9s  %8s  %8s  %8s  %8s  %7s  %9s\n", "target", "method",
@@ -747,13 +761,13 @@ int runScale(const Settings& settings) {
         Case c;
         bool fit;
         const char* what;
+        int number; // for --case
     };
     const std::vector<Case> standard = standardCases();
     std::vector<Target> targets{
-        {ring(16, 1, false, {-10}), false, "whole run"},
-        {standard[3], false, "whole run"},
-        {standard[6], true, "fit of g, J1, J2"},
-        {standard[7], false, "whole run"},
+        {ring(16, 1, false, {-10}), false, "whole run", 1}, {standard[3], false, "whole run", 2},
+        {standard[6], true, "fit of g, J1, J2", 3},         {standard[7], false, "whole run", 4},
+        {mixedCluster(), true, "fit of g, J1-J3", 6},
     };
     auto chosen = [&](int number) {
         return settings.cases.empty() || std::find(settings.cases.begin(), settings.cases.end(),
@@ -761,9 +775,11 @@ int runScale(const Settings& settings) {
     };
     for (std::size_t k = 0; k < targets.size(); ++k) {
         const Target& target = targets[k];
-        if (!chosen(static_cast<int>(k) + 1)) continue;
+        if (!chosen(target.number)) continue;
         const SpinSystem system = systemOf(target.c);
-        const Plan present = planSpectrum(system, Method::SBlocks, threads);
+        // Present: the Hamiltonian per J as dense matrices; new: sparse, split by symmetry.
+        Plan present = planSpectrum(system, Method::SBlocks, threads);
+        present.denseTerms = true;
         const Plan fast = planSpectrum(system, Method::SBlocks, threads, symmetric(target.c));
         progress("%s, %s: %s", target.c.name.c_str(), target.what, fast.describe().c_str());
         const Measured now = measureApart(target.c, fast, threads, target.fit);
@@ -790,10 +806,56 @@ int runScale(const Settings& settings) {
                     before.ok && now.ok ? format("%.1e", largestDifference(now.values, before.values)).c_str()
                                         : "-");
         if (before.ok)
-            std::printf("%-34s  %-44s  present: setup %.3g s (building %.3g thread-s), peak %.3g GiB "
-                        "(est %.3g)\n",
-                        "", "", before.setup, before.build, before.peakBytes / gib,
-                        present.bytes / gib);
+            std::printf(
+                "%-34s  %-44s  present: setup %.3g s (building %.3g thread-s), peak %.3g GiB\n", "",
+                "", before.setup, before.build, before.peakBytes / gib);
+        std::fflush(stdout);
+    }
+
+    // The whole symmetry group: the blocks split by the subgroup of order 2^k alone (present)
+    // beside those split by the whole group wherever that is estimated faster (new).
+    std::printf("\nthe whole symmetry group: present = S blocks split by the subgroup of order 2^k "
+                "on a coupling tree, new = by the whole group where estimated faster; whole run "
+                "(setup + chiT)\n");
+    std::printf("%-34s  %-44s  %9s  %9s  %8s  %8s  %8s  %8s  %8s  %9s\n", "target", "new method",
+                "present s", "new s", "ratio", "est s", "est GiB", "peak GiB", "pres GiB",
+                "agreement");
+    std::vector<Case> wholeTargets{ring(12, 1, false, {-10}), ring(16, 1, false, {-10}),
+                                   ring(18, 1, false, {-10}), ring(20, 1, false, {-10}),
+                                   ring(10, 3, false, {-10}), standard[3]};
+    wholeTargets[3].large = true;
+    for (std::size_t k = 0; k < wholeTargets.size(); ++k) {
+        const Case& c = wholeTargets[k];
+        if (!chosen(static_cast<int>(k) + 11)) continue;
+        const SpinSystem system = systemOf(c);
+        const SiteSymmetry symmetry = findSymmetry(system);
+        const int sites = static_cast<int>(c.twiceSpin.size());
+        const auto tree = std::make_shared<const SplitGroup>(splitGroup(symmetry, sites));
+        const auto whole = std::make_shared<const SplitGroup>(wholeGroup(symmetry, sites));
+        const Plan present = planSpectrum(system, Method::SBlocks, threads, tree);
+        const Plan fast = planSpectrum(system, Method::SBlocks, threads, tree, {}, whole);
+        progress("%s: %s", c.name.c_str(), fast.describe().c_str());
+        const Measured now = measureApart(c, fast, threads, false);
+        const double presentEstimate = present.secondsToBuild + present.secondsPerSpectrum;
+        Measured before;
+        if ((presentEstimate <= settings.presentBudget && !c.large) || settings.large) {
+            progress("  present: %s", present.describe().c_str());
+            before = measureApart(c, present, threads, false);
+        }
+        auto run = [](const Measured& m) { return m.setup + m.evaluation; };
+        std::printf("%-34s  %-44s  %9s  %9s  %8s  %8.3g  %8.3g  %8.3g  %8s  %9s\n", c.name.c_str(),
+                    format("%.44s", fast.describe().c_str()).c_str(),
+                    before.ok ? seconds(run(before)).c_str()
+                              : format("(est %.0f)", presentEstimate).c_str(),
+                    now.ok ? seconds(run(now)).c_str() : "failed",
+                    before.ok && now.ok ? format("%.3g", run(before) / run(now)).c_str() : "-",
+                    fast.secondsToBuild + fast.secondsPerSpectrum, fast.bytes / gib,
+                    now.peakBytes / gib,
+                    before.ok ? format("%.3g", before.peakBytes / gib).c_str() : "-",
+                    before.ok && now.ok
+                        ? format("%.1e", largestDifference(now.values, before.values)).c_str()
+                        : "-");
+        std::printf("%-34s  %s\n", "", fast.describe().c_str());
         std::fflush(stdout);
     }
 
@@ -1178,8 +1240,8 @@ int main(int argc, char** argv) {
         ->check(CLI::PositiveNumber);
     app.add_flag("--large", settings.large, "also run the 8 x S=5/2 ring (may take many minutes)");
     app.add_option("--case", settings.cases,
-                   "run only these problems (1-8; repeatable); with --scale: 1-4 the targets, 5 "
-                   "FTLM");
+                   "run only these problems (1-8; repeatable); with --scale: 1-4 and 6 the "
+                   "targets, 11-16 the whole group, 5 FTLM");
     app.add_flag("--csv", settings.csv, "print CSV instead of an aligned table");
     app.add_flag("--under-load", settings.underLoad,
                  "instead: the 16 x S=1/2 ring with the default threads and with one, idle and "

@@ -33,6 +33,7 @@
 
 #include "fit.h"
 #include "ftlm_fit.h"
+#include "group_blocks.h"
 #include "model.h"
 #include "problem_io.h"
 #include "search.h"
@@ -668,10 +669,11 @@ int run(const Options& options) {
     // Limits, checked before anything large is built; fewer blocks side by side when that is
     // what it takes to stay within the memory limit.
     const SpinSystem system{problem.twiceSpin, problem.bonds, problem.jCount()};
-    std::shared_ptr<const SplitGroup> group;
+    std::shared_ptr<const SplitGroup> group, whole;
     if (options.symmetry) {
         const SiteSymmetry symmetry = findSymmetry(system);
         group = std::make_shared<const SplitGroup>(splitGroup(symmetry, problem.siteCount()));
+        whole = std::make_shared<const SplitGroup>(wholeGroup(symmetry, problem.siteCount()));
         std::string generators;
         for (std::size_t k = 0; k < symmetry.generators.size() && k < 6; ++k)
             generators += (k ? ", " : "") + cycleText(symmetry.generators[k]);
@@ -689,9 +691,9 @@ int run(const Options& options) {
                                    : std::min(16.0 * 1024 * 1024 * 1024, 0.8 * physicalMemory());
     const int threads = options.threads > 0 ? options.threads : defaultThreads();
     auto planned = [&](Method kind) {
-        Plan plan = planSpectrum(system, kind, threads, group, options.ftlm);
+        Plan plan = planSpectrum(system, kind, threads, group, options.ftlm, whole);
         while (plan.bytes > memoryLimit && plan.threads > 1)
-            plan = planSpectrum(system, kind, plan.threads - 1, group, options.ftlm);
+            plan = planSpectrum(system, kind, plan.threads - 1, group, options.ftlm, whole);
         return plan;
     };
     int freeJ = 0;
@@ -726,11 +728,27 @@ int run(const Options& options) {
     };
     Plan plan = planned(method);
     std::string refusal = beyondLimits(plan);
-    if (!refusal.empty() && method == Method::Automatic) {
-        log.line("exact spectrum out of reach (%s); finite-temperature Lanczos instead",
-                 refusal.c_str());
-        plan = planned(Method::Ftlm);
-        refusal = beyondLimits(plan);
+    if (method == Method::Automatic) {
+        // By time: the exact spectrum unless FTLM (at its settings) is estimated more than twice
+        // as fast, the precision of the estimates, and the exact run takes more than 10 s; FTLM
+        // whenever the exact spectrum is beyond the limits.
+        const Plan ftlm = planned(Method::Ftlm);
+        const std::string ftlmRefusal = beyondLimits(ftlm);
+        const double exactSeconds = estimatedSeconds(plan, freeJ),
+                     ftlmSeconds = estimatedSeconds(ftlm, freeJ);
+        log.line("estimates: exact %.3g s, %s; FTLM %.3g s, %s", exactSeconds,
+                 gib(plan.bytes).c_str(), ftlmSeconds, gib(ftlm.bytes).c_str());
+        if (!refusal.empty()) {
+            log.line("exact spectrum out of reach (%s); finite-temperature Lanczos instead",
+                     refusal.c_str());
+            plan = ftlm;
+            refusal = ftlmRefusal;
+        } else if (ftlmRefusal.empty() && exactSeconds > 10 && exactSeconds > 2 * ftlmSeconds) {
+            log.line("finite-temperature Lanczos: estimated %.3g times faster than the exact "
+                     "spectrum",
+                     exactSeconds / ftlmSeconds);
+            plan = ftlm;
+        }
     }
     logPlan(log, plan);
     if (plan.threads < threads)

@@ -1,5 +1,6 @@
 #include "spectrum.h"
 
+#include "group_blocks.h"
 #include "recoupling.h"
 #include "split_blocks.h"
 
@@ -15,6 +16,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include <Eigen/Sparse>
 
 extern "C" {
 void dsyevd_(const char* jobz, const char* uplo, const int* n, double* a, const int* lda, double* w,
@@ -113,7 +115,8 @@ struct BlockSpec {
     int twiceLabel = 0; // 2M for M blocks, 2S for S blocks, unused for the full basis
     double size = 0;    // exact up to 2^53, far beyond any block that is built
     double weight = 1, moment = 0;
-    int irrep = -1; // split S blocks: the irreducible representation
+    int irrep = -1;     // split S blocks: the irreducible representation
+    bool whole = false; // of the whole group (product states), not the tree's subgroup
     long built() const { return static_cast<long>(size); } // once the plan is within limits
 };
 
@@ -128,17 +131,31 @@ void checkSystem(const SpinSystem& system) {
                                         ", not " + std::to_string(s));
 }
 
-std::vector<BlockSpec> blockSpecs(const SpinSystem& system, Method method,
-                                  const SplitGroup* group) {
+// The (S, irrep) blocks of a group: a level stands for d / kind copies of every state of the
+// multiplet.
+std::vector<BlockSpec> splitSpecs(const SpinSystem& system, const SplitGroup& group, bool whole) {
+    std::vector<BlockSpec> specs;
+    for (const SplitBlockSize& block : splitBlockSizes(system, group)) {
+        const auto& irrep = group.irreps[static_cast<std::size_t>(block.irrep)];
+        const double s = block.twiceTotal / 2.0,
+                     d = static_cast<double>(irrep.dimension) / irrep.kind;
+        specs.push_back({block.twiceTotal, block.size, d * (2 * s + 1),
+                         d * s * (s + 1) * (2 * s + 1) / 3, block.irrep, whole});
+    }
+    return specs;
+}
+
+std::vector<BlockSpec> blockSpecs(const SpinSystem& system, const Plan& plan) {
     checkSystem(system);
-    if (method == Method::SBlocks && group != nullptr && group->order() > 1) {
+    const Method method = plan.method;
+    if (method == Method::SBlocks && plan.split()) {
         std::vector<BlockSpec> specs;
-        for (const SplitBlockSize& block : splitBlockSizes(system, *group)) {
-            const double s = block.twiceTotal / 2.0,
-                         d = group->irreps[static_cast<std::size_t>(block.irrep)].dimension;
-            specs.push_back({block.twiceTotal, block.size, d * (2 * s + 1),
-                             d * s * (s + 1) * (2 * s + 1) / 3, block.irrep});
-        }
+        if (plan.group)
+            for (const BlockSpec& spec : splitSpecs(system, *plan.group, false))
+                if (!plan.splitByWhole(spec.twiceLabel)) specs.push_back(spec);
+        if (plan.whole)
+            for (const BlockSpec& spec : splitSpecs(system, *plan.whole, true))
+                if (plan.splitByWhole(spec.twiceLabel)) specs.push_back(spec);
         return specs;
     }
     const std::vector<Count> counts = momentCounts(system.twiceSpin);
@@ -169,6 +186,10 @@ std::vector<BlockSpec> blockSpecs(const SpinSystem& system, Method method,
 
 // Bytes of a dense n x n matrix of doubles.
 double squareBytes(double n) { return n * n * 8; }
+
+// Floating-point operations a second of dgeqrf, dormqr and dgemm on one thread, measured on
+// 2-core machines (building blocks of the whole symmetry group).
+constexpr double groupFlopRate = 2e10;
 
 // Seconds for dsyevd on an n x n matrix, one thread, from measurements on 2-core machines.
 double eigenSeconds(double n, bool vectors) {
@@ -201,16 +222,20 @@ struct ProductBasis {
     }
 };
 
-// Fills matrices[slot of J] of the product states `states` (all of one total M, or all states).
+// The Hamiltonian per J of a block of the coupled or product basis: its lower triangle, sparse.
+using Entry = Eigen::Triplet<double, int>;
+using Term = Eigen::SparseMatrix<double, Eigen::ColMajor, int>;
+
+// Fills terms[slot of J] of the product states `states` (all of one total M, or all states).
 void buildProductBlock(const SpinSystem& system, const std::vector<int>& jSlot,
-                       const std::vector<long>& states, std::vector<Eigen::MatrixXd>& matrices,
+                       const std::vector<long>& states, std::vector<Term>& terms,
                        std::vector<double>* stateMoment, const StopFlag* stop) {
     const ProductBasis basis(system.twiceSpin);
     const Index n = static_cast<Index>(states.size());
     std::unordered_map<long, Index> position;
     position.reserve(states.size());
     for (Index i = 0; i < n; ++i) position.emplace(states[static_cast<std::size_t>(i)], i);
-    for (auto& matrix : matrices) matrix.setZero(n, n);
+    std::vector<std::vector<Entry>> entries(terms.size());
     if (stateMoment) stateMoment->resize(states.size());
 
     for (Index col = 0; col < n; ++col) {
@@ -221,27 +246,35 @@ void buildProductBlock(const SpinSystem& system, const std::vector<int>& jSlot,
             (*stateMoment)[static_cast<std::size_t>(col)] = m * m;
         }
         for (const Bond& bond : system.bonds) {
-            Eigen::MatrixXd& h =
-                matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])];
+            std::vector<Entry>& h =
+                entries[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])];
             const auto a = static_cast<std::size_t>(bond.a), b = static_cast<std::size_t>(bond.b);
             const double sa = system.twiceSpin[a] / 2.0, sb = system.twiceSpin[b] / 2.0;
             const int da = basis.digit(code, a), db = basis.digit(code, b);
             const double ma = da - sa, mb = db - sb;
-            h(col, col) += -2 * ma * mb;
+            const auto column = static_cast<int>(col);
+            if (ma * mb != 0) h.emplace_back(column, column, -2 * ma * mb);
             // -2 * (1/2) (S+_a S-_b + S-_a S+_b)
             if (da < system.twiceSpin[a] && db > 0) {
                 const long target = code + basis.stride[a] - basis.stride[b];
                 const double value =
                     -std::sqrt((sa * (sa + 1) - ma * (ma + 1)) * (sb * (sb + 1) - mb * (mb - 1)));
-                h(position.at(target), col) += value;
+                const Index row = position.at(target);
+                if (row > col) h.emplace_back(static_cast<int>(row), column, value);
             }
             if (da > 0 && db < system.twiceSpin[b]) {
                 const long target = code - basis.stride[a] + basis.stride[b];
                 const double value =
                     -std::sqrt((sa * (sa + 1) - ma * (ma - 1)) * (sb * (sb + 1) - mb * (mb + 1)));
-                h(position.at(target), col) += value;
+                const Index row = position.at(target);
+                if (row > col) h.emplace_back(static_cast<int>(row), column, value);
             }
         }
+    }
+    for (std::size_t slot = 0; slot < terms.size(); ++slot) {
+        terms[slot].resize(n, n);
+        terms[slot].setFromTriplets(entries[slot].begin(), entries[slot].end());
+        entries[slot] = {};
     }
 }
 
@@ -325,7 +358,7 @@ private:
 // <c| S_a.S_b |c'> = 1/(2S_b+1) sum_X (-1)^(X - S_b) <c..S_b||s_a||c'..X> <c'..X||s_b||c'..S_b>,
 // where S_b is the spin of sites 0..b and c' differs from c only in t[a..b-1].
 void addCoupledBond(const CoupledBlock& block, const std::vector<int>& spins, int a, int b,
-                    Recoupling& recoupling, Eigen::MatrixXd& h, long rowBegin, long rowEnd) {
+                    Recoupling& recoupling, std::vector<Entry>& h, long rowBegin, long rowEnd) {
     const std::size_t sites = spins.size();
     std::vector<int> other(sites);
     for (long row = rowBegin; row < rowEnd; ++row) {
@@ -348,7 +381,9 @@ void addCoupledBond(const CoupledBlock& block, const std::vector<int>& spins, in
                     element += sign(x - tb) * first * second;
                 }
                 element *= amplitude * reducedSpin(spins[static_cast<std::size_t>(b)]) / (tb + 1);
-                if (element != 0) h(block.rank(other.data()), row) += -2 * element;
+                const long target = block.rank(other.data());
+                if (element != 0 && target >= row)
+                    h.emplace_back(static_cast<int>(target), static_cast<int>(row), -2 * element);
                 return;
             }
             const auto si = static_cast<std::size_t>(i);
@@ -382,15 +417,17 @@ void addCoupledBond(const CoupledBlock& block, const std::vector<int>& spins, in
 }
 
 void buildCoupledBlock(const SpinSystem& system, const std::vector<int>& jSlot, int twiceTotal,
-                       std::vector<Eigen::MatrixXd>& matrices, int threads, const StopFlag* stop) {
+                       std::vector<Term>& terms, int threads, const StopFlag* stop) {
     const CoupledBlock block(system.twiceSpin, twiceTotal);
-    for (auto& matrix : matrices) matrix.setZero(block.size(), block.size());
     // Rows are independent and each fills its own column: chunks of rows run side by side, and
     // a stop request is seen between slices of rows.
     constexpr long slice = 64;
     const long chunks = threads > 1 ? 8L * threads : 1;
+    std::vector<std::vector<std::vector<Entry>>> entries(
+        static_cast<std::size_t>(chunks), std::vector<std::vector<Entry>>(terms.size()));
     parallelFor(chunks, threads, stop, [&](long chunk) {
         Recoupling recoupling;
+        auto& mine = entries[static_cast<std::size_t>(chunk)];
         const long begin = block.size() * chunk / chunks, end = block.size() * (chunk + 1) / chunks;
         for (long from = begin; from < end; from += slice) {
             throwIfStopped(stop);
@@ -398,10 +435,23 @@ void buildCoupledBlock(const SpinSystem& system, const std::vector<int>& jSlot, 
                 addCoupledBond(
                     block, system.twiceSpin, std::min(bond.a, bond.b), std::max(bond.a, bond.b),
                     recoupling,
-                    matrices[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])],
-                    from, std::min(from + slice, end));
+                    mine[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])], from,
+                    std::min(from + slice, end));
         }
     });
+    const auto n = static_cast<Index>(block.size());
+    for (std::size_t slot = 0; slot < terms.size(); ++slot) {
+        std::vector<Entry> all;
+        std::size_t count = 0;
+        for (const auto& chunk : entries) count += chunk[slot].size();
+        all.reserve(count);
+        for (auto& chunk : entries) {
+            all.insert(all.end(), chunk[slot].begin(), chunk[slot].end());
+            chunk[slot] = {};
+        }
+        terms[slot].resize(n, n);
+        terms[slot].setFromTriplets(all.begin(), all.end());
+    }
 }
 
 } // namespace
@@ -440,9 +490,32 @@ void parallelFor(long count, int threads, const StopFlag* stop,
 std::string Plan::describe() const {
     char text[320];
     std::string name = methodName(method);
-    if (split())
-        name += " split by symmetry (order " + std::to_string(group->order()) +
-                (group->name.rfind("order", 0) == 0 ? "" : ", " + group->name) + ")";
+    auto named = [](const SplitGroup& g) {
+        return "order " + std::to_string(g.order()) +
+               (g.name.rfind("order", 0) == 0 ? "" : ", " + g.name);
+    };
+    // The total spins split by the whole group, as ranges: "S = 0 to 2, 4".
+    std::string spins;
+    for (std::size_t label = 0; label < wholeFor.size(); ++label) {
+        if (wholeFor[label] == 0 || (label >= 2 && wholeFor[label - 2] != 0)) continue;
+        std::size_t last = label;
+        while (last + 2 < wholeFor.size() && wholeFor[last + 2] != 0) last += 2;
+        char range[48];
+        const double from = static_cast<double>(label) / 2, to = static_cast<double>(last) / 2;
+        if (last == label)
+            std::snprintf(range, sizeof range, "%g", from);
+        else
+            std::snprintf(range, sizeof range, "%g to %g", from, to);
+        spins += (spins.empty() ? "S = " : ", ") + std::string(range);
+    }
+    const bool byTree = group != nullptr && group->order() > 1 && (whole == nullptr || treeUsed);
+    if (!spins.empty() && byTree)
+        name += " split by symmetry (the whole group, " + named(*whole) + ", for " + spins + "; " +
+                named(*group) + " for the others)";
+    else if (!spins.empty())
+        name += " split by symmetry (the whole group, " + named(*whole) + ")";
+    else if (byTree)
+        name += " split by symmetry (" + named(*group) + ")";
     std::snprintf(text, sizeof text, "%s: dimension %.*g, %zu block%s, largest %.*g%s",
                   name.c_str(), dimension < 0x1p53 ? 17 : 4, dimension, blockSizes.size(),
                   blockSizes.size() == 1 ? "" : "s", largestBlock < 0x1p53 ? 17 : 4, largestBlock,
@@ -489,33 +562,146 @@ Plan planFtlm(const SpinSystem& system, Plan plan) {
     return plan;
 }
 
+// The cost of building the blocks of one total spin split by a group: one thread's seconds,
+// the bytes held meanwhile (with the blocks kept until they are diagonalised), and the
+// diagonalisations of a fit (scaled: one spectrum; otherwise some 25 with J slopes).
+struct SpinCost {
+    int twiceTotal = 0;
+    double build = 0, bytes = 0, diagonalise = 0;
+};
+
+std::vector<SpinCost> spinCostsOf(const SpinSystem& system, const SplitGroup& group, bool whole,
+                                  double k, bool scaled) {
+    const auto sites = static_cast<int>(system.twiceSpin.size());
+    std::vector<SpinCost> costs;
+    auto at = [&](int twiceTotal) -> SpinCost& {
+        for (SpinCost& cost : costs)
+            if (cost.twiceTotal == twiceTotal) return cost;
+        costs.push_back({twiceTotal, 0, 0, 0});
+        return costs.back();
+    };
+    for (const BlockSpec& spec : splitSpecs(system, group, whole)) {
+        SpinCost& cost = at(spec.twiceLabel);
+        const double n = spec.size;
+        cost.bytes += (scaled ? 1 : k) * squareBytes(n);
+        cost.diagonalise += scaled ? eigenSeconds(n, false)
+                                   : 25 * (eigenSeconds(n, true) + k * 1.0e-10 * n * n * n);
+        if (!whole) {
+            // Coupled states: their values and an index (some 100 bytes a state) and orbits;
+            // per state its images under the group and a share of the rows (some 1.5 us per
+            // exchange path), measured on these machines.
+            const double states = n * group.irreps[static_cast<std::size_t>(spec.irrep)].dimension;
+            cost.bytes += states * (100 + 2.0 * sites);
+            cost.build +=
+                states * (4e-7 * group.order() + 1.5e-6 * static_cast<double>(system.bonds.size()));
+        }
+    }
+    if (!whole) return costs;
+    // Product states of M = S and S + 1 with their orbits (some 40 bytes a state), then irrep
+    // by irrep: S+ and its kernel dense, the Hamiltonian per J sparse.
+    const std::vector<Count> counts = momentCounts(system.twiceSpin);
+    const int total = sumTwiceSpin(system.twiceSpin);
+    auto statesOf = [&](int twiceM) {
+        const auto i = static_cast<std::size_t>((twiceM + total) / 2);
+        return i < counts.size() ? static_cast<double>(counts[i]) : 0.0;
+    };
+    std::vector<double> dense(costs.size(), 0);
+    for (const GroupSpace& space : groupSpaces(system, group)) {
+        SpinCost& cost = at(space.twiceTotal);
+        const auto& irrep = group.irreps[static_cast<std::size_t>(space.irrep)];
+        const double n = space.states - space.above;
+        cost.build += groupBlockFlops(space, static_cast<std::size_t>(k), sites) / groupFlopRate;
+        const std::size_t i = static_cast<std::size_t>(&cost - costs.data());
+        if (dense.size() <= i) dense.resize(i + 1, 0);
+        dense[i] = std::max(dense[i], 8 * (space.states * space.above + 2 * space.states * n) +
+                                          k * space.states * (2.0 + sites) * 16 * irrep.dimension);
+    }
+    for (std::size_t i = 0; i < costs.size(); ++i) {
+        const double states = statesOf(costs[i].twiceTotal) + statesOf(costs[i].twiceTotal + 2);
+        costs[i].build += states * group.order() * sites * 2e-9;
+        costs[i].bytes += states * 40 + (i < dense.size() ? dense[i] : 0);
+    }
+    return costs;
+}
+
+// For every total spin, the whole group when its blocks are estimated faster to build and
+// diagonalise than those of the tree's subgroup.
+void chooseGroups(const SpinSystem& system, Plan& plan, double k) {
+    const std::vector<SpinCost> whole = spinCostsOf(system, *plan.whole, true, k, plan.scaled);
+    std::vector<SpinCost> tree;
+    if (plan.group) tree = spinCostsOf(system, *plan.group, false, k, plan.scaled);
+    for (const SpinCost& cost : whole) {
+        bool faster = true;
+        for (const SpinCost& other : tree)
+            if (other.twiceTotal == cost.twiceTotal)
+                faster = cost.build + cost.diagonalise < other.build + other.diagonalise;
+        const auto label = static_cast<std::size_t>(cost.twiceTotal);
+        if (plan.wholeFor.size() <= label) plan.wholeFor.resize(label + 1, 0);
+        plan.wholeFor[label] = faster ? 1 : 0;
+    }
+}
+
+// The build costs of the plan's blocks, each total spin by the group it is split by.
+std::vector<SpinCost> spinCosts(const SpinSystem& system, const Plan& plan, double k) {
+    std::vector<SpinCost> costs;
+    for (int whole = 0; whole < 2; ++whole) {
+        const SplitGroup* group = whole ? plan.whole.get() : plan.group.get();
+        if (group == nullptr) continue;
+        for (const SpinCost& cost : spinCostsOf(system, *group, whole != 0, k, plan.scaled))
+            if (plan.splitByWhole(cost.twiceTotal) == (whole != 0)) costs.push_back(cost);
+    }
+    return costs;
+}
+
 } // namespace
 
 Plan planSpectrum(const SpinSystem& system, Method method, int threads,
-                  std::shared_ptr<const SplitGroup> group, const FtlmSettings& ftlm) {
+                  std::shared_ptr<const SplitGroup> group, const FtlmSettings& ftlm,
+                  std::shared_ptr<const SplitGroup> whole) {
     Plan plan;
     plan.method = method == Method::Automatic ? Method::SBlocks : method;
     plan.threads = std::max(1, threads);
     plan.ftlm = ftlm;
     if (plan.method == Method::Ftlm) return planFtlm(system, plan);
-    if (plan.method == Method::SBlocks && group && group->order() > 1) plan.group = std::move(group);
-    const std::vector<BlockSpec> specs = blockSpecs(system, plan.method, plan.group.get());
     const std::vector<int> used = usedJValues(system);
     plan.scaled = used.size() <= 1;
+    const double k = static_cast<double>(std::max<std::size_t>(used.size(), 1));
+    if (plan.method == Method::SBlocks) {
+        if (group && group->wholeGroup) std::swap(group, whole);
+        // With the whole group the tree's subgroup is kept even when trivial: it then splits
+        // nothing, and its coupled states make the blocks the whole group does not.
+        // (Not when the tree's subgroup is the whole group: its blocks are the same and cheaper.)
+        const bool byWhole =
+            whole && whole->order() > 1 && !(group && group->order() >= whole->order());
+        if (group && (group->order() > 1 || byWhole)) plan.group = std::move(group);
+        if (byWhole) {
+            plan.whole = std::move(whole);
+            chooseGroups(system, plan, k);
+        }
+    }
+    const std::vector<BlockSpec> specs = blockSpecs(system, plan);
+    for (const BlockSpec& spec : specs) plan.treeUsed = plan.treeUsed || !spec.whole;
     Count dimension = 0;
     for (Count c : momentCounts(system.twiceSpin)) dimension += c;
     plan.dimension = static_cast<double>(dimension);
-    const double k = static_cast<double>(std::max<std::size_t>(used.size(), 1));
+    // Blocks of the coupled or product basis keep the Hamiltonian per J as the sparse lower
+    // triangle, some 6 entries per state and exchange path (5.5 on a 10-site cluster of S = 5/2
+    // and 1/2), 12 bytes each; blocks split by symmetry one dense matrix per J.
+    const bool sparse = !plan.split();
+    const double paths = static_cast<double>(system.bonds.size());
     double stored = 0, levels = 0, spectrum = 0, slopes = 0, longest = 0, longestSlopes = 0;
     for (const BlockSpec& spec : specs) {
         const double n = spec.size;
         plan.blockSizes.push_back(n);
         plan.largestBlock = std::max(plan.largestBlock, n);
-        stored += squareBytes(n);
+        const double entries = std::min(n * (1 + 6 * paths), k * n * (n + 1) / 2);
+        stored += sparse ? 12 * entries + 4 * k * (n + 1) : k * squareBytes(n);
         levels += n;
         const double values = eigenSeconds(n, plan.method == Method::Full);
-        // eigenvectors, then one product per J for the slopes
-        const double withSlopes = eigenSeconds(n, true) + k * 1.0e-10 * n * n * n;
+        // eigenvectors, then the slopes: one dense product per J, or a pass over the sparse
+        // entries per slice of eigenvectors
+        const double withSlopes =
+            eigenSeconds(n, true) + (sparse ? 2e-9 * entries * n : k * 1.0e-10 * n * n * n);
         spectrum += values;
         slopes += withSlopes;
         longest = std::max(longest, values);
@@ -529,38 +715,30 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
 
     // Memory: what the blocks being worked on hold at once, for the `threads` largest. Scaled:
     // a block's matrix is built, diagonalised and dropped (dsyevd's workspace is 2n^2 more with
-    // eigenvectors, for the full basis). Otherwise: one matrix per J for every block is kept,
-    // and each block being worked on adds its working copy, the product for the slopes and
-    // dsyevd's workspace.
+    // eigenvectors, for the full basis). Otherwise: the matrices per J of every block are kept,
+    // and each block being worked on adds its working copy and dsyevd's workspace (and, with
+    // dense matrices per J, the product for the slopes).
     std::vector<double> sizes = plan.blockSizes;
     std::sort(sizes.begin(), sizes.end(), std::greater<>());
-    const double working = plan.scaled ? (plan.method == Method::Full ? 3.2 : 1.2) : 4.2;
-    plan.bytes = plan.scaled ? 0 : k * stored;
+    const double working = plan.scaled ? (plan.method == Method::Full ? 3.2 : 1.2)
+                           : sparse    ? 3.1
+                                       : 4.2;
+    plan.bytes = plan.scaled ? 0 : stored;
     for (std::size_t i = 0; i < sizes.size() && i < static_cast<std::size_t>(plan.threads); ++i)
         plan.bytes += working * squareBytes(sizes[i]);
     if (plan.split()) {
-        // All irrep blocks of one total spin are built at once, with the coupled states of that
-        // spin (their values and an index, some 100 bytes a state) and their orbits.
-        std::vector<std::pair<double, double>> perSpin; // (matrices, states) by total spin
-        for (const BlockSpec& spec : specs) {
-            const auto label = static_cast<std::size_t>(spec.twiceLabel);
-            if (perSpin.size() <= label) perSpin.resize(label + 1);
-            const double d = plan.group->irreps[static_cast<std::size_t>(spec.irrep)].dimension;
-            perSpin[label].first += squareBytes(spec.size);
-            perSpin[label].second += d * spec.size * (100 + 2.0 * static_cast<double>(system.twiceSpin.size()));
+        // The blocks of one total spin are built together, one total spin per thread.
+        double seconds = 0, slowest = 0;
+        std::vector<double> bytes;
+        for (const SpinCost& cost : spinCosts(system, plan, k)) {
+            seconds += cost.build;
+            slowest = std::max(slowest, cost.build);
+            bytes.push_back(cost.bytes);
         }
-        // Building, measured on these machines: per coupled state, its images under the group
-        // and a share of the rows (some 1.5 us per exchange path).
-        double states = 0;
-        for (const auto& spin : perSpin)
-            states += spin.second / (100 + 2.0 * static_cast<double>(system.twiceSpin.size()));
-        plan.secondsToBuild = states *
-                              (4e-7 * plan.group->order() +
-                               1.5e-6 * static_cast<double>(system.bonds.size())) /
-                              plan.threads;
-        std::sort(perSpin.begin(), perSpin.end(), std::greater<>());
-        for (std::size_t i = 0; i < perSpin.size() && i < static_cast<std::size_t>(plan.threads); ++i)
-            plan.bytes += (plan.scaled ? 1 : k) * perSpin[i].first + perSpin[i].second;
+        plan.secondsToBuild = std::max(seconds / plan.threads, slowest);
+        std::sort(bytes.begin(), bytes.end(), std::greater<>());
+        for (std::size_t i = 0; i < bytes.size() && i < static_cast<std::size_t>(plan.threads); ++i)
+            plan.bytes += bytes[i];
     }
     // The program itself, and the levels with their slopes (kept twice while they are gathered).
     plan.bytes += 16.0 * 1024 * 1024 + 2 * 8 * (3 + k) * levels;
@@ -569,7 +747,11 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
 
 struct Spectrum::Block {
     BlockSpec spec;
-    std::vector<Eigen::MatrixXd> perJ; // one per used J (not kept when the spectrum is scaled)
+    // The Hamiltonian per used J (not kept when the spectrum is scaled): sparse for blocks of the
+    // coupled or product basis, which a new set of J values sums into one dense matrix; dense
+    // for blocks split by symmetry (and with Plan::denseTerms).
+    std::vector<Term> terms;
+    std::vector<Eigen::MatrixXd> perJ;
     std::vector<double> stateMoment;   // full basis: M^2 of every product state
     Eigen::VectorXd unitValues;        // scaled: eigenvalues of the one J's matrix at J = 1
     Eigen::VectorXd unitMoments;       // scaled, full basis: M^2 of each eigenvector
@@ -592,7 +774,7 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     for (std::size_t slot = 0; slot < usedJ_.size(); ++slot)
         jSlot[static_cast<std::size_t>(usedJ_[slot])] = static_cast<int>(slot);
 
-    for (const BlockSpec& spec : blockSpecs(system, plan.method, plan.group.get())) {
+    for (const BlockSpec& spec : blockSpecs(system, plan)) {
         blocks_.push_back(std::make_unique<Block>());
         blocks_.back()->spec = spec;
     }
@@ -609,9 +791,11 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     // One J (or none): diagonalise once at J = 1 and keep only the levels.
     auto diagonaliseOnce = [&](Block& block) {
         const auto n = static_cast<Index>(block.spec.built());
-        Eigen::MatrixXd matrix =
-            block.perJ.empty() ? Eigen::MatrixXd::Zero(n, n) : std::move(block.perJ[0]);
+        Eigen::MatrixXd matrix = !block.perJ.empty()    ? std::move(block.perJ[0])
+                                 : !block.terms.empty() ? Eigen::MatrixXd(block.terms[0])
+                                                        : Eigen::MatrixXd::Zero(n, n);
         block.perJ.clear();
+        block.terms.clear();
         const bool vectors = plan.method == Method::Full;
         throwIfStopped(stop_);
         symmetricEigen(matrix, block.unitValues, vectors);
@@ -624,7 +808,9 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     if (plan.split()) {
         // The irrep blocks of one total spin are built together, one total spin per thread,
         // those with the largest blocks first.
-        const CouplingTree tree = couplingTree(*plan.group, static_cast<int>(system.twiceSpin.size()));
+        const CouplingTree tree =
+            plan.group ? couplingTree(*plan.group, static_cast<int>(system.twiceSpin.size()))
+                       : CouplingTree{};
         std::vector<std::vector<Block*>> bySpin;
         for (const auto& block : blocks_) {
             auto same = std::find_if(bySpin.begin(), bySpin.end(), [&](const auto& list) {
@@ -637,8 +823,12 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
             const auto& list = bySpin[static_cast<std::size_t>(i)];
             std::vector<std::vector<Eigen::MatrixXd>> matrices;
             const auto started = std::chrono::steady_clock::now();
-            buildSplitBlocks(system, *plan.group, tree, jSlot, usedJ_.size(),
-                             list[0]->spec.twiceLabel, matrices, stop_);
+            if (list[0]->spec.whole)
+                buildGroupBlocks(system, *plan.whole, jSlot, usedJ_.size(),
+                                 list[0]->spec.twiceLabel, matrices, stop_);
+            else
+                buildSplitBlocks(system, *plan.group, tree, jSlot, usedJ_.size(),
+                                 list[0]->spec.twiceLabel, matrices, stop_);
             countBuild(started);
             for (Block* block : list) {
                 auto& perJ = matrices[static_cast<std::size_t>(block->spec.irrep)];
@@ -657,15 +847,23 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     const int buildThreads = blocks_.size() == 1 ? threads_ : 1;
     parallelFor(static_cast<long>(blocks_.size()), threads_, stop_, [&](long i) {
         Block& block = *blocks_[static_cast<std::size_t>(i)];
-        block.perJ.resize(usedJ_.size());
+        block.terms.resize(usedJ_.size());
         const auto started = std::chrono::steady_clock::now();
         if (plan.method == Method::SBlocks) {
-            buildCoupledBlock(system, jSlot, block.spec.twiceLabel, block.perJ, buildThreads,
+            buildCoupledBlock(system, jSlot, block.spec.twiceLabel, block.terms, buildThreads,
                               stop_);
         } else {
             const auto states = productStates(system, block.spec, plan.method);
-            buildProductBlock(system, jSlot, states, block.perJ,
+            buildProductBlock(system, jSlot, states, block.terms,
                               plan.method == Method::Full ? &block.stateMoment : nullptr, stop_);
+        }
+        if (plan.denseTerms && !plan_.scaled) {
+            for (const Term& term : block.terms) {
+                Eigen::MatrixXd dense(term);
+                dense.triangularView<Eigen::StrictlyUpper>() = dense.transpose();
+                block.perJ.push_back(std::move(dense));
+            }
+            block.terms.clear();
         }
         countBuild(started);
         if (plan_.scaled) diagonaliseOnce(block);
@@ -699,8 +897,17 @@ void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
         return;
     }
     Eigen::MatrixXd matrix = Eigen::MatrixXd::Zero(n, n);
-    for (std::size_t slot = 0; slot < used; ++slot)
-        matrix += jKelvin[static_cast<std::size_t>(usedJ_[slot])] * block.perJ[slot];
+    for (std::size_t slot = 0; slot < used; ++slot) {
+        const double j = jKelvin[static_cast<std::size_t>(usedJ_[slot])];
+        if (!block.perJ.empty()) {
+            matrix += j * block.perJ[slot];
+            continue;
+        }
+        const Term& term = block.terms[slot];
+        for (Index column = 0; column < n; ++column)
+            for (Term::InnerIterator it(term, column); it; ++it)
+                matrix(it.row(), column) += j * it.value();
+    }
     bool anySlope = false;
     for (std::size_t slot = 0; slot < used; ++slot) anySlope = anySlope || wanted(slot);
     const bool vectors = anySlope || plan_.method == Method::Full;
@@ -710,7 +917,35 @@ void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
         block.moments = matrix.array().square().matrix().transpose() * m2;
     }
     if (!anySlope) return;
-    // Hellmann-Feynman: dE_n/dJ_k = <n| H_k |n> = sum_i U_in (H_k U)_in.
+    // Hellmann-Feynman: dE_n/dJ_k = <n| H_k |n> = sum_i U_in (H_k U)_in. With sparse H_k (its
+    // lower triangle): sum over its entries h_ij of (2 - delta_ij) h_ij U_in U_jn, for a slice of
+    // eigenvectors at a time, transposed so that the slice's U_i. lie side by side.
+    if (block.perJ.empty()) {
+        constexpr Index width = 64;
+        Eigen::MatrixXd slice;
+        Eigen::ArrayXd sum;
+        for (std::size_t slot = 0; slot < used; ++slot)
+            if (wanted(slot)) block.slopes[slot].resize(n);
+        for (Index from = 0; from < n; from += width) {
+            const Index w = std::min(width, n - from);
+            slice = matrix.middleCols(from, w).transpose();
+            for (std::size_t slot = 0; slot < used; ++slot) {
+                if (!wanted(slot)) continue;
+                sum.setZero(w);
+                double* total = sum.data();
+                for (Index column = 0; column < n; ++column) {
+                    const double* x = slice.data() + column * w;
+                    for (Term::InnerIterator it(block.terms[slot], column); it; ++it) {
+                        const double* y = slice.data() + it.row() * w;
+                        const double h = it.row() == column ? it.value() : 2 * it.value();
+                        for (Index i = 0; i < w; ++i) total[i] += h * x[i] * y[i];
+                    }
+                }
+                block.slopes[slot].segment(from, w) = sum.matrix();
+            }
+        }
+        return;
+    }
     Eigen::MatrixXd product(n, n);
     const int size = static_cast<int>(n);
     const double one = 1, zero = 0;

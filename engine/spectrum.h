@@ -4,8 +4,9 @@
 // - MBlocks: product states of equal total M, only M >= 0 (negative M repeat them);
 // - SBlocks: a spin-coupled basis |S1 S12 S123 ... S>, one block per total spin S, with matrix
 //   elements from irreducible tensor operators (Wigner 6j symbols).
-// The Hamiltonian is kept as one matrix per J value, so a new set of J values costs one
-// diagonalisation per block; with a single J the spectrum is computed once and scaled.
+// The Hamiltonian is kept as one sparse matrix per J value (dense for blocks split by symmetry),
+// so a new set of J values costs one dense sum and one diagonalisation per block; with a single J
+// the spectrum is computed once and scaled.
 // Blocks are built and diagonalised side by side, one block per thread, largest first; LAPACK
 // itself runs on one thread. (OpenBLAS's own threads wait for each other at every step of a
 // dsyevd: with another program busy on one of two cores, one dsyevd of n = 2000 took 30 times
@@ -54,14 +55,27 @@ struct Plan {
     double secondsPerSpectrum = 0; // estimated diagonalisation time, eigenvalues only
     double secondsPerSlopes = 0;   // estimated time with eigenvectors and J slopes
     double secondsToBuild = 0;     // estimated time to build the blocks (split S blocks only)
-    // S blocks split further by this group's irreducible representations (when of order > 1).
-    std::shared_ptr<const SplitGroup> group;
+    // S blocks split further by this group's irreducible representations (when of order > 1):
+    // a subgroup that keeps a coupling tree, and the whole group, built from product states;
+    // wholeFor[2S] says which one the blocks of total spin S are split by (the faster).
+    std::shared_ptr<const SplitGroup> group, whole;
+    std::vector<char> wholeFor;
+    bool treeUsed = false; // some blocks split by the tree's subgroup
     FtlmSettings ftlm; // for Method::Ftlm
+    // Blocks of the coupled or product basis keep their Hamiltonian per J sparse; with this,
+    // as one dense matrix per J (the earlier way, for comparison in the benchmark).
+    bool denseTerms = false;
     // Dense blocks within LAPACK's sizes; FTLM's sparse blocks within 32-bit column indices.
     bool buildable() const {
         return largestBlock <= (method == Method::Ftlm ? 2147483647.0 : static_cast<double>(maxLapackBlock));
     }
-    bool split() const { return group != nullptr && group->order() > 1; }
+    bool split() const {
+        return (group != nullptr && group->order() > 1) || (whole != nullptr && whole->order() > 1);
+    }
+    bool splitByWhole(int twiceTotal) const {
+        return whole != nullptr && static_cast<std::size_t>(twiceTotal) < wholeFor.size() &&
+               wholeFor[static_cast<std::size_t>(twiceTotal)];
+    }
     std::string describe() const; // "S blocks: dimension 46656, 31 blocks, largest 609"
 };
 
@@ -73,10 +87,12 @@ double estimatedSeconds(const Plan& plan, int freeJ);
 std::vector<int> usedJValues(const SpinSystem& system);
 
 // Throws std::invalid_argument for a system outside the input's limits (sites, 2S). With a
-// group of order > 1, S blocks (and the automatic method) are split by it.
+// group of order > 1, S blocks (and the automatic method) are split by it; given a subgroup
+// that keeps a coupling tree (splitGroup) and the whole group (wholeGroup), the blocks of each
+// total spin by the one estimated faster.
 Plan planSpectrum(const SpinSystem& system, Method method, int threads = 1,
-                  std::shared_ptr<const SplitGroup> group = nullptr,
-                  const FtlmSettings& ftlm = {});
+                  std::shared_ptr<const SplitGroup> group = nullptr, const FtlmSettings& ftlm = {},
+                  std::shared_ptr<const SplitGroup> whole = nullptr);
 
 // The threads corefit uses unless told otherwise: one per core.
 int defaultThreads();

@@ -18,18 +18,11 @@ __extension__ using Count = unsigned __int128;
 using Small = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, 0, 2, 2>;
 
 Small representation(const SplitGroup::Irrep& irrep, std::size_t element) {
-    const auto& m = irrep.matrix[element];
     Small d(irrep.dimension, irrep.dimension);
-    if (irrep.dimension == 1)
-        d(0, 0) = m[0];
-    else
-        d << m[0], m[1], m[2], m[3];
+    const double* m = irrep.at(element);
+    for (int i = 0; i < irrep.dimension; ++i)
+        for (int j = 0; j < irrep.dimension; ++j) d(i, j) = m[i * irrep.dimension + j];
     return d;
-}
-
-double character(const SplitGroup::Irrep& irrep, std::size_t element) {
-    const auto& m = irrep.matrix[element];
-    return irrep.dimension == 1 ? m[0] : m[0] + m[3];
 }
 
 // The coupled states of one total spin on the tree: the values 2j of the internal nodes, with
@@ -141,39 +134,51 @@ BondPath bondPath(const SpinSystem& system, const CouplingTree& tree, const Bond
 
 } // namespace
 
-std::vector<SplitBlockSize> splitBlockSizes(const SpinSystem& system, const SplitGroup& group) {
-    int total = 0;
-    for (int s : system.twiceSpin) total += s;
-    // Fixed product states of every element by digit sum D (2M = 2D - total): a cycle of the
-    // permutation fixes a state only when its sites share one m.
-    std::vector<std::vector<Count>> fixed;
-    for (const Permutation& g : group.elements) {
+FixedStates::FixedStates(const SpinSystem& system, const std::vector<Permutation>& elements) {
+    for (int s : system.twiceSpin) total_ += s;
+    for (const Permutation& g : elements) {
         std::vector<Count> counts{1};
         std::vector<char> seen(g.size(), 0);
         for (std::size_t i = 0; i < g.size(); ++i) {
             if (seen[i]) continue;
             std::size_t length = 0;
-            for (std::size_t j = i; !seen[j]; j = static_cast<std::size_t>(g[j])) seen[j] = 1, ++length;
+            for (std::size_t j = i; !seen[j]; j = static_cast<std::size_t>(g[j]))
+                seen[j] = 1, ++length;
             const auto s = static_cast<std::size_t>(system.twiceSpin[i]);
             std::vector<Count> next(counts.size() + length * s, 0);
             for (std::size_t d = 0; d < counts.size(); ++d)
                 for (std::size_t m = 0; m <= s; ++m) next[d + length * m] += counts[d];
             counts = std::move(next);
         }
-        fixed.push_back(std::move(counts));
+        std::vector<double> asDouble;
+        for (Count c : counts) asDouble.push_back(static_cast<double>(c));
+        counts_.push_back(std::move(asDouble));
     }
-    auto at = [&](std::size_t g, int twiceM) -> double {
-        const int d = (twiceM + total) / 2;
-        const auto& c = fixed[g];
-        return d >= 0 && static_cast<std::size_t>(d) < c.size() ? static_cast<double>(c[static_cast<std::size_t>(d)])
-                                                              : 0.0;
-    };
+}
+
+double FixedStates::at(std::size_t element, int twiceM) const {
+    const int d = (twiceM + total_) / 2; // digit sum, 2M = 2D - total
+    const auto& c = counts_[element];
+    return d >= 0 && static_cast<std::size_t>(d) < c.size() ? c[static_cast<std::size_t>(d)] : 0.0;
+}
+
+double FixedStates::multiplicity(const SplitGroup& group, std::size_t irrep, int twiceM) const {
+    double sum = 0;
+    for (std::size_t g = 0; g < group.elements.size(); ++g)
+        sum += group.irreps[irrep].character(g) * at(g, twiceM);
+    return std::round(sum / group.order());
+}
+
+std::vector<SplitBlockSize> splitBlockSizes(const SpinSystem& system, const SplitGroup& group) {
+    const FixedStates fixed(system, group.elements);
+    const int total = fixed.total();
     std::vector<SplitBlockSize> sizes;
     for (int twiceS = total % 2; twiceS <= total; twiceS += 2)
         for (std::size_t k = 0; k < group.irreps.size(); ++k) {
             double sum = 0;
             for (std::size_t g = 0; g < group.elements.size(); ++g)
-                sum += character(group.irreps[k], g) * (at(g, twiceS) - at(g, twiceS + 2));
+                sum +=
+                    group.irreps[k].character(g) * (fixed.at(g, twiceS) - fixed.at(g, twiceS + 2));
             const double size = std::round(sum / group.order());
             if (size > 0) sizes.push_back({twiceS, static_cast<int>(k), size});
         }
@@ -294,7 +299,7 @@ void buildSplitBlocks(const SpinSystem& system, const SplitGroup& group, const C
                 if (group.irreps[k].dimension == 1) {
                     matrices[k][slot](here.offset, there.offset) +=
                         factor * here.w(0, 0) *
-                        group.irreps[k].matrix[static_cast<std::size_t>(mover[t])][0] * there.aw(0, 0);
+                        group.irreps[k].at(static_cast<std::size_t>(mover[t]))[0] * there.aw(0, 0);
                     continue;
                 }
                 const Small y = here.w.transpose() *

@@ -26,6 +26,22 @@ struct SplitBlockSize {
     double size = 0;
 };
 
+// Product states that each element of a group keeps fixed, by total 2M: a cycle of the
+// permutation keeps a state only when its sites share one m. Exact counts, as doubles.
+class FixedStates {
+public:
+    FixedStates(const SpinSystem& system, const std::vector<Permutation>& elements);
+    double at(std::size_t element, int twiceM) const;
+    // Copies of the irrep in the product states of total 2M (the size of their symmetry block):
+    // 1/|G| sum_g chi(g) fixed(g, M).
+    double multiplicity(const SplitGroup& group, std::size_t irrep, int twiceM) const;
+    int total() const { return total_; } // sum of 2S
+
+private:
+    int total_ = 0;
+    std::vector<std::vector<double>> counts_; // [element][digit sum]
+};
+
 // The size of every (S, irrep) block from characters, without building anything:
 // n = 1/|G| sum_g chi_Gamma(g) (fixed product states of g with M = S, less those with M = S + 1).
 // Blocks of size 0 are left out.

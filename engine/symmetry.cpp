@@ -422,7 +422,10 @@ SplitGroup splitGroup(const SiteSymmetry& symmetry, int sites) {
                 if (w.b) d = multiply(d, base.s); // r^a s^b: s acts first
                 const double sign = __builtin_popcount(static_cast<unsigned>(w.c & zeta)) % 2 ? -1 : 1;
                 for (double& x : d) x *= sign;
-                irrep.matrix.push_back(d);
+                if (base.dimension == 1)
+                    irrep.matrix.push_back(d[0]);
+                else
+                    irrep.matrix.insert(irrep.matrix.end(), d.begin(), d.end());
             }
             out.irreps.push_back(std::move(irrep));
         }

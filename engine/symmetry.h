@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -32,19 +33,34 @@ inline constexpr std::size_t maxListedElements = 1 << 12;
 // a search that takes more than a bounded number of steps is left out (and complete is false).
 SiteSymmetry findSymmetry(const SpinSystem& system);
 
-// The group the exact spectrum is split by: a subgroup <r, s, z1, z2, ...> of the symmetry with
-// r of order m (a power of 2), s a reflection (s r s = r^-1) and the z central swaps, all of
-// whose irreducible representations are real; its order is a power of 2, so that a coupling
-// tree of the sites exists on which it acts (see CouplingTree).
+// The group the exact spectrum is split by, with its real irreducible representations. Either
+// a subgroup <r, s, z1, z2, ...> of the symmetry with r of order m (a power of 2), s a reflection
+// (s r s = r^-1) and the z central swaps, all of whose irreducible representations are real; its
+// order is a power of 2, so that a coupling tree of the sites exists on which it acts (see
+// CouplingTree). Or the whole group (wholeGroup), whose blocks are built from highest-weight
+// product states instead (see group_blocks.h).
 struct SplitGroup {
     struct Irrep {
         int dimension = 1;
+        // 1: of real type. 2 or 4: of complex or quaternionic type (two complex irreducible
+        // representations, or one twice, in one real one); every level of its blocks is found
+        // `kind` times and stands for dimension / kind (2S + 1) states.
+        int kind = 1;
         std::string name;
-        std::vector<std::array<double, 4>> matrix; // per element, row-major 2x2 (1x1: [0])
+        std::vector<double> matrix; // per element, row-major dimension x dimension
+        const double* at(std::size_t element) const {
+            return matrix.data() + element * static_cast<std::size_t>(dimension * dimension);
+        }
+        double character(std::size_t element) const {
+            double trace = 0;
+            for (int i = 0; i < dimension; ++i) trace += at(element)[i * (dimension + 1)];
+            return trace;
+        }
     };
     std::vector<Permutation> elements; // elements[0] is the identity
     std::vector<Irrep> irreps;
     std::string name; // "cyclic 8 + reflections", "order 4", "none"
+    bool wholeGroup = false;
     int order() const { return static_cast<int>(elements.size()); }
 };
 

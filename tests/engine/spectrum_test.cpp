@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "group_blocks.h"
 #include "model.h"
 #include "spectrum.h"
 #include "symmetry.h"
@@ -84,6 +85,24 @@ void expectSameSpectrum(const Levels& levels, const Levels& reference,
         EXPECT_NEAR(momentAt(levels, t), momentAt(reference, t),
                     tolerance * momentAt(reference, t) + 1e-20)
             << "T = " << t;
+    // The thermal mean of every dH/dJ_k: the same whatever basis degenerate levels come in.
+    auto slopeAt = [](const Levels& l, std::size_t k, double t) {
+        const double e0 = *std::min_element(l.energy.begin(), l.energy.end());
+        double z = 0, sum = 0;
+        for (std::size_t n = 0; n < l.energy.size(); ++n) {
+            const double boltzmann = l.weight[n] * std::exp(-(l.energy[n] - e0) / t);
+            z += boltzmann;
+            sum += boltzmann * l.slope[k][n];
+        }
+        return sum / z;
+    };
+    for (std::size_t k = 0; k < j.size() && k < reference.slope.size(); ++k) {
+        if (reference.slope[k].empty() || k >= levels.slope.size() || levels.slope[k].empty())
+            continue;
+        for (double t : {3.0, 40.0})
+            EXPECT_NEAR(slopeAt(levels, k, t), slopeAt(reference, k, t), tolerance * scale)
+                << "J" << k + 1 << ", T = " << t;
+    }
     for (std::size_t n = 0; n < levels.energy.size(); ++n) {
         if (levels.slope.empty() || levels.slope[0].empty()) break;
         double sum = 0;
@@ -217,6 +236,91 @@ TEST(Spectrum, SymmetryBlocksAgreeWithWholeSBlocks) {
         Spectrum split(cluster.system, plan, 2);
         expectSameSpectrum(split.levels(cluster.j, allSlopes), whole.levels(cluster.j, allSlopes),
                            cluster.j, 1e-10);
+    }
+}
+
+// The whole symmetry group, every irreducible representation (odd orders, non-abelian groups,
+// 3-dimensional representations): against the full product basis where it is small, and against
+// the S blocks split by the subgroup of order 2^k.
+TEST(Spectrum, WholeGroupBlocksAgreeWithFullBasisAndSplitBlocks) {
+    auto ring = [](std::vector<int> spins, int jValues) {
+        SpinSystem system{spins, {}, jValues};
+        const int n = static_cast<int>(spins.size());
+        for (int i = 0; i < n; ++i) system.bonds.push_back({i, (i + 1) % n, i % jValues});
+        return system;
+    };
+    auto graph = [](int sites, int twiceSpin, std::vector<std::pair<int, int>> edges) {
+        SpinSystem system{std::vector<int>(static_cast<std::size_t>(sites), twiceSpin), {}, 1};
+        for (auto [a, b] : edges) system.bonds.push_back({a, b, 0});
+        return system;
+    };
+    std::vector<std::pair<int, int>> cube, octahedron;
+    for (int a = 0; a < 8; ++a)
+        for (int bit : {1, 2, 4})
+            if ((a & bit) == 0) cube.emplace_back(a, a | bit);
+    for (int a = 0; a < 6; ++a)
+        for (int b = a + 1; b < 6; ++b)
+            if (b != a + 3) octahedron.emplace_back(a, b);
+    SpinSystem wheel = ring({1, 1, 1, 1, 1}, 1); // a pentagon around a spin 1
+    wheel.twiceSpin.push_back(2);
+    wheel.jCount = 2;
+    for (int i = 0; i < 5; ++i) wheel.bonds.push_back({i, 5, 1});
+    struct Case {
+        Cluster cluster;
+        bool full; // small enough for the full product basis
+        int order;
+    };
+    const std::vector<Case> cases{
+        {{"ring 5 x 3/2", ring({3, 3, 3, 3, 3}, 1), {-7}}, true, 10},
+        {{"ring 6 x 1", ring({2, 2, 2, 2, 2, 2}, 1), {-9}}, true, 12},
+        {{"ring 9 x 1/2", ring(std::vector<int>(9, 1), 1), {-11}}, true, 18},
+        {{"ring 10 x 1/2, J1/J2", ring(std::vector<int>(10, 1), 2), {-10, -4}}, true, 10},
+        {{"ring 9 x 1/2, J1/J2/J3: cyclic 3, complex",
+          ring(std::vector<int>(9, 1), 3),
+          {-10, -4, 3}},
+         true,
+         3},
+        {{"ring 12 x 1/2", ring(std::vector<int>(12, 1), 1), {-10}}, false, 24},
+        {{"ring 6 x 5/2, J1/J2", ring({5, 5, 5, 5, 5, 5}, 2), {-10, -7}}, false, 6},
+        {{"triangle 3 x 3/2", graph(3, 3, {{0, 1}, {1, 2}, {2, 0}}), {-13}}, true, 6},
+        {{"tetrahedron 4 x 3/2",
+          graph(4, 3, {{0, 1}, {0, 2}, {0, 3}, {1, 2}, {1, 3}, {2, 3}}),
+          {5}},
+         true,
+         24},
+        {{"cube 8 x 1/2", graph(8, 1, cube), {-8}}, true, 48},
+        {{"octahedron 6 x 1", graph(6, 2, octahedron), {-6}}, true, 48},
+        {{"ring 1/2 and 1 alternating", ring({1, 2, 1, 2, 1, 2, 1, 2}, 1), {-12}}, true, 8},
+        {{"pentagon 1/2 around 1", wheel, {-4, 1.5}}, true, 10},
+    };
+    for (const Case& c : cases) {
+        const Cluster& cluster = c.cluster;
+        SCOPED_TRACE(cluster.name);
+        const std::vector<bool> allSlopes(static_cast<std::size_t>(cluster.system.jCount), true);
+        const SiteSymmetry symmetry = findSymmetry(cluster.system);
+        const int sites = static_cast<int>(cluster.system.twiceSpin.size());
+        const auto whole = std::make_shared<const SplitGroup>(wholeGroup(symmetry, sites));
+        ASSERT_EQ(whole->order(), c.order);
+        const Plan plan = planSpectrum(cluster.system, Method::SBlocks, 1, whole);
+        ASSERT_TRUE(plan.split());
+        Spectrum spectrum(cluster.system, plan, 2);
+        const Levels& levels = spectrum.levels(cluster.j, allSlopes);
+        Spectrum split(cluster.system,
+                       planSpectrum(cluster.system, Method::SBlocks, 1, symmetryOf(cluster.system)),
+                       2);
+        expectSameSpectrum(levels, split.levels(cluster.j, allSlopes), cluster.j, 1e-10);
+        // Every other total spin by the whole group, the rest by the tree's subgroup.
+        Plan mixed =
+            planSpectrum(cluster.system, Method::SBlocks, 1, symmetryOf(cluster.system), {}, whole);
+        mixed.wholeFor.assign(64, 0);
+        for (std::size_t label = 0; label < mixed.wholeFor.size(); ++label)
+            mixed.wholeFor[label] = label % 4 < 2;
+        Spectrum both(cluster.system, mixed, 2);
+        expectSameSpectrum(both.levels(cluster.j, allSlopes), levels, cluster.j, 1e-10);
+        if (c.full) {
+            Spectrum full(cluster.system, planSpectrum(cluster.system, Method::Full), 2);
+            expectSameSpectrum(levels, full.levels(cluster.j, allSlopes), cluster.j, 1e-9);
+        }
     }
 }
 

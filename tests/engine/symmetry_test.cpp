@@ -2,8 +2,10 @@
 // coupling tree that subgroup acts on.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 
+#include "group_blocks.h"
 #include "symmetry.h"
 
 using namespace corefit;
@@ -74,6 +76,44 @@ bool isAutomorphism(const SpinSystem& system, const Permutation& p) {
     return true;
 }
 
+// Real irreducible representations: each a homomorphism, <chi, chi> its kind (1, 2 or 4), the
+// characters of two of them orthogonal, and sum of d^2 / kind the order.
+void expectRealIrreps(const SplitGroup& group) {
+    const auto n = group.elements.size();
+    auto indexOf = [&](const Permutation& p) {
+        return static_cast<std::size_t>(std::find(group.elements.begin(), group.elements.end(), p) -
+                                        group.elements.begin());
+    };
+    double squares = 0;
+    for (std::size_t k = 0; k < group.irreps.size(); ++k) {
+        const auto& irrep = group.irreps[k];
+        const int d = irrep.dimension;
+        squares += static_cast<double>(d * d) / irrep.kind;
+        for (std::size_t l = 0; l <= k; ++l) {
+            double product = 0;
+            for (std::size_t g = 0; g < n; ++g)
+                product += irrep.character(g) * group.irreps[l].character(g);
+            EXPECT_NEAR(product / static_cast<double>(n), l == k ? irrep.kind : 0, 1e-9)
+                << irrep.name << " with " << group.irreps[l].name;
+        }
+        for (std::size_t g = 0; g < n; ++g)
+            for (std::size_t h = 0; h < n; h += 1 + n / 8) {
+                Permutation gh(group.elements[h].size());
+                for (std::size_t i = 0; i < gh.size(); ++i)
+                    gh[i] = group.elements[g][static_cast<std::size_t>(group.elements[h][i])];
+                const double* product = irrep.at(indexOf(gh));
+                for (int i = 0; i < d; ++i)
+                    for (int j = 0; j < d; ++j) {
+                        double sum = 0;
+                        for (int x = 0; x < d; ++x)
+                            sum += irrep.at(g)[i * d + x] * irrep.at(h)[x * d + j];
+                        ASSERT_NEAR(sum, product[i * d + j], 1e-9) << irrep.name;
+                    }
+            }
+    }
+    EXPECT_NEAR(squares, static_cast<double>(n), 1e-9);
+}
+
 } // namespace
 
 TEST(Symmetry, GroupsOfStandardClusters) {
@@ -91,17 +131,10 @@ TEST(Symmetry, GroupsOfStandardClusters) {
         EXPECT_EQ(group.order(), c.splitOrder);
         // Real irreducible representations: sum of squared dimensions is the order, and each is
         // a homomorphism with the orthogonality of characters.
-        int squares = 0;
-        for (const auto& irrep : group.irreps) {
-            squares += irrep.dimension * irrep.dimension;
-            double norm = 0;
-            for (const auto& d : irrep.matrix) {
-                const double character = irrep.dimension == 1 ? d[0] : d[0] + d[3];
-                norm += character * character;
-            }
-            EXPECT_NEAR(norm, group.order(), 1e-9) << irrep.name;
-        }
-        EXPECT_EQ(squares, group.order());
+        expectRealIrreps(group);
+        const SplitGroup whole = wholeGroup(symmetry, sites);
+        EXPECT_EQ(whole.order(), c.order);
+        expectRealIrreps(whole);
 
         // The coupling tree: every element maps the children of a node onto those of its image.
         const CouplingTree tree = couplingTree(group, sites);
