@@ -185,19 +185,31 @@ std::vector<SplitBlockSize> splitBlockSizes(const SpinSystem& system, const Spli
     return sizes;
 }
 
-void buildSplitBlocks(const SpinSystem& system, const SplitGroup& group, const CouplingTree& tree,
-                      const std::vector<int>& jSlot, std::size_t slots, int twiceTotal,
-                      std::vector<std::vector<Eigen::MatrixXd>>& matrices, const StopFlag* stop) {
-    const TreeStates states = enumerateStates(system, tree, twiceTotal);
+namespace {
+
+// The orbits of the coupled states under the group: for every state its orbit, an element h
+// with R(h)|rep> = sign |state>, and for every orbit and irrep A = sum over the stabiliser of
+// the representative of sign D(u).
+struct Orbits {
+    std::vector<int> orbitOf, mover, representatives;
+    std::vector<double> signOf;
+    std::vector<std::vector<Small>> stabiliserSum; // [irrep][orbit]
+};
+
+Orbits findOrbits(const SpinSystem& system, const SplitGroup& group, const CouplingTree& tree,
+                  const TreeStates& states, const StopFlag* stop) {
     const int sites = tree.sites, internal = states.internal, count = states.count();
     const std::size_t elements = group.elements.size(), irreps = group.irreps.size();
-
-    // Orbits: for every state its orbit, an element h with R(h)|rep> = sign |state>, and for
-    // every orbit and irrep A = sum over the stabiliser of the representative of sign D(u).
-    std::vector<int> orbitOf(static_cast<std::size_t>(count), -1), mover(orbitOf.size()),
-        representatives;
-    std::vector<double> signOf(orbitOf.size());
-    std::vector<std::vector<Small>> stabiliserSum(irreps); // [irrep][orbit]
+    Orbits found;
+    std::vector<int>& orbitOf = found.orbitOf;
+    std::vector<int>& mover = found.mover;
+    std::vector<int>& representatives = found.representatives;
+    std::vector<double>& signOf = found.signOf;
+    std::vector<std::vector<Small>>& stabiliserSum = found.stabiliserSum;
+    orbitOf.assign(static_cast<std::size_t>(count), -1);
+    mover.assign(orbitOf.size(), 0);
+    signOf.assign(orbitOf.size(), 0.0);
+    stabiliserSum.assign(irreps, {});
     std::vector<std::uint16_t> image(static_cast<std::size_t>(internal));
     for (int c = 0; c < count; ++c) {
         if (orbitOf[static_cast<std::size_t>(c)] >= 0) continue;
@@ -235,21 +247,29 @@ void buildSplitBlocks(const SpinSystem& system, const SplitGroup& group, const C
                     stabiliserSum[k].back() += sign * representation(group.irreps[k], g);
         }
     }
-    const std::size_t orbits = representatives.size();
+    return found;
+}
 
-    // Per irrep and orbit: W with W^T Gram W = 1 (Gram = d/|G| A), A W, and the offset.
-    struct Part {
-        Small w, aw;
-        int offset = 0;
-        int rank() const { return static_cast<int>(w.cols()); }
-    };
-    std::vector<std::vector<Part>> parts(irreps, std::vector<Part>(orbits));
+// Per irrep and orbit: W with W^T Gram W = 1 (Gram = d/|G| A), A W, and the offset of the
+// orbit's rows in the irrep's block.
+struct Part {
+    Small w, aw;
+    int offset = 0;
+    int rank() const { return static_cast<int>(w.cols()); }
+};
+
+std::vector<std::vector<Part>> orbitParts(const SplitGroup& group, const Orbits& orbits,
+                                          std::size_t slots,
+                                          std::vector<std::vector<Eigen::MatrixXd>>& matrices) {
+    const std::size_t irreps = group.irreps.size(), count = orbits.representatives.size();
+    const std::vector<std::vector<Small>>& stabiliserSum = orbits.stabiliserSum;
+    std::vector<std::vector<Part>> parts(irreps, std::vector<Part>(count));
     matrices.assign(irreps, {});
     for (std::size_t k = 0; k < irreps; ++k) {
         const int d = group.irreps[k].dimension;
         const double scale = static_cast<double>(d) / group.order();
         int offset = 0;
-        for (std::size_t o = 0; o < orbits; ++o) {
+        for (std::size_t o = 0; o < count; ++o) {
             const Small& a = stabiliserSum[k][o];
             Part& part = parts[k][o];
             part.offset = offset;
@@ -267,6 +287,24 @@ void buildSplitBlocks(const SpinSystem& system, const SplitGroup& group, const C
         matrices[k].assign(slots, Eigen::MatrixXd::Zero(offset, offset));
     }
 
+    return parts;
+}
+
+} // namespace
+
+void buildSplitBlocks(const SpinSystem& system, const SplitGroup& group, const CouplingTree& tree,
+                      const std::vector<int>& jSlot, std::size_t slots, int twiceTotal,
+                      std::vector<std::vector<Eigen::MatrixXd>>& matrices, const StopFlag* stop) {
+    const TreeStates states = enumerateStates(system, tree, twiceTotal);
+    const int sites = tree.sites, internal = states.internal;
+    const std::size_t irreps = group.irreps.size();
+    const Orbits found = findOrbits(system, group, tree, states, stop);
+    const std::vector<int>& orbitOf = found.orbitOf;
+    const std::vector<int>& mover = found.mover;
+    const std::vector<double>& signOf = found.signOf;
+    const std::size_t orbits = found.representatives.size();
+    const std::vector<std::vector<Part>> parts = orbitParts(group, found, slots, matrices);
+
     // Rows of H at the representatives, and their part in every irrep block.
     std::vector<BondPath> paths;
     for (const Bond& bond : system.bonds)
@@ -280,7 +318,7 @@ void buildSplitBlocks(const SpinSystem& system, const SplitGroup& group, const C
         bool wanted = false;
         for (std::size_t k = 0; k < irreps; ++k) wanted = wanted || parts[k][o].rank() > 0;
         if (!wanted) continue;
-        const std::uint16_t* state = states.state(representatives[o]);
+        const std::uint16_t* state = states.state(found.representatives[o]);
         for (int node = 0; node < tree.nodes(); ++node)
             bra[static_cast<std::size_t>(node)] =
                 node < sites ? system.twiceSpin[static_cast<std::size_t>(node)] : state[node - sites];
