@@ -313,7 +313,18 @@ Matrix2 multiply(const Matrix2& a, const Matrix2& b) {
 
 } // namespace
 
-SplitGroup splitGroup(const SiteSymmetry& symmetry, int sites) {
+namespace {
+
+// The generators of a split group: r of order m (a power of 2), a reflection s with
+// s r s = r^-1 (none: empty), and commuting swaps z.
+struct SplitGenerators {
+    Permutation r, s;
+    std::vector<Permutation> z;
+};
+
+// The largest <r, s, z...> among the elements of symmetry whose irreducible representations
+// are all real.
+SplitGenerators largestSplitSubgroup(const SiteSymmetry& symmetry, int sites) {
     const Permutation e = identity(sites);
     std::vector<Permutation> powersOfTwo, involutions;
     for (const Permutation& g : symmetry.elements) {
@@ -368,7 +379,16 @@ SplitGroup splitGroup(const SiteSymmetry& symmetry, int sites) {
         if (static_cast<double>(bestSize) >= twoPart) break;
     }
 
-    // Elements r^a s^b z^c and the real irreducible representations of D_m x C2^k.
+    return {bestR, bestS, bestZ};
+}
+
+// The elements r^a s^b z^c of the group the generators make, and its real irreducible
+// representations (those of D_m x C2^k), named.
+SplitGroup splitGroupOf(const SplitGenerators& generators, int sites) {
+    const Permutation e = identity(sites);
+    const Permutation& bestR = generators.r;
+    const Permutation& bestS = generators.s;
+    const std::vector<Permutation>& bestZ = generators.z;
     SplitGroup out;
     const int m = orderOf(bestR);
     const int reflections = bestS.empty() ? 1 : 2;
@@ -442,6 +462,12 @@ SplitGroup splitGroup(const SiteSymmetry& symmetry, int sites) {
         std::snprintf(text, sizeof text, "order %d", out.order());
     out.name = text;
     return out;
+}
+
+} // namespace
+
+SplitGroup splitGroup(const SiteSymmetry& symmetry, int sites) {
+    return splitGroupOf(largestSplitSubgroup(symmetry, sites), sites);
 }
 
 CouplingTree couplingTree(const SplitGroup& group, int sites) {
