@@ -344,13 +344,34 @@ void MainWindowHost::hideBand() {
 void MainWindowHost::showLogFile(const std::string& path) {
     if (log_ == nullptr) log_ = new LogWindow(*this);
     log_->follow(qText(path));
-    // In front, and usable while the progress dialog is modal: shown as a window of its own
-    // that the dialog does not block.
-    log_->setAttribute(Qt::WA_ShowWithoutActivating, false);
-    log_->setWindowModality(Qt::NonModal);
+    // In front of the window and of the progress dialog, and usable while that dialog is modal:
+    // it belongs to the dialog while the dialog is shown, and comes back to the main window when
+    // the dialog goes (see eventFilter), so that it stays open.
+    QWidget* owner = QApplication::activeModalWidget();
+    if (owner == nullptr) owner = this;
+    if (log_->parentWidget() != owner) {
+        const bool shown = log_->isVisible();
+        const QRect place = log_->geometry();
+        log_->setParent(owner, Qt::Window);
+        if (shown) log_->setGeometry(place); // where the user left it
+        if (owner != this) owner->installEventFilter(this);
+    }
     log_->show();
     log_->raise();
     log_->activateWindow();
+}
+
+bool MainWindowHost::eventFilter(QObject* watched, QEvent* event) {
+    if (event->type() == QEvent::Hide && log_ != nullptr && log_->parentWidget() == watched &&
+        watched != this) {
+        watched->removeEventFilter(this);
+        const bool shown = log_->isVisible();
+        const QRect place = log_->geometry();
+        log_->setParent(this, Qt::Window);
+        log_->setGeometry(place);
+        if (shown) log_->show();
+    }
+    return QMainWindow::eventFilter(watched, event);
 }
 
 void MainWindowHost::setTitle(const std::string& title) { setWindowTitle(qText(title)); }

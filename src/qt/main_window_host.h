@@ -73,6 +73,7 @@ public:
     void hideBand() override;
     bool savePlot(const std::string& path, std::string& error) override;
     void setTitle(const std::string& title) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
     void copyText(const std::string& text) override;
 
 protected:
