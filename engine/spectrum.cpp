@@ -456,7 +456,7 @@ namespace {
 // reorthogonalisation of the exact levels, measured on 2-core machines.
 Plan planFtlm(const SpinSystem& system, Plan plan) {
     checkSystem(system);
-    const FtlmSizes sizes = ftlmSizes(system);
+    const FtlmSizes sizes = ftlmSizes(system, plan.ftlm.symmetry);
     const FtlmSettings& f = plan.ftlm;
     Count dimension = 0;
     for (Count c : momentCounts(system.twiceSpin)) dimension += c;

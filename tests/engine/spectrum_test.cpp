@@ -272,6 +272,7 @@ TEST(Ftlm, KeepsTheLowestLevelsOfEveryBlockWithTheirDegeneratePartners) {
     FtlmSettings settings;
     settings.exactLevels = 5;
     settings.denseLimit = 100;
+    settings.symmetry = false;
     Spectrum ftlm(ring, planSpectrum(ring, Method::Ftlm, 1, nullptr, settings), 1);
     Spectrum whole(ring, planSpectrum(ring, Method::MBlocks), 1);
     // The levels of each M >= 0 (a level's M^2 is its moment over its weight).
