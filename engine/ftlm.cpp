@@ -9,11 +9,20 @@
 #include <numeric>
 #include <random>
 #include <stdexcept>
+#ifdef FTLM_TIMING
+#include <cstdio>
+#include <ctime>
+#include <mutex>
+#endif
 
 #include <Eigen/Dense>
 
 #include "spectrum.h"
 #include "symmetry.h"
+
+#ifdef COREFIT_MPI
+#include <mpi.h>
+#endif
 
 extern "C" void zheevd_(const char* jobz, const char* uplo, const int* n, std::complex<double>* a,
                         const int* lda, double* w, std::complex<double>* work, const int* lwork,
@@ -292,7 +301,7 @@ template <class S> void projectOut(const Matrix<S>& basis, Vector<S>& v, int pas
     for (int pass = 0; pass < passes; ++pass) v -= basis * (basis.adjoint() * v);
 }
 
-constexpr int lowestWidth = 60; // basis of the search for the lowest levels, at least
+constexpr int lowestWidth = 24; // basis of the search for the lowest levels, at least
 
 // A Ritz pair counts once its residual is below this times the largest Ritz value. The search
 // takes other paths at other J values (more or fewer restarts), and its pairs differ by up to
@@ -323,6 +332,9 @@ template <class S> struct Found {
 // its value is used); so does wanting no more at all. Every few steps the Ritz pairs are looked
 // at for that end; when the basis is full, it starts again from the lowest Ritz pairs not taken
 // and the residual. Returns NaN when the Krylov space of v holds nothing more.
+#ifdef FTLM_TIMING
+thread_local long searchProducts = 0;
+#endif
 template <class S>
 double explore(const BlockOperator<S>& h, Vector<S> v, int width, Found<S>& found,
                const std::function<bool(double, Index)>& take, const StopFlag* stop) {
@@ -337,6 +349,9 @@ double explore(const BlockOperator<S>& h, Vector<S> v, int width, Found<S>& foun
     Index restarted = 0; // the first vector after the Ritz vectors kept at a restart
     Vector<S> w;
     for (long products = 0;; ++products) {
+#ifdef FTLM_TIMING
+        ++searchProducts;
+#endif
         if (products % 16 == 0) throwIfStopped(stop);
         if (products > 200L * width)
             throw std::runtime_error("FTLM: the lowest levels of a block of " + std::to_string(n) +
@@ -532,11 +547,73 @@ Lowest<S> lowestAtAGap(const BlockOperator<S>& h, int wanted, std::uint64_t seed
 // polynomial at them does, which over so few steps leaves them far below what counts.
 constexpr int keepApart = 8;
 
+// The processes of an MPI run (one without MPI, or when MPI is not initialised) and this one's
+// number.
+int processes() {
+#ifdef COREFIT_MPI
+    int initialised = 0, size = 1;
+    MPI_Initialized(&initialised);
+    if (initialised) MPI_Comm_size(MPI_COMM_WORLD, &size);
+    return size;
+#else
+    return 1;
+#endif
+}
+int thisProcess() {
+#ifdef COREFIT_MPI
+    int rank = 0;
+    if (processes() > 1) MPI_Comm_rank(MPI_COMM_WORLD, &rank);
+    return rank;
+#else
+    return 0;
+#endif
+}
+
 // The levels one task gives: the exact ones of a block, or those of one random vector.
 struct Part {
     std::vector<double> energy, weight;
     std::vector<int> sample;
 };
+
+// Under MPI: every process sends the parts it worked on (own(p)) to all the others, so that
+// each has them all, the same as one process alone would.
+void shareParts(std::vector<Part>& parts, const std::function<bool(std::size_t)>& own) {
+#ifdef COREFIT_MPI
+    const int size = processes();
+    if (size <= 1) return;
+    // Each part as its number, its length, then energies, weights and random vectors.
+    std::vector<double> buffer;
+    for (std::size_t p = 0; p < parts.size(); ++p) {
+        if (!own(p)) continue;
+        const Part& part = parts[p];
+        buffer.push_back(static_cast<double>(p));
+        buffer.push_back(static_cast<double>(part.energy.size()));
+        buffer.insert(buffer.end(), part.energy.begin(), part.energy.end());
+        buffer.insert(buffer.end(), part.weight.begin(), part.weight.end());
+        buffer.insert(buffer.end(), part.sample.begin(), part.sample.end());
+    }
+    const int length = static_cast<int>(buffer.size());
+    std::vector<int> lengths(static_cast<std::size_t>(size)),
+        offsets(static_cast<std::size_t>(size), 0);
+    MPI_Allgather(&length, 1, MPI_INT, lengths.data(), 1, MPI_INT, MPI_COMM_WORLD);
+    for (std::size_t r = 1; r < lengths.size(); ++r) offsets[r] = offsets[r - 1] + lengths[r - 1];
+    std::vector<double> all(static_cast<std::size_t>(offsets.back() + lengths.back()));
+    MPI_Allgatherv(buffer.data(), length, MPI_DOUBLE, all.data(), lengths.data(), offsets.data(),
+                   MPI_DOUBLE, MPI_COMM_WORLD);
+    for (std::size_t at = 0; at < all.size();) {
+        Part& part = parts[static_cast<std::size_t>(all[at])];
+        const auto n = static_cast<std::ptrdiff_t>(all[at + 1]);
+        const auto from = all.begin() + static_cast<std::ptrdiff_t>(at) + 2;
+        part.energy.assign(from, from + n);
+        part.weight.assign(from + n, from + 2 * n);
+        part.sample.assign(from + 2 * n, from + 3 * n);
+        at += 2 + 3 * static_cast<std::size_t>(n);
+    }
+#else
+    (void)parts;
+    (void)own;
+#endif
+}
 
 // What the random vectors of a block need of its exact part at the current J values.
 template <class S> struct Exact {
@@ -560,6 +637,9 @@ struct FtlmSpectrum::Block {
     double weight = 1; // 2 for M > 0 (the block of -M repeats it), twice that for k and m - k
     Index n = 0;
     int exactCount = -1; // levels found exactly, decided at the first J values (-1: not yet)
+    bool whole = false;  // diagonalised whole
+    double cost = 0;     // estimated seconds
+    int process = 0;     // of an MPI run, the one that works on it
     std::unique_ptr<BlockOperator<double>> real;
     std::unique_ptr<BlockOperator<Complex>> complex;
     Exact<double> exactReal;
@@ -596,7 +676,7 @@ void exactPart(FtlmSpectrum::Block& block, const BlockOperator<S>& h, const Ftlm
     exact.clear();
     const Index n = h.dimension;
     Eigen::VectorXd values;
-    if (n <= settings.denseLimit) {
+    if (block.whole) {
         Matrix<S> matrix = h.dense();
         hermitianEigen(matrix, values, false);
     } else {
@@ -768,6 +848,26 @@ void buildSector(const SpinSystem& system, const Cyclic& cyclic, const Coder& co
 
 } // namespace
 
+FtlmBlockCost ftlmBlockCost(double n, double nonzeros, bool complex, const FtlmSettings& settings) {
+    // Seconds on one core (AMD EPYC, 2026), from the parts of a spectrum measured apart: the
+    // sparse product per element, a pass over a vector per entry, dsyevd per n^3 (zheevd four
+    // times as much; a complex product three times a real one), the search for the lowest levels
+    // per level (products and its reorthogonalisation against a basis of some 30 vectors on
+    // average), and the tridiagonal eigenproblem of a Lanczos run (with its eigenvectors).
+    const double factor = complex ? 3 : 1;
+    const double product = factor * (nonzeros * 0.9e-9 + n * 3e-9);
+    const double levels = std::min<double>(settings.exactLevels, n) + 2;
+    const double search = levels * 70 * (product + factor * n * 3e-9);
+    const double steps = std::min<double>(settings.steps, n);
+    const double lanczos =
+        search + settings.vectors * (steps * product + 3e-9 * steps * steps * steps);
+    const double dense = (complex ? 4 : 1) * 7.5e-11 * n * n * n;
+    FtlmBlockCost cost;
+    cost.whole = n <= static_cast<double>(settings.denseLimit) && dense <= lanczos;
+    cost.seconds = cost.whole ? dense + 1e-9 * n * n : lanczos;
+    return cost;
+}
+
 FtlmSizes ftlmSizes(const SpinSystem& system, bool symmetry) {
     FtlmSizes sizes;
     const Cyclic cyclic = cyclicSymmetry(system, symmetry);
@@ -846,6 +946,7 @@ FtlmSpectrum::FtlmSpectrum(const SpinSystem& system, const FtlmSettings& setting
         buildSector(system, cyclic, coder, jSlot, slots, sector.twiceM, sector.rows, stop_);
     });
     const int m = cyclic.order;
+    const double perState = elementsPerState(system);
     for (std::size_t s = 0; s < sectors_.size(); ++s) {
         const Sector& sector = *sectors_[s];
         for (int k = 0; 2 * k <= m; ++k) {
@@ -861,8 +962,25 @@ FtlmSpectrum::FtlmSpectrum(const SpinSystem& system, const FtlmSettings& setting
                 block->complex = std::make_unique<BlockOperator<Complex>>(sector.rows, k, m);
                 block->n = block->complex->dimension;
             }
+            const FtlmBlockCost cost = ftlmBlockCost(static_cast<double>(block->n),
+                                                     static_cast<double>(block->n) * perState,
+                                                     block->complex != nullptr, settings);
+            block->whole = cost.whole;
+            block->cost = cost.seconds;
             if (block->n > 0) blocks_.push_back(std::move(block));
         }
+    }
+    // Under MPI every process works on its own blocks with all their random vectors, the most
+    // costly first to the process with the least so far; the same for any seed and J values.
+    std::vector<Block*> byCost;
+    for (auto& block : blocks_) byCost.push_back(block.get());
+    std::stable_sort(byCost.begin(), byCost.end(),
+                     [](const Block* x, const Block* y) { return x->cost > y->cost; });
+    std::vector<double> load(static_cast<std::size_t>(processes()), 0.0);
+    for (Block* block : byCost) {
+        const auto least = std::min_element(load.begin(), load.end()) - load.begin();
+        block->process = static_cast<int>(least);
+        load[static_cast<std::size_t>(least)] += block->cost;
     }
 }
 
@@ -883,9 +1001,34 @@ void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
     std::stable_sort(order.begin(), order.end(),
                      [&](std::size_t x, std::size_t y) { return blocks_[x]->n > blocks_[y]->n; });
     std::vector<Part> exactParts(count);
-    parallelFor(static_cast<long>(count), threads_, stop_, [&](long index) {
-        const std::size_t b = order[static_cast<std::size_t>(index)];
+#ifdef FTLM_TIMING
+    std::vector<double> tExact(count, 0), tRandom(count, 0);
+    auto tcpu = [] {
+        timespec ts;
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+        return ts.tv_sec + 1e-9 * ts.tv_nsec;
+    };
+#endif
+    const int self = thisProcess();
+    std::vector<std::size_t> mine;
+    for (std::size_t b : order)
+        if (blocks_[b]->process == self) mine.push_back(b);
+    parallelFor(static_cast<long>(mine.size()), threads_, stop_, [&](long index) {
+        const std::size_t b = mine[static_cast<std::size_t>(index)];
         Block& block = *blocks_[b];
+#ifdef FTLM_TIMING
+        const double t0 = tcpu();
+        searchProducts = 0;
+        struct Done {
+            std::function<void()> f;
+            ~Done() { f(); }
+        } done{[&] {
+            tExact[b] = tcpu() - t0;
+            if (searchProducts)
+                std::fprintf(stderr, "search M=%g k=%d: %ld products for %d\n", block.twiceM / 2.0,
+                             block.k, searchProducts, block.exactCount);
+        }};
+#endif
         if (block.real)
             exactPart(block, *block.real, settings_, stop_, exactParts[b]);
         else
@@ -893,26 +1036,61 @@ void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
     });
     std::vector<std::pair<std::size_t, int>> tasks;
     for (std::size_t b : order)
-        if (blocks_[b]->n > settings_.denseLimit)
+        if (!blocks_[b]->whole)
             for (int r = 0; r < vectors; ++r) tasks.emplace_back(b, r);
     std::vector<Part> randomParts(tasks.size());
-    parallelFor(static_cast<long>(tasks.size()), threads_, stop_, [&](long index) {
-        const auto [b, r] = tasks[static_cast<std::size_t>(index)];
+    std::vector<std::size_t> myTasks;
+    for (std::size_t t = 0; t < tasks.size(); ++t)
+        if (blocks_[tasks[t].first]->process == self) myTasks.push_back(t);
+    parallelFor(static_cast<long>(myTasks.size()), threads_, stop_, [&](long at) {
+        const std::size_t index = myTasks[static_cast<std::size_t>(at)];
+        const auto [b, r] = tasks[index];
         const Block& block = *blocks_[b];
-        Part& part = randomParts[static_cast<std::size_t>(index)];
+        Part& part = randomParts[index];
+#ifdef FTLM_TIMING
+        const double t0 = tcpu();
+        struct Done {
+            std::function<void()> f;
+            ~Done() { f(); }
+        } done{[&] {
+            double d = tcpu() - t0;
+            static std::mutex mu;
+            std::lock_guard<std::mutex> lock(mu);
+            tRandom[b] += d;
+        }};
+#endif
         if (block.real)
             randomPart(block, *block.real, block.exactReal, r, vectors, settings_, part);
         else
             randomPart(block, *block.complex, block.exactComplex, r, vectors, settings_, part);
     });
+#ifdef FTLM_TIMING
+    const double perState = elementsPerState(system_);
+    double sumE = 0, sumM = 0;
+    for (std::size_t b = 0; b < count; ++b) {
+        const Block& block = *blocks_[b];
+        const FtlmBlockCost c = ftlmBlockCost(double(block.n), double(block.n) * perState,
+                                              block.complex != nullptr, settings_);
+        std::fprintf(stderr,
+                     "block M=%g k=%d n=%ld whole=%d exact %d: est %.4f measured %.4f (exact %.4f "
+                     "random %.4f)\n",
+                     block.twiceM / 2.0, block.k, long(block.n), int(block.whole), block.exactCount,
+                     c.seconds, tExact[b] + tRandom[b], tExact[b], tRandom[b]);
+        sumE += c.seconds;
+        sumM += tExact[b] + tRandom[b];
+    }
+    std::fprintf(stderr, "total est %.3f measured %.3f\n", sumE, sumM);
+#endif
     // Every level with the M of its block.
     std::vector<Part> parts = std::move(exactParts);
+    for (Part& part : randomParts) parts.push_back(std::move(part));
+    shareParts(parts, [&](std::size_t p) {
+        return blocks_[p < count ? p : tasks[p - count].first]->process == self;
+    });
     std::vector<double> twiceMOf;
     for (const auto& block : blocks_) twiceMOf.push_back(block->twiceM);
-    for (std::size_t t = 0; t < tasks.size(); ++t) {
-        parts.push_back(std::move(randomParts[t]));
+    for (std::size_t t = 0; t < tasks.size(); ++t)
         twiceMOf.push_back(blocks_[tasks[t].first]->twiceM);
-    }
     out.energy.clear();
     out.weight.clear();
     out.moment.clear();

@@ -59,6 +59,15 @@ struct FtlmSizes {
 // before anything is built; exact as doubles up to 2^53.
 FtlmSizes ftlmSizes(const SpinSystem& system, bool symmetry = true);
 
+// The estimated cost of one block on one thread: seconds per spectrum, and whether it is
+// diagonalised whole (at most denseLimit states, and cheaper so than by Lanczos). n: its
+// dimension; nonzeros: of its rows; complex: a complex block.
+struct FtlmBlockCost {
+    double seconds = 0;
+    bool whole = false;
+};
+FtlmBlockCost ftlmBlockCost(double n, double nonzeros, bool complex, const FtlmSettings& settings);
+
 class FtlmSpectrum {
 public:
     // Builds the sparse blocks. Throws Interrupted when stop is set.

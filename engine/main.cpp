@@ -39,6 +39,10 @@
 #include "spectrum.h"
 #include "symmetry.h"
 
+#ifdef COREFIT_MPI
+#include <mpi.h>
+#endif
+
 namespace {
 
 using namespace corefit;
@@ -81,12 +85,16 @@ void installStopHandlers() {
     sigaction(SIGINT, &action, nullptr);
 }
 
+// Under MPI only the first process writes files and output; the others compute alongside.
+bool writesFiles = true;
+
 // corefit.log beside the input: a new file, renamed over an earlier log (a link of that name is
 // replaced, never followed), then written line by line as the run goes, so that it can be read
 // meanwhile. Lines come from the computation and from the watcher of stop requests.
 class Log {
 public:
     void open(const std::string& directory) {
+        if (!writesFiles) return;
         const std::string path = joinPath(directory, "corefit.log");
         const std::string temporary =
             joinPath(directory, ".corefit.log." + std::to_string(::getpid()) + ".tmp");
@@ -310,7 +318,8 @@ private:
         int code = exitInterrupted;
         if (problem_ != nullptr && best_.valid) {
             std::string error;
-            if (writeOutput(outputPath_, *problem_, snapshotOutcome(*problem_, best_), error)) {
+            if (!writesFiles ||
+                writeOutput(outputPath_, *problem_, snapshotOutcome(*problem_, best_), error)) {
                 log_.line("wrote %s: the parameters of iteration %d, deviation %.10g; "
                           "uncertainties undetermined (interrupted)",
                           outputPath_.c_str(), best_.iteration, best_.deviation);
@@ -611,7 +620,8 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
 
     const std::string outputPath = joinPath(directoryOf(options.input), "output.txt");
     std::string error;
-    if (!writeOutput(outputPath, problem, outcome, error)) return fail(log, exitInternal, error);
+    if (writesFiles && !writeOutput(outputPath, problem, outcome, error))
+        return fail(log, exitInternal, error);
 
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
@@ -826,9 +836,24 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember({"on", "off"}));
     CLI11_PARSE(app, argc, argv);
     options.symmetry = symmetry == "on";
+    options.ftlm.symmetry = options.symmetry;
 
     installStopHandlers();
     gslErrorsAsCodes();
+#ifdef COREFIT_MPI
+    // FTLM splits its blocks over the processes (see ftlm.h); every process runs the same fit.
+    int provided = 0, rank = 0;
+    MPI_Init_thread(&argc, &argv, MPI_THREAD_SERIALIZED, &provided);
+    MPI_Comm_rank(MPI_COMM_WORLD, &rank);
+    if (rank > 0) {
+        writesFiles = false;
+        if (!std::freopen("/dev/null", "w", stdout) || !std::freopen("/dev/null", "w", stderr))
+            return exitInternal;
+    }
+    struct Finish {
+        ~Finish() { MPI_Finalize(); }
+    } finish;
+#endif
     try {
         return run(options);
     } catch (const std::bad_alloc&) {
