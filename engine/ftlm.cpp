@@ -9,11 +9,6 @@
 #include <numeric>
 #include <random>
 #include <stdexcept>
-#ifdef FTLM_TIMING
-#include <cstdio>
-#include <ctime>
-#include <mutex>
-#endif
 
 #include <Eigen/Dense>
 
@@ -332,9 +327,6 @@ template <class S> struct Found {
 // its value is used); so does wanting no more at all. Every few steps the Ritz pairs are looked
 // at for that end; when the basis is full, it starts again from the lowest Ritz pairs not taken
 // and the residual. Returns NaN when the Krylov space of v holds nothing more.
-#ifdef FTLM_TIMING
-thread_local long searchProducts = 0;
-#endif
 template <class S>
 double explore(const BlockOperator<S>& h, Vector<S> v, int width, Found<S>& found,
                const std::function<bool(double, Index)>& take, const StopFlag* stop) {
@@ -349,9 +341,6 @@ double explore(const BlockOperator<S>& h, Vector<S> v, int width, Found<S>& foun
     Index restarted = 0; // the first vector after the Ritz vectors kept at a restart
     Vector<S> w;
     for (long products = 0;; ++products) {
-#ifdef FTLM_TIMING
-        ++searchProducts;
-#endif
         if (products % 16 == 0) throwIfStopped(stop);
         if (products > 200L * width)
             throw std::runtime_error("FTLM: the lowest levels of a block of " + std::to_string(n) +
@@ -1001,14 +990,6 @@ void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
     std::stable_sort(order.begin(), order.end(),
                      [&](std::size_t x, std::size_t y) { return blocks_[x]->n > blocks_[y]->n; });
     std::vector<Part> exactParts(count);
-#ifdef FTLM_TIMING
-    std::vector<double> tExact(count, 0), tRandom(count, 0);
-    auto tcpu = [] {
-        timespec ts;
-        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
-        return ts.tv_sec + 1e-9 * ts.tv_nsec;
-    };
-#endif
     const int self = thisProcess();
     std::vector<std::size_t> mine;
     for (std::size_t b : order)
@@ -1016,19 +997,6 @@ void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
     parallelFor(static_cast<long>(mine.size()), threads_, stop_, [&](long index) {
         const std::size_t b = mine[static_cast<std::size_t>(index)];
         Block& block = *blocks_[b];
-#ifdef FTLM_TIMING
-        const double t0 = tcpu();
-        searchProducts = 0;
-        struct Done {
-            std::function<void()> f;
-            ~Done() { f(); }
-        } done{[&] {
-            tExact[b] = tcpu() - t0;
-            if (searchProducts)
-                std::fprintf(stderr, "search M=%g k=%d: %ld products for %d\n", block.twiceM / 2.0,
-                             block.k, searchProducts, block.exactCount);
-        }};
-#endif
         if (block.real)
             exactPart(block, *block.real, settings_, stop_, exactParts[b]);
         else
@@ -1047,40 +1015,11 @@ void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
         const auto [b, r] = tasks[index];
         const Block& block = *blocks_[b];
         Part& part = randomParts[index];
-#ifdef FTLM_TIMING
-        const double t0 = tcpu();
-        struct Done {
-            std::function<void()> f;
-            ~Done() { f(); }
-        } done{[&] {
-            double d = tcpu() - t0;
-            static std::mutex mu;
-            std::lock_guard<std::mutex> lock(mu);
-            tRandom[b] += d;
-        }};
-#endif
         if (block.real)
             randomPart(block, *block.real, block.exactReal, r, vectors, settings_, part);
         else
             randomPart(block, *block.complex, block.exactComplex, r, vectors, settings_, part);
     });
-#ifdef FTLM_TIMING
-    const double perState = elementsPerState(system_);
-    double sumE = 0, sumM = 0;
-    for (std::size_t b = 0; b < count; ++b) {
-        const Block& block = *blocks_[b];
-        const FtlmBlockCost c = ftlmBlockCost(double(block.n), double(block.n) * perState,
-                                              block.complex != nullptr, settings_);
-        std::fprintf(stderr,
-                     "block M=%g k=%d n=%ld whole=%d exact %d: est %.4f measured %.4f (exact %.4f "
-                     "random %.4f)\n",
-                     block.twiceM / 2.0, block.k, long(block.n), int(block.whole), block.exactCount,
-                     c.seconds, tExact[b] + tRandom[b], tExact[b], tRandom[b]);
-        sumE += c.seconds;
-        sumM += tExact[b] + tRandom[b];
-    }
-    std::fprintf(stderr, "total est %.3f measured %.3f\n", sumE, sumM);
-#endif
     // Every level with the M of its block.
     std::vector<Part> parts = std::move(exactParts);
     for (Part& part : randomParts) parts.push_back(std::move(part));

@@ -85,6 +85,21 @@ void installStopHandlers() {
     sigaction(SIGINT, &action, nullptr);
 }
 
+// How FTLM's M sectors are split: "M sectors split by the characters of (1 2 3 4 5 6), order 6".
+std::string ftlmSymmetryText(const SpinSystem& system, const FtlmSettings& settings) {
+    const FtlmSizes sizes = ftlmSizes(system, settings.symmetry);
+    std::string text = sizes.order > 1 ? "M sectors split by the characters of " + sizes.symmetry +
+                                             ", order " + std::to_string(sizes.order)
+                                       : "M sectors not split by symmetry";
+#ifdef COREFIT_MPI
+    int processes = 1;
+    MPI_Comm_size(MPI_COMM_WORLD, &processes);
+    if (processes > 1)
+        text += "; blocks split over " + std::to_string(processes) + " MPI processes";
+#endif
+    return text;
+}
+
 // Under MPI only the first process writes files and output; the others compute alongside.
 bool writesFiles = true;
 
@@ -746,10 +761,10 @@ int run(const Options& options) {
     if (plan.method == Method::Ftlm)
         log.line("FTLM: %d random vectors per block, %d Lanczos steps each, seed %llu; the "
                  "lowest %d levels of every block exact (fewer where that would split a degenerate "
-                 "group), blocks up to %ld diagonalised whole",
+                 "group), blocks up to %ld diagonalised whole where that is cheaper; %s",
                  plan.ftlm.vectors, plan.ftlm.steps,
                  static_cast<unsigned long long>(plan.ftlm.seed), plan.ftlm.exactLevels,
-                 plan.ftlm.denseLimit);
+                 plan.ftlm.denseLimit, ftlmSymmetryText(system, plan.ftlm).c_str());
     if (freeJ > 0)
         log.line("J derivatives: %s",
                  plan.method == Method::Ftlm
