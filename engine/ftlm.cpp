@@ -2,24 +2,140 @@
 
 #include <algorithm>
 #include <cmath>
+#include <complex>
+#include <cstdint>
 #include <functional>
 #include <limits>
+#include <numeric>
 #include <random>
 #include <stdexcept>
 
 #include <Eigen/Dense>
 
 #include "spectrum.h"
+#include "symmetry.h"
+
+#ifdef COREFIT_MPI
+#include <mpi.h>
+#endif
+
+extern "C" void zheevd_(const char* jobz, const char* uplo, const int* n, std::complex<double>* a,
+                        const int* lda, double* w, std::complex<double>* work, const int* lwork,
+                        double* rwork, const int* lrwork, int* iwork, const int* liwork, int* info);
 
 namespace corefit {
 
 namespace {
 
 using Index = Eigen::Index;
+using Complex = std::complex<double>;
+template <class S> using Vector = Eigen::Matrix<S, Eigen::Dynamic, 1>;
+template <class S> using Matrix = Eigen::Matrix<S, Eigen::Dynamic, Eigen::Dynamic>;
+__extension__ using Count = unsigned __int128;
+__extension__ using Signed = __int128;
 
-// Product states with digit sum `digits` (2M = 2 digits - sum of 2S), ascending codes; site 0
-// is the least significant digit.
-std::vector<long> blockStates(const std::vector<int>& twiceSpin, int digits) {
+// Eigenvalues (ascending) of a Hermitian matrix, and eigenvectors in place of it when asked.
+void hermitianEigen(Matrix<double>& matrix, Eigen::VectorXd& values, bool vectors) {
+    symmetricEigen(matrix, values, vectors);
+}
+void hermitianEigen(Matrix<Complex>& matrix, Eigen::VectorXd& values, bool vectors) {
+    const int n = static_cast<int>(matrix.rows());
+    values.resize(n);
+    if (n == 0) return;
+    const char jobz = vectors ? 'V' : 'N', uplo = 'L';
+    int lwork = -1, lrwork = -1, liwork = -1, info = 0, iworkSize = 0;
+    Complex workSize;
+    double rworkSize = 0;
+    zheevd_(&jobz, &uplo, &n, matrix.data(), &n, values.data(), &workSize, &lwork, &rworkSize,
+            &lrwork, &iworkSize, &liwork, &info);
+    lwork = static_cast<int>(workSize.real()) + 1;
+    lrwork = static_cast<int>(rworkSize) + 1;
+    liwork = std::max(1, iworkSize);
+    std::vector<Complex> work(static_cast<std::size_t>(lwork));
+    std::vector<double> rwork(static_cast<std::size_t>(lrwork));
+    std::vector<int> iwork(static_cast<std::size_t>(liwork));
+    zheevd_(&jobz, &uplo, &n, matrix.data(), &n, values.data(), work.data(), &lwork, rwork.data(),
+            &lrwork, iwork.data(), &liwork, &info);
+    if (info != 0)
+        throw std::runtime_error("LAPACK zheevd failed with info " + std::to_string(info));
+}
+
+// The cyclic group the sectors are split by: the powers of one symmetry of the cluster, the one
+// of the largest order (the translations of a ring); the identity alone without symmetry.
+struct Cyclic {
+    int order = 1;
+    std::vector<Permutation> power; // power[j] = g^j
+    std::string name = "none";
+};
+
+int permutationOrder(const Permutation& p) {
+    long order = 1;
+    std::vector<char> seen(p.size(), 0);
+    for (std::size_t i = 0; i < p.size(); ++i) {
+        long length = 0;
+        for (std::size_t k = i; !seen[k]; k = static_cast<std::size_t>(p[k])) seen[k] = 1, ++length;
+        if (length > 0) order = std::lcm(order, length);
+        if (order > 4096) return 0; // more blocks than useful
+    }
+    return static_cast<int>(order);
+}
+
+Cyclic cyclicSymmetry(const SpinSystem& system, bool use) {
+    Cyclic cyclic;
+    Permutation identity(system.twiceSpin.size());
+    std::iota(identity.begin(), identity.end(), 0);
+    cyclic.power = {identity};
+    if (!use) return cyclic;
+    const SiteSymmetry symmetry = findSymmetry(system);
+    const Permutation* best = nullptr;
+    for (const Permutation& element : symmetry.elements) {
+        const int order = permutationOrder(element);
+        if (order > cyclic.order) cyclic.order = order, best = &element;
+    }
+    if (!best) return cyclic;
+    for (int j = 1; j < cyclic.order; ++j) {
+        Permutation next(identity.size());
+        for (std::size_t i = 0; i < next.size(); ++i)
+            next[i] = (*best)[static_cast<std::size_t>(cyclic.power.back()[i])];
+        cyclic.power.push_back(std::move(next));
+    }
+    cyclic.name = cycleText(*best);
+    return cyclic;
+}
+
+// Mixed-radix codes of product states (site 0 the least significant digit) and their images
+// under the powers of the generator.
+struct Coder {
+    std::vector<int> twiceSpin;
+    std::vector<long> stride;
+    std::vector<std::vector<long>> moved; // moved[j][i] = stride of g^j(i)
+    Coder(const std::vector<int>& spins, const Cyclic& cyclic) : twiceSpin(spins) {
+        stride.assign(spins.size(), 1);
+        for (std::size_t i = 1; i < spins.size(); ++i)
+            stride[i] = stride[i - 1] * (spins[i - 1] + 1);
+        for (const Permutation& p : cyclic.power) {
+            moved.emplace_back(spins.size());
+            for (std::size_t i = 0; i < spins.size(); ++i)
+                moved.back()[i] = stride[static_cast<std::size_t>(p[i])];
+        }
+    }
+    void digits(long code, std::vector<int>& out) const {
+        out.resize(twiceSpin.size());
+        for (std::size_t i = 0; i < twiceSpin.size(); ++i) {
+            out[i] = static_cast<int>(code % (twiceSpin[i] + 1));
+            code /= twiceSpin[i] + 1;
+        }
+    }
+    long image(const std::vector<int>& digit, std::size_t j) const {
+        long code = 0;
+        const std::vector<long>& to = moved[j];
+        for (std::size_t i = 0; i < digit.size(); ++i) code += digit[i] * to[i];
+        return code;
+    }
+};
+
+// Product states with digit sum `digits` (2M = 2 digits - sum of 2S), ascending codes.
+std::vector<long> sectorStates(const std::vector<int>& twiceSpin, int digits) {
     const std::size_t n = twiceSpin.size();
     std::vector<long> stride(n, 1);
     for (std::size_t i = 1; i < n; ++i) stride[i] = stride[i - 1] * (twiceSpin[i - 1] + 1);
@@ -39,65 +155,148 @@ std::vector<long> blockStates(const std::vector<int>& twiceSpin, int digits) {
     return states;
 }
 
-// y = H x for the current J values.
-struct Sparse {
+// The number of states of every digit sum that a permutation fixes: the sites of a cycle carry
+// one digit.
+std::vector<Count> fixedCounts(const std::vector<int>& twiceSpin, const Permutation& p) {
+    std::vector<Count> counts{1};
+    std::vector<char> seen(p.size(), 0);
+    for (std::size_t i = 0; i < p.size(); ++i) {
+        if (seen[i]) continue;
+        std::size_t length = 0;
+        for (std::size_t k = i; !seen[k]; k = static_cast<std::size_t>(p[k])) seen[k] = 1, ++length;
+        const auto s = static_cast<std::size_t>(twiceSpin[i]);
+        std::vector<Count> next(counts.size() + s * length, 0);
+        for (std::size_t m = 0; m < counts.size(); ++m)
+            for (std::size_t d = 0; d <= s; ++d) next[m + d * length] += counts[m];
+        counts = std::move(next);
+    }
+    return counts;
+}
+
+// A sector of fixed M: the orbits of its product states under the cyclic group, each by its
+// smallest code (its representative) and its length, and the rows of H on them, shared by the
+// blocks of every k. Row a holds, for every state s = g^l b that a path takes a's
+// representative to, the element h sqrt(p_a / p_b) at column b with the shift l: then block k
+// has <a,k|H|x> = sum over the row of h sqrt(p_a/p_b) e^(-2 pi i k l/m) x_b.
+struct SectorRows {
     std::vector<long> rowStart;
     std::vector<int> column;
+    std::vector<std::uint16_t> shift;
     std::vector<unsigned char> slot;
     std::vector<double> element; // per unit J
-    Eigen::MatrixXd diagonal;    // n x slots, per unit J
     std::vector<double> value;   // element x J of its slot, for the current J values
+    Eigen::MatrixXd diagonal;    // orbits x slots, per unit J
     Eigen::VectorXd diagonalNow;
+    std::vector<std::uint16_t> period; // orbit lengths
 
     void setJ(const std::vector<double>& j) {
         value.resize(element.size());
         for (std::size_t e = 0; e < element.size(); ++e) value[e] = j[slot[e]] * element[e];
-        diagonalNow = diagonal * Eigen::Map<const Eigen::VectorXd>(j.data(), static_cast<Index>(j.size()));
-    }
-    Eigen::MatrixXd dense() const {
-        const auto n = diagonalNow.size();
-        Eigen::MatrixXd matrix = Eigen::MatrixXd::Zero(n, n);
-        for (Index row = 0; row < n; ++row) {
-            matrix(row, row) = diagonalNow[row];
-            for (long e = rowStart[static_cast<std::size_t>(row)];
-                 e < rowStart[static_cast<std::size_t>(row) + 1]; ++e)
-                matrix(column[static_cast<std::size_t>(e)], row) +=
-                    value[static_cast<std::size_t>(e)];
-        }
-        return matrix;
-    }
-    void apply(const Eigen::VectorXd& x, Eigen::VectorXd& y) const {
-        const Index n = x.size();
-        y.resize(n);
-        for (Index i = 0; i < n; ++i) {
-            double sum = diagonalNow[i] * x[i];
-            for (long e = rowStart[static_cast<std::size_t>(i)]; e < rowStart[static_cast<std::size_t>(i) + 1]; ++e)
-                sum += value[static_cast<std::size_t>(e)] * x[column[static_cast<std::size_t>(e)]];
-            y[i] = sum;
-        }
+        diagonalNow =
+            diagonal * Eigen::Map<const Eigen::VectorXd>(j.data(), static_cast<Index>(j.size()));
     }
 };
 
-// Random vector r of a block: +-1 entries from the seed, the block and r alone.
-Eigen::VectorXd randomVector(Index n, std::uint64_t seed, int twiceM, int r) {
-    std::seed_seq sequence{static_cast<std::uint32_t>(seed), static_cast<std::uint32_t>(seed >> 32),
-                           static_cast<std::uint32_t>(twiceM), static_cast<std::uint32_t>(r + 1000)};
+// H on block k of a sector: vectors have one entry per orbit of the sector, zero at the orbits
+// that have no state of character k (whose length p has k p / m not whole).
+template <class S> struct BlockOperator {
+    const SectorRows* rows = nullptr;
+    int k = 0, order = 1;
+    Index dimension = 0;   // orbits with a state of character k
+    std::vector<S> phase;  // e^(-2 pi i k l / m), per shift l
+    std::vector<int> kept; // the orbits with a state of character k, ascending
+
+    BlockOperator(const SectorRows& sector, int character, int m)
+        : rows(&sector), k(character), order(m) {
+        for (int l = 0; l < m; ++l) {
+            const double angle =
+                -2 * M_PI * static_cast<double>((static_cast<long>(k) * l) % m) / m;
+            if constexpr (std::is_same_v<S, double>)
+                phase.push_back(std::round(std::cos(angle)));
+            else
+                phase.push_back(std::polar(1.0, angle));
+        }
+        for (std::size_t a = 0; a < sector.period.size(); ++a)
+            if (has(static_cast<Index>(a))) kept.push_back(static_cast<int>(a));
+        dimension = static_cast<Index>(kept.size());
+    }
+    Index length() const { return static_cast<Index>(rows->period.size()); }
+    bool has(Index a) const {
+        return (static_cast<long>(k) * rows->period[static_cast<std::size_t>(a)]) % order == 0;
+    }
+    void apply(const Vector<S>& x, Vector<S>& y) const {
+        const Index n = length();
+        y.resize(n);
+        const bool all = dimension == n;
+        const SectorRows& h = *rows;
+        for (Index a = 0; a < n; ++a) {
+            if (!all && !has(a)) {
+                y[a] = S(0);
+                continue;
+            }
+            S sum = h.diagonalNow[a] * x[a];
+            const auto end = static_cast<std::size_t>(h.rowStart[static_cast<std::size_t>(a) + 1]);
+            for (auto e = static_cast<std::size_t>(h.rowStart[static_cast<std::size_t>(a)]);
+                 e < end; ++e)
+                sum += h.value[e] * phase[h.shift[e]] * x[h.column[e]];
+            y[a] = sum;
+        }
+    }
+    // The block as a dense matrix on the orbits kept.
+    Matrix<S> dense() const {
+        const SectorRows& h = *rows;
+        std::vector<int> at(static_cast<std::size_t>(length()), -1);
+        for (std::size_t i = 0; i < kept.size(); ++i)
+            at[static_cast<std::size_t>(kept[i])] = static_cast<int>(i);
+        Matrix<S> matrix = Matrix<S>::Zero(dimension, dimension);
+        for (std::size_t i = 0; i < kept.size(); ++i) {
+            const auto a = static_cast<std::size_t>(kept[i]);
+            matrix(static_cast<Index>(i), static_cast<Index>(i)) +=
+                h.diagonalNow[static_cast<Index>(a)];
+            for (auto e = static_cast<std::size_t>(h.rowStart[a]);
+                 e < static_cast<std::size_t>(h.rowStart[a + 1]); ++e) {
+                const int b = at[static_cast<std::size_t>(h.column[e])];
+                if (b >= 0) matrix(static_cast<Index>(i), b) += h.value[e] * phase[h.shift[e]];
+            }
+        }
+        return matrix;
+    }
+    // A vector on the orbits kept, from one on all of them, and back.
+    Vector<S> compact(const Vector<S>& x) const {
+        Vector<S> out(dimension);
+        for (std::size_t i = 0; i < kept.size(); ++i) out[static_cast<Index>(i)] = x[kept[i]];
+        return out;
+    }
+};
+
+// Random vector r of a block: +-1 entries from the seed, the block and r alone, zero at the
+// orbits without a state of the block's character. (Without symmetry, or at k = 0, the
+// stream of each sector is that of its product states.)
+template <class S>
+Vector<S> randomVector(const BlockOperator<S>& h, std::uint64_t seed, int twiceM, int r) {
+    std::vector<std::uint32_t> words{
+        static_cast<std::uint32_t>(seed), static_cast<std::uint32_t>(seed >> 32),
+        static_cast<std::uint32_t>(twiceM), static_cast<std::uint32_t>(r + 1000)};
+    if (h.k != 0) words.push_back(static_cast<std::uint32_t>(h.k));
+    std::seed_seq sequence(words.begin(), words.end());
     std::mt19937_64 bits(sequence);
-    Eigen::VectorXd v(n);
+    const Index n = h.length();
+    Vector<S> v(n);
     std::uint64_t word = 0;
+    const bool all = h.dimension == n;
     for (Index i = 0; i < n; ++i) {
         if (i % 64 == 0) word = bits();
-        v[i] = (word >> (i % 64)) & 1 ? 1.0 : -1.0;
+        v[i] = !all && !h.has(i) ? S(0) : (word >> (i % 64)) & 1 ? S(1) : S(-1);
     }
     return v;
 }
 
-constexpr int lowestWidth = 60; // basis of the search for the lowest levels, at least
-
-void projectOut(const Eigen::MatrixXd& basis, Eigen::VectorXd& v) {
+template <class S> void projectOut(const Matrix<S>& basis, Vector<S>& v, int passes = 2) {
     if (basis.cols() == 0) return;
-    for (int pass = 0; pass < 2; ++pass) v -= basis * (basis.transpose() * v);
+    for (int pass = 0; pass < passes; ++pass) v -= basis * (basis.adjoint() * v);
 }
+
+constexpr int lowestWidth = 24; // basis of the search for the lowest levels, at least
 
 // A Ritz pair counts once its residual is below this times the largest Ritz value. The search
 // takes other paths at other J values (more or fewer restarts), and its pairs differ by up to
@@ -110,8 +309,8 @@ constexpr double sameLevel = 1e-7;     // levels closer than this (same scale) a
 constexpr double exactTaper = 0.1;     // see exactShare
 
 // The lowest eigenpairs of a block found so far, orthonormal, and the size of its levels.
-struct Found {
-    Eigen::MatrixXd vectors;
+template <class S> struct Found {
+    Matrix<S> vectors;
     std::vector<double> values;
     double scale = 0;
     double highestOf(int count) const { // the count-th lowest value found
@@ -128,18 +327,19 @@ struct Found {
 // its value is used); so does wanting no more at all. Every few steps the Ritz pairs are looked
 // at for that end; when the basis is full, it starts again from the lowest Ritz pairs not taken
 // and the residual. Returns NaN when the Krylov space of v holds nothing more.
-double explore(const Sparse& h, Eigen::VectorXd v, int width, Found& found,
+template <class S>
+double explore(const BlockOperator<S>& h, Vector<S> v, int width, Found<S>& found,
                const std::function<bool(double, Index)>& take, const StopFlag* stop) {
-    const Index n = v.size();
+    const Index n = h.dimension, length = v.size();
     width = static_cast<int>(std::min<Index>(width, n - found.vectors.cols()));
-    Eigen::MatrixXd basis(n, width);
-    Eigen::MatrixXd projected = Eigen::MatrixXd::Zero(width, width); // basis^T H basis
+    Matrix<S> basis(length, std::max(width, 1));
+    Matrix<S> projected = Matrix<S>::Zero(width, width); // basis^H H basis
     projectOut(found.vectors, v);
     if (width <= 0 || v.norm() == 0) return std::nan("");
     basis.col(0) = v.normalized();
     Index size = 1;      // vectors in the basis
     Index restarted = 0; // the first vector after the Ritz vectors kept at a restart
-    Eigen::VectorXd w;
+    Vector<S> w;
     for (long products = 0;; ++products) {
         if (products % 16 == 0) throwIfStopped(stop);
         if (products > 200L * width)
@@ -151,22 +351,22 @@ double explore(const Sparse& h, Eigen::VectorXd v, int width, Found& found,
         // where that one cancelled much.
         const Index j = size - 1;
         h.apply(basis.col(j), w);
-        Eigen::VectorXd c = Eigen::VectorXd::Zero(j + 1);
+        Vector<S> c = Vector<S>::Zero(j + 1);
         const Index local = j == restarted ? 0 : j - 1;
-        const Eigen::VectorXd near = basis.middleCols(local, j + 1 - local).transpose() * w;
+        const Vector<S> near = basis.middleCols(local, j + 1 - local).adjoint() * w;
         w -= basis.middleCols(local, j + 1 - local) * near;
         c.tail(j + 1 - local) = near;
         for (int pass = 0; pass < 2; ++pass) {
             const double before = w.norm();
-            const Eigen::VectorXd part = basis.leftCols(j + 1).transpose() * w;
+            const Vector<S> part = basis.leftCols(j + 1).adjoint() * w;
             w -= basis.leftCols(j + 1) * part;
             c += part;
-            if (found.vectors.cols() > 0) w -= found.vectors * (found.vectors.transpose() * w);
+            if (found.vectors.cols() > 0) w -= found.vectors * (found.vectors.adjoint() * w);
             if (w.norm() > 0.7 * before) break;
         }
         projected.col(j).head(j + 1) = c;
         const double residual = w.norm();
-        found.scale = std::max(found.scale, std::abs(c[j]));
+        found.scale = std::max(found.scale, std::abs(std::real(c[j])));
         const bool exhausted = residual <= 1e-12 * found.scale;
         const bool full = size == width;
         if (!exhausted && !full && (size - restarted) % 8 != 0) {
@@ -175,9 +375,9 @@ double explore(const Sparse& h, Eigen::VectorXd v, int width, Found& found,
         }
         // The Ritz pairs: the lowest converged ones wanted are taken, up to the first that is
         // not wanted (the end) or not converged.
-        const Eigen::MatrixXd symmetric =
-            projected.topLeftCorner(size, size).selfadjointView<Eigen::Upper>();
-        const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> ritz(symmetric);
+        const Matrix<S> symmetric =
+            projected.topLeftCorner(size, size).template selfadjointView<Eigen::Upper>();
+        const Eigen::SelfAdjointEigenSolver<Matrix<S>> ritz(symmetric);
         const Eigen::VectorXd& theta = ritz.eigenvalues();
         found.scale = std::max(found.scale, theta.cwiseAbs().maxCoeff());
         auto within = [&](Index k, double tolerance) {
@@ -199,10 +399,10 @@ double explore(const Sparse& h, Eigen::VectorXd v, int width, Found& found,
             continue;
         }
         for (Index k = 0; k < taken; ++k) {
-            Eigen::VectorXd x = basis.leftCols(size) * ritz.eigenvectors().col(k);
+            Vector<S> x = basis.leftCols(size) * ritz.eigenvectors().col(k);
             projectOut(found.vectors, x);
             x.normalize();
-            found.vectors.conservativeResize(n, found.vectors.cols() + 1);
+            found.vectors.conservativeResize(length, found.vectors.cols() + 1);
             found.vectors.col(found.vectors.cols() - 1) = x;
             found.values.push_back(theta[k]);
         }
@@ -211,11 +411,11 @@ double explore(const Sparse& h, Eigen::VectorXd v, int width, Found& found,
         width = static_cast<int>(std::min<Index>(width, n - found.vectors.cols()));
         const Index kept = std::min<Index>({size - taken, std::max(width / 2, 1), width - 1});
         if (kept <= 0) return std::nan("");
-        const Eigen::MatrixXd restart =
+        const Matrix<S> restart =
             basis.leftCols(size) * ritz.eigenvectors().middleCols(taken, kept);
         basis.leftCols(kept) = restart;
         projected.setZero();
-        projected.diagonal().head(kept) = theta.segment(taken, kept);
+        projected.diagonal().head(kept) = theta.segment(taken, kept).template cast<S>();
         basis.col(kept) = w / residual;
         size = kept + 1;
         restarted = kept;
@@ -224,9 +424,9 @@ double explore(const Sparse& h, Eigen::VectorXd v, int width, Found& found,
 
 // The lowest `count` eigenpairs of a block, ascending, and the level right above them (infinity
 // when the block has no more).
-struct Lowest {
+template <class S> struct Lowest {
     std::vector<double> values;
-    Eigen::MatrixXd vectors;
+    Matrix<S> vectors;
     double next = std::numeric_limits<double>::infinity();
     double scale = 0; // the size of the block's levels, for comparing them
 };
@@ -237,12 +437,14 @@ struct Lowest {
 // partner, or one lying lower), and returns the first above them; that check is repeated until
 // it takes nothing. The pairs are converged to near rounding, so the result does not depend
 // (beyond that) on the path the search took: it is smooth in the J values.
-Lowest lowestLevels(const Sparse& h, Index n, int count, std::uint64_t seed, int twiceM,
-                    const StopFlag* stop) {
+template <class S>
+Lowest<S> lowestLevels(const BlockOperator<S>& h, int count, std::uint64_t seed, int twiceM,
+                       const StopFlag* stop) {
+    const Index n = h.dimension;
     count = static_cast<int>(std::min<Index>(count, n));
-    Lowest out;
-    Found found;
-    found.vectors.resize(n, 0);
+    Lowest<S> out;
+    Found<S> found;
+    found.vectors.resize(h.length(), 0);
     const int width = std::max(lowestWidth, 2 * count + 20);
     int start = 0; // random vectors used
     if (count > 0) {
@@ -250,7 +452,7 @@ Lowest lowestLevels(const Sparse& h, Index n, int count, std::uint64_t seed, int
         while (found.values.size() < wanted && found.vectors.cols() < n) {
             // (The first level it does not take may be a partner of one it took.)
             explore(
-                h, randomVector(n, seed + 7777, twiceM, -1 - start++), width, found,
+                h, randomVector(h, seed + 7777, twiceM, -1 - start++), width, found,
                 [&](double, Index before) {
                     return found.values.size() + static_cast<std::size_t>(before) < wanted;
                 },
@@ -260,7 +462,7 @@ Lowest lowestLevels(const Sparse& h, Index n, int count, std::uint64_t seed, int
             before = found.values.size();
             const double limit = found.highestOf(count) + sameLevel * found.scale;
             const double above = explore(
-                h, randomVector(n, seed + 7777, twiceM, -1 - start++), width, found,
+                h, randomVector(h, seed + 7777, twiceM, -1 - start++), width, found,
                 [&](double value, Index) { return value <= limit; }, stop);
             if (!std::isnan(above)) out.next = std::min(out.next, above);
         }
@@ -274,7 +476,7 @@ Lowest lowestLevels(const Sparse& h, Index n, int count, std::uint64_t seed, int
                found.values[static_cast<std::size_t>(b)];
     });
     const auto kept = std::min<std::size_t>(order.size(), static_cast<std::size_t>(count));
-    out.vectors.resize(n, static_cast<Index>(kept));
+    out.vectors.resize(h.length(), static_cast<Index>(kept));
     for (std::size_t i = 0; i < order.size(); ++i) {
         const double value = found.values[static_cast<std::size_t>(order[i])];
         if (i < kept) {
@@ -303,10 +505,12 @@ double exactShare(double e, double lowest, double next, double tolerance) {
 // How many of the lowest levels a block keeps exact: `wanted`, or fewer, so as not to split a
 // group of levels that are one (degenerate); more only when the `wanted` lowest are all one.
 // The count is decided once, at the first J values of a fit.
-Lowest lowestAtAGap(const Sparse& h, Index n, int wanted, std::uint64_t seed, int twiceM,
-                    const StopFlag* stop) {
+template <class S>
+Lowest<S> lowestAtAGap(const BlockOperator<S>& h, int wanted, std::uint64_t seed, int twiceM,
+                       const StopFlag* stop) {
+    const Index n = h.dimension;
     for (int count = wanted;;) {
-        Lowest lowest = lowestLevels(h, n, count, seed, twiceM, stop);
+        Lowest<S> lowest = lowestLevels(h, count, seed, twiceM, stop);
         const auto found = static_cast<int>(lowest.values.size());
         const double gap = sameLevel * lowest.scale;
         int cut = found;
@@ -319,46 +523,393 @@ Lowest lowestAtAGap(const Sparse& h, Index n, int wanted, std::uint64_t seed, in
             if (cut == 0) cut = found; // one group fills the whole block
             if (cut < found) lowest.next = lowest.values[static_cast<std::size_t>(cut)];
             lowest.values.resize(static_cast<std::size_t>(cut));
-            lowest.vectors.conservativeResize(n, cut);
+            lowest.vectors.conservativeResize(h.length(), cut);
             return lowest;
         }
         count = static_cast<int>(std::min<Index>(2 * count, n - 1));
     }
 }
 
-} // namespace
+// The random vectors' Lanczos runs start orthogonal to the exact levels and are made so again
+// every this many steps. In exact arithmetic they would stay so; rounding (and the exact pairs'
+// residuals of up to 1e-10) brings the exact levels back, growing at most as the Lanczos
+// polynomial at them does, which over so few steps leaves them far below what counts.
+constexpr int keepApart = 8;
 
-struct FtlmSpectrum::Block {
-    int twiceM = 0;
-    double weight = 1; // 2 for M > 0: the block of -M repeats it
-    Index n = 0;
-    Sparse h;
-    int exactCount = -1; // levels found exactly, decided at the first J values (-1: not yet)
+// The processes of an MPI run (one without MPI, or when MPI is not initialised) and this one's
+// number.
+int processes() {
+#ifdef COREFIT_MPI
+    int initialised = 0, size = 1;
+    MPI_Initialized(&initialised);
+    if (initialised) MPI_Comm_size(MPI_COMM_WORLD, &size);
+    return size;
+#else
+    return 1;
+#endif
+}
+int thisProcess() {
+#ifdef COREFIT_MPI
+    int rank = 0;
+    if (processes() > 1) MPI_Comm_rank(MPI_COMM_WORLD, &rank);
+    return rank;
+#else
+    return 0;
+#endif
+}
+
+// The levels one task gives: the exact ones of a block, or those of one random vector.
+struct Part {
+    std::vector<double> energy, weight;
+    std::vector<int> sample;
 };
 
-FtlmSizes ftlmSizes(const SpinSystem& system) {
-    FtlmSizes sizes;
-    int total = 0;
-    for (int s : system.twiceSpin) total += s;
-    std::vector<double> counts{1};
-    for (int s : system.twiceSpin) {
-        std::vector<double> next(counts.size() + static_cast<std::size_t>(s), 0);
-        for (std::size_t m = 0; m < counts.size(); ++m)
-            for (std::size_t k = 0; k <= static_cast<std::size_t>(s); ++k) next[m + k] += counts[m];
-        counts = std::move(next);
+// Under MPI: every process sends the parts it worked on (own(p)) to all the others, so that
+// each has them all, the same as one process alone would.
+void shareParts(std::vector<Part>& parts, const std::function<bool(std::size_t)>& own) {
+#ifdef COREFIT_MPI
+    const int size = processes();
+    if (size <= 1) return;
+    // Each part as its number, its length, then energies, weights and random vectors.
+    std::vector<double> buffer;
+    for (std::size_t p = 0; p < parts.size(); ++p) {
+        if (!own(p)) continue;
+        const Part& part = parts[p];
+        buffer.push_back(static_cast<double>(p));
+        buffer.push_back(static_cast<double>(part.energy.size()));
+        buffer.insert(buffer.end(), part.energy.begin(), part.energy.end());
+        buffer.insert(buffer.end(), part.weight.begin(), part.weight.end());
+        buffer.insert(buffer.end(), part.sample.begin(), part.sample.end());
     }
-    // Off-diagonal elements per state: a path flips a pair when one can go up and the other
-    // down, some 2 (2s/(2s+1))^2 times per path on average.
+    const int length = static_cast<int>(buffer.size());
+    std::vector<int> lengths(static_cast<std::size_t>(size)),
+        offsets(static_cast<std::size_t>(size), 0);
+    MPI_Allgather(&length, 1, MPI_INT, lengths.data(), 1, MPI_INT, MPI_COMM_WORLD);
+    for (std::size_t r = 1; r < lengths.size(); ++r) offsets[r] = offsets[r - 1] + lengths[r - 1];
+    std::vector<double> all(static_cast<std::size_t>(offsets.back() + lengths.back()));
+    MPI_Allgatherv(buffer.data(), length, MPI_DOUBLE, all.data(), lengths.data(), offsets.data(),
+                   MPI_DOUBLE, MPI_COMM_WORLD);
+    for (std::size_t at = 0; at < all.size();) {
+        Part& part = parts[static_cast<std::size_t>(all[at])];
+        const auto n = static_cast<std::ptrdiff_t>(all[at + 1]);
+        const auto from = all.begin() + static_cast<std::ptrdiff_t>(at) + 2;
+        part.energy.assign(from, from + n);
+        part.weight.assign(from + n, from + 2 * n);
+        part.sample.assign(from + 2 * n, from + 3 * n);
+        at += 2 + 3 * static_cast<std::size_t>(n);
+    }
+#else
+    (void)parts;
+    (void)own;
+#endif
+}
+
+// What the random vectors of a block need of its exact part at the current J values.
+template <class S> struct Exact {
+    Matrix<S> vectors;              // the exact levels' eigenvectors
+    Eigen::VectorXd values, shares; // their energies, and how much of each counts exactly
+    Matrix<S> whole;                // a rest small enough: the block's eigenvectors (compact)
+    Eigen::VectorXd wholeValues;
+    void clear() { *this = Exact(); }
+};
+
+} // namespace
+
+struct FtlmSpectrum::Sector {
+    int twiceM = 0;
+    SectorRows rows;
+};
+
+struct FtlmSpectrum::Block {
+    std::size_t sector = 0;
+    int twiceM = 0, k = 0;
+    double weight = 1; // 2 for M > 0 (the block of -M repeats it), twice that for k and m - k
+    Index n = 0;
+    int exactCount = -1; // levels found exactly, decided at the first J values (-1: not yet)
+    bool whole = false;  // diagonalised whole
+    double cost = 0;     // estimated seconds
+    int process = 0;     // of an MPI run, the one that works on it
+    std::unique_ptr<BlockOperator<double>> real;
+    std::unique_ptr<BlockOperator<Complex>> complex;
+    Exact<double> exactReal;
+    Exact<Complex> exactComplex;
+    template <class S> Exact<S>& exact() {
+        if constexpr (std::is_same_v<S, double>)
+            return exactReal;
+        else
+            return exactComplex;
+    }
+};
+
+namespace {
+
+// Off-diagonal elements per state: a path flips a pair when one can go up and the other down,
+// some 2 (2s/(2s+1))^2 times per path on average.
+double elementsPerState(const SpinSystem& system) {
     double perState = 1;
     for (const Bond& bond : system.bonds) {
         const double a = system.twiceSpin[static_cast<std::size_t>(bond.a)],
                      b = system.twiceSpin[static_cast<std::size_t>(bond.b)];
         perState += 2 * (a / (a + 1)) * (b / (b + 1));
     }
+    return perState;
+}
+
+// The exact part of a block: the whole block when small, otherwise its lowest levels (as many
+// as decided at the first J values), and its eigenvectors when the rest is small enough for
+// the random vectors' Lanczos runs to use up.
+template <class S>
+void exactPart(FtlmSpectrum::Block& block, const BlockOperator<S>& h, const FtlmSettings& settings,
+               const StopFlag* stop, Part& part) {
+    Exact<S>& exact = block.exact<S>();
+    exact.clear();
+    const Index n = h.dimension;
+    Eigen::VectorXd values;
+    if (block.whole) {
+        Matrix<S> matrix = h.dense();
+        hermitianEigen(matrix, values, false);
+    } else {
+        Lowest<S> lowest =
+            block.exactCount < 0
+                ? lowestAtAGap(h, settings.exactLevels, settings.seed, block.twiceM, stop)
+                : lowestLevels(h, block.exactCount, settings.seed, block.twiceM, stop);
+        block.exactCount = static_cast<int>(lowest.values.size());
+        exact.values = Eigen::Map<Eigen::VectorXd>(lowest.values.data(), block.exactCount);
+        exact.vectors = std::move(lowest.vectors);
+        exact.shares = exact.values.unaryExpr([&](double e) {
+            return exactShare(e, exact.values[0], lowest.next, sameLevel * lowest.scale);
+        });
+        values = exact.values;
+        // A rest of the block that the Lanczos runs of the random vectors would use up: their
+        // sums over its levels come from its eigenvectors instead. (Past the end of a Krylov
+        // space a run goes on from rounding errors, and its levels jump with them.)
+        if (n - block.exactCount <= 2 * static_cast<Index>(settings.steps)) {
+            exact.whole = h.dense();
+            hermitianEigen(exact.whole, exact.wholeValues, true);
+        }
+    }
+    part.energy.assign(values.data(), values.data() + values.size());
+    part.weight.assign(part.energy.size(), block.weight);
+    part.sample.assign(part.energy.size(), -1);
+    for (Index i = 0; i < exact.shares.size(); ++i)
+        part.weight[static_cast<std::size_t>(i)] *= exact.shares[i];
+}
+
+// The levels of random vector r of a block: the part of the exact levels they do not count
+// themselves, and the Ritz pairs of a Lanczos run from r orthogonal to them.
+template <class S>
+void randomPart(const FtlmSpectrum::Block& block, const BlockOperator<S>& h, const Exact<S>& exact,
+                int r, int vectors, const FtlmSettings& settings, Part& part) {
+    const Index n = h.dimension;
+    // With E[r r^H] = 1, r^H A r estimates the trace of A: the part of the exact levels that
+    // they do not count themselves, and the rest of the trace from r orthogonal to them.
+    Vector<S> v = randomVector(h, settings.seed, block.twiceM, r), w;
+    const Vector<S> onExact = exact.vectors.adjoint() * v;
+    for (Index i = 0; i < onExact.size(); ++i) {
+        part.energy.push_back(exact.values[i]);
+        part.weight.push_back(block.weight * (1 - exact.shares[i]) * std::norm(onExact[i]) /
+                              vectors);
+        part.sample.push_back(r);
+    }
+    projectOut(exact.vectors, v);
+    const double share = block.weight * v.squaredNorm() / vectors;
+    v.normalize();
+    if (exact.wholeValues.size() > 0) {
+        const Vector<S> overlap = exact.whole.adjoint() * h.compact(v);
+        for (Index k = 0; k < overlap.size(); ++k) {
+            part.energy.push_back(exact.wholeValues[k]);
+            part.weight.push_back(share * std::norm(overlap[k]));
+            part.sample.push_back(r);
+        }
+        return;
+    }
+    const int steps = static_cast<int>(std::min<Index>(settings.steps, n - exact.vectors.cols()));
+    Vector<S> previous = Vector<S>::Zero(v.size());
+    std::vector<double> alpha, beta;
+    double norm = 0, scale = 0;
+    for (int m = 0; m < steps; ++m) {
+        h.apply(v, w);
+        alpha.push_back(std::real(v.dot(w)));
+        w -= alpha.back() * v + norm * previous;
+        if ((m + 1) % keepApart == 0) {
+            projectOut(exact.vectors, w, 1);
+            projectOut(exact.vectors, v, 1);
+        }
+        norm = w.norm();
+        scale = std::max({scale, std::abs(alpha.back()), norm});
+        if (m + 1 == steps || norm < 1e-12 * scale) break;
+        beta.push_back(norm);
+        previous.swap(v);
+        v = w / norm;
+    }
+    const auto m = static_cast<Index>(alpha.size());
+    Eigen::VectorXd d = Eigen::Map<Eigen::VectorXd>(alpha.data(), m);
+    Eigen::VectorXd e = Eigen::Map<Eigen::VectorXd>(beta.data(), m - 1);
+    Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> tri;
+    tri.computeFromTridiagonal(d, e, Eigen::ComputeEigenvectors);
+    for (Index k = 0; k < m; ++k) {
+        const double first = tri.eigenvectors()(0, k);
+        part.energy.push_back(tri.eigenvalues()[k]);
+        part.weight.push_back(share * first * first);
+        part.sample.push_back(r);
+    }
+}
+
+// The orbits of a sector and the rows of H on them.
+void buildSector(const SpinSystem& system, const Cyclic& cyclic, const Coder& coder,
+                 const std::vector<int>& jSlot, Index slots, int twiceM, SectorRows& h,
+                 const StopFlag* stop) {
+    int total = 0;
+    for (int s : system.twiceSpin) total += s;
+    const auto m = static_cast<std::size_t>(cyclic.order);
+    std::vector<long> reps;
+    {
+        const std::vector<long> states = sectorStates(system.twiceSpin, (twiceM + total) / 2);
+        std::vector<int> digit;
+        for (std::size_t i = 0; i < states.size(); ++i) {
+            if (i % 65536 == 0) throwIfStopped(stop);
+            const long s = states[i];
+            std::size_t period = m;
+            bool smallest = true;
+            if (m > 1) {
+                coder.digits(s, digit);
+                for (std::size_t j = 1; j < m; ++j) {
+                    const long image = coder.image(digit, j);
+                    if (image < s) {
+                        smallest = false;
+                        break;
+                    }
+                    if (image == s) {
+                        period = j;
+                        break;
+                    }
+                }
+            }
+            if (!smallest) continue;
+            reps.push_back(s);
+            h.period.push_back(static_cast<std::uint16_t>(period));
+        }
+    }
+    const auto n = static_cast<Index>(reps.size());
+    h.diagonal = Eigen::MatrixXd::Zero(n, slots);
+    h.rowStart.assign(1, 0);
+    std::vector<int> digit, target;
+    for (Index row = 0; row < n; ++row) {
+        if (row % 4096 == 0) throwIfStopped(stop);
+        const long code = reps[static_cast<std::size_t>(row)];
+        coder.digits(code, digit);
+        const double pa = h.period[static_cast<std::size_t>(row)];
+        for (const Bond& bond : system.bonds) {
+            const auto a = static_cast<std::size_t>(bond.a), b = static_cast<std::size_t>(bond.b);
+            const int slot = jSlot[static_cast<std::size_t>(bond.j)];
+            const int ta = system.twiceSpin[a], tb = system.twiceSpin[b];
+            const int da = digit[a], db = digit[b];
+            const double sa = ta / 2.0, sb = tb / 2.0, ma = da - sa, mb = db - sb;
+            h.diagonal(row, slot) += -2 * ma * mb;
+            // -2 (1/2) (S+_a S-_b + S-_a S+_b)
+            for (int up : {1, -1}) {
+                if ((up > 0 && (da == ta || db == 0)) || (up < 0 && (da == 0 || db == tb)))
+                    continue;
+                target = digit;
+                target[a] += up;
+                target[b] -= up;
+                // Its orbit's representative r = g^j s, so s = g^l r with l = m - j.
+                long smallest = coder.image(target, 0);
+                std::size_t at = 0;
+                for (std::size_t j = 1; j < m; ++j) {
+                    const long image = coder.image(target, j);
+                    if (image < smallest) smallest = image, at = j;
+                }
+                const auto column =
+                    std::lower_bound(reps.begin(), reps.end(), smallest) - reps.begin();
+                const double pb = h.period[static_cast<std::size_t>(column)];
+                const double element = -std::sqrt((sa * (sa + 1) - ma * (ma + up)) *
+                                                  (sb * (sb + 1) - mb * (mb - up)) * pa / pb);
+                h.column.push_back(static_cast<int>(column));
+                h.shift.push_back(static_cast<std::uint16_t>((m - at) % m));
+                h.slot.push_back(static_cast<unsigned char>(slot));
+                h.element.push_back(element);
+            }
+        }
+        h.rowStart.push_back(static_cast<long>(h.column.size()));
+    }
+}
+
+} // namespace
+
+FtlmBlockCost ftlmBlockCost(double n, double nonzeros, bool complex, const FtlmSettings& settings) {
+    // Seconds on one core (AMD EPYC, 2026), from the parts of a spectrum measured apart: the
+    // sparse product per element, a pass over a vector per entry, dsyevd per n^3 (zheevd four
+    // times as much; a complex product three times a real one), the search for the lowest levels
+    // per level (products and its reorthogonalisation against a basis of some 30 vectors on
+    // average), and the tridiagonal eigenproblem of a Lanczos run (with its eigenvectors).
+    const double factor = complex ? 3 : 1;
+    const double product = factor * (nonzeros * 0.9e-9 + n * 3e-9);
+    const double levels = std::min<double>(settings.exactLevels, n) + 2;
+    const double search = levels * 70 * (product + factor * n * 3e-9);
+    const double steps = std::min<double>(settings.steps, n);
+    const double lanczos =
+        search + settings.vectors * (steps * product + 3e-9 * steps * steps * steps);
+    const double dense = (complex ? 4 : 1) * 7.5e-11 * n * n * n;
+    FtlmBlockCost cost;
+    cost.whole = n <= static_cast<double>(settings.denseLimit) && dense <= lanczos;
+    cost.seconds = cost.whole ? dense + 1e-9 * n * n : lanczos;
+    return cost;
+}
+
+FtlmSizes ftlmSizes(const SpinSystem& system, bool symmetry) {
+    FtlmSizes sizes;
+    const Cyclic cyclic = cyclicSymmetry(system, symmetry);
+    const int m = cyclic.order;
+    sizes.order = m;
+    sizes.symmetry = cyclic.name;
+    int total = 0;
+    for (int s : system.twiceSpin) total += s;
+    // States fixed by g^d, for every divisor d of m (g^j fixes those g^gcd(j, m) fixes).
+    std::vector<std::vector<Count>> fixed(static_cast<std::size_t>(m) + 1);
+    for (int d = 1; d <= m; ++d)
+        if (m % d == 0)
+            fixed[static_cast<std::size_t>(d)] =
+                fixedCounts(system.twiceSpin, cyclic.power[static_cast<std::size_t>(d % m)]);
+    auto mobius = [](int x) {
+        int result = 1;
+        for (int p = 2; p * p <= x; ++p)
+            if (x % p == 0) {
+                x /= p;
+                if (x % p == 0) return 0;
+                result = -result;
+            }
+        return x > 1 ? -result : result;
+    };
+    const double perState = elementsPerState(system);
     for (int twiceM = total % 2; twiceM <= total; twiceM += 2) {
-        const double n = counts[static_cast<std::size_t>((twiceM + total) / 2)];
-        sizes.blocks.push_back(n);
-        sizes.nonzeros.push_back(n * perState);
+        const auto i = static_cast<std::size_t>((twiceM + total) / 2);
+        // Orbits of length p: the states of period exactly p (Moebius inversion of the states
+        // fixed by g^p's divisors), p per orbit.
+        std::vector<Count> orbits(static_cast<std::size_t>(m) + 1, 0);
+        Count all = 0;
+        for (int p = 1; p <= m; ++p) {
+            if (m % p != 0) continue;
+            Signed exact = 0;
+            for (int d = 1; d <= p; ++d)
+                if (p % d == 0) {
+                    const std::vector<Count>& f = fixed[static_cast<std::size_t>(d)];
+                    exact += mobius(p / d) * static_cast<Signed>(i < f.size() ? f[i] : 0);
+                }
+            orbits[static_cast<std::size_t>(p)] = static_cast<Count>(exact) / static_cast<Count>(p);
+            all += orbits[static_cast<std::size_t>(p)];
+        }
+        sizes.sectors.push_back(static_cast<double>(all));
+        for (int k = 0; 2 * k <= m; ++k) {
+            Count n = 0;
+            for (int p = 1; p <= m; ++p)
+                if (m % p == 0 && (static_cast<long>(k) * p) % m == 0)
+                    n += orbits[static_cast<std::size_t>(p)];
+            if (n == 0) continue;
+            sizes.blocks.push_back(static_cast<double>(n));
+            sizes.nonzeros.push_back(static_cast<double>(n) * perState);
+            sizes.complex.push_back((2 * k) % m != 0);
+        }
     }
     return sizes;
 }
@@ -372,48 +923,54 @@ FtlmSpectrum::FtlmSpectrum(const SpinSystem& system, const FtlmSettings& setting
     std::vector<int> jSlot(static_cast<std::size_t>(std::max(system.jCount, 1)), 0);
     for (std::size_t slot = 0; slot < usedJ_.size(); ++slot)
         jSlot[static_cast<std::size_t>(usedJ_[slot])] = static_cast<int>(slot);
+    const Cyclic cyclic = cyclicSymmetry(system, settings.symmetry);
+    const Coder coder(system.twiceSpin, cyclic);
     for (int twiceM = total % 2; twiceM <= total; twiceM += 2) {
-        blocks_.push_back(std::make_unique<Block>());
-        blocks_.back()->twiceM = twiceM;
-        blocks_.back()->weight = twiceM > 0 ? 2 : 1;
+        sectors_.push_back(std::make_unique<Sector>());
+        sectors_.back()->twiceM = twiceM;
     }
-    const std::size_t sites = system.twiceSpin.size();
-    std::vector<long> stride(sites, 1);
-    for (std::size_t i = 1; i < sites; ++i) stride[i] = stride[i - 1] * (system.twiceSpin[i - 1] + 1);
     const auto slots = static_cast<Index>(std::max<std::size_t>(usedJ_.size(), 1));
-    parallelFor(static_cast<long>(blocks_.size()), threads_, stop_, [&](long index) {
-        Block& block = *blocks_[static_cast<std::size_t>(index)];
-        const std::vector<long> states = blockStates(system.twiceSpin, (block.twiceM + total) / 2);
-        block.n = static_cast<Index>(states.size());
-        Sparse& h = block.h;
-        h.diagonal = Eigen::MatrixXd::Zero(block.n, slots);
-        h.rowStart.push_back(0);
-        for (Index row = 0; row < block.n; ++row) {
-            if (row % 4096 == 0) throwIfStopped(stop_);
-            const long code = states[static_cast<std::size_t>(row)];
-            for (const Bond& bond : system.bonds) {
-                const auto a = static_cast<std::size_t>(bond.a), b = static_cast<std::size_t>(bond.b);
-                const int slot = jSlot[static_cast<std::size_t>(bond.j)];
-                const int ta = system.twiceSpin[a], tb = system.twiceSpin[b];
-                const int da = static_cast<int>(code / stride[a] % (ta + 1)),
-                          db = static_cast<int>(code / stride[b] % (tb + 1));
-                const double sa = ta / 2.0, sb = tb / 2.0, ma = da - sa, mb = db - sb;
-                h.diagonal(row, slot) += -2 * ma * mb;
-                // -2 (1/2) (S+_a S-_b + S-_a S+_b)
-                for (int up : {1, -1}) {
-                    if ((up > 0 && (da == ta || db == 0)) || (up < 0 && (da == 0 || db == tb))) continue;
-                    const long target = code + up * (stride[a] - stride[b]);
-                    const double element = -std::sqrt((sa * (sa + 1) - ma * (ma + up)) *
-                                                       (sb * (sb + 1) - mb * (mb - up)));
-                    const auto at = std::lower_bound(states.begin(), states.end(), target);
-                    h.column.push_back(static_cast<int>(at - states.begin()));
-                    h.slot.push_back(static_cast<unsigned char>(slot));
-                    h.element.push_back(element);
-                }
-            }
-            h.rowStart.push_back(static_cast<long>(h.column.size()));
-        }
+    parallelFor(static_cast<long>(sectors_.size()), threads_, stop_, [&](long index) {
+        Sector& sector = *sectors_[static_cast<std::size_t>(index)];
+        buildSector(system, cyclic, coder, jSlot, slots, sector.twiceM, sector.rows, stop_);
     });
+    const int m = cyclic.order;
+    const double perState = elementsPerState(system);
+    for (std::size_t s = 0; s < sectors_.size(); ++s) {
+        const Sector& sector = *sectors_[s];
+        for (int k = 0; 2 * k <= m; ++k) {
+            auto block = std::make_unique<Block>();
+            block->sector = s;
+            block->twiceM = sector.twiceM;
+            block->k = k;
+            block->weight = (sector.twiceM > 0 ? 2 : 1) * ((2 * k) % m == 0 ? 1 : 2);
+            if ((2 * k) % m == 0) {
+                block->real = std::make_unique<BlockOperator<double>>(sector.rows, k, m);
+                block->n = block->real->dimension;
+            } else {
+                block->complex = std::make_unique<BlockOperator<Complex>>(sector.rows, k, m);
+                block->n = block->complex->dimension;
+            }
+            const FtlmBlockCost cost = ftlmBlockCost(static_cast<double>(block->n),
+                                                     static_cast<double>(block->n) * perState,
+                                                     block->complex != nullptr, settings);
+            block->whole = cost.whole;
+            block->cost = cost.seconds;
+            if (block->n > 0) blocks_.push_back(std::move(block));
+        }
+    }
+    // Under MPI every process works on its own blocks with all their random vectors, the most
+    // costly first to the process with the least so far; the same for any seed and J values.
+    std::vector<Block*> byCost;
+    for (auto& block : blocks_) byCost.push_back(block.get());
+    std::stable_sort(byCost.begin(), byCost.end(),
+                     [](const Block* x, const Block* y) { return x->cost > y->cost; });
+    std::vector<double> load(static_cast<std::size_t>(processes()), 0.0);
+    for (Block* block : byCost) {
+        const auto least = std::min_element(load.begin(), load.end()) - load.begin();
+        block->process = static_cast<int>(least);
+        load[static_cast<std::size_t>(least)] += block->cost;
+    }
 }
 
 FtlmSpectrum::~FtlmSpectrum() = default;
@@ -422,136 +979,62 @@ void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
     std::vector<double> j(std::max<std::size_t>(usedJ_.size(), 1), 0.0);
     for (std::size_t slot = 0; slot < usedJ_.size(); ++slot)
         j[slot] = jKelvin[static_cast<std::size_t>(usedJ_[slot])];
-    struct Part {
-        std::vector<double> energy, weight;
-        std::vector<int> sample;
-    };
     const int vectors = std::max(1, settings_.vectors);
     const std::size_t count = blocks_.size();
+    parallelFor(static_cast<long>(sectors_.size()), threads_, stop_,
+                [&](long s) { sectors_[static_cast<std::size_t>(s)]->rows.setJ(j); });
     // First the exact levels of every block (the whole of a small block), then the random
-    // vectors of the large blocks, one task each, largest blocks first.
+    // vectors of the large blocks, one task each; largest blocks first.
+    std::vector<std::size_t> order(count);
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::size_t x, std::size_t y) { return blocks_[x]->n > blocks_[y]->n; });
     std::vector<Part> exactParts(count);
-    std::vector<Eigen::MatrixXd> exactVectors(count), wholeVectors(count);
-    std::vector<Eigen::VectorXd> wholeValues(count), exactValues(count), exactShares(count);
-    parallelFor(static_cast<long>(count), threads_, stop_, [&](long index) {
-        const auto b = static_cast<std::size_t>(index);
+    const int self = thisProcess();
+    std::vector<std::size_t> mine;
+    for (std::size_t b : order)
+        if (blocks_[b]->process == self) mine.push_back(b);
+    parallelFor(static_cast<long>(mine.size()), threads_, stop_, [&](long index) {
+        const std::size_t b = mine[static_cast<std::size_t>(index)];
         Block& block = *blocks_[b];
-        Part& part = exactParts[b];
-        block.h.setJ(j);
-        const Index n = block.n;
-        Eigen::VectorXd values;
-        if (n <= settings_.denseLimit) {
-            Eigen::MatrixXd matrix = block.h.dense();
-            symmetricEigen(matrix, values, false);
-        } else {
-            // The same number of exact levels at every J values of a fit, so that the estimate
-            // is a smooth function of them.
-            Lowest lowest = block.exactCount < 0
-                                ? lowestAtAGap(block.h, n, settings_.exactLevels, settings_.seed,
-                                               block.twiceM, stop_)
-                                : lowestLevels(block.h, n, block.exactCount, settings_.seed,
-                                               block.twiceM, stop_);
-            block.exactCount = static_cast<int>(lowest.values.size());
-            exactValues[b] = Eigen::Map<Eigen::VectorXd>(lowest.values.data(), block.exactCount);
-            exactVectors[b] = std::move(lowest.vectors);
-            exactShares[b] = exactValues[b].unaryExpr([&](double e) {
-                return exactShare(e, exactValues[b][0], lowest.next, sameLevel * lowest.scale);
-            });
-            values = exactValues[b];
-            // A rest of the block that the Lanczos runs of the random vectors would use up: their
-            // sums over its levels come from its eigenvectors instead. (Past the end of a Krylov
-            // space a run goes on from rounding errors, and its levels jump with them.)
-            if (n - block.exactCount <= 2 * static_cast<Index>(settings_.steps)) {
-                wholeVectors[b] = block.h.dense();
-                symmetricEigen(wholeVectors[b], wholeValues[b], true);
-            }
-        }
-        part.energy.assign(values.data(), values.data() + values.size());
-        part.weight.assign(part.energy.size(), block.weight);
-        part.sample.assign(part.energy.size(), -1);
-        for (Index i = 0; i < exactShares[b].size(); ++i)
-            part.weight[static_cast<std::size_t>(i)] *= exactShares[b][i];
+        if (block.real)
+            exactPart(block, *block.real, settings_, stop_, exactParts[b]);
+        else
+            exactPart(block, *block.complex, settings_, stop_, exactParts[b]);
     });
     std::vector<std::pair<std::size_t, int>> tasks;
-    for (std::size_t b = 0; b < count; ++b)
-        if (blocks_[b]->n > settings_.denseLimit)
+    for (std::size_t b : order)
+        if (!blocks_[b]->whole)
             for (int r = 0; r < vectors; ++r) tasks.emplace_back(b, r);
-    std::stable_sort(tasks.begin(), tasks.end(), [&](const auto& x, const auto& y) {
-        return blocks_[x.first]->n > blocks_[y.first]->n;
-    });
     std::vector<Part> randomParts(tasks.size());
-    parallelFor(static_cast<long>(tasks.size()), threads_, stop_, [&](long index) {
-        const auto [b, r] = tasks[static_cast<std::size_t>(index)];
+    std::vector<std::size_t> myTasks;
+    for (std::size_t t = 0; t < tasks.size(); ++t)
+        if (blocks_[tasks[t].first]->process == self) myTasks.push_back(t);
+    parallelFor(static_cast<long>(myTasks.size()), threads_, stop_, [&](long at) {
+        const std::size_t index = myTasks[static_cast<std::size_t>(at)];
+        const auto [b, r] = tasks[index];
         const Block& block = *blocks_[b];
-        const Eigen::MatrixXd& exact = exactVectors[b];
-        Part& part = randomParts[static_cast<std::size_t>(index)];
-        const Index n = block.n;
-        // With E[r r^T] = 1, r^T A r estimates the trace of A: the part of the exact levels
-        // that they do not count themselves, and the rest of the trace from r orthogonal to them.
-        Eigen::VectorXd v = randomVector(n, settings_.seed, block.twiceM, r), w;
-        const Eigen::VectorXd onExact = exact.transpose() * v;
-        for (Index i = 0; i < onExact.size(); ++i) {
-            part.energy.push_back(exactValues[b][i]);
-            part.weight.push_back(block.weight * (1 - exactShares[b][i]) * onExact[i] * onExact[i] /
-                                  vectors);
-            part.sample.push_back(r);
-        }
-        projectOut(exact, v);
-        const double share = block.weight * v.squaredNorm() / vectors;
-        v.normalize();
-        if (wholeValues[b].size() > 0) {
-            const Eigen::VectorXd overlap = wholeVectors[b].transpose() * v;
-            for (Index k = 0; k < n; ++k) {
-                part.energy.push_back(wholeValues[b][k]);
-                part.weight.push_back(share * overlap[k] * overlap[k]);
-                part.sample.push_back(r);
-            }
-            return;
-        }
-        const int steps = static_cast<int>(std::min<Index>(settings_.steps, n - exact.cols()));
-        Eigen::VectorXd previous = Eigen::VectorXd::Zero(n);
-        std::vector<double> alpha, beta;
-        double norm = 0, scale = 0;
-        for (int m = 0; m < steps; ++m) {
-            block.h.apply(v, w);
-            alpha.push_back(w.dot(v));
-            w -= alpha.back() * v + norm * previous;
-            projectOut(exact, w);
-            norm = w.norm();
-            scale = std::max({scale, std::abs(alpha.back()), norm});
-            if (m + 1 == steps || norm < 1e-12 * scale) break;
-            beta.push_back(norm);
-            previous.swap(v);
-            v = w / norm;
-        }
-        const auto m = static_cast<Index>(alpha.size());
-        Eigen::VectorXd d = Eigen::Map<Eigen::VectorXd>(alpha.data(), m);
-        Eigen::VectorXd e = Eigen::Map<Eigen::VectorXd>(beta.data(), m - 1);
-        Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> tri;
-        tri.computeFromTridiagonal(d, e, Eigen::ComputeEigenvectors);
-        for (Index k = 0; k < m; ++k) {
-            const double first = tri.eigenvectors()(0, k);
-            part.energy.push_back(tri.eigenvalues()[k]);
-            part.weight.push_back(share * first * first);
-            part.sample.push_back(r);
-        }
+        Part& part = randomParts[index];
+        if (block.real)
+            randomPart(block, *block.real, block.exactReal, r, vectors, settings_, part);
+        else
+            randomPart(block, *block.complex, block.exactComplex, r, vectors, settings_, part);
     });
     // Every level with the M of its block.
     std::vector<Part> parts = std::move(exactParts);
+    for (Part& part : randomParts) parts.push_back(std::move(part));
+    shareParts(parts, [&](std::size_t p) {
+        return blocks_[p < count ? p : tasks[p - count].first]->process == self;
+    });
     std::vector<double> twiceMOf;
     for (const auto& block : blocks_) twiceMOf.push_back(block->twiceM);
-    for (std::size_t t = 0; t < tasks.size(); ++t) {
-        parts.push_back(std::move(randomParts[t]));
+    for (std::size_t t = 0; t < tasks.size(); ++t)
         twiceMOf.push_back(blocks_[tasks[t].first]->twiceM);
-    }
     out.energy.clear();
     out.weight.clear();
     out.moment.clear();
     out.sample.clear();
-    out.samples = 0;
-    for (const Part& part : parts)
-        if (std::any_of(part.sample.begin(), part.sample.end(), [](int r) { return r >= 0; }))
-            out.samples = vectors;
+    out.samples = tasks.empty() ? 0 : vectors;
     out.slope.assign(static_cast<std::size_t>(system_.jCount), {});
     for (std::size_t b = 0; b < parts.size(); ++b) {
         const double m = twiceMOf[b] / 2.0;

@@ -1,7 +1,11 @@
 // Finite-temperature Lanczos (FTLM) for clusters beyond exact diagonalisation.
 //
-// The Hamiltonian is kept sparse, one block per total M >= 0 (negative M repeat them). Within a
-// block of dimension n, the trace of exp(-H/T) is estimated from R random vectors r as
+// The Hamiltonian is kept sparse, one sector per total M >= 0 (negative M repeat them), on the
+// orbits of the product states under a cyclic symmetry of the cluster (the translations of a
+// ring): a sector splits into one block per character k of the cyclic group, whose basis states
+// are the orbits' Bloch sums e^(-2 pi i k j/m) g^j |r>. Blocks k and m - k are complex conjugates
+// with the same levels, so only k <= m/2 is worked on; k = 0 and k = m/2 are real. Within a block
+// of dimension n, the trace of exp(-H/T) is estimated from R random vectors r as
 //   Tr e^(-H/T) ~ n/R sum_r sum_j |<r|psi_j^r>|^2 e^(-eps_j^r/T),
 // with eps_j^r, psi_j^r the Ritz pairs of K Lanczos steps from r. The hybrid form keeps low
 // temperatures accurate: the lowest levels of every block are found exactly first (thick-restart
@@ -21,6 +25,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "guards.h"
@@ -37,13 +42,31 @@ struct FtlmSettings {
                              // degenerate group: see FtlmSpectrum)
     long denseLimit = 2000;  // blocks up to this size are diagonalised whole
     std::uint64_t seed = 1;
+    bool symmetry = true; // split the M sectors by a cyclic symmetry of the cluster
 };
 
-// Sizes of the M blocks (M >= 0) and the estimated nonzero elements of the sparse Hamiltonian.
+// The blocks worked on (M >= 0, and with symmetry k <= m/2), their dimensions, the estimated
+// nonzero elements of their rows, whether they are complex, and the order m of the cyclic
+// symmetry used (1: none).
 struct FtlmSizes {
     std::vector<double> blocks, nonzeros;
+    std::vector<char> complex;
+    std::vector<double> sectors; // the orbits of every M sector (the length of its vectors)
+    int order = 1;
+    std::string symmetry; // the generator in cycle notation, "none"
 };
-FtlmSizes ftlmSizes(const SpinSystem& system);
+// The sizes follow from characters (counts of the states each power of the generator fixes),
+// before anything is built; exact as doubles up to 2^53.
+FtlmSizes ftlmSizes(const SpinSystem& system, bool symmetry = true);
+
+// The estimated cost of one block on one thread: seconds per spectrum, and whether it is
+// diagonalised whole (at most denseLimit states, and cheaper so than by Lanczos). n: its
+// dimension; nonzeros: of its rows; complex: a complex block.
+struct FtlmBlockCost {
+    double seconds = 0;
+    bool whole = false;
+};
+FtlmBlockCost ftlmBlockCost(double n, double nonzeros, bool complex, const FtlmSettings& settings);
 
 class FtlmSpectrum {
 public:
@@ -62,13 +85,16 @@ public:
     // them (or the last ones dropped); the exact levels stay as they are.
     void setVectors(int vectors) { settings_.vectors = vectors; }
 
-private:
     struct Block;
+    struct Sector;
+
+private:
     SpinSystem system_;
     FtlmSettings settings_;
     int threads_;
     const StopFlag* stop_;
     std::vector<int> usedJ_;
+    std::vector<std::unique_ptr<Sector>> sectors_;
     std::vector<std::unique_ptr<Block>> blocks_;
 };
 

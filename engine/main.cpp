@@ -40,6 +40,10 @@
 #include "spectrum.h"
 #include "symmetry.h"
 
+#ifdef COREFIT_MPI
+#include <mpi.h>
+#endif
+
 namespace {
 
 using namespace corefit;
@@ -82,12 +86,31 @@ void installStopHandlers() {
     sigaction(SIGINT, &action, nullptr);
 }
 
+// How FTLM's M sectors are split: "M sectors split by the characters of (1 2 3 4 5 6), order 6".
+std::string ftlmSymmetryText(const SpinSystem& system, const FtlmSettings& settings) {
+    const FtlmSizes sizes = ftlmSizes(system, settings.symmetry);
+    std::string text = sizes.order > 1 ? "M sectors split by the characters of " + sizes.symmetry +
+                                             ", order " + std::to_string(sizes.order)
+                                       : "M sectors not split by symmetry";
+#ifdef COREFIT_MPI
+    int processes = 1;
+    MPI_Comm_size(MPI_COMM_WORLD, &processes);
+    if (processes > 1)
+        text += "; blocks split over " + std::to_string(processes) + " MPI processes";
+#endif
+    return text;
+}
+
+// Under MPI only the first process writes files and output; the others compute alongside.
+bool writesFiles = true;
+
 // corefit.log beside the input: a new file, renamed over an earlier log (a link of that name is
 // replaced, never followed), then written line by line as the run goes, so that it can be read
 // meanwhile. Lines come from the computation and from the watcher of stop requests.
 class Log {
 public:
     void open(const std::string& directory) {
+        if (!writesFiles) return;
         const std::string path = joinPath(directory, "corefit.log");
         const std::string temporary =
             joinPath(directory, ".corefit.log." + std::to_string(::getpid()) + ".tmp");
@@ -311,7 +334,8 @@ private:
         int code = exitInterrupted;
         if (problem_ != nullptr && best_.valid) {
             std::string error;
-            if (writeOutput(outputPath_, *problem_, snapshotOutcome(*problem_, best_), error)) {
+            if (!writesFiles ||
+                writeOutput(outputPath_, *problem_, snapshotOutcome(*problem_, best_), error)) {
                 log_.line("wrote %s: the parameters of iteration %d, deviation %.10g; "
                           "uncertainties undetermined (interrupted)",
                           outputPath_.c_str(), best_.iteration, best_.deviation);
@@ -615,7 +639,8 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
 
     const std::string outputPath = joinPath(directoryOf(options.input), "output.txt");
     std::string error;
-    if (!writeOutput(outputPath, problem, outcome, error)) return fail(log, exitInternal, error);
+    if (writesFiles && !writeOutput(outputPath, problem, outcome, error))
+        return fail(log, exitInternal, error);
 
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
@@ -757,10 +782,10 @@ int run(const Options& options) {
     if (plan.method == Method::Ftlm)
         log.line("FTLM: %d random vectors per block, %d Lanczos steps each, seed %llu; the "
                  "lowest %d levels of every block exact (fewer where that would split a degenerate "
-                 "group), blocks up to %ld diagonalised whole",
+                 "group), blocks up to %ld diagonalised whole where that is cheaper; %s",
                  plan.ftlm.vectors, plan.ftlm.steps,
                  static_cast<unsigned long long>(plan.ftlm.seed), plan.ftlm.exactLevels,
-                 plan.ftlm.denseLimit);
+                 plan.ftlm.denseLimit, ftlmSymmetryText(system, plan.ftlm).c_str());
     if (freeJ > 0)
         log.line("J derivatives: %s",
                  plan.method == Method::Ftlm
@@ -847,9 +872,24 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember({"on", "off"}));
     CLI11_PARSE(app, argc, argv);
     options.symmetry = symmetry == "on";
+    options.ftlm.symmetry = options.symmetry;
 
     installStopHandlers();
     gslErrorsAsCodes();
+#ifdef COREFIT_MPI
+    // FTLM splits its blocks over the processes (see ftlm.h); every process runs the same fit.
+    int provided = 0, rank = 0;
+    MPI_Init_thread(&argc, &argv, MPI_THREAD_SERIALIZED, &provided);
+    MPI_Comm_rank(MPI_COMM_WORLD, &rank);
+    if (rank > 0) {
+        writesFiles = false;
+        if (!std::freopen("/dev/null", "w", stdout) || !std::freopen("/dev/null", "w", stderr))
+            return exitInternal;
+    }
+    struct Finish {
+        ~Finish() { MPI_Finalize(); }
+    } finish;
+#endif
     try {
         return run(options);
     } catch (const std::bad_alloc&) {

@@ -525,36 +525,44 @@ std::string Plan::describe() const {
 
 namespace {
 
-// FTLM: sparse blocks of fixed M; the time from the matrix-vector products and the
-// reorthogonalisation of the exact levels, measured on 2-core machines.
+// FTLM: sparse blocks of fixed M (and character of a cyclic symmetry); the time of every block
+// from its dimension (ftlmBlockCost), the memory from the rows kept per M sector, the exact
+// levels' vectors of every block and the working vectors of the blocks worked on.
 Plan planFtlm(const SpinSystem& system, Plan plan) {
     checkSystem(system);
-    const FtlmSizes sizes = ftlmSizes(system);
     const FtlmSettings& f = plan.ftlm;
+    const FtlmSizes sizes = ftlmSizes(system, f.symmetry);
     Count dimension = 0;
     for (Count c : momentCounts(system.twiceSpin)) dimension += c;
     plan.dimension = static_cast<double>(dimension);
     plan.blockSizes = sizes.blocks;
-    double seconds = 0, longest = 0, stored = 0, working = 0;
     const double slots = std::max<double>(static_cast<double>(usedJValues(system).size()), 1);
+    const double perState = sizes.blocks.empty() ? 1 : sizes.nonzeros[0] / sizes.blocks[0];
+    double seconds = 0, longest = 0, stored = 0, working = 0, sectorLongest = 0;
+    for (double orbits : sizes.sectors) {
+        // Per element a column, a shift, a slot, the element and its value; per orbit its
+        // diagonal per J, the current one and its length.
+        stored += orbits * perState * 23 + orbits * (8 * (slots + 1) + 2);
+        sectorLongest = std::max(sectorLongest, orbits);
+    }
     for (std::size_t b = 0; b < sizes.blocks.size(); ++b) {
         const double n = sizes.blocks[b], nonzeros = sizes.nonzeros[b];
+        const double scalar = sizes.complex[b] ? 16 : 8;
         plan.largestBlock = std::max(plan.largestBlock, n);
-        stored += nonzeros * 21 + n * 8 * (slots + 1);
-        double t = 0;
-        if (n <= static_cast<double>(f.denseLimit)) {
-            t = eigenSeconds(n, false) + 1e-9 * n * n;
-            working = std::max(working, 1.2 * squareBytes(n));
+        const FtlmBlockCost cost = ftlmBlockCost(n, nonzeros, sizes.complex[b] != 0, f);
+        if (cost.whole) {
+            working = std::max(working, 1.2 * squareBytes(n) * scalar / 8);
         } else {
-            const double products = f.vectors * f.steps + 80.0 * (f.exactLevels + 2);
-            t = products * (nonzeros * 1.5e-9 + n * 1e-8) + (f.exactLevels + 2) * 80.0 * 80.0 * n * 1e-9;
-            // The search for the lowest levels: its basis, the Ritz vectors kept at a restart
-            // (half of it) and the levels found.
-            const double width = std::max(60.0, 2.0 * f.exactLevels + 20);
-            working = std::max(working, (1.5 * width + f.exactLevels + 8) * n * 8);
+            // The exact levels' vectors are kept from the search to the random vectors; the
+            // search's basis, the Ritz vectors kept at a restart (half of it) and the levels
+            // found, on vectors of the sector's length.
+            const double length = n * 1.1;
+            const double width = std::max(24.0, 2.0 * f.exactLevels + 20);
+            stored += (f.exactLevels + 1) * length * scalar;
+            working = std::max(working, (1.5 * width + f.exactLevels + 8) * length * scalar);
         }
-        seconds += t;
-        longest = std::max(longest, t);
+        seconds += cost.seconds;
+        longest = std::max(longest, cost.seconds);
     }
     plan.secondsPerSpectrum = std::max(seconds / plan.threads, longest);
     plan.secondsPerSlopes = plan.secondsPerSpectrum; // J slopes by differences: one more per J

@@ -367,6 +367,43 @@ TEST(Ftlm, AgreesWithExactWithinItsErrorAndRepeatsFromItsSeed) {
     }
 }
 
+// FTLM's blocks of fixed M and character of the cyclic symmetry, diagonalised whole, hold the
+// exact spectrum: an odd ring (complex blocks), an even ring of mixed spins with two J (the
+// translation by two sites), and a cluster whose largest symmetry is not a rotation of all sites.
+// Their sizes are those the plan counts from characters.
+TEST(Ftlm, SymmetryBlocksHoldTheExactSpectrum) {
+    SpinSystem ring7{std::vector<int>(7, 3), {}, 1};
+    for (int i = 0; i < 7; ++i) ring7.bonds.push_back({i, (i + 1) % 7, 0});
+    SpinSystem mixed{{1, 2, 1, 2, 1, 2, 1, 2}, {}, 2};
+    for (int i = 0; i < 8; ++i) mixed.bonds.push_back({i, (i + 1) % 8, i % 2});
+    const std::vector<Cluster> cases{
+        {"ring 7 x 3/2", ring7, {-10}},
+        {"ring of 1/2 and 1, two J", mixed, {-12, 5}},
+        {"star 3/2 with 1/2, 1, 5/2", clusters()[5].system, clusters()[5].j},
+        {"cubane 4 x 1", clusters()[4].system, clusters()[4].j}};
+    FtlmSettings settings;
+    settings.denseLimit = 100000;
+    settings.vectors = 1000; // so that every block is cheaper whole
+    for (const Cluster& cluster : cases) {
+        SCOPED_TRACE(cluster.name);
+        Spectrum exact(cluster.system, planSpectrum(cluster.system, Method::MBlocks), 1);
+        const Plan plan = planSpectrum(cluster.system, Method::Ftlm, 2, nullptr, settings);
+        Spectrum ftlm(cluster.system, plan, 2);
+        const Levels& levels = ftlm.levels(cluster.j, {});
+        EXPECT_EQ(levels.samples, 0);
+        double states = 0;
+        for (double w : levels.weight) states += w;
+        EXPECT_NEAR(states, plan.dimension, 1e-9 * plan.dimension);
+        for (double t : {0.5, 3.0, 40.0, 300.0})
+            EXPECT_NEAR(thermalMoment(levels, t).value, momentAt(exact.levels(cluster.j, {}), t),
+                        1e-10 * momentAt(exact.levels(cluster.j, {}), t))
+                << "T = " << t;
+    }
+    EXPECT_EQ(ftlmSizes(ring7).order, 7);
+    EXPECT_EQ(ftlmSizes(mixed).order, 4);
+    EXPECT_EQ(ftlmSizes(mixed, false).order, 1);
+}
+
 // The exact levels of FTLM are the lowest of their block with every degenerate partner (a 12-site
 // J1/J2 ring has many degenerate pairs), their number is kept where the J values move, and no
 // degenerate group is cut: against the M blocks diagonalised whole.
@@ -376,6 +413,7 @@ TEST(Ftlm, KeepsTheLowestLevelsOfEveryBlockWithTheirDegeneratePartners) {
     FtlmSettings settings;
     settings.exactLevels = 5;
     settings.denseLimit = 100;
+    settings.symmetry = false;
     Spectrum ftlm(ring, planSpectrum(ring, Method::Ftlm, 1, nullptr, settings), 1);
     Spectrum whole(ring, planSpectrum(ring, Method::MBlocks), 1);
     // The levels of each M >= 0 (a level's M^2 is its moment over its weight).
