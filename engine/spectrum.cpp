@@ -110,8 +110,8 @@ int sumTwiceSpin(const std::vector<int>& twiceSpin) {
     return sum;
 }
 
-// Description of one block before it is built: its label and size, and how a level counts.
-struct BlockSpec {
+// The shape of one block before it is built: its label and size, and how a level counts.
+struct BlockShape {
     int twiceLabel = 0; // 2M for M blocks, 2S for S blocks, unused for the full basis
     double size = 0;    // exact up to 2^53, far beyond any block that is built
     double weight = 1, moment = 0;
@@ -133,39 +133,39 @@ void checkSystem(const SpinSystem& system) {
 
 // The (S, irrep) blocks of a group: a level stands for d / kind copies of every state of the
 // multiplet.
-std::vector<BlockSpec> splitSpecs(const SpinSystem& system, const SplitGroup& group, bool whole) {
-    std::vector<BlockSpec> specs;
+std::vector<BlockShape> splitShapes(const SpinSystem& system, const SplitGroup& group, bool whole) {
+    std::vector<BlockShape> shapes;
     for (const SplitBlockSize& block : splitBlockSizes(system, group)) {
         const auto& irrep = group.irreps[static_cast<std::size_t>(block.irrep)];
         const double s = block.twiceTotal / 2.0,
                      d = static_cast<double>(irrep.dimension) / irrep.kind;
-        specs.push_back({block.twiceTotal, block.size, d * (2 * s + 1),
+        shapes.push_back({block.twiceTotal, block.size, d * (2 * s + 1),
                          d * s * (s + 1) * (2 * s + 1) / 3, block.irrep, whole});
     }
-    return specs;
+    return shapes;
 }
 
-std::vector<BlockSpec> blockSpecs(const SpinSystem& system, const Plan& plan) {
+std::vector<BlockShape> blockShapes(const SpinSystem& system, const Plan& plan) {
     checkSystem(system);
     const Method method = plan.method;
     if (method == Method::SBlocks && plan.split()) {
-        std::vector<BlockSpec> specs;
+        std::vector<BlockShape> shapes;
         if (plan.group)
-            for (const BlockSpec& spec : splitSpecs(system, *plan.group, false))
-                if (!plan.splitByWhole(spec.twiceLabel)) specs.push_back(spec);
+            for (const BlockShape& shape : splitShapes(system, *plan.group, false))
+                if (!plan.splitByWhole(shape.twiceLabel)) shapes.push_back(shape);
         if (plan.whole)
-            for (const BlockSpec& spec : splitSpecs(system, *plan.whole, true))
-                if (plan.splitByWhole(spec.twiceLabel)) specs.push_back(spec);
-        return specs;
+            for (const BlockShape& shape : splitShapes(system, *plan.whole, true))
+                if (plan.splitByWhole(shape.twiceLabel)) shapes.push_back(shape);
+        return shapes;
     }
     const std::vector<Count> counts = momentCounts(system.twiceSpin);
     const int total = sumTwiceSpin(system.twiceSpin);
-    std::vector<BlockSpec> specs;
+    std::vector<BlockShape> shapes;
     if (method == Method::Full) {
         Count dimension = 0;
         for (Count c : counts) dimension += c;
-        specs.push_back({0, static_cast<double>(dimension), 1, 0, -1});
-        return specs;
+        shapes.push_back({0, static_cast<double>(dimension), 1, 0, -1});
+        return shapes;
     }
     // counts index i holds 2M = 2i - total; M >= 0 from i = ceil(total / 2).
     for (int twiceM = total % 2; twiceM <= total; twiceM += 2) {
@@ -174,14 +174,14 @@ std::vector<BlockSpec> blockSpecs(const SpinSystem& system, const Plan& plan) {
         const double m = twiceM / 2.0;
         if (method == Method::MBlocks) {
             const double weight = twiceM > 0 ? 2 : 1;
-            specs.push_back({twiceM, static_cast<double>(here), weight, weight * m * m, -1});
+            shapes.push_back({twiceM, static_cast<double>(here), weight, weight * m * m, -1});
         } else if (here > above) {
             const double multiplicity = twiceM + 1;
-            specs.push_back({twiceM, static_cast<double>(here - above), multiplicity,
+            shapes.push_back({twiceM, static_cast<double>(here - above), multiplicity,
                              m * (m + 1) * multiplicity / 3, -1});
         }
     }
-    return specs;
+    return shapes;
 }
 
 // Bytes of a dense n x n matrix of doubles.
@@ -278,12 +278,12 @@ void buildProductBlock(const SpinSystem& system, const std::vector<int>& jSlot,
     }
 }
 
-std::vector<long> productStates(const SpinSystem& system, const BlockSpec& spec, Method method) {
+std::vector<long> productStates(const SpinSystem& system, const BlockShape& shape, Method method) {
     const ProductBasis basis(system.twiceSpin);
     std::vector<long> states;
-    states.reserve(static_cast<std::size_t>(spec.size));
+    states.reserve(static_cast<std::size_t>(shape.size));
     for (long code = 0; code < basis.dimension; ++code)
-        if (method == Method::Full || basis.twiceM(code) == spec.twiceLabel) states.push_back(code);
+        if (method == Method::Full || basis.twiceM(code) == shape.twiceLabel) states.push_back(code);
     return states;
 }
 
@@ -588,9 +588,9 @@ std::vector<SpinCost> spinCostsOf(const SpinSystem& system, const SplitGroup& gr
         costs.push_back({twiceTotal, 0, 0, 0});
         return costs.back();
     };
-    for (const BlockSpec& spec : splitSpecs(system, group, whole)) {
-        SpinCost& cost = at(spec.twiceLabel);
-        const double n = spec.size;
+    for (const BlockShape& shape : splitShapes(system, group, whole)) {
+        SpinCost& cost = at(shape.twiceLabel);
+        const double n = shape.size;
         cost.bytes += (scaled ? 1 : k) * squareBytes(n);
         cost.diagonalise += scaled ? eigenSeconds(n, false)
                                    : 25 * (eigenSeconds(n, true) + k * 1.0e-10 * n * n * n);
@@ -598,7 +598,7 @@ std::vector<SpinCost> spinCostsOf(const SpinSystem& system, const SplitGroup& gr
             // Coupled states: their values and an index (some 100 bytes a state) and orbits;
             // per state its images under the group and a share of the rows (some 1.5 us per
             // exchange path), measured on these machines.
-            const double states = n * group.irreps[static_cast<std::size_t>(spec.irrep)].dimension;
+            const double states = n * group.irreps[static_cast<std::size_t>(shape.irrep)].dimension;
             cost.bytes += states * (100 + 2.0 * sites);
             cost.build +=
                 states * (4e-7 * group.order() + 1.5e-6 * static_cast<double>(system.bonds.size()));
@@ -687,8 +687,8 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
             chooseGroups(system, plan, k);
         }
     }
-    const std::vector<BlockSpec> specs = blockSpecs(system, plan);
-    for (const BlockSpec& spec : specs) plan.treeUsed = plan.treeUsed || !spec.whole;
+    const std::vector<BlockShape> shapes = blockShapes(system, plan);
+    for (const BlockShape& shape : shapes) plan.treeUsed = plan.treeUsed || !shape.whole;
     Count dimension = 0;
     for (Count c : momentCounts(system.twiceSpin)) dimension += c;
     plan.dimension = static_cast<double>(dimension);
@@ -698,8 +698,8 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
     const bool sparse = !plan.split();
     const double paths = static_cast<double>(system.bonds.size());
     double stored = 0, levels = 0, spectrum = 0, slopes = 0, longest = 0, longestSlopes = 0;
-    for (const BlockSpec& spec : specs) {
-        const double n = spec.size;
+    for (const BlockShape& shape : shapes) {
+        const double n = shape.size;
         plan.blockSizes.push_back(n);
         plan.largestBlock = std::max(plan.largestBlock, n);
         const double entries = std::min(n * (1 + 6 * paths), k * n * (n + 1) / 2);
@@ -754,7 +754,7 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
 }
 
 struct Spectrum::Block {
-    BlockSpec spec;
+    BlockShape shape;
     // The Hamiltonian per used J (not kept when the spectrum is scaled): sparse for blocks of the
     // coupled or product basis, which a new set of J values sums into one dense matrix; dense
     // for blocks split by symmetry (and with Plan::denseTerms).
@@ -782,13 +782,13 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     for (std::size_t slot = 0; slot < usedJ_.size(); ++slot)
         jSlot[static_cast<std::size_t>(usedJ_[slot])] = static_cast<int>(slot);
 
-    for (const BlockSpec& spec : blockSpecs(system, plan)) {
+    for (const BlockShape& shape : blockShapes(system, plan)) {
         blocks_.push_back(std::make_unique<Block>());
-        blocks_.back()->spec = spec;
+        blocks_.back()->shape = shape;
     }
     // Largest first, so that the threads end with the small ones.
     std::stable_sort(blocks_.begin(), blocks_.end(),
-                     [](const auto& x, const auto& y) { return x->spec.size > y->spec.size; });
+                     [](const auto& x, const auto& y) { return x->shape.size > y->shape.size; });
 
     std::mutex buildMutex;
     auto countBuild = [&](std::chrono::steady_clock::time_point started) {
@@ -798,7 +798,7 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
     };
     // One J (or none): diagonalise once at J = 1 and keep only the levels.
     auto diagonaliseOnce = [&](Block& block) {
-        const auto n = static_cast<Index>(block.spec.built());
+        const auto n = static_cast<Index>(block.shape.built());
         Eigen::MatrixXd matrix = !block.perJ.empty()    ? std::move(block.perJ[0])
                                  : !block.terms.empty() ? Eigen::MatrixXd(block.terms[0])
                                                         : Eigen::MatrixXd::Zero(n, n);
@@ -822,7 +822,7 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
         std::vector<std::vector<Block*>> bySpin;
         for (const auto& block : blocks_) {
             auto same = std::find_if(bySpin.begin(), bySpin.end(), [&](const auto& list) {
-                return list[0]->spec.twiceLabel == block->spec.twiceLabel;
+                return list[0]->shape.twiceLabel == block->shape.twiceLabel;
             });
             if (same == bySpin.end()) bySpin.push_back({block.get()});
             else same->push_back(block.get());
@@ -831,16 +831,16 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
             const auto& list = bySpin[static_cast<std::size_t>(i)];
             std::vector<std::vector<Eigen::MatrixXd>> matrices;
             const auto started = std::chrono::steady_clock::now();
-            if (list[0]->spec.whole)
+            if (list[0]->shape.whole)
                 buildGroupBlocks(system, *plan.whole, jSlot, usedJ_.size(),
-                                 list[0]->spec.twiceLabel, matrices, stop_);
+                                 list[0]->shape.twiceLabel, matrices, stop_);
             else
                 buildSplitBlocks(system, *plan.group, tree, jSlot, usedJ_.size(),
-                                 list[0]->spec.twiceLabel, matrices, stop_);
+                                 list[0]->shape.twiceLabel, matrices, stop_);
             countBuild(started);
             for (Block* block : list) {
-                auto& perJ = matrices[static_cast<std::size_t>(block->spec.irrep)];
-                if (!perJ.empty() && perJ[0].rows() != block->spec.built())
+                auto& perJ = matrices[static_cast<std::size_t>(block->shape.irrep)];
+                if (!perJ.empty() && perJ[0].rows() != block->shape.built())
                     throw std::logic_error("a symmetry block does not have the size its "
                                            "characters give");
                 block->perJ = std::move(perJ);
@@ -858,10 +858,10 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
         block.terms.resize(usedJ_.size());
         const auto started = std::chrono::steady_clock::now();
         if (plan.method == Method::SBlocks) {
-            buildCoupledBlock(system, jSlot, block.spec.twiceLabel, block.terms, buildThreads,
+            buildCoupledBlock(system, jSlot, block.shape.twiceLabel, block.terms, buildThreads,
                               stop_);
         } else {
-            const auto states = productStates(system, block.spec, plan.method);
+            const auto states = productStates(system, block.shape, plan.method);
             buildProductBlock(system, jSlot, states, block.terms,
                               plan.method == Method::Full ? &block.stateMoment : nullptr, stop_);
         }
@@ -890,7 +890,7 @@ void Spectrum::setFtlmVectors(int vectors) {
 
 void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
                            const std::vector<bool>& slopeFor) {
-    const auto n = static_cast<Index>(block.spec.built());
+    const auto n = static_cast<Index>(block.shape.built());
     const std::size_t used = usedJ_.size();
     auto wanted = [&](std::size_t slot) {
         const auto j = static_cast<std::size_t>(usedJ_[slot]);
@@ -970,7 +970,7 @@ void Spectrum::diagonaliseAll(const std::vector<double>& jKelvin,
                               const std::vector<bool>& slopeFor) {
     // Threads only pay where there is work to share: a few small blocks run serially.
     double work = 0;
-    for (const auto& block : blocks_) work += std::pow(block->spec.size, 3);
+    for (const auto& block : blocks_) work += std::pow(block->shape.size, 3);
     parallelFor(static_cast<long>(blocks_.size()), work > 1e6 ? threads_ : 1, stop_, [&](long i) {
         diagonalise(*blocks_[static_cast<std::size_t>(i)], jKelvin, slopeFor);
     });
@@ -1005,9 +1005,9 @@ const Levels& Spectrum::levels(const std::vector<double>& jKelvin,
         const Block& block = *blockPointer;
         for (Index i = 0; i < block.values.size(); ++i) {
             out.energy.push_back(block.values[i]);
-            out.weight.push_back(block.spec.weight);
+            out.weight.push_back(block.shape.weight);
             out.moment.push_back(plan_.method == Method::Full ? block.moments[i]
-                                                              : block.spec.moment);
+                                                              : block.shape.moment);
         }
         for (std::size_t k = 0; k < has.size(); ++k) {
             if (!has[k]) continue;
