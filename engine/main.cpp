@@ -397,36 +397,53 @@ std::string startLine(int start, int count, const FitResult& result) {
     return head + parameterLine(result.parameters);
 }
 
-// The run after its files are read and its limits checked: the spectrum, the fit, the results.
-int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& problem,
-                const SpinSystem& system, const Plan& plan, const SearchPlan& search,
-                std::chrono::steady_clock::time_point started) {
-    int freeCount = 0;
-    for (const Parameter& parameter : problem.parameters) freeCount += parameter.free();
-    int freeJ = 0;
-    for (std::size_t i = firstJIndex; i < problem.parameters.size(); ++i)
-        freeJ += problem.parameters[i].free();
-    progress("setup %s; %d free parameter%s, %zu points, %d thread%s; a fit takes about %.3g s",
-             plan.describe().c_str(), freeCount, freeCount == 1 ? "" : "s", problem.points.size(),
-             plan.threads, plan.threads == 1 ? "" : "s", estimatedSeconds(plan, freeJ));
-    // One spectrum per worker: the blocks of each on one thread when several work side by side.
-    const int blockThreads = search.workers > 1 ? 1 : plan.threads;
-    std::vector<std::unique_ptr<Spectrum>> spectra;
-    std::vector<std::unique_ptr<SusceptibilityModel>> models;
-    std::vector<LeastSquaresModel*> workers;
-    for (int w = 0; w < search.workers; ++w) {
-        spectra.push_back(std::make_unique<Spectrum>(system, plan, blockThreads, &stopRequest));
-        models.push_back(std::make_unique<SusceptibilityModel>(problem, *spectra.back()));
-        workers.push_back(models.back().get());
+// The sampling error of FTLM's random vectors at the parameters written: the last line of
+// output.txt, and a few temperatures in the log.
+std::string ftlmErrorNote(const Problem& problem, SusceptibilityModel& model,
+                          const Outcome& outcome, int vectors, Log& log) {
+    const std::vector<double> errors = model.standardErrors(outcome.values);
+    double worst = 0, where = 0;
+    for (std::size_t i = 0; i < errors.size(); ++i) {
+        const double relative = errors[i] / std::abs(outcome.calculated[i]);
+        if (relative > worst) worst = relative, where = problem.points[i].temperature;
     }
-    Spectrum& spectrum = *spectra.front();
-    SusceptibilityModel& model = *models.front();
-    double buildSeconds = 0;
-    for (const auto& each : spectra) buildSeconds += each->buildSeconds();
-    log.line("set up in %.3f s (building the matrices: %.3f thread-seconds)",
-             std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(),
-             buildSeconds);
+    char text[300];
+    if (worst == 0)
+        std::snprintf(text, sizeof text,
+                      "ftlm: every block diagonalised whole, no random vectors: the "
+                      "calculated values have no sampling error");
+    else
+        std::snprintf(text, sizeof text,
+                      "ftlm standard error of the calculated values (%d random vectors per "
+                      "block): largest %.2g %% (at T = %.6g); at some temperatures the "
+                      "actual error may reach 2 to 3 times that",
+                      vectors, 100 * worst, where);
+    log.line("%s", text);
+    for (std::size_t i = 0; worst > 0 && i < errors.size();
+         i += std::max<std::size_t>(1, errors.size() / 10))
+        log.line("  T = %.6g: %.10g +/- %.3g", problem.points[i].temperature,
+                 outcome.calculated[i], errors[i]);
+    return text;
+}
 
+// The sum of the squared observed values over the fitted points.
+double observedSquares(const Problem& problem) {
+    double sum = 0;
+    for (int i = problem.first; i <= problem.last; ++i)
+        sum += std::pow(problem.points[static_cast<std::size_t>(i - 1)].observed, 2);
+    return sum;
+}
+
+// The fits from the given start and from the search's further starts, one model per worker;
+// the best result, and the summary of the others in summary.
+FitResult fitFromAllStarts(const Options& options, Log& log, Run& run, const Problem& problem,
+                           const SpinSystem& system, const Plan& plan, const SearchPlan& search,
+                           Spectrum& spectrum,
+                           std::vector<std::unique_ptr<SusceptibilityModel>>& models,
+                           SearchSummary& summary) {
+    std::vector<LeastSquaresModel*> workers;
+    for (const auto& each : models) workers.push_back(each.get());
+    SusceptibilityModel& model = *models.front();
     // The user's start first, then the further starts of the search.
     std::vector<std::vector<double>> starts(1);
     for (const Parameter& parameter : problem.parameters) starts[0].push_back(parameter.start);
@@ -470,11 +487,7 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
                  [](const std::string& line) { progress("%s", line.c_str()); });
     if (plan.method == Method::Ftlm) ftlm.beforeFit();
     std::vector<FitResult> results = fitFromStarts(workers, problem.parameters, starts, optionsFor);
-    double observedSquares = 0;
-    for (int i = problem.first; i <= problem.last; ++i)
-        observedSquares += std::pow(problem.points[static_cast<std::size_t>(i - 1)].observed, 2);
     // The user's start decides whether the input is at fault; the best start gives the result.
-    SearchSummary summary;
     FitResult result = results.front();
     if (result.status != FitStatus::Failed && result.status != FitStatus::SolverFailed) {
         if (count > 1) {
@@ -482,7 +495,7 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
                 log.line("%s", startLine(i + 1, count, results[static_cast<std::size_t>(i)]).c_str());
             progress("search: %d start%s", count, count == 1 ? "" : "s");
         }
-        summary = summarise(results, problem.tolerance, observedSquares);
+        summary = summarise(results, problem.tolerance, observedSquares(problem));
         if (summary.best > 0) {
             log.line("the best fit comes from start %d; the given start ended at deviation "
                      "%.10g (%s)",
@@ -493,6 +506,42 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
     if (plan.method == Method::Ftlm && result.status != FitStatus::Failed &&
         result.status != FitStatus::SolverFailed)
         ftlm.afterFit(optionsFor(0, 0), result);
+    return result;
+}
+
+// The run after its files are read and its limits checked: the spectrum, the fit, the results.
+int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& problem,
+                const SpinSystem& system, const Plan& plan, const SearchPlan& search,
+                std::chrono::steady_clock::time_point started) {
+    int freeCount = 0;
+    for (const Parameter& parameter : problem.parameters) freeCount += parameter.free();
+    int freeJ = 0;
+    for (std::size_t i = firstJIndex; i < problem.parameters.size(); ++i)
+        freeJ += problem.parameters[i].free();
+    progress("setup %s; %d free parameter%s, %zu points, %d thread%s; a fit takes about %.3g s",
+             plan.describe().c_str(), freeCount, freeCount == 1 ? "" : "s", problem.points.size(),
+             plan.threads, plan.threads == 1 ? "" : "s", estimatedSeconds(plan, freeJ));
+    // One spectrum per worker: the blocks of each on one thread when several work side by side.
+    const int blockThreads = search.workers > 1 ? 1 : plan.threads;
+    std::vector<std::unique_ptr<Spectrum>> spectra;
+    std::vector<std::unique_ptr<SusceptibilityModel>> models;
+    std::vector<LeastSquaresModel*> workers;
+    for (int w = 0; w < search.workers; ++w) {
+        spectra.push_back(std::make_unique<Spectrum>(system, plan, blockThreads, &stopRequest));
+        models.push_back(std::make_unique<SusceptibilityModel>(problem, *spectra.back()));
+        workers.push_back(models.back().get());
+    }
+    Spectrum& spectrum = *spectra.front();
+    SusceptibilityModel& model = *models.front();
+    double buildSeconds = 0;
+    for (const auto& each : spectra) buildSeconds += each->buildSeconds();
+    log.line("set up in %.3f s (building the matrices: %.3f thread-seconds)",
+             std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(),
+             buildSeconds);
+
+    SearchSummary summary;
+    FitResult result =
+        fitFromAllStarts(options, log, run, problem, system, plan, search, spectrum, models, summary);
     // From here on a stop request is not waited for: nothing lasts long.
     const auto failed = [&](int code, const std::string& message) {
         run.finish();
@@ -547,32 +596,8 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
         result.iterations = best.iteration;
     }
     run.finish();
-    if (plan.method == Method::Ftlm && !outcome.calculated.empty()) {
-        // The sampling error of the random vectors at the parameters written.
-        const std::vector<double> errors = model.standardErrors(outcome.values);
-        double worst = 0, where = 0;
-        for (std::size_t i = 0; i < errors.size(); ++i) {
-            const double relative = errors[i] / std::abs(outcome.calculated[i]);
-            if (relative > worst) worst = relative, where = problem.points[i].temperature;
-        }
-        char text[300];
-        if (worst == 0)
-            std::snprintf(text, sizeof text,
-                          "ftlm: every block diagonalised whole, no random vectors: the "
-                          "calculated values have no sampling error");
-        else
-            std::snprintf(text, sizeof text,
-                          "ftlm standard error of the calculated values (%d random vectors per "
-                          "block): largest %.2g %% (at T = %.6g); at some temperatures the "
-                          "actual error may reach 2 to 3 times that",
-                          spectrum.plan().ftlm.vectors, 100 * worst, where);
-        outcome.note = text;
-        log.line("%s", text);
-        for (std::size_t i = 0; worst > 0 && i < errors.size();
-             i += std::max<std::size_t>(1, errors.size() / 10))
-            log.line("  T = %.6g: %.10g +/- %.3g", problem.points[i].temperature,
-                     outcome.calculated[i], errors[i]);
-    }
+    if (plan.method == Method::Ftlm && !outcome.calculated.empty())
+        outcome.note = ftlmErrorNote(problem, model, outcome, spectrum.plan().ftlm.vectors, log);
     if (result.correlation.size() > 0 &&
         result.correlation.rows() == static_cast<Eigen::Index>(result.freeIndices.size())) {
         outcome.correlated = result.freeIndices;
@@ -586,8 +611,8 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
              statusText(result.status), result.iterations, result.iterations == 1 ? "" : "s",
              result.evaluations, spectrum.diagonalisations());
     log.line("deviation D = %.10g", result.deviation);
-    if (observedSquares > 0)
-        log.line("agreement factor R = %.6g", result.deviation / observedSquares);
+    if (const double squares = observedSquares(problem); squares > 0)
+        log.line("agreement factor R = %.6g", result.deviation / squares);
     for (std::size_t i = 0; i < outcome.values.size(); ++i) {
         const std::string name = parameterName(static_cast<int>(i));
         if (!problem.parameters[i].free())
