@@ -15,6 +15,7 @@
 
 #include "qt/dialog_host.h"
 #include "qt/platform_services.h"
+#include "resources/dialog_ids.h"
 #include "resources/resources.h"
 #include "support/fixtures.h"
 #include "support/qt_application.h"
@@ -38,14 +39,14 @@ TEST_F(QtDialogHostTest, PlacesControlsAtTheirDialogUnitsInTheDialogFont) {
     EXPECT_GE(units.height, 12);
     EXPECT_LE(units.height, 14);
     EXPECT_EQ(about.window().size(), dialogRect(units, 0, 0, 189, 112).size());
-    EXPECT_EQ(about.widget(999)->geometry(), dialogRect(units, 81, 90, 32, 14));
+    EXPECT_EQ(about.widget(AboutControl::ok)->geometry(), dialogRect(units, 81, 90, 32, 14));
     EXPECT_EQ(dialogRect({6, 13}, 81, 90, 32, 14), QRect(122, 146, 48, 23));
 
     QtDialog spin(*findDialogTemplate("DL_SPIN"), none, nullptr);
     DialogBaseUnits big = spin.baseUnits();
     EXPECT_GT(big.height, units.height); // 10 points
-    EXPECT_EQ(spin.widget(24)->geometry(), dialogRect(big, 241, 35, 7, 12));
-    auto* status = qobject_cast<QLineEdit*>(spin.widget(100));
+    EXPECT_EQ(spin.widget(SpinControl::firstCell + SpinControl::cellCount - 1)->geometry(), dialogRect(big, 241, 35, 7, 12));
+    auto* status = qobject_cast<QLineEdit*>(spin.widget(SpinControl::statusLine));
     ASSERT_NE(status, nullptr);
     EXPECT_TRUE(status->isReadOnly());
     EXPECT_EQ(status->alignment() & Qt::AlignHCenter, Qt::AlignHCenter);
@@ -55,8 +56,8 @@ TEST_F(QtDialogHostTest, PlacesControlsAtTheirDialogUnitsInTheDialogFont) {
     const std::string message = "The fit gave no results: the fitting engine was killed by "
                                 "signal 9 (Killed). /home/user/fits/cu3-triangle.qpo was not "
                                 "changed.";
-    spin.setText(100, message);
-    EXPECT_EQ(spin.text(100), message);
+    spin.setText(SpinControl::statusLine, message);
+    EXPECT_EQ(spin.text(SpinControl::statusLine), message);
     EXPECT_FALSE(status->isVisible());
     QLabel* wrapped = nullptr;
     for (QLabel* label : spin.window().findChildren<QLabel*>())
@@ -65,7 +66,7 @@ TEST_F(QtDialogHostTest, PlacesControlsAtTheirDialogUnitsInTheDialogFont) {
     EXPECT_TRUE(wrapped->wordWrap());
     EXPECT_GT(wrapped->heightForWidth(wrapped->width()), status->height());
     EXPECT_LE(wrapped->heightForWidth(wrapped->width()), wrapped->height());
-    spin.setText(100, "Fitting is being processed. Please wait...");
+    spin.setText(SpinControl::statusLine, "Fitting is being processed. Please wait...");
     EXPECT_TRUE(status->isVisible());
     EXPECT_FALSE(wrapped->isVisible());
 }
