@@ -30,18 +30,6 @@ namespace {
 
 using Index = Eigen::Index;
 
-Permutation identity(int n) {
-    Permutation p(static_cast<std::size_t>(n));
-    std::iota(p.begin(), p.end(), 0);
-    return p;
-}
-
-Permutation compose(const Permutation& g, const Permutation& h) {
-    Permutation p(h.size());
-    for (std::size_t i = 0; i < h.size(); ++i) p[i] = g[static_cast<std::size_t>(h[i])];
-    return p;
-}
-
 SplitGroup trivialGroup(int sites) {
     SplitGroup group;
     group.wholeGroup = true;

@@ -11,18 +11,6 @@ namespace corefit {
 
 namespace {
 
-Permutation identity(int n) {
-    Permutation p(static_cast<std::size_t>(n));
-    std::iota(p.begin(), p.end(), 0);
-    return p;
-}
-
-Permutation compose(const Permutation& g, const Permutation& h) {
-    Permutation p(h.size());
-    for (std::size_t i = 0; i < h.size(); ++i) p[i] = g[static_cast<std::size_t>(h[i])];
-    return p;
-}
-
 Permutation inverse(const Permutation& g) {
     Permutation p(g.size());
     for (std::size_t i = 0; i < g.size(); ++i) p[static_cast<std::size_t>(g[i])] = static_cast<int>(i);
@@ -200,6 +188,18 @@ bool isDihedral(const std::vector<Permutation>& elements, double order, Permutat
 }
 
 } // namespace
+
+Permutation identity(int n) {
+    Permutation p(static_cast<std::size_t>(n));
+    std::iota(p.begin(), p.end(), 0);
+    return p;
+}
+
+Permutation compose(const Permutation& g, const Permutation& h) {
+    Permutation p(h.size());
+    for (std::size_t i = 0; i < h.size(); ++i) p[i] = g[static_cast<std::size_t>(h[i])];
+    return p;
+}
 
 std::string cycleText(const Permutation& p) {
     std::string text;

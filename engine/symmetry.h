@@ -15,6 +15,10 @@ namespace corefit {
 // A permutation of sites: site i goes to p[i]. Composition (g * h)[i] = g[h[i]]: h acts first.
 using Permutation = std::vector<int>;
 
+// The identity on n sites, and g * h (h acts first).
+Permutation identity(int n);
+Permutation compose(const Permutation& g, const Permutation& h);
+
 // "(1 2 3 4)(5 6)" with sites from 1, fixed sites left out; "identity" for the identity.
 std::string cycleText(const Permutation& p);
 

@@ -14,6 +14,7 @@
 #include "platform/headless_dialog.h"
 #include "resources/dialog_ids.h"
 #include "support/fixtures.h"
+#include "support/run_fixture.h"
 #include "support/stand_in_engine.h"
 
 namespace corvane {
@@ -21,15 +22,8 @@ namespace {
 
 using C = SpinControl;
 
-class ProgressDialogTest : public ::testing::Test {
+class ProgressDialogTest : public testing::RunTest {
 protected:
-    void SetUp() override {
-        resetFitDocument();
-        runState.reset();
-        runState.inputPath = dir.write("cu2.qpi", testing::dimerInput);
-    }
-    void TearDown() override { unsetenv("CORVANE_ENGINE"); }
-
     // A run of the engine whose script prints iterations 1 to n and then body; the dialog is fed
     // until it ends or waits for Close, and what it shows then is kept.
     RunOutcome run(int iterations, const std::string& body) {
@@ -59,8 +53,6 @@ protected:
         return n;
     }
 
-    testing::ScratchDir dir;
-    testing::RecordingPort messages;
     HeadlessDialogPort dialogs;
     std::string status;
     std::vector<bool> cells;
@@ -116,7 +108,7 @@ TEST_F(ProgressDialogTest, WithoutResultsItStaysWithTheReasonAndClose) {
     EXPECT_EQ(run(1, "exit 3"), RunOutcome::NoResults);
     EXPECT_TRUE(closeOffered);
     EXPECT_NE(status.find("exit code 3"), std::string::npos) << status;
-    EXPECT_TRUE(messages.messages.empty()); // the dialog says it, not a message box
+    EXPECT_TRUE(port.messages.empty()); // the dialog says it, not a message box
 
     setenv("CORVANE_ENGINE", dir.file("none").c_str(), 1);
     EXPECT_TRUE(beginInputCycle());
