@@ -40,6 +40,18 @@ struct DataPair {
     double observed = 0.0;    // chi (cm3 mol-1) or chiT (cm3 K mol-1), as the DataKind says
 };
 
+// One magnetisation point: the magnetisation (Bohr magnetons per formula unit, N muB) measured
+// at a temperature and a field.
+struct MagnetPoint {
+    double temperature = 0.0; // K
+    double field = 0.0;       // T
+    double observed = 0.0;    // N muB
+};
+
+// How the residuals of the chi or chiT set count in the deviation: as they are (the default),
+// or relative to the observed values.
+enum class Weighting : int { Uniform = 0, Relative = 1 };
+
 struct FitParameter {
     double start = 0.0;  // starting value given to the engine
     double step = 0.0;   // step given to the engine; 0 keeps the parameter fixed
@@ -63,6 +75,10 @@ struct Calculation {
     int firstPair = 1;                        // fitted range, pair numbers from 1
     int lastPair = 1;
     std::array<double, maxPairs> fittedValues{}; // fitted value at pair n as fittedValues[n - 1]
+    // Fitted magnetisation at magnetisation point n as fittedMagnet[n - 1] (N muB), and each
+    // set's part of the joint deviation (both 0 when the problem has no magnetisation set).
+    std::array<double, maxMagnetPoints> fittedMagnet{};
+    double chiDeviation = 0.0, magnetDeviation = 0.0;
     // Correlations of the free parameters from the last engine run (none from a report):
     // correlated[0..correlatedCount) are their engine parameter numbers (1 g .. 14 J10), and
     // correlation[a][b] the correlation of the a-th and b-th of them (NaN where undetermined).
@@ -94,6 +110,14 @@ struct FitDocument {
     std::array<Interaction, maxInteractions> interactions{};
     int pairCount = 1; // the same for every calculation
     std::array<DataPair, maxPairs> pairs{};
+    // The field at which the chi or chiT pairs were measured, in tesla (0: the zero-field limit),
+    // and how their residuals count.
+    double field = 0.0;
+    Weighting weighting = Weighting::Uniform;
+    // The magnetisation set, the same for every calculation, and its weight in the deviation.
+    int magnetCount = 0;
+    std::array<MagnetPoint, maxMagnetPoints> magnetPoints{};
+    double magnetWeight = 1.0;
     // Calculations held; also the number of the calculation the next engine result goes to.
     int calculationCount = 0;
     // 0-based index of the calculation the parameter dialog shows and edits; -1 when none.

@@ -10,6 +10,12 @@ inline constexpr int maxSites = 20;         // spin sites of a problem (SPIN_ON_
 inline constexpr int maxInteractions = 100; // exchange paths between pairs of sites
 inline constexpr int maxJValues = 10;       // distinct J values the paths use (J1..J10)
 inline constexpr int maxPairs = 1000;       // experimental (T, chi) or (T, chiT) pairs
+inline constexpr int maxMagnetPoints = 1000; // magnetisation points (T, H, M), any temperatures
+// The largest field of the chi data (FIELD=) and of a magnetisation point, in tesla; far above
+// any magnet, so that a field in Oe or kOe typed by mistake is caught.
+inline constexpr double maxFieldTesla = 100.0;
+// The largest weight of the magnetisation set in the joint deviation (M_WEIGHT=).
+inline constexpr double maxMagnetWeight = 1.0e6;
 inline constexpr int maxCalculations = 10;  // calculations (fitted curves "# 1".."# 10") held
 inline constexpr int maxTitleLength = 119;  // characters of a title that are kept
 inline constexpr int maxTwiceSpin = 20;     // a site's spin is given as 2S, from 1 to this
