@@ -6,7 +6,8 @@
 //                                  FILE.qpo beside it
 //   corvane-fit export FILE.qpo    prints the document a report holds, as JSON or CSV
 //   corvane-fit plot FILE.qpo -o OUT.png|OUT.pdf|OUT.svg
-//                                  draws the plot of a report as the window shows it
+//                                  draws the plot of a report as the window shows it (--mh:
+//                                  its magnetisation against field)
 //
 // Messages go to the standard error stream; a failure gives a non-zero exit code.
 
@@ -60,6 +61,7 @@ struct PlotRequest {
     bool grid = false;
     bool info = false;      // the results box
     bool residuals = false; // the residual panel
+    bool magnet = false;    // the M view: magnetisation against field
 };
 
 // "WxH" with both sides in 1..maxExportSide.
@@ -73,15 +75,22 @@ bool parseSize(const std::string& text, int& width, int& height) {
     return width >= 1 && height >= 1 && width <= maxExportSide && height <= maxExportSide;
 }
 
-// Draws the newest calculation of fitDocument with the experimental points.
-int writePlot(const PlotRequest& request) {
+// Draws the newest calculation of fitDocument, read from source, with the experimental points.
+int writePlot(const PlotRequest& request, const std::string& source) {
     int width = 0, height = 0;
     if (!parseSize(request.size, width, height)) {
         std::fprintf(stderr, "corvane-fit: --size %s: give WIDTHxHEIGHT, each 1 to %d\n",
                      request.size.c_str(), maxExportSide);
         return exitPlotFailed;
     }
-    showPlotForExport(request.chi, request.grid);
+    if (request.magnet && fitDocument.magnetCount <= 0) {
+        std::fprintf(stderr,
+                     "corvane-fit: %s holds no magnetisation set, so there is no magnetisation "
+                     "against field to draw (--mh).\n",
+                     source.c_str());
+        return exitPlotFailed;
+    }
+    showPlotForExport(request.chi, request.grid, request.magnet);
     plotSettings.showInfo = request.info ? 1 : 0;
     plotSettings.showResiduals = request.residuals ? 1 : 0;
     std::string error;
@@ -106,6 +115,8 @@ void addPlotOptions(CLI::App* command, PlotRequest& request, bool required) {
                       "draw the results box: each fitted value with its uncertainty and unit");
     command->add_flag("--residuals", request.residuals,
                       "draw the residuals (observed minus calculated) in a panel under the plot");
+    command->add_flag("--mh", request.magnet,
+                      "plot the magnetisation against the field, a curve per temperature");
 }
 
 const char* plural(int n, const char* one, const char* many) { return n == 1 ? one : many; }
@@ -283,7 +294,7 @@ int runCommand(const std::string& path, const PlotRequest& plot, bool json) {
         std::fprintf(chatter, "Note: %s; see %s/%s.\n", note.c_str(), runState.workDir.c_str(),
                      engineLogName);
     if (!plot.output.empty()) {
-        if (const int code = writePlot(plot); code != exitOk) return code;
+        if (const int code = writePlot(plot, runState.reportPath); code != exitOk) return code;
     }
     if (runState.lastEngineRun.interrupted) {
         std::fprintf(chatter, "Interrupted: the report holds the best fit found until then.\n");
@@ -403,7 +414,7 @@ int exportCommand(const std::string& path, bool csv) {
 
 int plotCommand(const std::string& path, const PlotRequest& plot) {
     if (!plotReport(path)) return exitBadFile;
-    return writePlot(plot);
+    return writePlot(plot, path);
 }
 
 // A command line that is not understood: what is wrong, then how the command it names is used,

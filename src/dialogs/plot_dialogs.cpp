@@ -228,6 +228,13 @@ std::intptr_t SelectDOS(Dialog& dialog, DialogMessage message, int control,
                         Notification notification) {
     PlotSettings& s = plotSettings;
     const auto fill = [&] {
+        if (s.magnetView == 1) { // the fields hold the field and M ranges of the M view
+            dialog.setText(RangeControl::tGroup, "Field Range");
+            dialog.setText(RangeControl::chiGroup, "M Range");
+            for (int id : {RangeControl::tUnit, RangeControl::newTUnit}) dialog.setText(id, "T");
+            for (int id : {RangeControl::chiUnit, RangeControl::newChiUnit})
+                dialog.setText(id, "N\u03bcB");
+        }
         for (int id : {RangeControl::tMin, RangeControl::newTMin})
             showFloat(dialog, id, s.tAxis.min);
         for (int id : {RangeControl::tMax, RangeControl::newTMax})
@@ -260,6 +267,10 @@ std::intptr_t SelectDOS(Dialog& dialog, DialogMessage message, int control,
 std::intptr_t Label(Dialog& dialog, DialogMessage message, int control, Notification notification) {
     PlotSettings& s = plotSettings;
     const auto fill = [&] {
+        if (s.magnetView == 1) {
+            dialog.setText(LabelControl::tGroup, "Numerical labels for Field");
+            dialog.setText(LabelControl::chiGroup, "Numerical labels for M:");
+        }
         dialog.setText(LabelControl::xTitle, s.xAxisLabel.data());
         dialog.setText(LabelControl::yTitle, s.yAxisLabel.data());
         for (const AxisFields& f : axisFields) {

@@ -2,6 +2,8 @@
 //
 //   SelectDOS    DL_SELDOS   the displayed temperature and chi ranges (Select > Customize)
 //   Label        DL_LABEL    axis titles, ranges, numbering and the label font (Preference)
+//
+// In the M view SelectDOS and Label edit that view's field and M axes, and say so.
 //   Style        DL_STYLE    colours, markers, line styles and pen width (Preference)
 //   Zoom         DL_ZOOM     a factor on the size of the frame (Zoom > Customize)
 //   Border       DL_BORDER   factors on its width and height (after Zoom, ratio not fixed)

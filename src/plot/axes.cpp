@@ -37,6 +37,15 @@ int labelLength(const std::array<char, axisLabelSize>& label) {
     return static_cast<int>(strnlen(label.data(), label.size()));
 }
 
+// The characters of a title's first length bytes of UTF-8, which its centring counts.
+int labelCharacters(const std::array<char, axisLabelSize>& label, int length) {
+    int characters = 0;
+    for (int i = 0; i < length; ++i)
+        characters +=
+            (static_cast<unsigned char>(label[static_cast<std::size_t>(i)]) & 0xC0) != 0x80;
+    return characters;
+}
+
 // The major ticks of one axis along one side of the frame. The tick of labelFrom lies at
 // `origin`, tick n at origin + n * step (step negative for the vertical axis, whose values
 // grow upwards); ticks exist from labelFrom up to labelTo plus a tenth of an interval, and the
@@ -301,7 +310,8 @@ void drawAxes(Surface& surface) {
     LogFont previousFont = surface.selectFont(font);
     const Colour previousColour = surface.setTextColour(s.labelColour);
     const int yLength = labelLength(s.yAxisLabel);
-    surface.textOut(l.frameLeft - textW * (numberField + 2), l.centreY + textW * yLength / 2,
+    surface.textOut(l.frameLeft - textW * (numberField + 2),
+                    l.centreY + textW * labelCharacters(s.yAxisLabel, yLength) / 2,
                     std::string_view(s.yAxisLabel.data(), static_cast<std::size_t>(yLength)));
     surface.selectFont(previousFont);
 
@@ -309,7 +319,8 @@ void drawAxes(Surface& surface) {
     font.lfEscapement = font.lfOrientation = 0;
     previousFont = surface.selectFont(font);
     const int xLength = labelLength(s.xAxisLabel);
-    surface.textOut(l.centreX - textW * xLength / 2, l.belowPlot + 4 * textH,
+    surface.textOut(l.centreX - textW * labelCharacters(s.xAxisLabel, xLength) / 2,
+                    l.belowPlot + 4 * textH,
                     std::string_view(s.xAxisLabel.data(), static_cast<std::size_t>(xLength)));
 
     // Numbers of the vertical axis.

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <optional>
+#include <vector>
 
 #include "fit/fit_document.h"
 #include "plot/axes.h"
@@ -58,18 +59,18 @@ std::optional<DevicePoint> pointOf(int i, double v) {
     return DevicePoint{plotX(t), plotY(v)};
 }
 
-// The segment walk over pairs first..last (0-based, inclusive) with plotted values `values`.
-// P starts at the first pair that has a point; with joinStart the walk first joins P to
-// itself (so a lone point is visited). action(from, to) gets each visible part.
-template <typename Values, typename Action>
-void walkSegments(int first, int last, const Values& values, bool joinStart, Action action) {
+// The segment walk over points first..last (inclusive), pointAt(i) giving the device point of
+// point i or none. P starts at the first point there is; with joinStart the walk first joins P
+// to itself (so a lone point is visited). action(from, to) gets each visible part.
+template <typename PointAt, typename Action>
+void walkPoints(int first, int last, PointAt pointAt, bool joinStart, Action action) {
     std::optional<DevicePoint> p;
     int i = first;
-    while (i <= last && !(p = pointOf(i, values[static_cast<std::size_t>(i)]))) ++i;
+    while (i <= last && !(p = pointAt(i))) ++i;
     if (!p) return;
     const bool skipBottom = plotSettings.chiAxis.labelFrom != 0;
     for (int j = joinStart ? i : i + 1; j <= last; ++j) {
-        const std::optional<DevicePoint> q = pointOf(j, values[static_cast<std::size_t>(j)]);
+        const std::optional<DevicePoint> q = pointAt(j);
         if (!q) continue;
         DevicePoint from, to;
         if (clipToFrame(*p, *q, from, to) &&
@@ -77,6 +78,48 @@ void walkSegments(int first, int last, const Values& values, bool joinStart, Act
             action(from, to);
         p = q;
     }
+}
+
+// The same over pairs first..last (0-based) with plotted values `values`.
+template <typename Values, typename Action>
+void walkSegments(int first, int last, const Values& values, bool joinStart, Action action) {
+    walkPoints(
+        first, last, [&values](int i) { return pointOf(i, values[static_cast<std::size_t>(i)]); },
+        joinStart, action);
+}
+
+// Draws the visible parts that walk(action) hands action as one curve in style, with the pen
+// selected; returns the phase of the dash pattern where the curve ends.
+template <typename Walk> int drawStyledWalk(Surface& surface, int style, Walk walk) {
+    int phase = 0;
+    std::optional<DevicePoint> end; // where the last drawn part ended
+    const DeviceBox box = drawingBox();
+    const auto period = static_cast<long long>(
+        dashPatterns[static_cast<std::size_t>(std::clamp(style, 0, lineStyleCount - 1))].size());
+    auto advance = [period, &phase](long long pixels) {
+        if (period > 0) phase = static_cast<int>((phase + pixels) % period);
+    };
+    walk([&](DevicePoint from, DevicePoint to) {
+        // A dashed curve starts afresh where it comes back into the frame, rather than being
+        // joined to where it left.
+        if (style == 0) {
+            drawStyledSegment(surface, from.x, from.y, to.x, to.y, style, phase);
+            return;
+        }
+        // A pattern is walked pixel by pixel only near the surface; the pixels beyond it
+        // advance the pattern as if drawn.
+        DevicePoint start, stop;
+        if (!clipToRectangle(from, to, box, start, stop)) {
+            advance(pixelsBetween(from, to) + 1);
+            return;
+        }
+        advance(pixelsBetween(from, start));
+        if (!end || *end != start) surface.moveTo(start.x, start.y);
+        drawStyledSegment(surface, start.x, start.y, stop.x, stop.y, style, phase);
+        advance(pixelsBetween(stop, to));
+        end = stop;
+    });
+    return phase;
 }
 
 bool dataMappable() {
@@ -176,23 +219,15 @@ void drawStyledSegment(Surface& surface, int x1, int y1, int x2, int y2, int sty
     }
 }
 
-void drawExperimental(Surface& surface) {
+void drawGridLines(Surface& surface) {
     const PlotSettings& s = plotSettings;
-    const CurveAttributes& a = s.curves;
-    const Colour c = colourOfRow(a.experimentalColour);
-    const bool filled = a.experimentalMarker == static_cast<int>(MarkerKind::FilledCircle);
-    const Pen previousPen = surface.selectPen({PenStyle::Solid, a.penWidth, filled ? black : c});
-    if (!dataMappable()) {
-        surface.selectPen(previousPen);
-        return;
-    }
-
+    if (!dataMappable()) return;
     // Grid lines from 0 up to the top of the range, one per major interval.
     const AxisScale& chi = s.chiAxis;
     const double interval = chi.majorInterval;
     if (s.gridLines == 1 && interval > 0 && std::isfinite(interval) &&
         frameHeight() * interval / std::abs(static_cast<double>(chi.max) - chi.min) >= 1) {
-        const Pen markerPen = surface.selectPen({PenStyle::Solid, a.penWidth, black});
+        const Pen previousPen = surface.selectPen({PenStyle::Solid, s.curves.penWidth, black});
         // Lines below the drawing box are skipped, from the first one that may be in it.
         const double span = static_cast<double>(chi.max) - chi.min;
         const double lowest =
@@ -204,8 +239,32 @@ void drawExperimental(Surface& surface) {
             const int y = plotY(g);
             if (y >= drawingBox().top && y <= drawingBox().bottom) horizontalLine(surface, g);
         }
-        surface.selectPen(markerPen);
+        surface.selectPen(previousPen);
     }
+}
+
+int drawCurveThrough(Surface& surface, const std::vector<std::optional<DevicePoint>>& points,
+                     int style) {
+    const int last = static_cast<int>(points.size()) - 1;
+    return drawStyledWalk(surface, style, [&](auto action) {
+        walkPoints(
+            0, last, [&points](int i) { return points[static_cast<std::size_t>(i)]; }, false,
+            action);
+    });
+}
+
+void drawExperimental(Surface& surface) {
+    const PlotSettings& s = plotSettings;
+    const CurveAttributes& a = s.curves;
+    const Colour c = colourOfRow(a.experimentalColour);
+    const bool filled = a.experimentalMarker == static_cast<int>(MarkerKind::FilledCircle);
+    const Pen previousPen = surface.selectPen({PenStyle::Solid, a.penWidth, filled ? black : c});
+    if (!dataMappable()) {
+        surface.selectPen(previousPen);
+        return;
+    }
+
+    drawGridLines(surface);
 
     const Brush previousBrush = surface.selectBrush({filled ? c : white});
     const int r = a.markerRadius;
@@ -247,32 +306,8 @@ int drawFittedCurve(Surface& surface, int k) {
     const int pairs = std::clamp(fitDocument.pairCount, 0, maxPairs);
     const int first = std::max(calculation.firstPair, 1) - 1;
     const int last = std::min(calculation.lastPair, pairs) - 1;
-    std::optional<DevicePoint> end; // where the last drawn part ended
-    const DeviceBox box = drawingBox();
-    const auto period = static_cast<long long>(
-        dashPatterns[static_cast<std::size_t>(std::clamp(style, 0, lineStyleCount - 1))].size());
-    auto advance = [period, &phase](long long pixels) {
-        if (period > 0) phase = static_cast<int>((phase + pixels) % period);
-    };
-    walkSegments(first, last, displayedFit[slotK], false, [&](DevicePoint from, DevicePoint to) {
-        // A dashed curve starts afresh where it comes back into the frame, rather than being
-        // joined to where it left.
-        if (style == 0) {
-            drawStyledSegment(surface, from.x, from.y, to.x, to.y, style, phase);
-            return;
-        }
-        // A pattern is walked pixel by pixel only near the surface; the pixels beyond it
-        // advance the pattern as if drawn.
-        DevicePoint start, stop;
-        if (!clipToRectangle(from, to, box, start, stop)) {
-            advance(pixelsBetween(from, to) + 1);
-            return;
-        }
-        advance(pixelsBetween(from, start));
-        if (!end || *end != start) surface.moveTo(start.x, start.y);
-        drawStyledSegment(surface, start.x, start.y, stop.x, stop.y, style, phase);
-        advance(pixelsBetween(stop, to));
-        end = stop;
+    phase = drawStyledWalk(surface, style, [&](auto action) {
+        walkSegments(first, last, displayedFit[slotK], false, action);
     });
     surface.selectPen(previousPen);
     return phase;

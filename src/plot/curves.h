@@ -7,7 +7,9 @@
 #pragma once
 
 #include <array>
+#include <optional>
 #include <string_view>
+#include <vector>
 
 #include "plot/axes.h"
 #include "plot/plot_settings.h"
@@ -40,6 +42,15 @@ bool clipToFrame(DevicePoint p, DevicePoint q, DevicePoint& from, DevicePoint& t
 // Grid lines (when plotSettings.gridLines is 1) at 0 and every major interval up to the top
 // of the vertical range, across the outer frame; then a marker at every experimental point.
 void drawExperimental(Surface& surface);
+
+// The grid lines alone, as drawExperimental draws them.
+void drawGridLines(Surface& surface);
+
+// A curve through points in order with the pen selected, in a LineStyle, clipped to the frame
+// and patterned as a fitted curve is; a point that is none is passed over. Returns the index of
+// the pattern's next element where the curve ends.
+int drawCurveThrough(Surface& surface, const std::vector<std::optional<DevicePoint>>& points,
+                     int style);
 
 // The fitted curve of calculation k (0-based) over its fitted range of pairs, in its colour,
 // style and the pen width; with the grid on, first a line at 0. The dash pattern starts at its

@@ -5,6 +5,7 @@
 #include "fit/fit_document.h"
 #include "plot/axes.h"
 #include "plot/curves.h"
+#include "plot/magnet.h"
 #include "plot/plot_settings.h"
 #include "plot/residuals.h"
 #include "plot/results_box.h"
@@ -22,10 +23,19 @@ void paintPlot(Surface& surface) {
     if (s.plotLoaded != 1) return;
     layoutFrame();
     drawAxes(surface);
-    if (s.experimentalShown == 1) drawExperimental(surface);
+    const bool magnet = s.magnetView == 1;
+    if (magnet)
+        drawMagnetData(surface);
+    else if (s.experimentalShown == 1)
+        drawExperimental(surface);
     const int calculations = std::clamp(fitDocument.calculationCount, 0, maxCalculations);
-    for (int k = 0; k < calculations; ++k)
-        if (s.curveShown[static_cast<std::size_t>(k)] == 1) drawFittedCurve(surface, k);
+    for (int k = 0; k < calculations; ++k) {
+        if (s.curveShown[static_cast<std::size_t>(k)] != 1) continue;
+        if (magnet)
+            drawMagnetCurves(surface, k);
+        else
+            drawFittedCurve(surface, k);
+    }
     drawResidualPanel(surface);
     drawResultsBox(surface);
 }

@@ -1,6 +1,7 @@
 #include "plot/plot_settings.h"
 
 #include <cmath>
+#include <utility>
 
 #include "fit/fit_document.h"
 #include "plot/scaling.h"
@@ -76,19 +77,32 @@ void resetRangeDefaults() {
 
 void showLoadedPlot(int shownCalculation) {
     PlotSettings& s = plotSettings;
+    showMagnetView(false);
     s.plotLoaded = 1;
     s.experimentalShown = 1;
     for (int k = 0; k < maxCalculations; ++k)
         s.curveShown[static_cast<std::size_t>(k)] = k == shownCalculation ? 1 : 0;
     s.showChi = 0;
     scalePlot();
+    magnetRanges(s.otherView.horizontal, s.otherView.vertical);
 }
 
-void showPlotForExport(bool showChi, bool gridLines) {
+void showPlotForExport(bool showChi, bool gridLines, bool magnetView) {
     showLoadedPlot(fitDocument.calculationCount - 1);
     plotSettings.showChi = showChi ? 1 : 0;
     plotSettings.gridLines = gridLines ? 1 : 0;
     scalePlot();
+    showMagnetView(magnetView);
+}
+
+void showMagnetView(bool on) {
+    PlotSettings& s = plotSettings;
+    if ((s.magnetView == 1) == on) return;
+    std::swap(s.tAxis, s.otherView.horizontal);
+    std::swap(s.chiAxis, s.otherView.vertical);
+    std::swap(s.xAxisLabel, s.otherView.xAxisLabel);
+    std::swap(s.yAxisLabel, s.otherView.yAxisLabel);
+    s.magnetView = on ? 1 : 0;
 }
 
 } // namespace corvane

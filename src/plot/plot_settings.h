@@ -33,7 +33,7 @@ inline constexpr int markerKindCount = 3;
 inline constexpr std::array<const char*, markerKindCount> markerKindNames = {
     "Filled Circle", "Open Circle", "square"};
 
-// Range and numbering of one axis, in axis units (K, or chi or chiT).
+// Range and numbering of one axis, in axis units (K, or chi or chiT; T or N muB in the M view).
 struct AxisScale {
     float min = 0;           // value at the left or bottom end
     float max = 0;           // value at the right or top end
@@ -70,11 +70,34 @@ constexpr LogFont defaultLabelFont() {
     return font;
 }
 
+// The axes and titles of one view of the plot.
+struct ViewAxes {
+    AxisScale horizontal, vertical;
+    std::array<char, axisLabelSize> xAxisLabel{}, yAxisLabel{};
+};
+
+// An axis title of text (UTF-8), cut to axisLabelSize - 1 bytes.
+constexpr std::array<char, axisLabelSize> axisTitle(const char* text) {
+    std::array<char, axisLabelSize> title{};
+    for (std::size_t i = 0; i + 1 < title.size() && text[i] != '\0'; ++i) title[i] = text[i];
+    return title;
+}
+
+// The titles of the M view's axes; the label font (Liberation Sans) draws the Greek mu.
+inline constexpr const char* fieldAxisTitle = "Magnetic Field (T)";
+inline constexpr const char* magnetAxisTitle = "M (N\u03bcB)";
+
 struct PlotSettings {
-    AxisScale tAxis;   // horizontal: temperature, K
-    AxisScale chiAxis; // vertical: chi or chiT, as showChi says
+    // The axes in force, those of the view shown: in the chi view temperature (K) across and
+    // chi or chiT (as showChi says) up; in the M view field (T) across and M (N muB) up.
+    AxisScale tAxis;
+    AxisScale chiAxis;
     std::array<char, axisLabelSize> xAxisLabel = {"Temperature (K)"};
     std::array<char, axisLabelSize> yAxisLabel{}; // written by scalePlot
+    // The M view (magnetisation against field) is shown (1) instead of the chi view (0); the
+    // other view's axes and titles wait in otherView meanwhile, so each view keeps its own.
+    int magnetView = 0;
+    ViewAxes otherView = {{}, {}, axisTitle(fieldAxisTitle), axisTitle(magnetAxisTitle)};
     // Font of titles and numbers; lfHeight 0 takes the size from the surface's own font.
     LogFont labelFont = defaultLabelFont();
     Colour labelColour = black;
@@ -134,12 +157,18 @@ void resetZoomDefaults();    // zoom, ratios, frame line width and colour
 void resetRangeDefaults();   // grid off, then scalePlot()
 
 // The display after a document is loaded: plot loaded, experimental points shown, only the
-// fitted curve of calculation `shownCalculation` (0-based; none when out of range) shown, chiT
-// on the vertical axis; then scalePlot().
+// fitted curve of calculation `shownCalculation` (0-based; none when out of range) shown, the
+// chi view with chiT on the vertical axis; then scalePlot(), and the M view's ranges from the
+// document's magnetisation set.
 void showLoadedPlot(int shownCalculation);
 
 // The display of the plot as the window shows it after a load, with the newest calculation
-// shown, chi (showChi true) or chiT plotted and the grid as asked; then scalePlot().
-void showPlotForExport(bool showChi, bool gridLines);
+// shown, chi (showChi true) or chiT plotted, the M view when asked, and the grid as asked;
+// then scalePlot().
+void showPlotForExport(bool showChi, bool gridLines, bool magnetView = false);
+
+// Shows the M view (on) or the chi view: the axes in force and their titles change places with
+// those of otherView, so each view comes back with the range it had. Nothing else changes.
+void showMagnetView(bool on);
 
 } // namespace corvane

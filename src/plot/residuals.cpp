@@ -42,7 +42,20 @@ void drawResidualPanel(Surface& surface) {
     };
     std::vector<Point> points;
     double largest = 0;
-    if (k >= 0 && axisMappable(s.tAxis)) {
+    const auto inRange = [&s](double x) {
+        return x >= std::min(s.tAxis.min, s.tAxis.max) && x <= std::max(s.tAxis.min, s.tAxis.max);
+    };
+    if (k >= 0 && axisMappable(s.tAxis) && s.magnetView == 1) {
+        // The M view: observed minus fitted M at every point, against its field.
+        const auto& fitted = doc.calculations[static_cast<std::size_t>(k)].fittedMagnet;
+        for (int i = 0; i < std::clamp(doc.magnetCount, 0, maxMagnetPoints); ++i) {
+            const MagnetPoint& point = doc.magnetPoints[static_cast<std::size_t>(i)];
+            const double r = point.observed - fitted[static_cast<std::size_t>(i)];
+            if (!std::isfinite(r) || !std::isfinite(point.field) || !inRange(point.field)) continue;
+            points.push_back({point.field, r});
+            largest = std::max(largest, std::fabs(r));
+        }
+    } else if (k >= 0 && axisMappable(s.tAxis)) {
         const Calculation& calc = doc.calculations[static_cast<std::size_t>(k)];
         const int last = std::min(calc.lastPair, std::clamp(doc.pairCount, 0, maxPairs));
         for (int i = std::max(calc.firstPair, 1); i <= last; ++i) {

@@ -1,6 +1,7 @@
 // The residual panel (Display > Residuals): under the frame, on the same temperature axis, the
 // observed minus the calculated value of the current calculation at every pair, in the quantity
-// the vertical axis shows, about a zero line, on a scale symmetric about 0.
+// the vertical axis shows, about a zero line, on a scale symmetric about 0. In the M view, the
+// observed minus the fitted M at every magnetisation point, on the field axis.
 #pragma once
 
 #include "platform/surface.h"

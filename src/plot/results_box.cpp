@@ -66,6 +66,19 @@ DeviceBox resultsBoxPlace(int width, int height, int margin) {
             const int x = plotX(t), y = plotY(v);
             if (x >= box.left && x <= box.right && y >= box.top && y <= box.bottom) ++count;
         };
+        if (s.magnetView == 1) {
+            for (int i = 0; i < std::clamp(doc.magnetCount, 0, maxMagnetPoints); ++i) {
+                const auto p = static_cast<std::size_t>(i);
+                const double h = doc.magnetPoints[p].field;
+                if (!std::isfinite(h)) continue;
+                if (s.experimentalShown == 1) count_point(h, doc.magnetPoints[p].observed);
+                for (int k = 0; k < calculations; ++k)
+                    if (s.curveShown[static_cast<std::size_t>(k)] == 1)
+                        count_point(h,
+                                    doc.calculations[static_cast<std::size_t>(k)].fittedMagnet[p]);
+            }
+            return count;
+        }
         for (int i = 0; i < pairs; ++i) {
             const auto p = static_cast<std::size_t>(i);
             const double t = doc.pairs[p].temperature;

@@ -18,7 +18,7 @@ std::vector<std::string> resultsBoxLines(int k);
 
 // Where the box goes: the corner of the frame (top right, top left, bottom right, bottom left,
 // the first of them on a tie) whose box of width x height device units holds the fewest shown
-// data points. Expects layoutFrame().
+// data points (magnetisation points in the M view). Expects layoutFrame().
 DeviceBox resultsBoxPlace(int width, int height, int margin);
 
 // Draws the box when plotSettings.showInfo is 1. Expects layoutFrame() and scalePlot().

@@ -57,6 +57,11 @@ void scalePlot() {
                 converted(doc.calculations[k].fittedValues[p], t, doc.dataKind, showChi);
     }
 
+    if (plotSettings.magnetView == 1) {
+        magnetRanges(plotSettings.tAxis, plotSettings.chiAxis);
+        plotSettings.yAxisLabel = axisTitle(magnetAxisTitle);
+        return;
+    }
     defaultRange(plotSettings.chiAxis, pairs,
                  [](int i) { return displayedChi[static_cast<std::size_t>(i)]; });
     defaultRange(plotSettings.tAxis, pairs,
@@ -65,6 +70,16 @@ void scalePlot() {
     const char* title = showChi ? "Chi - T" : "ChiT - T";
     plotSettings.yAxisLabel.fill('\0');
     std::strcpy(plotSettings.yAxisLabel.data(), title);
+}
+
+void magnetRanges(AxisScale& field, AxisScale& magnet) {
+    const FitDocument& doc = fitDocument;
+    const int count = std::clamp(doc.magnetCount, 0, maxMagnetPoints);
+    const auto point = [&doc](int i) -> const MagnetPoint& {
+        return doc.magnetPoints[static_cast<std::size_t>(i)];
+    };
+    defaultRange(field, count, [&point](int i) { return point(i).field; });
+    defaultRange(magnet, count, [&point](int i) { return point(i).observed; });
 }
 
 } // namespace corvane

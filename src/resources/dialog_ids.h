@@ -63,6 +63,12 @@ struct RangeControl {
         newTMax = 400,
         newChiMin = 301,
         newChiMax = 401,
+        tGroup = 1, // the frames of the two axes and the units beside their fields
+        chiGroup = 2,
+        tUnit = 13,
+        newTUnit = 16,
+        chiUnit = 19,
+        newChiUnit = 22,
         ok = 998,
         cancel = 999,
         help = helpButton,
@@ -78,6 +84,8 @@ struct LabelControl {
         yTitle = 200,
         tAxis = 300,
         chiAxis = 600,
+        tGroup = 40, // the frames of the two axes' fields
+        chiGroup = 45,
         min = 0,
         max = 1,
         from = 100,

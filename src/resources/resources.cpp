@@ -33,7 +33,8 @@ std::vector<MenuItem> menuMenu() {
         Item::popup("D&isplay",
                     {Item::command(idmExperimental, "&Experimental"),
                      Item::popup("&Fitted", std::move(fitted)), Item::separator(),
-                     Item::command(idmSwitch, "Chi - ChiT &Switch"), Item::separator(),
+                     Item::command(idmSwitch, "Chi - ChiT &Switch"),
+                     Item::command(idmMagnetView, "&Magnetization", false), Item::separator(),
                      Item::command(idmGridLines, "Show &Grid Lines"),
                      Item::command(idmShowInfo, "Show &Info"),
                      Item::command(idmResiduals, "&Residuals"), Item::separator(),
@@ -188,9 +189,11 @@ DialogTemplate dlSelDos() {
         int y;
     };
     using C = RangeControl;
-    const Group groups[] = {{1, "Teparature Range", 11, "K", C::tMin, C::newTMin, 6},
-                            {2, "Chi (ChiT) Range", 17, "", C::chiMin, C::newChiMin, 76}};
+    const Group groups[] = {{C::tGroup, "Teparature Range", 11, "K", C::tMin, C::newTMin, 6},
+                            {C::chiGroup, "Chi (ChiT) Range", 17, "", C::chiMin, C::newChiMin, 76}};
     static_assert(C::tMax == C::tMin + 100 && C::newChiMax == C::newChiMin + 100);
+    static_assert(C::tUnit == 11 + 2 && C::newTUnit == 11 + 5 && C::chiUnit == 17 + 2 &&
+                  C::newChiUnit == 17 + 5);
     for (const Group& g : groups) {
         d.controls.push_back({g.id, Kind::GroupBox, g.title, 8, g.y, 228, 62});
         const char* const first[] = {"From", "to", g.unit};
@@ -234,8 +237,8 @@ DialogTemplate dlLabel() {
         int y;
     };
     const Group groups[] = {
-        {40, "Numerical labels for Temperature", 3, 4, 41, 42, 43, 44, 36, C::tAxis, 64},
-        {45, "Numerical labels for Chi:", 5, 6, 46, 49, 47, 48, 37, C::chiAxis, 162},
+        {C::tGroup, "Numerical labels for Temperature", 3, 4, 41, 42, 43, 44, 36, C::tAxis, 64},
+        {C::chiGroup, "Numerical labels for Chi:", 5, 6, 46, 49, 47, 48, 37, C::chiAxis, 162},
     };
     for (const Group& g : groups) {
         d.controls.push_back({g.id, Kind::GroupBox, g.title, 6, g.y, 289, 92});

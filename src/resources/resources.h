@@ -27,7 +27,8 @@ enum MenuCommand : int {
     idmDisplayDefault = 304,
     idmShowInfo = 305,
     idmResiduals = 306,
-    idmFitted1 = 3011, // "# 1"; "# n" is idmFitted1 + n - 1, up to "# 10" (3020)
+    idmMagnetView = 307, // the M view: magnetisation against field
+    idmFitted1 = 3011,   // "# 1"; "# n" is idmFitted1 + n - 1, up to "# 10" (3020)
     idmFitted10 = 3020,
     idmSelectByMouse = 401,
     idmSelectCustomize = 402,

@@ -42,6 +42,10 @@ void plotFile(const std::string& path);
 // current calculation becomes the newest unless keepCurrent (Re-calculate).
 void refreshAfterLoad(bool keepCurrent);
 
+// The items of the two views: "&Magnetization" usable while a document with a magnetisation
+// set is plotted and checked while the M view is shown; "Chi - ChiT &Switch" greyed then.
+void markViewItems();
+
 // Handles command id; false when no row of the table has it.
 bool runCommand(int id);
 

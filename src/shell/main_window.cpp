@@ -15,6 +15,7 @@
 #include "platform/messages.h"
 #include "platform/ports.h"
 #include "plot/axes.h"
+#include "plot/magnet.h"
 #include "plot/paint.h"
 #include "plot/plot_settings.h"
 #include "plot/scaling.h"
@@ -140,8 +141,16 @@ const CommandRow commandTable[] = {
      }},
     {idmSwitch, idmSwitch,
      [](int) {
+         if (plotSettings.magnetView == 1) return; // chi and chiT are the other view's
          plotSettings.showChi = plotSettings.showChi == 0 ? 1 : 0;
          scalePlot();
+         repaint();
+     }},
+    {idmMagnetView, idmMagnetView,
+     [](int) {
+         if (plotSettings.plotLoaded != 1 || fitDocument.magnetCount <= 0) return;
+         showMagnetView(plotSettings.magnetView != 1);
+         markViewItems();
          repaint();
      }},
     {idmGridLines, idmGridLines,
@@ -299,7 +308,24 @@ void onLeftButtonUp(int x, int y) {
 
 } // namespace
 
+void markViewItems() {
+    const bool magnet = plotSettings.magnetView == 1;
+    if (plotSettings.plotLoaded == 1 && fitDocument.magnetCount > 0)
+        shell.menu.enable(idmMagnetView);
+    else
+        shell.menu.grey(idmMagnetView);
+    if (magnet)
+        shell.menu.check(idmMagnetView);
+    else
+        shell.menu.uncheck(idmMagnetView);
+    if (magnet)
+        shell.menu.grey(idmSwitch);
+    else
+        shell.menu.enable(idmSwitch);
+}
+
 int pickCurve(int x, int y) {
+    if (plotSettings.magnetView == 1) return pickMagnetCurve(x, y);
     const PlotLayout& l = plotLayout;
     if (x <= l.frameLeft || x >= l.frameRight) return -1;
     if (!axisMappable(plotSettings.tAxis) || !axisMappable(plotSettings.chiAxis)) return -1;
@@ -366,6 +392,7 @@ bool MainWndProc(const WindowEvent& event) {
         shell.menu.check(idmFixRatio);
     else
         shell.menu.uncheck(idmFixRatio);
+    markViewItems();
 
     switch (event.message) {
     case WindowMessage::Create:

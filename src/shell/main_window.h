@@ -58,7 +58,8 @@ struct Shell {
 };
 
 // The calculation (0-based) whose shown fitted curve passes within 4 pixels vertically of
-// (x, y) in the plot as last painted; -1 for none. The first in calculation order wins.
+// (x, y) in the plot as last painted, in the view shown; -1 for none. The first in calculation
+// order wins.
 int pickCurve(int x, int y);
 
 // The shell of this process.

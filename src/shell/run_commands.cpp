@@ -102,7 +102,11 @@ void refreshAfterLoad(bool keepCurrent) {
     shell.menu.check(idmExperimental);
     for (int k = 1; k <= n; ++k) shell.menu.uncheck(idmFitted1 + k - 1);
     shell.menu.check(idmFitted1 + doc.currentCalculation);
-    showLoadedPlot(doc.currentCalculation); // shown flags, chiT, scalePlot()
+    // A calculation fitted again keeps the M view it was picked in.
+    const bool magnet = keepCurrent && plotSettings.magnetView == 1 && doc.magnetCount > 0;
+    showLoadedPlot(doc.currentCalculation); // shown flags, the chi view with chiT, scalePlot()
+    showMagnetView(magnet);
+    markViewItems();
     window().setTitle(windowTitle());
     window().invalidate(true);
 }
