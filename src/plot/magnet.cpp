@@ -76,15 +76,35 @@ void drawMarker(Surface& surface, GroupMarker shape, int x, int y, int r, Colour
     surface.selectPen(previousPen);
 }
 
-// The label of a group by its marker at p: above the marker and ending with it, or below it
-// when above would leave the frame.
-void drawGroupLabel(Surface& surface, const std::string& text, DevicePoint p, int r,
-                    const TextCell& cell) {
-    const int gap = std::max(1, cell.height / 8);
-    const int x = p.x + r - static_cast<int>(text.size()) * cell.width;
-    int y = p.y - r - gap - cell.height;
-    if (y < plotLayout.frameTop) y = p.y + r + gap;
-    surface.textOut(x, y, text);
+// A group's label and the box it takes.
+struct GroupLabel {
+    std::string text;
+    int x = 0, y = 0, width = 0;
+};
+
+// The label of a group whose last marker in the frame is at p: right of the marker when it fits
+// in the frame, else right of the outer frame (where the last points of a set measured to the
+// same field all end), centred on the marker's height.
+GroupLabel groupLabel(std::string text, DevicePoint p, int r, const TextCell& cell) {
+    const int width = static_cast<int>(text.size()) * cell.width;
+    const int gap = std::max(1, cell.width / 2);
+    int x = p.x + r + gap;
+    if (x + width > plotLayout.frameRight) x = plotLayout.frameRight + frameMarginX() + gap;
+    return {std::move(text), x, p.y - cell.height / 2, width};
+}
+
+// Labels that would overlap are moved down, from the top one on, until each clears those above.
+void separate(std::vector<GroupLabel>& labels, int height) {
+    std::stable_sort(labels.begin(), labels.end(),
+                     [](const GroupLabel& a, const GroupLabel& b) { return a.y < b.y; });
+    for (std::size_t i = 0; i < labels.size(); ++i) {
+        for (std::size_t j = 0; j < i; ++j) {
+            const GroupLabel& above = labels[j];
+            GroupLabel& label = labels[i];
+            const bool across = label.x < above.x + above.width && above.x < label.x + label.width;
+            if (across && label.y < above.y + height) label.y = above.y + height;
+        }
+    }
 }
 
 } // namespace
@@ -151,6 +171,7 @@ void drawMagnetData(Surface& surface) {
     const LogFont previousFont = surface.selectFont(font);
     const Colour previousColour = surface.setTextColour(s.labelColour);
     const std::vector<MagnetGroup> groups = magnetGroups();
+    std::vector<GroupLabel> labels;
     for (std::size_t g = 0; g < groups.size(); ++g) {
         const GroupMarker shape = groupMarker(static_cast<int>(g));
         std::optional<DevicePoint> last; // the group's last point in the frame
@@ -160,8 +181,11 @@ void drawMagnetData(Surface& surface) {
             drawMarker(surface, shape, p->x, p->y, r, colour);
             last = p;
         }
-        if (last) drawGroupLabel(surface, temperatureText(groups[g].temperature), *last, r, cell);
+        if (last)
+            labels.push_back(groupLabel(temperatureText(groups[g].temperature), *last, r, cell));
     }
+    separate(labels, cell.height);
+    for (const GroupLabel& label : labels) surface.textOut(label.x, label.y, label.text);
     surface.setTextColour(previousColour);
     surface.selectFont(previousFont);
 }

@@ -3,7 +3,8 @@
 //
 // The points fall into groups of one temperature each. Every group has a marker shape of its
 // own (the shapes taken in turn, from the lowest temperature up) and a label with its
-// temperature ("2 K") by its last point in the frame; each shown calculation draws one curve
+// temperature ("2 K") right of its last point in the frame (right of the frame when it does not
+// fit inside; labels that would overlap stack downwards); each shown calculation draws one curve
 // per group through its fitted M at the group's fields, in the calculation's colour and line
 // style. The view is drawn on the axes in force (plotSettings.tAxis for H, chiAxis for M), so
 // plotX, plotY, plotT and plotValue map it as they map the chi view.

@@ -339,6 +339,11 @@ TEST_F(CorvaneFit, PlotDrawsAReportOrTheFitJustMadeAsPngPdfOrSvg) {
     EXPECT_EQ(unwritable.exitCode, 5);
     EXPECT_NE(unwritable.err.find("cannot write " + dir.file("no/dir/x.png")), std::string::npos);
     EXPECT_EQ(run(dir, {"plot", input, "-o", dir.file("x.png")}).exitCode, 1);
+    // Without a magnetisation set there is no magnetisation against field to draw.
+    const Outcome noSet = run(dir, {"plot", report, "-o", dir.file("m.png"), "--mh"});
+    EXPECT_EQ(noSet.exitCode, 5);
+    EXPECT_NE(noSet.err.find(report + " holds no magnetisation set"), std::string::npos)
+        << noSet.err;
     // The engine worked in a folder of its own: nothing of it is left beside the input.
     EXPECT_EQ(dir.listing(), "chi.pdf d-nit2.qpi d-nit2.qpo fit.png plot.svg");
 }
