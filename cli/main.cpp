@@ -204,6 +204,15 @@ void printResults() {
     std::printf("Calculation # %d: squared deviation %s, pairs %d to %d of %d\n", n,
                 formatC("%g", calc.deviation).c_str(), calc.firstPair, calc.lastPair,
                 doc.pairCount);
+    if (doc.magnetCount > 0)
+        std::printf("  joint fit of %s at %s and %d magnetization points (weight %s): "
+                    "deviation %s from the %s, %s from the magnetization\n",
+                    dataKindNames[static_cast<std::size_t>(doc.dataKind)],
+                    doc.field == 0 ? "the zero-field limit" : formatC("%g T", doc.field).c_str(),
+                    doc.magnetCount, formatC("%g", doc.magnetWeight).c_str(),
+                    formatC("%g", calc.chiDeviation).c_str(),
+                    dataKindNames[static_cast<std::size_t>(doc.dataKind)],
+                    formatC("%g", calc.magnetDeviation).c_str());
     const std::string unit = unitName(doc);
     const std::pair<const char*, std::string> rows[] = {
         {"g", withUncertainty(calc.g)},
@@ -358,7 +367,7 @@ nlohmann::ordered_json documentJson(const FitDocument& doc) {
         for (int k = 1; k <= doc.jCount; ++k) j.push_back(parameterJson(calc.j[slot(k)]));
         ordered_json fitted = ordered_json::array();
         for (int i = 1; i <= doc.pairCount; ++i) fitted.push_back(calc.fittedValues[slot(i)]);
-        calculations.push_back({{"number", n},
+        ordered_json entry = {{"number", n},
                                 {"tolerance", calc.tolerance},
                                 {"deviation", calc.deviation},
                                 {"g", parameterJson(calc.g)},
@@ -370,16 +379,37 @@ nlohmann::ordered_json documentJson(const FitDocument& doc) {
                                 {"converged", calc.end == FitEnd::Converged},
                                 {"firstPair", calc.firstPair},
                                 {"lastPair", calc.lastPair},
-                                {"fittedValues", fitted}});
+                                {"fittedValues", fitted}};
+        if (doc.magnetCount > 0) {
+            ordered_json magnet = ordered_json::array();
+            for (int i = 1; i <= doc.magnetCount; ++i) magnet.push_back(calc.fittedMagnet[slot(i)]);
+            entry["chiDeviation"] = calc.chiDeviation;
+            entry["magnetizationDeviation"] = calc.magnetDeviation;
+            entry["fittedMagnetization"] = magnet;
+        }
+        calculations.push_back(entry);
     }
-    return {{"title", doc.title},
-            {"dataKind", dataKindNames[static_cast<std::size_t>(doc.dataKind)]},
-            {"energyUnit", unitName(doc)},
-            {"sites", sites},
-            {"interactions", interactions},
-            {"jCount", doc.jCount},
-            {"pairs", pairs},
-            {"calculations", calculations}};
+    ordered_json out = {{"title", doc.title},
+                        {"dataKind", dataKindNames[static_cast<std::size_t>(doc.dataKind)]},
+                        {"energyUnit", unitName(doc)},
+                        {"sites", sites},
+                        {"interactions", interactions},
+                        {"jCount", doc.jCount},
+                        {"pairs", pairs}};
+    // The field, weighting and magnetization set only where the problem has them.
+    if (doc.field != 0) out["field"] = doc.field;
+    if (doc.weighting == Weighting::Relative) out["weighting"] = "relative";
+    if (doc.magnetCount > 0) {
+        ordered_json magnet = ordered_json::array();
+        for (int i = 1; i <= doc.magnetCount; ++i)
+            magnet.push_back({{"temperature", doc.magnetPoints[slot(i)].temperature},
+                              {"field", doc.magnetPoints[slot(i)].field},
+                              {"observed", doc.magnetPoints[slot(i)].observed}});
+        out["magnetizationWeight"] = doc.magnetWeight;
+        out["magnetization"] = magnet;
+    }
+    out["calculations"] = calculations;
+    return out;
 }
 
 // The shortest text that reads back as the same double, in any locale.
@@ -399,6 +429,20 @@ std::string documentCsv(const FitDocument& doc) {
         out.append(shortest(doc.pairs[slot(i)].observed));
         for (int n = 1; n <= doc.calculationCount; ++n)
             out.append(",").append(shortest(doc.calculations[slot(n)].fittedValues[slot(i)]));
+        out += "\n";
+    }
+    // The magnetization set as a second table after a blank line.
+    if (doc.magnetCount > 0) {
+        out += "\nT,H,M observed";
+        for (int n = 1; n <= doc.calculationCount; ++n) out += formatC(",M fitted %d", n);
+        out += "\n";
+    }
+    for (int i = 1; i <= doc.magnetCount; ++i) {
+        const MagnetPoint& point = doc.magnetPoints[slot(i)];
+        out.append(shortest(point.temperature)).append(",").append(shortest(point.field));
+        out.append(",").append(shortest(point.observed));
+        for (int n = 1; n <= doc.calculationCount; ++n)
+            out.append(",").append(shortest(doc.calculations[slot(n)].fittedMagnet[slot(i)]));
         out += "\n";
     }
     return out;

@@ -1,10 +1,13 @@
 #!/usr/bin/env python3
-"""Write the synthetic example inputs (cu2-dimer, cu3-triangle, ni4-cubane).
+"""Write the synthetic example inputs (cu2-dimer, cu3-triangle, ni4-cubane, cu2-ferro).
 
 The susceptibility is computed by exact diagonalisation of
 H = -2 sum J_p Sa.Sb in the product basis, one total-Mz block at a time, then
 chi = chi'(zJ) + C/T + Xtip with Gaussian noise of one size for every observed value:
 0.3 % of the largest observed value, as an unweighted fit and its uncertainties assume.
+cu2-ferro has chiT measured at 0.1 T and a magnetisation set M(H) at 2 K: there the Zeeman
+levels E - g muB B M give M = g <M> (N muB) and chi = M N muB / H, each set with noise of 0.3 %
+of its own largest value.
 The output is deterministic: running the script again rewrites the same bytes.
 
     python3 examples/synthesize.py           write the .qpi files next to this script
@@ -16,6 +19,8 @@ import random
 import sys
 
 C0 = 0.375148096                                  # N muB^2 / k, cm3 K mol-1
+MUB_K = 0.67171381563                             # muB / k, K T-1
+N_MUB = 5584.93941                                 # N muB, cm3 G mol-1 (emu mol-1 per N muB)
 TO_KELVIN = {"CM-1": 1.4387768775, "MEV": 11.6045181216, "K": 1.0}
 UNIT_NAME = {"CM-1": "cm-1", "MEV": "meV", "K": "K"}
 NOISE = 0.003                                     # standard deviation / largest value
@@ -48,6 +53,16 @@ EXAMPLES = [
                     xtip=(0.0, 0.0)),
          note="J1 on the paths 1-2, 1-3, 2-4, 3-4, J2 on 1-4 and 2-3; "
               "C and Xtip kept fixed at 0."),
+    dict(file="cu2-ferro.qpi", title="Ferromagnetic copper(II) dimer, chiT at 0.1 T and M(H) at 2 K",
+         what="Copper(II) dimer with ferromagnetic coupling, two S = 1/2 sites, chiT data "
+              "measured at 0.1 T and magnetization at 2 K.",
+         data="XTT", unit="CM-1", seed=2718, spins2=[1, 1], pairs=[(1, 2, 1)],
+         g=2.08, J=[25.0], C=0.0, zJ=-0.05, xtip=0.0, field=0.1,
+         magnet=[(2.0, 0.25 * h) for h in range(1, 29)],
+         start=dict(g=(2.0, 0.01), J=[(10.0, 0.1)], C=(0.0, 0.0), zJ=(0.0, 0.001),
+                    xtip=(0.0, 0.0)),
+         note="g, J1 and zJ are fitted; C and Xtip kept fixed at 0. The chiT data alone trade g "
+              "against J; the magnetization fixes g."),
 ]
 
 
@@ -120,6 +135,27 @@ def chi(levels, t, g, zj_kelvin=0.0, c=0.0, xtip=0.0):
     return chi_mf + c / t + xtip
 
 
+def magnetisation(levels, t, b, g, zj_kelvin=0.0, c=0.0, xtip=0.0):
+    """Molar magnetisation (N muB) at t kelvin and b tesla: the Zeeman levels E - g muB b M,
+    a mean field solved by iteration, C as free S = 1/2 centres with g = 2, and Xtip b."""
+    def mean_m(h):                                # <M> with Zeeman energy -h M (h in K)
+        e0 = min(e - h * mz for mz, e in levels)
+        z = m = 0.0
+        for mz, e in levels:
+            w = math.exp(-(e - h * mz - e0) / t)
+            z += w
+            m += mz * w
+        return m / z
+    h0 = g * MUB_K * b
+    s = mean_m(h0)
+    for _ in range(10000):                        # h = h0 + 2 zJ <M>, plain iteration
+        new = mean_m(h0 + 2.0 * zj_kelvin * s)
+        if abs(new - s) <= 1e-15 * max(abs(s), 1e-300):
+            break
+        s = 0.5 * (s + new)
+    return g * s + c / C0 * math.tanh(MUB_K * b / t) + xtip * b * 1e4 / N_MUB
+
+
 def num(x):
     """Plain decimal notation without exponent, as short as it goes."""
     s = format(x, ".10f").rstrip("0")
@@ -154,13 +190,29 @@ def render(ex):
     lines += ["J_VALUE%d %s %s" % (i + 1, num(s), num(d)) for i, (s, d) in enumerate(st["J"])]
     lines += ["SPIN_ON_SITE%d %d" % (i + 1, s2) for i, s2 in enumerate(ex["spins2"])]
     lines += ["INTERACTION sites %d and %d coupled by J%d" % p for p in ex["pairs"]]
+    field = ex.get("field", 0.0)
+    if field:
+        lines.insert(lines.index(next(l for l in lines if l.startswith("KEYWD ZJ"))) + 1,
+                     "KEYWD FIELD=%s" % num(field))
     values = []
     for t in TEMPERATURES:
-        y = chi(levels, t, ex["g"], ex["zJ"] * k, ex["C"], ex["xtip"])
+        if field:
+            y = (magnetisation(levels, t, field, ex["g"], ex["zJ"] * k, ex["C"], ex["xtip"])
+                 * N_MUB / (field * 1e4))
+        else:
+            y = chi(levels, t, ex["g"], ex["zJ"] * k, ex["C"], ex["xtip"])
         values.append(y * t if ex["data"] == "XTT" else y)
     sigma = NOISE * max(values)
     for t, y in zip(TEMPERATURES, values):
         lines.append("T_CHI %.1f %.6g" % (t, y + sigma * rng.gauss(0.0, 1.0)))
+    if ex.get("magnet"):
+        moments = [magnetisation(levels, t, b, ex["g"], ex["zJ"] * k, ex["C"], ex["xtip"])
+                   for t, b in ex["magnet"]]
+        sigma = NOISE * max(moments)
+        lines.append("! Magnetization: T in K, field in T, M in N muB (Bohr magnetons per "
+                     "formula unit).")
+        for (t, b), m in zip(ex["magnet"], moments):
+            lines.append("T_H_M %.1f %s %.6g" % (t, num(b), m + sigma * rng.gauss(0.0, 1.0)))
     return "\n".join(lines) + "\n"
 
 
@@ -194,6 +246,14 @@ def check():
                 e = (-j1 * (s * (s + 1) - a * (a + 1) - b * (b + 1))
                      - j2 * (a * (a + 1) + b * (b + 1) - 8))
                 kambe += [e] * (2 * s + 1)
+    # A free S = 1/2 with g = 2: M = tanh(muB B / kT) (Brillouin), and chi at a low field.
+    for t, b in ((2.0, 7.0), (10.0, 1.0)):
+        same("S = 1/2 Brillouin, T = %g K, B = %g T" % (t, b), magnetisation(one, t, b, 2.0),
+             math.tanh(MUB_K * b / t))
+    same("chi at 1e-5 T, ferromagnetic dimer with zJ, T = 5 K",
+         magnetisation(energy_levels([1, 1], [(1, 2, 1)], [20.0]), 5.0, 1e-5, g, -0.3, 0.01,
+                       1e-4) * N_MUB / 0.1,
+         chi(energy_levels([1, 1], [(1, 2, 1)], [20.0]), 5.0, g, -0.3, 0.01, 1e-4))
     worst = max(abs(x - y) for x, y in zip(brute, sorted(kambe)))
     ok = len(brute) == len(kambe) == 81 and worst < 1e-9
     failures += not ok

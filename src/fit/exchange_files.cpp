@@ -75,6 +75,17 @@ std::string engineDataText(const FitDocument& doc) {
         const DataPair& pair = doc.pairs[slot(n)];
         text += formatExact(pair.temperature) + "  " + formatExact(pair.observed) + "\n";
     }
+    // The field, the weighting and the magnetization set follow only where the problem has them.
+    if (doc.field != 0) text += "field " + formatExact(doc.field) + "\n";
+    if (doc.weighting == Weighting::Relative) text += "weight relative\n";
+    if (doc.magnetCount > 0)
+        text += formatC("magnetisation %d, 1, %d, ", doc.magnetCount, doc.magnetCount) +
+                formatExact(doc.magnetWeight) + "\n";
+    for (int n = 1; n <= doc.magnetCount; ++n) {
+        const MagnetPoint& point = doc.magnetPoints[slot(n)];
+        text += formatExact(point.temperature) + "  " + formatExact(point.field) + "  " +
+                formatExact(point.observed) + "\n";
+    }
     return text;
 }
 

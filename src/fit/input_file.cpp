@@ -100,7 +100,7 @@ const RealSetting realSettings[] = {
 std::string settingNames() {
     std::string names = "DATA_FILE=, ENERGY_UNIT=";
     for (const RealSetting& setting : realSettings) names += std::string(", ") + setting.name + "=";
-    return names;
+    return names + ", FIELD=, WEIGHT=, M_WEIGHT=";
 }
 
 // The settings of a KEYWD line that holds the keyword at keywordAt: every word of the line but
@@ -141,8 +141,13 @@ public:
 
     bool read() {
         doc_.calculationCount = 1;
+        // The magnetisation set and its settings belong to this file alone.
+        doc_.field = 0.0;
+        doc_.weighting = Weighting::Uniform;
+        doc_.magnetWeight = 1.0;
+        doc_.magnetCount = 0;
         if (!readTitleAndSettings() || !readJValues() || !readSites() || !readInteractions() ||
-            !readPairs())
+            !readPairs() || !readMagnetPoints())
             return false;
         Calculation& calc = doc_.calculations[slot(1)];
         calc.firstPair = 1;
@@ -232,7 +237,8 @@ private:
             const RealSetting* number = nullptr;
             for (const RealSetting& setting : realSettings)
                 if (name == setting.name) number = &setting;
-            const bool known = number != nullptr || name == "DATA_FILE" || name == "ENERGY_UNIT";
+            const bool known = number != nullptr || name == "DATA_FILE" || name == "ENERGY_UNIT" ||
+                               name == "FIELD" || name == "WEIGHT" || name == "M_WEIGHT";
             if (equals == std::string::npos || !known)
                 return failAt(line.line,
                               formatC("\"%s\" is not a setting; a KEYWD line holds settings "
@@ -245,6 +251,8 @@ private:
                     value.find("XTT") != std::string_view::npos ? DataKind::ChiT : DataKind::Chi;
             } else if (name == "ENERGY_UNIT") {
                 if (!applyUnit(line, value)) return false;
+            } else if (name == "FIELD" || name == "WEIGHT" || name == "M_WEIGHT") {
+                if (!applyMagnetSetting(line, name, value)) return false;
             } else if (!applyReal(line, *number, value)) {
                 return false;
             }
@@ -261,6 +269,39 @@ private:
         return failAt(line.line, formatC("ENERGY_UNIT=%s is not a unit; the energy unit is CM-1, "
                                          "MEV or K.",
                                          shown(value).c_str()));
+    }
+
+    // FIELD= (tesla, 0 for the zero-field limit), WEIGHT=UNIFORM|RELATIVE and M_WEIGHT= (0 or
+    // more): settings of the problem, not of a calculation.
+    bool applyMagnetSetting(const Line& line, const std::string& name, std::string_view value) {
+        const std::string written = shown(value);
+        if (name == "WEIGHT") {
+            if (value == "UNIFORM" || value == "RELATIVE") {
+                doc_.weighting = value == "RELATIVE" ? Weighting::Relative : Weighting::Uniform;
+                return true;
+            }
+            return failAt(line.line, formatC("WEIGHT=%s is not a weighting; the residuals of the "
+                                             "chi data count UNIFORM (as they are) or RELATIVE "
+                                             "(to the observed values).",
+                                             written.c_str()));
+        }
+        double number = 0;
+        if (!real(line, value, ("The value of " + name + "=").c_str(), number)) return false;
+        if (name == "FIELD") {
+            if (number < 0 || number > maxFieldTesla)
+                return failAt(line.line,
+                              formatC("FIELD=%s: the field of the chi data is given in tesla, "
+                                      "from 0 (the zero-field limit) to %g T.",
+                                      written.c_str(), maxFieldTesla));
+            doc_.field = number;
+        } else {
+            if (number < 0 || number > maxMagnetWeight)
+                return failAt(line.line, formatC("M_WEIGHT=%s: the weight of the magnetization "
+                                                 "data is from 0 to %g.",
+                                                 written.c_str(), maxMagnetWeight));
+            doc_.magnetWeight = number;
+        }
+        return true;
     }
 
     bool applyReal(const Line& line, const RealSetting& setting, std::string_view value) {
@@ -391,6 +432,29 @@ private:
                 !real(line, token(line.upper, at, 3), "The observed value", pair.observed))
                 return false;
             if (pair.temperature <= 0) return failAt(line.line, "temperatures must be above 0 K.");
+            return true;
+        });
+    }
+
+    bool readMagnetPoints() {
+        doc_.magnetCount = 0;
+        return forEachStatement("T_H_M", [&](const Line& line, std::size_t at) {
+            const int n = ++doc_.magnetCount;
+            if (n > maxMagnetPoints)
+                return failAt(line.line, formatC("Maximum magnetization points are %d !",
+                                                 maxMagnetPoints));
+            MagnetPoint& point = doc_.magnetPoints[slot(n)];
+            if (!real(line, token(line.upper, at, 2), "The temperature", point.temperature) ||
+                !real(line, token(line.upper, at, 3), "The field", point.field) ||
+                !real(line, token(line.upper, at, 4), "The magnetization", point.observed))
+                return false;
+            if (point.temperature <= 0) return failAt(line.line, "temperatures must be above 0 K.");
+            if (!(point.field > 0) || point.field > maxFieldTesla)
+                return failAt(line.line,
+                              formatC("the field %s is outside 0 to %g T; T_H_M lines give the "
+                                      "temperature in K, the field in T and the magnetization "
+                                      "in N muB.",
+                                      shown(token(line.text, at, 3)).c_str(), maxFieldTesla));
             return true;
         });
     }

@@ -76,6 +76,7 @@ bool checkCounts(const FitDocument& doc, ProblemList& problems) {
         {doc.jCount, maxJValues, "J values", nullptr},
         {doc.interactionCount, maxInteractions, "exchange paths", nullptr},
         {doc.pairCount, maxPairs, "data pairs", "No data pair is given."},
+        {doc.magnetCount, maxMagnetPoints, "magnetization points", nullptr},
     };
     bool inside = true;
     for (const Count& count : counts) {
@@ -142,6 +143,25 @@ std::vector<std::string> inputFileProblems(const FitDocument& doc, int calculati
             problems.add(
                 formatC("Pair %d: the temperature %g K is not above 0 K.", n, pair.temperature));
     }
+    problems.value("Field", doc.field);
+    if (doc.field < 0 || doc.field > maxFieldTesla)
+        problems.add(formatC("Field: %g T is outside 0 to %g T.", doc.field, maxFieldTesla));
+    problems.value("Magnetization weight", doc.magnetWeight);
+    if (doc.magnetWeight < 0 || doc.magnetWeight > maxMagnetWeight)
+        problems.add(formatC("Magnetization weight: %g is outside 0 to %g.", doc.magnetWeight,
+                             maxMagnetWeight));
+    for (int n = 1; n <= doc.magnetCount; ++n) {
+        const MagnetPoint& point = doc.magnetPoints[slot(n)];
+        problems.value(formatC("Magnetization point %d, T", n), point.temperature);
+        problems.value(formatC("Magnetization point %d, H", n), point.field);
+        problems.value(formatC("Magnetization point %d, M", n), point.observed);
+        if (point.temperature <= 0)
+            problems.add(formatC("Magnetization point %d: the temperature %g K is not above 0 K.",
+                                 n, point.temperature));
+        if (!(point.field > 0) || point.field > maxFieldTesla)
+            problems.add(formatC("Magnetization point %d: the field %g T is outside 0 to %g T.",
+                                 n, point.field, maxFieldTesla));
+    }
     return found;
 }
 
@@ -159,6 +179,10 @@ std::string inputFileText(const FitDocument& doc, int calculation) {
     text += formatC("KEYWD DATA_FILE=%s ENERGY_UNIT=%s\n", chiT ? "XTT" : "XT",
                     unitKeywords[static_cast<std::size_t>(doc.energyUnit)]);
     text += "KEYWD PRECISION=" + formatExact(calc.tolerance) + "\n";
+    // The settings of the field and the magnetization set, only where they are not the defaults.
+    if (doc.field != 0) text += "KEYWD FIELD=" + formatExact(doc.field) + "\n";
+    if (doc.weighting == Weighting::Relative) text += "KEYWD WEIGHT=RELATIVE\n";
+    if (doc.magnetWeight != 1.0) text += "KEYWD M_WEIGHT=" + formatExact(doc.magnetWeight) + "\n";
     const auto parameter = [&text](const char* name, const FitParameter& p) {
         text += formatC("KEYWD %s_START=%s %s_STEP=%s\n", name, formatExact(p.start).c_str(), name,
                         formatExact(p.step).c_str());
@@ -182,6 +206,14 @@ std::string inputFileText(const FitDocument& doc, int calculation) {
     for (int n = 1; n <= doc.pairCount; ++n) {
         const DataPair& pair = doc.pairs[slot(n)];
         text += "T_CHI " + formatExact(pair.temperature) + " " + formatExact(pair.observed) + "\n";
+    }
+    if (doc.magnetCount > 0)
+        text += "! Magnetization: T in K, field in T, M in N muB (Bohr magnetons per formula "
+                "unit).\n";
+    for (int n = 1; n <= doc.magnetCount; ++n) {
+        const MagnetPoint& point = doc.magnetPoints[slot(n)];
+        text += "T_H_M " + formatExact(point.temperature) + " " + formatExact(point.field) + " " +
+                formatExact(point.observed) + "\n";
     }
     return text;
 }

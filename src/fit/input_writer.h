@@ -33,7 +33,8 @@ std::vector<std::string> inputFileProblems(const FitDocument& doc, int calculati
 
 // The text of the input file of doc with the starting values, steps and tolerance of
 // calculation `calculation`: a comment head saying what the file is, then TITLE, KEYWD,
-// J_VALUE, SPIN_ON_SITE, INTERACTION and T_CHI lines. doc must have no inputFileProblems.
+// J_VALUE, SPIN_ON_SITE, INTERACTION and T_CHI lines; the field, weighting and magnetization
+// weight where they are not the defaults, and T_H_M lines for a magnetization set. doc must have no inputFileProblems.
 std::string inputFileText(const FitDocument& doc, int calculation = 1);
 
 // Writes inputFileText(doc, calculation) to path whole or not at all (a temporary file, then

@@ -70,6 +70,18 @@ constexpr const char* fitEnds[] = {"converged", "iteration limit", "interrupted"
 constexpr const char* fixedWord = "fixed";
 constexpr const char* undeterminedWord = "undetermined";
 constexpr const char* unknownWord = "-";
+// The field, the weighting and the magnetization set (written only where a problem has them; a
+// reader that knows only the labels above reads past these lines).
+constexpr std::string_view chiField = "Field Of The Susceptibility Data (T): ";
+constexpr std::string_view relativeWeighting = "Residuals Of The Susceptibility Data: relative";
+constexpr std::string_view magnetWeight = "Weight Of The Magnetization Data: ";
+constexpr std::string_view fittedMagnet = "Fitted Magnetization:";
+constexpr std::string_view magnetPoints = "Total magnetization points: ";
+constexpr std::string_view setDeviations = "Parts of the squared deviation: susceptibility ";
+constexpr std::string_view magnetPart = " and magnetization ";
+constexpr std::string_view magnetHeading =
+    "  #    Temperature (K)   Field (T)     M (Experimental)   M (Fitted)    M in N muB\n";
+constexpr std::string_view magnetTable = "M (Experimental)";
 constexpr const char* pairHeadings[dataKindCount] = {
     "  #    Tempreture (K)      ChiT (Experimental)      ChiT (Fitted)\n",
     "  #    Tempreture (K)      Chi (Experimental)       Chi (Fitted)\n"};
@@ -105,6 +117,25 @@ void appendHead(std::string& out, const FitDocument& doc, const std::string& dat
     const int unit = static_cast<int>(doc.energyUnit);
     if (unit >= 0 && unit < energyUnitCount)
         out += "\n  " + str(label::energyUnit) + label::unitNames[unit] + "\n";
+    if (doc.field != 0) out += "  " + str(label::chiField) + formatC("%f\n", doc.field);
+    if (doc.weighting == Weighting::Relative) out += "  " + str(label::relativeWeighting) + "\n";
+    if (doc.magnetCount > 0)
+        out += "  " + str(label::magnetWeight) + formatC("%f\n", doc.magnetWeight);
+}
+
+// The magnetization set of a section: each point's observed and fitted M.
+void appendMagnetisation(std::string& out, const FitDocument& doc, const Calculation& calc) {
+    out += "\n  " + str(label::fittedMagnet) + "\n\n";
+    out += "  " + str(label::magnetPoints) + formatC("%d.   ", doc.magnetCount) +
+           str(label::setDeviations) + formatC("%g", calc.chiDeviation) + str(label::magnetPart) +
+           formatC("%g\n\n", calc.magnetDeviation);
+    out += label::magnetHeading;
+    out += "  " + std::string(62, '_') + "\n";
+    for (int i = 1; i <= doc.magnetCount; ++i) {
+        const MagnetPoint& point = doc.magnetPoints[slot(i)];
+        out += formatC("  %d   %f        %f      %f          %f\n", i, point.temperature,
+                       point.field, point.observed, calc.fittedMagnet[slot(i)]);
+    }
 }
 
 // An uncertainty as the report keeps it.
@@ -208,6 +239,7 @@ void appendSection(std::string& out, const FitDocument& doc, int n) {
         out += formatC("  %d   %f                  %f                       %f\n", i,
                        pair.temperature, pair.observed, calc.fittedValues[slot(i)]);
     }
+    if (doc.magnetCount > 0) appendMagnetisation(out, doc, calc);
     out += "\n" + label::asterisks + "\n";
 }
 
@@ -366,7 +398,9 @@ private:
         uncertainties(3, parameters, fixedParameterCount);
         for (int k = 1; k <= jCount; ++k) parameters[slot(k)] = &found.j[slot(k)];
         uncertainties(5, parameters, jCount);
-        if (!correlations(headLines + pairCount + 1, found)) return false;
+        int next = headLines + pairCount + 1;
+        if (!magnetisation(next, found)) return false;
+        if (!correlations(next, found)) return false;
         if (!searchResults(headLines + pairCount + 1, found)) return false;
         calc = found;
         return true;
@@ -399,6 +433,59 @@ private:
                 found.alternatives.push_back(other);
             }
         }
+        return true;
+    }
+
+    // The magnetization set that follows the pairs when the problem has one: "# sets Dchi Dm"
+    // (each set's part of the deviation), "# magnetisation K first last", then K lines
+    // "# T H calculated observed". Leaves `line` at the line after it.
+    bool magnetisation(int& line, Calculation& found) {
+        found.chiDeviation = found.magnetDeviation = 0.0;
+        const auto marked = [&](int at, std::string_view kind) {
+            return at <= static_cast<int>(lines_.size()) &&
+                   word(lines_[slot(at)].text, 1) == "#" && word(lines_[slot(at)].text, 2) == kind;
+        };
+        if (marked(line, "sets")) {
+            if (!real(line, 3, "deviation of the chi data", found.chiDeviation) ||
+                !real(line, 4, "deviation of the magnetization data", found.magnetDeviation))
+                return false;
+            ++line;
+        }
+        if (!marked(line, "magnetisation")) {
+            if (doc_.magnetCount == 0) return true;
+            return fail(line > static_cast<int>(lines_.size()) ? 0 : line,
+                        formatC("the fitted magnetization is missing; the problem has %d "
+                                "magnetization points",
+                                doc_.magnetCount));
+        }
+        int count = 0, first = 0, last = 0;
+        if (!integer(line, 3, "number of magnetization points", count) ||
+            !integer(line, 4, "first fitted magnetization point", first) ||
+            !integer(line, 5, "last fitted magnetization point", last))
+            return false;
+        if (count != doc_.magnetCount)
+            return fail(line, formatC("%d magnetization points, but the problem has %d", count,
+                                      doc_.magnetCount));
+        if (lines_.size() < static_cast<std::size_t>(line + count))
+            return fail(0, "it ends in the table of the fitted magnetization");
+        for (int i = 1; i <= count; ++i) {
+            const int at = line + i;
+            double temperature = 0.0, field = 0.0, observed = 0.0;
+            if (word(lines_[slot(at)].text, 1) != "#" ||
+                !real(at, 2, "temperature", temperature) || !real(at, 3, "field", field) ||
+                !real(at, 4, "fitted magnetization", found.fittedMagnet[slot(i)]) ||
+                !real(at, 5, "observed magnetization", observed))
+                return false;
+            const MagnetPoint& point = doc_.magnetPoints[slot(i)];
+            if (!agrees(temperature, point.temperature) || !agrees(field, point.field) ||
+                !agrees(observed, point.observed))
+                return fail(at, formatC("magnetization point %d is not the problem's (T %s, H %s, "
+                                        "M %s)",
+                                        i, formatExact(point.temperature).c_str(),
+                                        formatExact(point.field).c_str(),
+                                        formatExact(point.observed).c_str()));
+        }
+        line += count + 1;
         return true;
     }
 
@@ -457,6 +544,11 @@ public:
         : lines_(lines), doc_(doc) {}
 
     bool readReport() {
+        // The field, weighting and magnetization set are the report's own, or none.
+        doc_.field = 0.0;
+        doc_.weighting = Weighting::Uniform;
+        doc_.magnetWeight = 1.0;
+        doc_.magnetCount = 0;
         while (advance()) {
             if (isSkipped(*line_)) continue;
             if (isAsteriskLine(*line_)) { // a section's opening line, or part of one
@@ -579,6 +671,19 @@ private:
         for (int unit = 0; unit < energyUnitCount; ++unit)
             if (holds(*line_, str(label::energyUnit) + label::unitNames[unit]))
                 doc_.energyUnit = static_cast<EnergyUnit>(unit);
+        if (holds(*line_, label::chiField)) {
+            if (!numberAfter(label::chiField, doc_.field)) return false;
+            if (doc_.field < 0 || doc_.field > maxFieldTesla)
+                return fail(formatC("the field %g T lies outside 0 to %g T", doc_.field,
+                                    maxFieldTesla));
+        }
+        if (holds(*line_, label::relativeWeighting)) doc_.weighting = Weighting::Relative;
+        if (holds(*line_, label::magnetWeight)) {
+            if (!numberAfter(label::magnetWeight, doc_.magnetWeight)) return false;
+            if (doc_.magnetWeight < 0 || doc_.magnetWeight > maxMagnetWeight)
+                return fail(formatC("the weight %g lies outside 0 to %g", doc_.magnetWeight,
+                                    maxMagnetWeight));
+        }
         return true;
     }
 
@@ -615,6 +720,8 @@ private:
         calc.end = FitEnd::Converged;
         enum SectionPart { initial, initialJ, fitted, fittedJ, pairs, table, partCount };
         std::array<bool, partCount> seen{};
+        bool magnetSeen = false;
+        calc.chiDeviation = calc.magnetDeviation = 0.0;
         for (;;) {
             if (!row(where)) return false;
             if (holds(*line_, label::asterisks)) break;
@@ -662,6 +769,7 @@ private:
                 seen[fittedJ] = true;
             }
             if (!readRunResults(calc, where)) return false;
+            if (!readMagnetisation(n, calc, where, magnetSeen)) return false;
             if (holds(*line_, label::totalPairs)) {
                 if (!wholeAfter(label::totalPairs, doc_.pairCount) ||
                     !wholeAfter(label::fittingFrom, calc.firstPair) ||
@@ -695,14 +803,53 @@ private:
             return fail(formatC("calculation # %d has %d J values and %d pairs, calculations "
                                 "before it %d and %d",
                                 n, doc_.jCount, doc_.pairCount, sectionJ_, sectionPairs_));
+        if (sectionMagnet_ >= 0 && sectionMagnet_ != doc_.magnetCount)
+            return fail(formatC("calculation # %d has %d magnetization points, calculations "
+                                "before it %d",
+                                n, doc_.magnetCount, sectionMagnet_));
+        if (doc_.magnetCount > 0 && !magnetSeen)
+            return fail(formatC("calculation # %d has no table of the magnetization", n));
         sectionJ_ = doc_.jCount;
         sectionPairs_ = doc_.pairCount;
+        sectionMagnet_ = doc_.magnetCount;
         constexpr const char* partNames[partCount] = {"initial parameters", "initial J values",
                                                       "fitted parameters",  "fitted J values",
                                                       "number of pairs",    "table of pairs"};
         for (int p = 0; p < partCount; ++p)
             if (!seen[static_cast<std::size_t>(p)])
                 return fail(formatC("calculation # %d has no %s", n, partNames[p]));
+        return true;
+    }
+
+    // The magnetization set of section n, when line_ holds its count or its table.
+    bool readMagnetisation(int n, Calculation& calc, const std::string& where, bool& seen) {
+        if (holds(*line_, label::magnetPoints)) {
+            if (!wholeAfter(label::magnetPoints, doc_.magnetCount)) return false;
+            if (!countFits(doc_.magnetCount, maxMagnetPoints))
+                return fail(formatC("%d magnetization points; the document holds 0 to %d",
+                                    doc_.magnetCount, maxMagnetPoints));
+            if (!numberAfter(label::setDeviations, calc.chiDeviation) ||
+                !numberAfter(label::magnetPart, calc.magnetDeviation))
+                return false;
+            counted_ = true;
+        }
+        if (!holds(*line_, label::magnetTable)) return true;
+        if (!counted_) return fail("a table of the magnetization before its number of points");
+        if (!row(where)) return false;
+        for (int i = 1; i <= doc_.magnetCount; ++i) {
+            MagnetPoint& point = doc_.magnetPoints[slot(i)];
+            if (!row(formatC("the magnetization of calculation # %d, after %d of %d points", n,
+                             i - 1, doc_.magnetCount)) ||
+                !number("temperature", word(line_->text, 2), point.temperature) ||
+                !number("field", word(line_->text, 3), point.field) ||
+                !number("observed magnetization", word(line_->text, 4), point.observed) ||
+                !number("fitted magnetization", word(line_->text, 5), calc.fittedMagnet[slot(i)]))
+                return false;
+            if (!(point.temperature > 0) || !(point.field > 0) || point.field > maxFieldTesla)
+                return fail(formatC("magnetization point %d lies outside T > 0, 0 < H <= %g T", i,
+                                    maxFieldTesla));
+        }
+        seen = true;
         return true;
     }
 
@@ -828,7 +975,9 @@ private:
     bool sectionSeen_ = false;
     std::array<bool, 3> headSeen_{};        // number of sites, table of spins, interactions
     int tableSites_ = 0;                    // the sites of the table of spins
+    bool counted_ = false;                  // a number of magnetization points was read
     int sectionJ_ = -1, sectionPairs_ = -1; // the J and pair counts of the sections taken
+    int sectionMagnet_ = -1;                // and their magnetization points
     std::array<int, maxInteractions> interactionLines_{};
     std::string problem_;
 };

@@ -82,7 +82,9 @@ bool hasRunResults(const Calculation& calc) {
 
 int fittedPoints(const FitDocument& doc, int k) {
     const Calculation& calc = doc.calculations[static_cast<std::size_t>(k)];
-    return std::max(0, std::min(calc.lastPair, doc.pairCount) - std::max(calc.firstPair, 1) + 1);
+    // The magnetization set is fitted whole.
+    return std::max(0, std::min(calc.lastPair, doc.pairCount) - std::max(calc.firstPair, 1) + 1) +
+           std::max(doc.magnetCount, 0);
 }
 
 int freeParameters(const FitDocument& doc, int k) {

@@ -38,7 +38,8 @@ std::vector<ResultRow> resultRows(const FitDocument& doc, int k);
 // minimum, or ended short of convergence: what the report keeps beyond the values.
 bool hasRunResults(const Calculation& calc);
 
-// The fitted points of calculation k, and its free parameters.
+// The fitted points of calculation k (its pairs and the magnetization set), and its free
+// parameters.
 int fittedPoints(const FitDocument& doc, int k);
 int freeParameters(const FitDocument& doc, int k);
 

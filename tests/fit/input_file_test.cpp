@@ -112,6 +112,28 @@ TEST_F(InputFileTest, SettingsFollowTheirOwnMatchingRules) {
     EXPECT_EQ(first().zJ.start, 4.0);
 }
 
+TEST_F(InputFileTest, TheFieldWeightingAndMagnetizationSetReachTheEngineOnlyWhenGiven) {
+    const std::string problem = "SPIN_ON_SITE1 1\nT_CHI 2 0.4\n"
+                                "keywd g_start=2 field=0.1 weight=relative m_weight=2.5\n"
+                                "t_h_m 2 0.5 0.45\nT_H_M 2.0 7 0.998\n";
+    ASSERT_TRUE(read(problem));
+    EXPECT_EQ(fitDocument.field, 0.1);
+    EXPECT_EQ(fitDocument.weighting, Weighting::Relative);
+    EXPECT_EQ(fitDocument.magnetCount, 2);
+    EXPECT_EQ(fitDocument.magnetPoints[1].observed, 0.998);
+    EXPECT_EQ(dir.read("chit.txt"), "1, 1, 1\n2.000000  0.400000\nfield 0.100000\n"
+                                    "weight relative\nmagnetisation 2, 1, 2, 2.500000\n"
+                                    "2.000000  0.500000  0.450000\n"
+                                    "2.000000  7.000000  0.998000\n");
+    // A problem read after it has none of them: no setting outlives its file.
+    ASSERT_TRUE(read(oneSite));
+    EXPECT_EQ(fitDocument.field, 0.0);
+    EXPECT_EQ(fitDocument.weighting, Weighting::Uniform);
+    EXPECT_EQ(fitDocument.magnetWeight, 1.0);
+    EXPECT_EQ(fitDocument.magnetCount, 0);
+    EXPECT_EQ(dir.read("chit.txt"), "1, 1, 1\n2.000000  0.400000\n");
+}
+
 TEST_F(InputFileTest, ATitleLineIsATitleAndNothingElse) {
     ASSERT_TRUE(read("TITLE Cu2, antiferromagnetic interaction J_VALUE1 keywd g_start=9\n"
                      "SPIN_ON_SITE1 1\nSPIN_ON_SITE2 1\nJ_VALUE1 -100 1\n"
@@ -195,6 +217,17 @@ TEST_F(InputFileTest, AFaultyProblemIsRefusedWithFileAndLineAndChangesNothing) {
         {dimer + "INTERACTION sites 1 and 2 coupled by J2\nT_CHI 2 1\n",
          "line 5: J2 is used, but only J1 to J1 are given."},
         {"SPIN_ON_SITE1 1\nT_CHI 0 1\n", "line 3: temperatures must be above 0 K."},
+        // The field, the weighting and the magnetization set.
+        {"KEYWD FIELD=1000\n", "line 2: FIELD=1000: the field of the chi data is given in tesla"},
+        {"KEYWD FIELD=-0.1\n", "line 2: FIELD=-0.1: the field"},
+        {"KEYWD WEIGHT=LOG\n", "line 2: WEIGHT=LOG is not a weighting"},
+        {"KEYWD M_WEIGHT=-1\n", "line 2: M_WEIGHT=-1: the weight of the magnetization data"},
+        {oneSite + "T_H_M 2 5\n", "line 5: The magnetization is missing."},
+        {oneSite + "T_H_M 2 50000 3.1\n", "line 5: the field 50000 is outside 0 to 100 T"},
+        {oneSite + "T_H_M 2 0 0\n", "line 5: the field 0 is outside"},
+        {oneSite + "T_H_M -2 1 0.5\n", "line 5: temperatures must be above 0 K."},
+        {oneSite + repeated("T_H_M 2 1 1\n", 1001),
+         "problem.qpi, line 1005: Maximum magnetization points are 1000 !"},
         {"", "problem.qpi: no spin site is given"},
         {"SPIN_ON_SITE1 1\n", "problem.qpi: no data pair is given"},
         // A file no input file comes near, refused before it is read.

@@ -61,6 +61,16 @@ std::unique_ptr<FitDocument> randomDocument(std::mt19937& rng, bool full) {
     if (doc->siteCount == 1) doc->interactionCount = 0;
     for (int n = 0; n < doc->pairCount; ++n)
         doc->pairs[slot(n + 1)] = {std::fabs(value()) / 2 + 0.001, value()};
+    // A field, weighting and magnetization set in some documents, none in others.
+    const auto positive = [&rng](double top) {
+        return std::uniform_real_distribution<double>(1e-3, top)(rng);
+    };
+    doc->field = below(3) == 1 ? positive(maxFieldTesla) : 0.0;
+    doc->weighting = below(2) == 1 ? Weighting::Relative : Weighting::Uniform;
+    doc->magnetCount = full ? maxMagnetPoints : below(3) == 1 ? below(30) : 0;
+    doc->magnetWeight = below(2) == 1 ? positive(100) : 1.0;
+    for (int n = 0; n < doc->magnetCount; ++n)
+        doc->magnetPoints[slot(n + 1)] = {positive(300), positive(maxFieldTesla), value()};
     return doc;
 }
 
@@ -89,6 +99,16 @@ void expectSameProblem(const FitDocument& read, const FitDocument& written) {
         EXPECT_EQ(a.siteA, b.siteA);
         EXPECT_EQ(a.siteB, b.siteB);
         EXPECT_EQ(a.parameterIndex, b.parameterIndex);
+    }
+    EXPECT_EQ(read.field, written.field);
+    EXPECT_EQ(read.weighting, written.weighting);
+    ASSERT_EQ(read.magnetCount, written.magnetCount);
+    EXPECT_EQ(read.magnetWeight, written.magnetWeight);
+    for (int n = 1; n <= read.magnetCount; ++n) {
+        const MagnetPoint &a = read.magnetPoints[slot(n)], &b = written.magnetPoints[slot(n)];
+        EXPECT_EQ(a.temperature, b.temperature);
+        EXPECT_EQ(a.field, b.field);
+        EXPECT_EQ(a.observed, b.observed);
     }
     for (int n = 1; n <= read.pairCount; ++n) {
         EXPECT_EQ(read.pairs[slot(n)].temperature, written.pairs[slot(n)].temperature);
@@ -138,6 +158,12 @@ TEST(InputWriterTest, ProblemsNameTheItemAndTheFileIsWrittenWholeOrNotAtAll) {
         {[](FitDocument& d) { d.interactions[0].parameterIndex = 7; },
          "Path 1 uses J3, but only J1 to J1 are given."},
         {[](FitDocument& d) { d.pairs[0].temperature = 0; }, "Pair 1: the temperature 0 K"},
+        {[](FitDocument& d) { d.field = 150; }, "Field: 150 T is outside 0 to 100 T."},
+        {[](FitDocument& d) {
+             d.magnetCount = 1;
+             d.magnetPoints[0] = {2, 0, 0};
+         },
+         "Magnetization point 1: the field 0 T is outside 0 to 100 T."},
         {[](FitDocument& d) { d.pairs[0].observed = NAN; }, "Pair 1, observed value: not a finite"},
         {[](FitDocument& d) { d.calculations[0].g.step = 1e9; }, "g step: 1e+09 is too large"},
         {[](FitDocument& d) { d.calculations[0].g.start = 0; }, "g start: 0 is not above 0."},

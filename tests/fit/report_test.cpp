@@ -270,6 +270,60 @@ TEST_F(ReportTest, WhatTheRunKnewIsKeptInLinesThatTheValuesReaderPassesOver) {
         EXPECT_LE(end - at + 1, static_cast<std::size_t>(reportLineLength)) << text.substr(at, end - at);
 }
 
+TEST_F(ReportTest, AMagnetizationSetGoesFromTheEngineOutputToTheReportAndBack) {
+    auto doc = smallDocument();
+    doc->calculationCount = 2;
+    doc->field = 0.1;
+    doc->weighting = Weighting::Relative;
+    doc->magnetWeight = 0.5;
+    doc->magnetCount = 2;
+    doc->magnetPoints[0] = {2.0, 1.0, 0.75};
+    doc->magnetPoints[1] = {2.0, 7.0, 1.98};
+    const std::string sets = "# sets 0.004 0.0085\n# magnetisation 2 1 2\n"
+                             "# 2 1 0.7612 0.75\n# 2 7 1.9764 1.98\n";
+    std::string problem;
+    ASSERT_TRUE(readEngineOutput(std::string(engineOutput) + sets +
+                                     "# correlation 2 1 5\n# 1 -0.25\n# -0.25 1\n",
+                                 *doc, problem))
+        << problem;
+    const Calculation& calc = doc->calculations[1];
+    EXPECT_EQ(calc.fittedMagnet[1], 1.9764);
+    EXPECT_EQ(calc.magnetDeviation, 0.0085);
+    EXPECT_EQ(calc.correlatedCount, 2); // the correlations after the set are still read
+
+    const std::string text = reportText(*doc, "date");
+    auto read = std::make_unique<FitDocument>();
+    read->calculationCount = 0;
+    ASSERT_TRUE(readReportText(text, *read, problem)) << problem;
+    EXPECT_EQ(reportText(*read, "date"), text);
+    EXPECT_EQ(read->field, 0.1);
+    EXPECT_EQ(read->weighting, Weighting::Relative);
+    EXPECT_EQ(read->magnetWeight, 0.5);
+    EXPECT_EQ(read->magnetPoints[1].field, 7.0);
+    EXPECT_EQ(read->calculations[1].fittedMagnet[0], 0.7612);
+
+    // Nothing of it holds a label the values are read by; a report read after it has no set.
+    std::string added;
+    for (const char* label : {"  Field Of The Susceptibility Data", "  Residuals Of The",
+                              "  Weight Of The", "\n  Fitted Magnetization:"}) {
+        const std::size_t at = text.find(label);
+        ASSERT_NE(at, std::string::npos) << label;
+        added += text.substr(at, text.find("\n*", at) - at);
+    }
+    for (const char* label : {"TITLE", "Spin Sites: ", "Interactions:", "Energy Unit: ",
+                              "Fitting Results - Calculation # ", "Fitted Parameters:",
+                              "Fitted J Values: ", "Total data pairs: ", "Tempreture (K)"})
+        EXPECT_EQ(added.find(label), std::string::npos) << label;
+    ASSERT_TRUE(readReportText(reportText(*smallDocument(), "date"), *read, problem)) << problem;
+    EXPECT_EQ(read->magnetCount, 0);
+    EXPECT_EQ(read->field, 0.0);
+
+    // The engine's set must be the problem's.
+    for (const std::string& wrong : {std::string(""), std::string("# magnetisation 1 1 1\n# 2 1 0.7 0.75\n"),
+                                     std::string("# magnetisation 2 1 2\n# 2 1 0.7 0.75\n# 3 7 1.9 1.98\n")})
+        EXPECT_FALSE(readEngineOutput(std::string(engineOutput) + wrong, *doc, problem)) << wrong;
+}
+
 TEST_F(ReportTest, TheEngineOutputFillsTheNewestCalculationOrIsRejectedWhole) {
     auto doc = smallDocument();
     doc->calculationCount = 2;
