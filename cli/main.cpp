@@ -85,7 +85,7 @@ int writePlot(const PlotRequest& request, const std::string& source) {
     }
     if (request.magnet && fitDocument.magnetCount <= 0) {
         std::fprintf(stderr,
-                     "corvane-fit: %s holds no magnetisation set, so there is no magnetisation "
+                     "corvane-fit: %s holds no magnetization set, so there is no magnetization "
                      "against field to draw (--mh).\n",
                      source.c_str());
         return exitPlotFailed;
@@ -116,7 +116,7 @@ void addPlotOptions(CLI::App* command, PlotRequest& request, bool required) {
     command->add_flag("--residuals", request.residuals,
                       "draw the residuals (observed minus calculated) in a panel under the plot");
     command->add_flag("--mh", request.magnet,
-                      "plot the magnetisation against the field, a curve per temperature");
+                      "plot the magnetization against the field, a curve per temperature");
 }
 
 const char* plural(int n, const char* one, const char* many) { return n == 1 ? one : many; }

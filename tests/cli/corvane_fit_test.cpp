@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <poll.h>
 #include <regex>
@@ -14,6 +15,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "fit/fit_document.h"
+#include "fit/report.h"
+#include "support/magnet_set.h"
 #include "support/stand_in_engine.h"
 #include "text/text.h"
 
@@ -342,10 +346,35 @@ TEST_F(CorvaneFit, PlotDrawsAReportOrTheFitJustMadeAsPngPdfOrSvg) {
     // Without a magnetisation set there is no magnetisation against field to draw.
     const Outcome noSet = run(dir, {"plot", report, "-o", dir.file("m.png"), "--mh"});
     EXPECT_EQ(noSet.exitCode, 5);
-    EXPECT_NE(noSet.err.find(report + " holds no magnetisation set"), std::string::npos)
+    EXPECT_NE(noSet.err.find(report + " holds no magnetization set"), std::string::npos)
         << noSet.err;
     // The engine worked in a folder of its own: nothing of it is left beside the input.
     EXPECT_EQ(dir.listing(), "chi.pdf d-nit2.qpi d-nit2.qpo fit.png plot.svg");
+}
+
+TEST_F(CorvaneFit, PlotMhDrawsTheMagnetizationAgainstTheFieldOfAReportThatHasASet) {
+    auto doc = std::make_unique<FitDocument>();
+    doc->title = "Cu2";
+    doc->siteCount = 2;
+    doc->sites[0].spin = doc->sites[1].spin = 1;
+    doc->interactions[0] = {1, 2, 5};
+    doc->pairCount = 2;
+    doc->pairs[0] = {2, 0.5};
+    doc->pairs[1] = {300, 0.7};
+    doc->calculationCount = 1;
+    doc->calculations[0].lastPair = 2;
+    testing::addMagnetSet(*doc);
+    const std::string report = dir.write("m.qpo", reportText(*doc, "d"));
+    const Outcome svg = run(dir, {"plot", report, "-o", dir.file("m.svg"), "--mh"});
+    ASSERT_EQ(svg.exitCode, 0) << svg.err;
+    const std::string drawn = dir.read("m.svg");
+    for (const char* text : {"Magnetic Field (T)", "2.01 K", "10 K"})
+        EXPECT_NE(drawn.find(text), std::string::npos) << text;
+    EXPECT_EQ(drawn.find("Temperature (K)"), std::string::npos);
+    EXPECT_EQ(run(dir, {"plot", report, "-o", dir.file("m.png"), "--mh", "--info", "--residuals"})
+                  .exitCode,
+              0);
+    EXPECT_EQ(dir.read("m.png").substr(1, 3), "PNG");
 }
 
 TEST_F(CorvaneFit, AFitStoppedAtTheIterationLimitIsExplainedWithoutTheEnginesWords) {
