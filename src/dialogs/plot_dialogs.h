@@ -2,8 +2,6 @@
 //
 //   SelectDOS    DL_SELDOS   the displayed temperature and chi ranges (Select > Customize)
 //   Label        DL_LABEL    axis titles, ranges, numbering and the label font (Preference)
-//
-// In the M view SelectDOS and Label edit that view's field and M axes, and say so.
 //   Style        DL_STYLE    colours, markers, line styles and pen width (Preference)
 //   Zoom         DL_ZOOM     a factor on the size of the frame (Zoom > Customize)
 //   Border       DL_BORDER   factors on its width and height (after Zoom, ratio not fixed)
@@ -12,7 +10,7 @@
 // A field that fails its check while the user types beeps and takes the focus back. OK refuses
 // values the plot cannot show (a range of zero width, an interval or factor not above 0, ...)
 // the same way and stores nothing; otherwise it stores every field at once. The caller repaints
-// after each.
+// after each. In the M view SelectDOS and Label edit that view's field and M axes, and say so.
 #pragma once
 
 #include <cstdint>
