@@ -18,9 +18,9 @@ using Box = std::vector<int>;
 
 TEST(MagnetGroups, PointsWithinFiveHundredthsOfAKelvinOrOnePercentShareATemperature) {
     resetFitDocument();
-    const MagnetPoint points[] = {{5.0, 1, 1}, {2.02, 2, 1},  {2.0, 3, 1},         {300, 1, 1},
-                                  {303, 2, 1}, {2.06, 1, 1}, {std::nan(""), 1, 1}, {10, 1, 1},
-                                  {2.0, 0.5, 1}};
+    const MagnetPoint points[] = {{5.0, 1, 1},          {2.02, 2, 1}, {2.0, 3, 1},
+                                  {300, 1, 1},          {303, 2, 1},  {2.06, 1, 1},
+                                  {std::nan(""), 1, 1}, {10, 1, 1},   {2.0, 0.5, 1}};
     fitDocument.magnetCount = 9;
     for (std::size_t i = 0; i < 9; ++i) fitDocument.magnetPoints[i] = points[i];
     std::vector<std::string> labels;
