@@ -572,7 +572,7 @@ int importCommand(const std::string& path, const ImportRequest& request) {
         if (request.mh) {
             std::printf("T_H_M %s %s %s\n", measuredText(row.temperature).c_str(),
                         measuredText(row.field / 1e4).c_str(),
-                        measuredText(magnetisation(row, sample)).c_str());
+                        measuredText(magnetization(row, sample)).c_str());
         } else {
             const double chi = molarSusceptibility(row, sample);
             std::printf("T_CHI %s %s\n", measuredText(row.temperature).c_str(),
@@ -661,7 +661,7 @@ int main(int argc, char** argv) {
     CLI::Option* chiFlag = importer->add_flag("--chi", request.chi, "chi in cm3 mol-1");
     CLI::Option* chiTFlag = importer->add_flag("--chit", request.chiT, "chiT in cm3 K mol-1");
     CLI::Option* mhFlag =
-        importer->add_flag("--mh", request.mh, "the magnetisation in N muB against the field in T");
+        importer->add_flag("--mh", request.mh, "the magnetization in N muB against the field in T");
     chiFlag->excludes(chiTFlag)->excludes(mhFlag);
     chiTFlag->excludes(mhFlag);
     CLI::Option* fieldOption =

@@ -104,7 +104,7 @@ std::vector<std::string> convertMoments(const corvane::MomentFile& file, const M
             for (const corvane::MomentRow& row : set.rows)
                 result.points.push_back({measuredText(row.temperature),
                                          measuredText(row.field / 1e4),
-                                         measuredText(corvane::magnetisation(row, sample))});
+                                         measuredText(corvane::magnetization(row, sample))});
             taken.push_back(formatC(
                 "%zu magnetization %s at %s K (%s)", set.rows.size(),
                 plural(set.rows.size(), "point", "points"), formatC("%.3g", set.level).c_str(),

@@ -131,7 +131,7 @@ void checkPairs(const ProblemForm& form, Checker& check) {
     }
 }
 
-void checkMagnetisation(const ProblemForm& form, Checker& check) {
+void checkMagnetization(const ProblemForm& form, Checker& check) {
     double field = 0;
     if (check.real(form.field, "The field of the data", field) &&
         (field < 0 || field > corvane::maxFieldTesla))
@@ -201,7 +201,7 @@ std::vector<std::string> formProblems(const ProblemForm& form) {
         check.count(form.paths.size(), corvane::maxInteractions, "exchange paths");
     checkPaths(form, check);
     checkPairs(form, check);
-    checkMagnetisation(form, check);
+    checkMagnetization(form, check);
 
     // What only the whole document shows (nothing, when the checks above are complete).
     if (problems.empty() && sitesFit && jFit && pathsFit) {

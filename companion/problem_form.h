@@ -20,7 +20,7 @@ struct PathText {
     std::string siteA, siteB, j; // j as "2" or "J2"
 };
 
-// One magnetisation point as text: T (K), H (T) and M (N muB).
+// One magnetization point as text: T (K), H (T) and M (N muB).
 struct MagnetText {
     std::string temperature, field, value;
 };

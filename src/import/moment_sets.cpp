@@ -146,7 +146,7 @@ double molarSusceptibility(const MomentRow& row, const Sample& sample) {
     return molarMoment(row, sample) / row.field - sample.diamagnetic;
 }
 
-double magnetisation(const MomentRow& row, const Sample& sample) {
+double magnetization(const MomentRow& row, const Sample& sample) {
     return (molarMoment(row, sample) - sample.diamagnetic * row.field) / molarBohrMagneton;
 }
 

@@ -1,11 +1,11 @@
 // From a magnetometer's moments to the data a fit takes: the rows at one field become molar
-// susceptibilities chi(T), the rows of a field loop at one temperature magnetisations M(H).
+// susceptibilities chi(T), the rows of a field loop at one temperature magnetizations M(H).
 //
 //   chi = (moment / H) * (molar mass / mass) - chi_dia                     cm3 mol-1
 //   M   = (moment * (molar mass / mass) - chi_dia * H) / (N muB)           N muB
 //
 // with the mass in g, H in Oe and N muB = 5584.938 emu mol-1. The diamagnetic correction
-// chi_dia (negative) is the user's; the magnetisation is corrected with it too, so that chi and
+// chi_dia (negative) is the user's; the magnetization is corrected with it too, so that chi and
 // M of one sample agree.
 #pragma once
 
@@ -37,7 +37,7 @@ std::string sampleProblem(const Sample& sample);
 double estimatedDiamagnetic(double molarMass);
 
 double molarSusceptibility(const MomentRow& row, const Sample& sample); // cm3 mol-1
-double magnetisation(const MomentRow& row, const Sample& sample);       // N muB
+double magnetization(const MomentRow& row, const Sample& sample);       // N muB
 
 // Two readings that stand for one set point: fields within 1 % or 1 Oe, temperatures within
 // 2 % or 0.1 K (whichever is wider).
@@ -57,13 +57,13 @@ struct Level {
 std::vector<Level> fieldLevels(const std::vector<MomentRow>& rows);
 std::vector<Level> temperatureLevels(const std::vector<MomentRow>& rows);
 
-// How the magnetisation set takes the rows at its temperature: the first branch on which the
+// How the magnetization set takes the rows at its temperature: the first branch on which the
 // field rises (from its start to where it stops rising; the virgin curve of a loop that starts
 // at 0), or every row; in both, only the rows with H > 0.
 enum class Branch { FirstRising, AllPositive };
 
 // The rows of a set in the file's order (the chi set sorted by temperature), and the set's
-// field (Oe; the chi set) or temperature (K; the magnetisation set).
+// field (Oe; the chi set) or temperature (K; the magnetization set).
 struct MomentSet {
     double level = 0.0;
     std::vector<MomentRow> rows;
@@ -79,7 +79,7 @@ bool chiSet(const MomentFile& file, std::optional<double> field, MomentSet& set,
 // H > 0), lowest first.
 std::vector<Level> loopTemperatures(const MomentFile& file);
 
-// The magnetisation set: the rows at `temperature` (K) or, without it, at the lowest
+// The magnetization set: the rows at `temperature` (K) or, without it, at the lowest
 // temperature with a field loop, taken as branch says. False, with a sentence in error naming
 // the file and the temperatures it has, when there is no such row.
 bool magnetSet(const MomentFile& file, std::optional<double> temperature, Branch branch,

@@ -1,6 +1,6 @@
 // A magnetometer's data files read and converted: the two MPMS3 files of tests/data/mpms against
 // the values their README gives, damaged copies of them, plain columns, and the choice of the
-// rows that form the chi and magnetisation sets.
+// rows that form the chi and magnetization sets.
 #include <gtest/gtest.h>
 #include <string>
 
@@ -102,8 +102,8 @@ TEST(MomentFile, TheVirginCurveAtTwoKelvinReachesEightBohrMagnetons) {
     EXPECT_EQ(set.rows.back().line, 41 + 20);
     for (std::size_t k = 1; k < set.rows.size(); ++k)
         EXPECT_GE(set.rows[k].field, set.rows[k - 1].field - 1.0);
-    EXPECT_NEAR(magnetisation(set.rows.back(), sample), 8.09, 0.01);
-    EXPECT_NEAR(magnetisation(set.rows.back(), {9.3, 1046.664, 0.0}), 8.09, 0.01);
+    EXPECT_NEAR(magnetization(set.rows.back(), sample), 8.09, 0.01);
+    EXPECT_NEAR(magnetization(set.rows.back(), {9.3, 1046.664, 0.0}), 8.09, 0.01);
 
     ASSERT_TRUE(magnetSet(file, 2.0, Branch::AllPositive, set, error)) << error;
     EXPECT_EQ(set.rows.size(), 221u);
