@@ -80,13 +80,16 @@ struct Column {
 // short and the file refused); a row without a number in one of the columns is skipped.
 class RowReader {
 public:
-    RowReader(const std::string& path, MomentFile& file) : path_(path), file_(file) {}
+    // comments: lines that begin with a comment mark are skipped (plain columns; an MPMS3 row
+    // may begin with a comment of the user's).
+    RowReader(const std::string& path, MomentFile& file, bool comments)
+        : path_(path), file_(file), comments_(comments) {}
 
     bool read(const std::vector<Line>& lines, std::size_t first, char mark, Column t, Column h,
               Column m, std::size_t needed, const std::string& neededText, std::string& error) {
         for (std::size_t k = first; k < lines.size(); ++k) {
             const Line& line = lines[k];
-            if (isBlank(line.text) || isComment(line.text)) continue;
+            if (isBlank(line.text) || (comments_ && isComment(line.text))) continue;
             const std::vector<std::string_view> fields = fieldsOf(line.text, mark);
             if (fields.size() < needed) {
                 error = formatC("%s, line %d: the row is cut short: it has %zu fields, %s.",
@@ -122,6 +125,7 @@ private:
 
     const std::string& path_;
     MomentFile& file_;
+    bool comments_;
 };
 
 // [SECTION] MPMS3
@@ -215,7 +219,7 @@ bool readMpms3(const std::vector<Line>& lines, const std::string& path, MomentFi
                         mpmsMomentColumns[2]);
         return false;
     }
-    RowReader reader(path, file);
+    RowReader reader(path, file, false);
     return reader.read(
         lines, head + 1, ',', columns[0], columns[1], {*moment, 1.0}, names.size(),
         formatC("the row of column names (line %d) %zu", header.number, names.size()), error);
@@ -258,7 +262,7 @@ NamedColumn columnNamed(std::string_view name) {
         column.scale = unitScale({{"k", 1.0}});
     } else if (isOneOf({"h", "b", "field", "magnetic field", "applied field"})) {
         column.quantity = Quantity::Field;
-        column.scale = unitScale({{"oe", 1.0}, {"koe", 1e3}, {"t", 1e4}, {"mt", 10.0}});
+        column.scale = unitScale({{"oe", 1.0}, {"g", 1.0}, {"koe", 1e3}, {"t", 1e4}, {"mt", 10.0}});
     } else if (isOneOf({"m", "moment", "magnetic moment", "long moment"})) {
         column.quantity = Quantity::Moment;
         column.scale = unitScale({{"emu", 1.0}});
@@ -280,7 +284,18 @@ bool readColumns(const std::vector<Line>& lines, const std::string& path, Moment
     const char mark = opening.find(',') != std::string_view::npos    ? ','
                       : opening.find('\t') != std::string_view::npos ? '\t'
                                                                      : ' ';
-    const std::vector<std::string_view> names = fieldsOf(opening, mark);
+    std::vector<std::string_view> names = fieldsOf(opening, mark);
+    // Between blanks, a unit in brackets belongs to the name before it: "Field (Oe)".
+    for (std::size_t k = 1; mark == ' ' && k < names.size();) {
+        if (names[k].empty() || (names[k].front() != '(' && names[k].front() != '[')) {
+            ++k;
+            continue;
+        }
+        const char* begin = names[k - 1].data();
+        names[k - 1] = std::string_view(
+            begin, static_cast<std::size_t>(names[k].data() + names[k].size() - begin));
+        names.erase(names.begin() + static_cast<std::ptrdiff_t>(k));
+    }
     double ignored = 0;
     const bool headed = !names.empty() && !parseReal(names[0], ignored);
     Column t{0, 1.0}, h{1, 1.0}, m{2, 1.0};
@@ -325,7 +340,7 @@ bool readColumns(const std::vector<Line>& lines, const std::string& path, Moment
         ++first;
     }
     file.momentColumn = headed ? std::string(names[m.index]) : "column 3";
-    RowReader reader(path, file);
+    RowReader reader(path, file, true);
     return reader.read(lines, first, mark, t, h, m, needed, neededText, error);
 }
 

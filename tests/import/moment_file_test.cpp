@@ -173,6 +173,13 @@ TEST(MomentFile, PlainColumnsWithOrWithoutAHeaderRow) {
     EXPECT_EQ(file.firstSkippedLine, 2);
     ASSERT_TRUE(readMomentText("  2  1000  0.5\r\n\r\n  3  1000  0.3\r\n", "b.txt", file, error));
     EXPECT_EQ(file.rows.size(), 2u);
+    // Blanks between the names too, the units in brackets after them.
+    ASSERT_TRUE(readMomentText("Temperature (K)  Field [T]  Moment (emu)\n2 0.1 0.5\n", "u.txt",
+                               file, error))
+        << error;
+    ASSERT_EQ(file.rows.size(), 1u);
+    EXPECT_EQ(file.rows[0].field, 1000.0);
+    EXPECT_EQ(file.momentColumn, "Moment (emu)");
 
     EXPECT_EQ(refusal("2 1000 0.5\n3 1000\n"),
               "damaged.dat, line 2: the row is cut short: it has 2 fields, the three of "
