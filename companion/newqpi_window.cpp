@@ -740,9 +740,7 @@ bool NewQpiWindow::importFile(const QString& path) {
         return false;
     }
     // An instrument's file holds moments, not values: the magnetometer import converts them.
-    if (contents.find("[Data]") != std::string::npos &&
-        contents.find("[Header]") != std::string::npos)
-        return importMomentFile(path);
+    if (corvane::isMpms3Text(contents)) return importMomentFile(path);
     if (!importText(contents, path)) return false;
     importedFrom(path, "");
     return true;

@@ -346,19 +346,21 @@ bool readColumns(const std::vector<Line>& lines, const std::string& path, Moment
 
 } // namespace
 
+bool isMpms3Text(std::string_view text) {
+    const std::vector<Line> lines = linesOf(text);
+    return std::any_of(lines.begin(), lines.end(), [](const Line& line) {
+        const std::string_view t = trimmed(line.text);
+        return t == "[Header]" || t == "[Data]";
+    });
+}
+
 bool readMomentText(std::string_view text, const std::string& path, MomentFile& file,
                     std::string& error) {
     if (text.substr(0, 3) == "\xEF\xBB\xBF") text.remove_prefix(3); // a byte-order mark
     const std::vector<Line> lines = linesOf(text);
     MomentFile read;
     read.path = path;
-    read.format = std::any_of(lines.begin(), lines.end(),
-                              [](const Line& line) {
-                                  const std::string_view t = trimmed(line.text);
-                                  return t == "[Header]" || t == "[Data]";
-                              })
-                      ? MomentFormat::Mpms3
-                      : MomentFormat::Columns;
+    read.format = isMpms3Text(text) ? MomentFormat::Mpms3 : MomentFormat::Columns;
     if (!(read.format == MomentFormat::Mpms3 ? readMpms3(lines, path, read, error)
                                              : readColumns(lines, path, read, error)))
         return false;

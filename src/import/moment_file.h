@@ -67,6 +67,9 @@ inline constexpr std::size_t maxMomentFileBytes = std::size_t{64} << 20;
 inline constexpr const char* mpmsMomentColumns[] = {"DC Moment Fixed Ctr (emu)", "Moment (emu)",
                                                     "DC Moment Free Ctr (emu)"};
 
+// True when text is an MPMS3 data file: a line of it is "[Header]" or "[Data]".
+bool isMpms3Text(std::string_view text);
+
 // Reads text, the contents of the file at path (which names it in messages). The format is
 // MPMS3 when a line is "[Header]" or "[Data]", else plain columns. The moment column of an
 // MPMS3 file is the first of mpmsMomentColumns that any row fills; its other rows are skipped,
