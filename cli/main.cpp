@@ -8,6 +8,9 @@
 //   corvane-fit plot FILE.qpo -o OUT.png|OUT.pdf|OUT.svg
 //                                  draws the plot of a report as the window shows it (--mh:
 //                                  its magnetisation against field)
+//   corvane-fit import FILE --chi|--chit|--mh
+//                                  prints a magnetometer file's moments as the T_CHI or T_H_M
+//                                  lines of an input file
 //
 // Messages go to the standard error stream; a failure gives a non-zero exit code.
 
@@ -20,6 +23,7 @@
 #include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 #include "fit/engine_run.h"
@@ -28,6 +32,8 @@
 #include "fit/report.h"
 #include "fit/results.h"
 #include "fit/run_cycle.h"
+#include "import/moment_file.h"
+#include "import/moment_sets.h"
 #include "plot/plot_settings.h"
 #include "qt/plot_export.h"
 #include "text/text.h"
@@ -461,6 +467,132 @@ int plotCommand(const std::string& path, const PlotRequest& plot) {
     return writePlot(plot, path);
 }
 
+// [SECTION] import
+
+// What import is asked for: the quantity, the sample's values the user gave, the set's field or
+// temperature.
+struct ImportRequest {
+    bool chi = false, chiT = false, mh = false;
+    bool allPositive = false; // every row with H > 0 at the temperature, not the first branch
+    std::optional<double> mass, molarMass, diamagnetic, field, temperature;
+};
+
+// The sample of file: each value as the user gave it or else from the header, saying so on the
+// error stream. False, after a sentence on the error stream, when a value is neither given nor
+// in the header, or cannot convert moments.
+bool importSample(const MomentFile& file, const ImportRequest& request, Sample& sample) {
+    const struct {
+        const std::optional<double>& given;
+        const HeaderValue& header;
+        double& value;
+        const char *what, *unit, *option;
+    } values[] = {
+        {request.mass, file.mass, sample.mass, "sample mass", "mg", "--mass MG"},
+        {request.molarMass, file.molarMass, sample.molarMass, "molar mass", "g mol-1",
+         "--molar-mass G_PER_MOL"},
+    };
+    for (const auto& v : values) {
+        if (v.given) {
+            v.value = *v.given;
+        } else if (v.header.given) {
+            v.value = v.header.value;
+            std::fprintf(stderr, "Using the %s %s %s from the file's header (%s).\n", v.what,
+                         formatC("%.10g", v.value).c_str(), v.unit, v.header.name.c_str());
+        } else {
+            std::fprintf(stderr, "corvane-fit: %s gives no %s (%s); give it with %s.\n",
+                         file.path.c_str(), v.what,
+                         file.format == MomentFormat::Mpms3
+                             ? ("its header has no " + v.header.name).c_str()
+                             : "a file of plain columns has no header values",
+                         v.option);
+            return false;
+        }
+    }
+    if (request.diamagnetic) sample.diamagnetic = *request.diamagnetic;
+    if (const std::string problem = sampleProblem(sample); !problem.empty()) {
+        std::fprintf(stderr, "corvane-fit: %s\n", problem.c_str());
+        return false;
+    }
+    if (request.diamagnetic) {
+        if (sample.diamagnetic > 0)
+            std::fprintf(stderr,
+                         "Note: --diamagnetic %s is positive; a diamagnetic susceptibility is "
+                         "negative, and the value given is subtracted as it is.\n",
+                         formatC("%g", sample.diamagnetic).c_str());
+        return true;
+    }
+    // SAMPLE_SIZE is only a lab's habit: it is named, never taken.
+    std::fprintf(stderr, "No diamagnetic correction is subtracted (--diamagnetic CM3_PER_MOL "
+                         "gives one).");
+    if (file.sampleSize.given)
+        std::fprintf(stderr,
+                     " The file's header holds %s = %s, which some labs use for the molar "
+                     "diamagnetic correction in cm3 mol-1: --diamagnetic %s subtracts it.",
+                     file.sampleSize.name.c_str(), formatC("%.10g", file.sampleSize.value).c_str(),
+                     formatC("%.10g", file.sampleSize.value).c_str());
+    std::fprintf(stderr,
+                 " A rough estimate from the molar mass (-0.5e-6 cm3 mol-1 per g mol-1) is %s "
+                 "cm3 mol-1.\n",
+                 formatC("%.3g", estimatedDiamagnetic(sample.molarMass)).c_str());
+    return true;
+}
+
+int importCommand(const std::string& path, const ImportRequest& request) {
+    MomentFile file;
+    std::string error;
+    if (!readMomentFile(path, file, error)) {
+        std::fprintf(stderr, "corvane-fit: %s\n", error.c_str());
+        return exitBadFile;
+    }
+    Sample sample;
+    if (!importSample(file, request, sample)) return exitUsage;
+    MomentSet set;
+    const bool found =
+        request.mh
+            ? magnetSet(file, request.temperature,
+                        request.allPositive ? Branch::AllPositive : Branch::FirstRising, set, error)
+            : chiSet(file, request.field, set, error);
+    if (!found) {
+        std::fprintf(stderr, "corvane-fit: %s\n", error.c_str());
+        return exitBadFile;
+    }
+    const int n = static_cast<int>(set.rows.size());
+    std::fprintf(stderr, "%d %s from %s, with the moment from \"%s\"", n, plural(n, "row", "rows"),
+                 path.c_str(), file.momentColumn.c_str());
+    if (file.skippedRows > 0)
+        std::fprintf(stderr,
+                     "; %d %s without a number in a needed column skipped (the first on "
+                     "line %d)",
+                     file.skippedRows, plural(file.skippedRows, "row", "rows"),
+                     file.firstSkippedLine);
+    if (request.mh) {
+        std::fprintf(stderr, ": M(H) at %s K, %s.\n", formatC("%.3g", set.level).c_str(),
+                     request.allPositive ? "every row with H > 0"
+                                         : "the first branch on which the field rises, H > 0");
+    } else {
+        const double first = set.rows.front().temperature, last = set.rows.back().temperature;
+        std::fprintf(stderr,
+                     ": %s from %s to %s K at %s Oe (in an input file: KEYWD FIELD=%s%s).\n",
+                     request.chiT ? "chiT" : "chi", formatC("%.3g", first).c_str(),
+                     formatC("%.3g", last).c_str(), formatC("%.5g", set.level).c_str(),
+                     measuredText(set.level / 1e4).c_str(), request.chiT ? " DATA_FILE=XTT" : "");
+    }
+    const int limit = request.mh ? maxMagnetPoints : maxPairs;
+    if (n > limit) std::fprintf(stderr, "Note: an input file holds at most %d of them.\n", limit);
+    for (const MomentRow& row : set.rows) {
+        if (request.mh) {
+            std::printf("T_H_M %s %s %s\n", measuredText(row.temperature).c_str(),
+                        measuredText(row.field / 1e4).c_str(),
+                        measuredText(magnetization(row, sample)).c_str());
+        } else {
+            const double chi = molarSusceptibility(row, sample);
+            std::printf("T_CHI %s %s\n", measuredText(row.temperature).c_str(),
+                        measuredText(request.chiT ? chi * row.temperature : chi).c_str());
+        }
+    }
+    return exitOk;
+}
+
 // A command line that is not understood: what is wrong, then how the command it names is used,
 // on the error stream. With no arguments at all, the usage alone.
 int usageError(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
@@ -468,7 +600,8 @@ int usageError(const CLI::App& app, const CLI::ParseError& error, int argc, char
     if (argc > 1 && commands.empty())
         std::fprintf(
             stderr,
-            "corvane-fit: %s is not %s; give one of the commands prepare, run, export or plot.\n",
+            "corvane-fit: %s is not %s; give one of the commands prepare, run, export, plot or "
+            "import.\n",
             argv[1], argv[1][0] == '-' ? "an option" : "a command");
     else if (argc > 1)
         std::fprintf(stderr, "corvane-fit: %s\n", error.what());
@@ -487,7 +620,8 @@ int main(int argc, char** argv) {
     app.footer("Exit codes: 0 done, 1 a file that cannot be read, 2 no engine, 3 the engine left "
                "no results, 4 interrupted (the report holds the best fit so far; after a second "
                "Ctrl-C it is left as it was), 5 the plot could not be written, 6 the standard "
-               "output could not be written, 64 a command line that is not understood.\n"
+               "output could not be written, 64 a command line that is not understood (for import, "
+               "also a sample value that is missing or not above 0).\n"
                "The engine is corefit beside corvane-fit or on PATH; CORVANE_ENGINE names "
                "another.");
 
@@ -520,8 +654,47 @@ int main(int argc, char** argv) {
     plotter->add_option("FILE", path, "results report (.qpo)")->required();
     addPlotOptions(plotter, plot, true);
 
+    CLI::App* importer = app.add_subcommand(
+        "import", "Print a magnetometer's data file (MPMS3 .dat, or columns of T in K, H in Oe "
+                  "and the moment in emu) as the T_CHI or T_H_M lines of an input file.");
+    importer->add_option("FILE", path, "the magnetometer's data file")->required();
+    ImportRequest request;
+    double mass = 0, molarMass = 0, diamagnetic = 0, field = 0, temperature = 0;
+    CLI::Option* massOption = importer->add_option(
+        "--mass", mass, "sample mass in mg (default: the file header's SAMPLE_MASS)");
+    CLI::Option* molarOption = importer->add_option(
+        "--molar-mass", molarMass,
+        "molar mass in g mol-1 (default: the file header's SAMPLE_MOLECULAR_WEIGHT)");
+    CLI::Option* diamagneticOption = importer->add_option(
+        "--diamagnetic", diamagnetic,
+        "molar diamagnetic correction chi_dia in cm3 mol-1 (negative), subtracted from chi and "
+        "from M (default: none)");
+    CLI::Option* chiFlag = importer->add_flag("--chi", request.chi, "chi in cm3 mol-1");
+    CLI::Option* chiTFlag = importer->add_flag("--chit", request.chiT, "chiT in cm3 K mol-1");
+    CLI::Option* mhFlag =
+        importer->add_flag("--mh", request.mh, "the magnetization in N muB against the field in T");
+    chiFlag->excludes(chiTFlag)->excludes(mhFlag);
+    chiTFlag->excludes(mhFlag);
+    CLI::Option* fieldOption =
+        importer->add_option("--field", field,
+                             "with --chi or --chit: the field of the rows, in Oe (default: the "
+                             "field most rows have)");
+    fieldOption->excludes(mhFlag);
+    CLI::Option* temperatureOption = importer->add_option(
+        "--temperature", temperature,
+        "with --mh: the temperature of the field loop, in K (default: the lowest one with a "
+        "field loop)");
+    CLI::Option* allFlag = importer->add_flag(
+        "--all-positive", request.allPositive,
+        "with --mh: every row with H > 0 at the temperature, not only the first branch on which "
+        "the field rises");
+    temperatureOption->excludes(chiFlag)->excludes(chiTFlag);
+    allFlag->excludes(chiFlag)->excludes(chiTFlag);
+
     try {
         app.parse(argc, argv);
+        if (importer->parsed() && !request.chi && !request.chiT && !request.mh)
+            throw CLI::ValidationError("import: give one of --chi, --chit or --mh");
     } catch (const CLI::Success& done) { // --help, --version
         return app.exit(done);
     } catch (const CLI::ParseError& error) {
@@ -540,6 +713,17 @@ int main(int argc, char** argv) {
         code = plotCommand(path, plot);
     else if (exporter->parsed())
         code = exportCommand(path, csv);
+    else if (importer->parsed()) {
+        const auto given = [](const CLI::Option* option, double value) {
+            return option->count() > 0 ? std::optional<double>(value) : std::nullopt;
+        };
+        request.mass = given(massOption, mass);
+        request.molarMass = given(molarOption, molarMass);
+        request.diamagnetic = given(diamagneticOption, diamagnetic);
+        request.field = given(fieldOption, field);
+        request.temperature = given(temperatureOption, temperature);
+        code = importCommand(path, request);
+    }
     // What was printed must have reached its file: a full disk or a closed pipe is a failure.
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         std::fprintf(stderr, "corvane-fit: cannot write to the standard output: %s\n",

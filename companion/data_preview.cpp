@@ -21,9 +21,11 @@ DataPreview::DataPreview(QWidget* parent) : QWidget(parent) {
     setToolTip(tr("The imported data: each pair as a point, the value against T"));
 }
 
-void DataPreview::setPairs(QVector<QPointF> pairs, const QString& valueName) {
+void DataPreview::setPairs(QVector<QPointF> pairs, const QString& valueName,
+                           const QString& argumentName) {
     pairs_ = std::move(pairs);
     valueName_ = valueName;
+    argumentName_ = argumentName;
     update();
 }
 
@@ -124,7 +126,7 @@ void DataPreview::paintEvent(QPaintEvent*) {
     painter.setPen(palette().color(QPalette::Text));
     const QRect below(frame.left(), frame.bottom() + 2, frame.width(), metrics.height());
     painter.drawText(below, Qt::AlignLeft | Qt::AlignTop, a.tLowText);
-    painter.drawText(below, Qt::AlignHCenter | Qt::AlignTop, tr("T (K)"));
+    painter.drawText(below, Qt::AlignHCenter | Qt::AlignTop, argumentName_);
     painter.drawText(below, Qt::AlignRight | Qt::AlignTop, a.tHighText);
     const QRect side(0, frame.top(), frame.left() - sideGap, frame.height());
     painter.drawText(side, Qt::AlignRight | Qt::AlignTop, a.vHighText);

@@ -1,5 +1,6 @@
-// A small plot of the measured pairs: the value against T, each pair a marker, with the range
-// of each axis written at its ends. Pairs that are not numbers are left out.
+// A small plot of the measured pairs: the value against T (or against the field), each pair a
+// marker, with the range of each axis written at its ends. Pairs that are not numbers are left
+// out.
 #pragma once
 
 #include <QPointF>
@@ -18,7 +19,9 @@ QString axisEndText(double value, double low, double high);
 class DataPreview final : public QWidget {
 public:
     explicit DataPreview(QWidget* parent = nullptr);
-    void setPairs(QVector<QPointF> pairs, const QString& valueName);
+    // The points (argument, value) and the names of the axes.
+    void setPairs(QVector<QPointF> pairs, const QString& valueName,
+                  const QString& argumentName = QStringLiteral("T (K)"));
     QSize sizeHint() const override { return {320, 170}; }
 
     // What the preview writes beside its frame, and the frame: the side column left of the
@@ -35,7 +38,7 @@ protected:
 
 private:
     QVector<QPointF> pairs_;
-    QString valueName_;
+    QString valueName_, argumentName_ = QStringLiteral("T (K)");
 };
 
 } // namespace newqpi

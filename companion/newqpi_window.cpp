@@ -24,6 +24,7 @@
 #include <QSpinBox>
 #include <QStatusBar>
 #include <QStyle>
+#include <QTabWidget>
 #include <QTableWidget>
 #include <QVBoxLayout>
 #include <algorithm>
@@ -32,6 +33,8 @@
 #include "data_preview.h"
 #include "fit/input_file.h"
 #include "fit/input_writer.h"
+#include "import/moment_file.h"
+#include "moment_dialog.h"
 #include "platform/files.h"
 #include "platform/messages.h"
 #include "qpname/qpname.h"
@@ -162,6 +165,7 @@ NewQpiWindow::NewQpiWindow() {
             this, tr("Import measured data"), QFileInfo(importedSource_).absolutePath(),
             tr("Data files (*.txt *.csv *.tsv *.dat);;All files (*)"));
     };
+    runMomentDialog = [](MomentDialog& dialog) { return dialog.exec() == QDialog::Accepted; };
     chooseOpenPath = [this] {
         return QFileDialog::getOpenFileName(this, tr("Open an input file"), QString(),
                                             tr("Fitting input files (*.qpi);;All files (*)"));
@@ -373,8 +377,12 @@ QWidget* NewQpiWindow::buildData() {
     auto* paste = new QPushButton(tr("Pas&te"), box);
     paste->setToolTip(tr("Takes T and the value from the clipboard, as copied from a "
                          "spreadsheet (Ctrl+Shift+V)"));
+    auto* magnetometer = new QPushButton(tr("Mag&netometer..."), box);
+    magnetometer->setToolTip(tr("Reads a magnetometer's file (MPMS3 .dat, or columns of T, H and "
+                                "the moment) and converts its moments to chi, chiT or the "
+                                "magnetization (Ctrl+M)"));
     auto* remove = new QPushButton(tr("Remo&ve"), box);
-    remove->setToolTip(tr("Removes the selected pairs"));
+    remove->setToolTip(tr("Removes the selected rows of the table shown"));
     valueColumn_ = new QSpinBox(box);
     valueColumn_->setRange(2, 99);
     valueColumn_->setToolTip(tr("The column of the file that holds the value (T is column 1)"));
@@ -382,18 +390,47 @@ QWidget* NewQpiWindow::buildData() {
     columnLabel->setBuddy(valueColumn_);
     top->addWidget(import);
     top->addWidget(paste);
+    top->addWidget(magnetometer);
     top->addWidget(remove);
     top->addStretch(1);
-    top->addWidget(columnLabel);
-    top->addWidget(valueColumn_);
     layout->addLayout(top);
+    // The chi or chiT pairs with their field, and the magnetization points, each in a tab of
+    // its own with its table and preview.
+    dataTabs_ = new QTabWidget(box);
+    auto* pairsTab = new QWidget(dataTabs_);
+    auto* pairsLayout = new QVBoxLayout(pairsTab);
+    auto* fieldRow = new QHBoxLayout;
+    field_ = numberField(tr("The field at which the pairs were measured, in tesla; 0 for the "
+                            "zero-field limit"),
+                         pairsTab);
+    auto* fieldLabel = new QLabel(tr("Fiel&d (T):"), pairsTab);
+    fieldLabel->setBuddy(field_);
+    fieldRow->addWidget(fieldLabel);
+    fieldRow->addWidget(field_);
+    fieldRow->addStretch(1);
+    fieldRow->addWidget(columnLabel);
+    fieldRow->addWidget(valueColumn_);
+    pairsLayout->addLayout(fieldRow);
     auto* body = new QHBoxLayout;
-    data_ = makeTable({tr("T (K)"), valueHeader(corvane::DataKind::ChiT)}, box);
+    data_ = makeTable({tr("T (K)"), valueHeader(corvane::DataKind::ChiT)}, pairsTab);
     data_->setToolTip(tr("The measured pairs, up to %1; a value can be corrected in place").arg(corvane::maxPairs));
-    preview_ = new DataPreview(box);
+    preview_ = new DataPreview(pairsTab);
     body->addWidget(data_, 1);
     body->addWidget(preview_, 1);
-    layout->addLayout(body, 1);
+    pairsLayout->addLayout(body, 1);
+    dataTabs_->addTab(pairsTab, tr("chi or chiT against T"));
+    auto* magnetTab = new QWidget(dataTabs_);
+    auto* magnetLayout = new QHBoxLayout(magnetTab);
+    magnet_ = makeTable({tr("T (K)"), tr("H (T)"), tr("M (N muB)")}, magnetTab);
+    magnet_->setToolTip(tr("The magnetization points, up to %1, each at its temperature and "
+                           "field; a value can be corrected in place")
+                            .arg(corvane::maxMagnetPoints));
+    magnetPreview_ = new DataPreview(magnetTab);
+    magnetPreview_->setToolTip(tr("The magnetization points, M against H"));
+    magnetLayout->addWidget(magnet_, 1);
+    magnetLayout->addWidget(magnetPreview_, 1);
+    dataTabs_->addTab(magnetTab, tr("M against H"));
+    layout->addWidget(dataTabs_, 1);
     dataNote_ = new QLabel(tr("Import a file or paste from a spreadsheet: T in the first "
                               "column."),
                            box);
@@ -404,16 +441,26 @@ QWidget* NewQpiWindow::buildData() {
         if (!path.isEmpty()) importFile(path);
     });
     connect(paste, &QPushButton::clicked, this, &NewQpiWindow::pasteData);
-    connect(remove, &QPushButton::clicked, this, [this] { removeSelectedRows(data_); });
+    connect(magnetometer, &QPushButton::clicked, this, [this] {
+        const QString path = chooseImportPath();
+        if (!path.isEmpty()) importMomentFile(path);
+    });
+    connect(remove, &QPushButton::clicked, this,
+            [this] { removeSelectedRows(dataTabs_->currentIndex() == 0 ? data_ : magnet_); });
     // In the table, Delete removes the selected pairs and Ctrl+V pastes a whole data set.
     auto* del = new QShortcut(QKeySequence::Delete, data_, nullptr, nullptr,
                               Qt::WidgetWithChildrenShortcut);
     connect(del, &QShortcut::activated, this, [this] { removeSelectedRows(data_); });
+    auto* delPoints = new QShortcut(QKeySequence::Delete, magnet_, nullptr, nullptr,
+                                    Qt::WidgetWithChildrenShortcut);
+    connect(delPoints, &QShortcut::activated, this, [this] { removeSelectedRows(magnet_); });
     auto* pasteKey =
         new QShortcut(QKeySequence::Paste, data_, nullptr, nullptr, Qt::WidgetWithChildrenShortcut);
     connect(pasteKey, &QShortcut::activated, this, &NewQpiWindow::pasteData);
     connect(valueColumn_, &QSpinBox::valueChanged, this, &NewQpiWindow::reimport);
     connect(data_, &QTableWidget::itemChanged, this, &NewQpiWindow::changed);
+    connect(magnet_, &QTableWidget::itemChanged, this, &NewQpiWindow::changed);
+    connect(field_, &QLineEdit::textChanged, this, &NewQpiWindow::changed);
     return box;
 }
 
@@ -433,6 +480,10 @@ void NewQpiWindow::buildMenu() {
     add(tr("&Import Data..."), QKeySequence(tr("Ctrl+I")), [this] {
         const QString path = chooseImportPath();
         if (!path.isEmpty()) importFile(path);
+    });
+    add(tr("Import &Magnetometer File..."), QKeySequence(tr("Ctrl+M")), [this] {
+        const QString path = chooseImportPath();
+        if (!path.isEmpty()) importMomentFile(path);
     });
     add(tr("&Paste Data"), QKeySequence(tr("Ctrl+Shift+V")), [this] { pasteData(); });
     file->addSeparator();
@@ -476,6 +527,10 @@ void NewQpiWindow::setForm(const ProblemForm& form) {
     }
     setPaths(form.paths);
     setPairs(form.pairs);
+    field_->setText(qs(form.field));
+    setMagnetPoints(form.magnetPoints);
+    weighting_ = form.weighting;
+    magnetWeight_ = form.magnetWeight;
     filling_ = false;
     check();
 }
@@ -529,6 +584,21 @@ void NewQpiWindow::setPaths(const std::vector<PathText>& paths) {
     filling_ = wasFilling;
 }
 
+void NewQpiWindow::setMagnetPoints(const std::vector<MagnetText>& points) {
+    const bool wasFilling = filling_;
+    filling_ = true;
+    magnet_->setRowCount(0);
+    magnet_->setRowCount(static_cast<int>(points.size()));
+    int row = 0;
+    for (const MagnetText& point : points) {
+        magnet_->setItem(row, 0, new QTableWidgetItem(qs(point.temperature)));
+        magnet_->setItem(row, 1, new QTableWidgetItem(qs(point.field)));
+        magnet_->setItem(row, 2, new QTableWidgetItem(qs(point.value)));
+        ++row;
+    }
+    filling_ = wasFilling;
+}
+
 void NewQpiWindow::setPairs(const std::vector<PairText>& pairs) {
     const bool wasFilling = filling_;
     filling_ = true;
@@ -564,6 +634,12 @@ ProblemForm NewQpiWindow::form() const {
             {cellText(paths_, row, 0), cellText(paths_, row, 1), cellText(paths_, row, 2)});
     for (int row = 0; row < data_->rowCount(); ++row)
         form.pairs.push_back({cellText(data_, row, 0), cellText(data_, row, 1)});
+    form.field = text(field_->text());
+    for (int row = 0; row < magnet_->rowCount(); ++row)
+        form.magnetPoints.push_back(
+            {cellText(magnet_, row, 0), cellText(magnet_, row, 1), cellText(magnet_, row, 2)});
+    form.weighting = weighting_;
+    form.magnetWeight = magnetWeight_;
     return form;
 }
 
@@ -597,6 +673,13 @@ void NewQpiWindow::check() {
             points.push_back({t, v});
     }
     preview_->setPairs(points, QString::fromLatin1(observedName(now.dataKind)));
+    QVector<QPointF> magnet;
+    for (const MagnetText& point : now.magnetPoints) {
+        double h = 0, m = 0;
+        if (corvane::parseReal(point.field, h) && corvane::parseReal(point.value, m))
+            magnet.push_back({h, m});
+    }
+    magnetPreview_->setPairs(magnet, tr("M (N muB)"), tr("H (T)"));
 }
 
 QStringList NewQpiWindow::problems() const {
@@ -656,12 +739,48 @@ bool NewQpiWindow::importFile(const QString& path) {
                             corvane::mbOk | corvane::mbIconExclamation);
         return false;
     }
+    // An instrument's file holds moments, not values: the magnetometer import converts them.
+    if (corvane::isMpms3Text(contents)) return importMomentFile(path);
     if (!importText(contents, path)) return false;
+    importedFrom(path, "");
+    return true;
+}
+
+void NewQpiWindow::importedFrom(const QString& path, const std::string& material) {
     const QFileInfo file(path);
     if (suggestedPath_.isEmpty())
         suggestedPath_ = file.absolutePath() + QLatin1Char('/') + file.completeBaseName() +
                          QStringLiteral(".qpi");
-    if (title_->text().isEmpty()) title_->setText(file.completeBaseName());
+    if (title_->text().isEmpty())
+        title_->setText(material.empty() ? file.completeBaseName() : qs(material));
+}
+
+bool NewQpiWindow::importMomentFile(const QString& path) {
+    corvane::MomentFile file;
+    std::string error;
+    if (!corvane::readMomentFile(path.toStdString(), file, error)) {
+        corvane::messageBox(error, "Import", corvane::mbOk | corvane::mbIconExclamation);
+        return false;
+    }
+    const std::string material = file.material;
+    MomentDialog dialog(std::move(file), static_cast<corvane::DataKind>(observed_->currentIndex()),
+                        this);
+    if (!runMomentDialog(dialog) || !dialog.problems().empty()) return false;
+    const MomentChoice choice = dialog.choice();
+    const ConvertedMoments& converted = dialog.converted();
+    // A set not chosen leaves what the form holds of it as it was.
+    if (choice.chiSet) {
+        observed_->setCurrentIndex(static_cast<int>(choice.kind));
+        setPairs(converted.pairs);
+        field_->setText(qs(converted.field));
+        importedText_.clear(); // the value column no longer applies
+    }
+    if (choice.magnetSet) setMagnetPoints(converted.points);
+    dataTabs_->setCurrentIndex(choice.chiSet ? 0 : 1);
+    dataNote_->setText(qs(converted.summary));
+    importedSource_ = path;
+    importedFrom(path, material);
+    changed();
     return true;
 }
 
@@ -696,7 +815,12 @@ bool NewQpiWindow::openInputFile(const QString& path) {
     setForm(formOf(*doc));
     suggestedPath_ = QFileInfo(path).absoluteFilePath();
     importedText_.clear();
-    dataNote_->setText(tr("%1 pairs from %2.").arg(doc->pairCount).arg(QFileInfo(path).fileName()));
+    dataNote_->setText(doc->magnetCount == 0
+                           ? tr("%1 pairs from %2.").arg(doc->pairCount).arg(QFileInfo(path).fileName())
+                           : tr("%1 pairs and %2 magnetization points from %3.")
+                                 .arg(doc->pairCount)
+                                 .arg(doc->magnetCount)
+                                 .arg(QFileInfo(path).fileName()));
     setWindowTitle(tr("newQPI: %1").arg(QFileInfo(path).fileName()));
     edited_ = false;
     return true;

@@ -17,11 +17,13 @@ class QLineEdit;
 class QListWidget;
 class QPushButton;
 class QSpinBox;
+class QTabWidget;
 class QTableWidget;
 
 namespace newqpi {
 
 class DataPreview;
+class MomentDialog;
 
 class NewQpiWindow final : public QMainWindow {
 public:
@@ -33,7 +35,13 @@ public:
     // Imports pairs from text with its value in the column chosen; source names it in messages
     // and the status line. False, after a message, when there are none.
     bool importText(const std::string& text, const QString& source);
+    // A text table as importText reads it; a magnetometer's MPMS3 file as importMomentFile.
     bool importFile(const QString& path);
+    // A magnetometer's file (MPMS3, or columns of T, H and moment): read, then the sample's
+    // values and the sets chosen in the dialog; the chosen sets replace the form's pairs (with
+    // their field and kind) or magnetization points. False, after a message, when the file
+    // cannot be read, or when the dialog is cancelled.
+    bool importMomentFile(const QString& path);
 
     // The form as the fields hold it, and its problems as last shown.
     ProblemForm form() const;
@@ -52,6 +60,8 @@ public:
     std::function<QString(const QString& suggested)> chooseSavePath;
     std::function<QString()> chooseImportPath;
     std::function<QString()> chooseOpenPath;
+    // Runs the magnetometer dialog; true when the user accepts it. Replaced by the tests.
+    std::function<bool(MomentDialog&)> runMomentDialog;
 
     // The fields, for the tests.
     QLineEdit* titleField() const { return title_; }
@@ -61,6 +71,9 @@ public:
     QTableWidget* jTable() const { return jValues_; }
     QTableWidget* pathsTable() const { return paths_; }
     QTableWidget* dataTable() const { return data_; }
+    QTableWidget* magnetTable() const { return magnet_; }
+    QLineEdit* fieldField() const { return field_; }
+    QComboBox* observedField() const { return observed_; }
     QComboBox* unitField() const { return unit_; }
     QPushButton* saveButton() const { return saveButton_; }
 
@@ -85,6 +98,9 @@ private:
     void setSiteCount(int count);
     void setJCount(int count);
     void setPairs(const std::vector<PairText>& pairs);
+    void setMagnetPoints(const std::vector<MagnetText>& points);
+    // The save name and the title a data file suggests, where none is given yet.
+    void importedFrom(const QString& path, const std::string& material);
     void setPaths(const std::vector<PathText>& paths);
     void addShape(PathShape shape);
     void pasteData();
@@ -108,8 +124,12 @@ private:
     QLineEdit* shapeSites_;
     QSpinBox* shapeJ_;
     QSpinBox* valueColumn_;
+    QTabWidget* dataTabs_;
+    QLineEdit* field_;
     QTableWidget* data_;
     DataPreview* preview_;
+    QTableWidget* magnet_;
+    DataPreview* magnetPreview_;
     QLabel* dataNote_;
     QListWidget* problems_;
     QPushButton* saveButton_;
@@ -119,6 +139,9 @@ private:
     QString importedSource_;
     QString suggestedPath_; // offered in the save dialog
     std::string qpnameToken_;
+    // As the input file opened gives them: newQPI keeps them, it does not change them.
+    corvane::Weighting weighting_ = corvane::Weighting::Uniform;
+    double magnetWeight_ = 1.0;
     bool filling_ = false;  // the program, not the user, is changing the fields
     bool edited_ = false;   // the user has changed something since the start or the last open
     bool done_ = false;     // saved (or cancelled): closing asks nothing

@@ -131,6 +131,27 @@ void checkPairs(const ProblemForm& form, Checker& check) {
     }
 }
 
+void checkMagnetization(const ProblemForm& form, Checker& check) {
+    double field = 0;
+    if (check.real(form.field, "The field of the data", field) &&
+        (field < 0 || field > corvane::maxFieldTesla))
+        check.add(formatC("The field of the data, %s T, is not within 0 to %g T.",
+                          form.field.c_str(), corvane::maxFieldTesla));
+    check.count(form.magnetPoints.size(), corvane::maxMagnetPoints, "magnetization points");
+    int n = 0;
+    for (const MagnetText& point : form.magnetPoints) {
+        const std::string at = formatC("Magnetization point %d: the ", ++n);
+        double value = 0;
+        if (check.real(point.temperature, at + "temperature", value) && value <= 0)
+            check.add(at + "temperature " + point.temperature + " K is not above 0 K.");
+        if (check.real(point.field, at + "field", value) &&
+            (value <= 0 || value > corvane::maxFieldTesla))
+            check.add(formatC("%sfield %s T is not above 0 and up to %g T.", at.c_str(),
+                              point.field.c_str(), corvane::maxFieldTesla));
+        check.real(point.value, at + "magnetization", value);
+    }
+}
+
 double number(const std::string& text) {
     double value = 0;
     corvane::parseReal(text, value);
@@ -180,6 +201,7 @@ std::vector<std::string> formProblems(const ProblemForm& form) {
         check.count(form.paths.size(), corvane::maxInteractions, "exchange paths");
     checkPaths(form, check);
     checkPairs(form, check);
+    checkMagnetization(form, check);
 
     // What only the whole document shows (nothing, when the checks above are complete).
     if (problems.empty() && sitesFit && jFit && pathsFit) {
@@ -211,6 +233,16 @@ void fillDocument(const ProblemForm& form, corvane::FitDocument& doc) {
     for (int n = 1; n <= doc.pairCount; ++n)
         doc.pairs[slot(n)] = {number(form.pairs[slot(n)].temperature),
                               number(form.pairs[slot(n)].value)};
+    doc.field = number(form.field);
+    doc.weighting = form.weighting;
+    doc.magnetWeight = form.magnetWeight;
+    doc.magnetCount =
+        static_cast<int>(std::min<std::size_t>(form.magnetPoints.size(), corvane::maxMagnetPoints));
+    for (int n = 1; n <= doc.magnetCount; ++n) {
+        const MagnetText& point = form.magnetPoints[slot(n)];
+        doc.magnetPoints[slot(n)] = {number(point.temperature), number(point.field),
+                                     number(point.value)};
+    }
     doc.calculationCount = 1;
     doc.currentCalculation = -1;
     corvane::Calculation& calc = doc.calculations[slot(1)];
@@ -245,6 +277,14 @@ ProblemForm formOf(const corvane::FitDocument& doc) {
     for (int n = 1; n <= doc.pairCount; ++n)
         form.pairs.push_back(
             {numberText(doc.pairs[slot(n)].temperature), numberText(doc.pairs[slot(n)].observed)});
+    form.field = numberText(doc.field);
+    for (int n = 1; n <= doc.magnetCount; ++n) {
+        const corvane::MagnetPoint& point = doc.magnetPoints[slot(n)];
+        form.magnetPoints.push_back(
+            {numberText(point.temperature), numberText(point.field), numberText(point.observed)});
+    }
+    form.weighting = doc.weighting;
+    form.magnetWeight = doc.magnetWeight;
     return form;
 }
 

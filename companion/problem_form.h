@@ -20,6 +20,11 @@ struct PathText {
     std::string siteA, siteB, j; // j as "2" or "J2"
 };
 
+// One magnetization point as text: T (K), H (T) and M (N muB).
+struct MagnetText {
+    std::string temperature, field, value;
+};
+
 struct ProblemForm {
     std::string title;
     corvane::DataKind dataKind = corvane::DataKind::ChiT;
@@ -33,6 +38,11 @@ struct ProblemForm {
     std::vector<ParameterText> jValues; // J1, J2, ...
     std::vector<PathText> paths;        // exchange paths
     std::vector<PairText> pairs;        // measured pairs
+    std::string field = "0";            // T, at which the pairs were measured (0: zero field)
+    std::vector<MagnetText> magnetPoints;
+    // Kept as an opened input file gives them; the form does not change them.
+    corvane::Weighting weighting = corvane::Weighting::Uniform;
+    double magnetWeight = 1.0;
 };
 
 // A new J value's start and step.

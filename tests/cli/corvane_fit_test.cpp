@@ -128,8 +128,8 @@ TEST_F(CorvaneFit, FailuresGoToTheErrorStreamWithANonZeroExit) {
          "corvane-fit: FILE is required\n",
          "Usage: corvane-fit prepare [OPTIONS] FILE\n"},
         {{"fit", "x.qpi"},
-         "corvane-fit: fit is not a command; give one of the commands prepare, run, export or "
-         "plot.\n",
+         "corvane-fit: fit is not a command; give one of the commands prepare, run, export, "
+         "plot or import.\n",
          "Usage: corvane-fit [OPTIONS] SUBCOMMAND\n"},
         {{"export", input, "--json", "--csv"},
          "corvane-fit: --json excludes --csv\n",
@@ -236,6 +236,96 @@ TEST_F(CorvaneFit, RunFitsEveryExampleAndExportGivesBackWhatTheReportPrints) {
     EXPECT_NEAR(other["deviation"].get<double>(), fit["calculations"][0]["deviation"], 1e-9);
     EXPECT_EQ(other["values"]["J"].size(), 2u);
     EXPECT_TRUE(other["values"]["Xtip"].is_number());
+}
+
+// The lines of an output that begin with prefix.
+std::vector<std::string> linesStarting(const std::string& text, const std::string& prefix) {
+    std::vector<std::string> lines;
+    for (std::size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
+        if (text.compare(at, prefix.size(), prefix) == 0)
+            lines.push_back(text.substr(at, end - at));
+    return lines;
+}
+
+TEST_F(CorvaneFit, ImportPrintsAMagnetometersFilesAsLinesOfAnInputFile) {
+    const std::string mpms = CORVANE_SOURCE_DIR "/tests/data/mpms/";
+    // chiT at 200 Oe with the header's mass and molar mass and the lab's diamagnetic correction.
+    const Outcome chiT =
+        run(dir, {"import", mpms + "fc5.dat", "--chit", "--diamagnetic", "-5.6176e-4"});
+    ASSERT_EQ(chiT.exitCode, 0) << chiT.err;
+    const std::vector<std::string> pairs = linesStarting(chiT.out, "T_CHI ");
+    ASSERT_EQ(pairs.size(), 151u);
+    EXPECT_EQ(std::count(chiT.out.begin(), chiT.out.end(), '\n'), 151);
+    EXPECT_EQ(pairs.back(), "T_CHI 299.906 23.5435");
+    EXPECT_NE(chiT.err.find("Using the sample mass 10.2 mg from the file's header "
+                            "(SAMPLE_MASS).\n"),
+              std::string::npos)
+        << chiT.err;
+    EXPECT_NE(chiT.err.find("KEYWD FIELD=0.0199962"), std::string::npos);
+    EXPECT_EQ(chiT.err.find("No diamagnetic correction"), std::string::npos);
+    // Without --diamagnetic none is subtracted; the header's SAMPLE_SIZE is named, not taken.
+    const Outcome raw = run(dir, {"import", mpms + "fc5.dat", "--chit"});
+    EXPECT_EQ(linesStarting(raw.out, "T_CHI ").back(), "T_CHI 299.906 23.375");
+    EXPECT_NE(raw.err.find("No diamagnetic correction is subtracted"), std::string::npos);
+    EXPECT_NE(raw.err.find("--diamagnetic -0.00056176 subtracts it"), std::string::npos);
+
+    // The virgin curve at 2 K, the field in tesla; --mass and --molar-mass replace the header's.
+    const Outcome mh = run(
+        dir, {"import", mpms + "mvsh9.dat", "--mh", "--mass", "9.3", "--molar-mass", "1046.664"});
+    ASSERT_EQ(mh.exitCode, 0) << mh.err;
+    const std::vector<std::string> points = linesStarting(mh.out, "T_H_M ");
+    ASSERT_EQ(points.size(), 19u);
+    EXPECT_EQ(points.back(), "T_H_M 2.00048 7.00003 8.08811");
+    EXPECT_EQ(mh.err.find("from the file's header"), std::string::npos);
+
+    // What import prints, put into an input file, is read as it was meant.
+    const std::string input =
+        dir.write("er2.qpi",
+                  std::string(testing::dimerInput) + "KEYWD FIELD=0.0199962\n" + chiT.out + mh.out);
+    const Outcome prepared = run(dir, {"prepare", input});
+    EXPECT_EQ(prepared.exitCode, 0) << prepared.err;
+    EXPECT_NE(prepared.out.find(", 153 chiT pairs,"), std::string::npos) << prepared.out;
+
+    // Refusals: a sentence, exit 64 for what the command line must give, 1 for the file.
+    const std::string columns = dir.write("columns.txt", "2 1000 0.5\n3 1000 0.4\n");
+    const struct {
+        std::initializer_list<std::string> arguments;
+        int exitCode;
+        std::string message;
+    } refusals[] = {
+        {{"import", columns, "--chi", "--molar-mass", "500"},
+         64,
+         "corvane-fit: " + columns +
+             " gives no sample mass (a file of plain columns has no "
+             "header values); give it with --mass MG.\n"},
+        {{"import", columns, "--chi", "--mass", "0", "--molar-mass", "500"},
+         64,
+         "corvane-fit: The sample mass 0 mg is not above 0.\n"},
+        {{"import", columns, "--mass", "1"},
+         64,
+         "corvane-fit: import: give one of --chi, --chit "
+         "or --mh\n"},
+        {{"import", columns, "--chi", "--mh"}, 64, "corvane-fit: --chi excludes --mh\n"},
+        {{"import", mpms + "fc5.dat", "--chi", "--field", "5000"},
+         1,
+         "corvane-fit: " + mpms +
+             "fc5.dat: no row was measured at 5000 Oe; the fields measured "
+             "are 200 Oe (151 rows).\n"},
+        {{"import", mpms + "fc5.dat", "--mh"},
+         1,
+         "corvane-fit: " + mpms +
+             "fc5.dat: no "
+             "temperature has a field loop"},
+        {{"import", dir.file("none.dat"), "--chi"},
+         1,
+         "corvane-fit: Cannot read " + dir.file("none.dat") + ": No such file or directory\n"},
+    };
+    for (const auto& refusal : refusals) {
+        const Outcome outcome = run(dir, refusal.arguments);
+        EXPECT_EQ(outcome.exitCode, refusal.exitCode) << refusal.message;
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_NE(outcome.err.find(refusal.message), std::string::npos) << outcome.err;
+    }
 }
 
 TEST_F(CorvaneFit, ARunNeverTouchesTheUsersFilesAndTwoRunsNeverMeet) {

@@ -3,6 +3,8 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QComboBox>
+#include <QGroupBox>
+#include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QScrollArea>
@@ -14,7 +16,9 @@
 #include <gtest/gtest.h>
 #include <memory>
 
+#include "data_preview.h"
 #include "fit/input_file.h"
+#include "moment_dialog.h"
 #include "newqpi_window.h"
 #include "platform/files.h"
 #include "qpname/qpname.h"
@@ -141,6 +145,83 @@ TEST_F(NewQpiWindowTest, StartedByHandTheSavedFileIsHandedToNoWindow) {
     EXPECT_FALSE(window.isVisible());
     EXPECT_TRUE(messages.messages.empty());
     EXPECT_EQ(corvane::testing::ScratchDir::listingOf(dir.path()), "copy.qpi");
+}
+
+// A field-cooled chiT and a magnetization loop, each from the magnetometer's own file, make one
+// input file: the header's masses are offered and marked, SAMPLE_SIZE only on a button, and
+// what the dialog previews is what is saved.
+TEST_F(NewQpiWindowTest, AMagnetometersFilesGiveTheChiTAndTheMagnetizationThatAreSaved) {
+    const QString mpms = QStringLiteral(CORVANE_SOURCE_DIR "/tests/data/mpms/");
+    int shown = 0;
+    window.runMomentDialog = [&](MomentDialog& dialog) {
+        ++shown;
+        EXPECT_EQ(dialog.massSource()->text(), "from the file's header (SAMPLE_MASS)");
+        EXPECT_EQ(dialog.molarMassSource()->text(),
+                  "from the file's header (SAMPLE_MOLECULAR_WEIGHT)");
+        EXPECT_EQ(dialog.diamagneticField()->text(), "");
+        EXPECT_TRUE(dialog.chiBox()->isChecked());
+        EXPECT_FALSE(dialog.magnetBox()->isChecked());
+        EXPECT_NEAR(dialog.chiPreview()->axes().tHigh, 299.9, 0.1);
+        EXPECT_EQ(dialog.converted().pairs.back().value, "23.375");
+        QTest::mouseClick(dialog.sampleSizeButton(), Qt::LeftButton);
+        EXPECT_EQ(dialog.diamagneticField()->text(), "-0.00056176");
+        EXPECT_EQ(dialog.converted().pairs.back().value, "23.5435");
+        dialog.massField()->setText("10.3");
+        EXPECT_EQ(dialog.massSource()->text(), "the file's header gives 10.2 (SAMPLE_MASS)");
+        dialog.massField()->setText("");
+        EXPECT_FALSE(dialog.okButton()->isEnabled());
+        dialog.massField()->setText("10.2");
+        EXPECT_TRUE(dialog.okButton()->isEnabled());
+        return true;
+    };
+    window.chooseImportPath = [&] { return mpms + "fc5.dat"; };
+    QTest::mouseClick(button("Import..."), Qt::LeftButton); // an MPMS3 file is recognised
+    ASSERT_EQ(shown, 1);
+    ASSERT_EQ(window.dataTable()->rowCount(), 151);
+    EXPECT_EQ(window.dataTable()->item(150, 1)->text(), "23.5435");
+    EXPECT_EQ(window.fieldField()->text(), "0.0199962");
+    EXPECT_EQ(window.titleField()->text(), "[Er_TMSCOT_I_THF]2"); // the header's material
+
+    // The loop's file: its first rising branch at 2 K, with the estimate of chi_dia; the chiT
+    // pairs stay. A cancelled dialog changes nothing.
+    window.chooseImportPath = [&] { return mpms + "mvsh9.dat"; };
+    window.runMomentDialog = [](MomentDialog&) { return false; };
+    QTest::mouseClick(button("Magnetometer..."), Qt::LeftButton);
+    EXPECT_EQ(window.magnetTable()->rowCount(), 0);
+    window.runMomentDialog = [&](MomentDialog& dialog) {
+        EXPECT_EQ(dialog.sampleSizeButton()->text(), "Use -0.00050736");
+        EXPECT_FALSE(dialog.chiBox()->isChecked());
+        EXPECT_TRUE(dialog.magnetBox()->isChecked());
+        EXPECT_EQ(dialog.branchChoice()->currentIndex(), 0); // the first rising branch
+        QTest::mouseClick(dialog.estimateButton(), Qt::LeftButton);
+        EXPECT_EQ(dialog.diamagneticField()->text(), "-0.000523");
+        EXPECT_NEAR(dialog.magnetPreview()->axes().tHigh, 7.0, 0.001);
+        return true;
+    };
+    QTest::mouseClick(button("Magnetometer..."), Qt::LeftButton);
+    ASSERT_EQ(window.magnetTable()->rowCount(), 19);
+    EXPECT_EQ(window.dataTable()->rowCount(), 151);
+
+    window.siteCountField()->setValue(2);
+    for (int row = 0; row < 2; ++row) // S = 15/2
+        static_cast<QComboBox*>(window.sitesTable()->cellWidget(row, 0))->setCurrentIndex(15);
+    window.jCountField()->setValue(1);
+    QTest::mouseClick(button("Chain"), Qt::LeftButton);
+    ASSERT_EQ(window.problems(), QStringList{});
+    window.chooseSavePath = [&](const QString& suggested) {
+        EXPECT_EQ(suggested, mpms + "fc5.qpi");
+        return QString::fromStdString(dir.file("er2.qpi"));
+    };
+    window.save();
+    auto doc = std::make_unique<corvane::FitDocument>();
+    ASSERT_TRUE(corvane::readInputText(dir.read("er2.qpi"), "er2.qpi", *doc));
+    EXPECT_EQ(doc->field, 0.0199962);
+    EXPECT_EQ(doc->dataKind, corvane::DataKind::ChiT);
+    EXPECT_EQ(doc->pairCount, 151);
+    EXPECT_EQ(doc->pairs[150].observed, 23.5435);
+    ASSERT_EQ(doc->magnetCount, 19);
+    EXPECT_EQ(doc->magnetPoints[18].field, 7.00003);
+    EXPECT_NEAR(doc->magnetPoints[18].observed, 8.09, 0.01);
 }
 
 // A 1080-line screen at scale 2 leaves newQPI some 500 lines: the window fits within the

@@ -134,6 +134,21 @@ TEST(ProblemFormTest, EveryProblemIsNamedAndAFormWithoutOneReadsBackAsItWas) {
              f.pairs[0].value = "";
          },
          "Pair 1 has no chi value."},
+        {[](ProblemForm& f) { f.field = "1000"; },
+         "The field of the data, 1000 T, is not within 0 to 100 T."},
+        {[](ProblemForm& f) { f.field = ""; }, "The field of the data is missing."},
+        {[](ProblemForm& f) {
+             f.magnetPoints = {{"2", "7", "8.1"}, {"2", "0", "0"}};
+         },
+         "Magnetization point 2: the field 0 T is not above 0 and up to 100 T."},
+        {[](ProblemForm& f) {
+             f.magnetPoints = {{"0", "7", "8.1"}};
+         },
+         "Magnetization point 1: the temperature 0 K is not above 0 K."},
+        {[](ProblemForm& f) {
+             f.magnetPoints = {{"2", "7", "8,1"}};
+         },
+         "Magnetization point 1: the magnetization \"8,1\" is not a number."},
     };
     for (const auto& c : cases) {
         ProblemForm form = dimer();
@@ -146,6 +161,10 @@ TEST(ProblemFormTest, EveryProblemIsNamedAndAFormWithoutOneReadsBackAsItWas) {
     form.energyUnit = corvane::EnergyUnit::Kelvin;
     form.jValues[0] = {"-229.9", "2", true};
     form.c = {"0.003", "0.0001", false};
+    form.field = "0.1";
+    form.magnetPoints = {{"2", "1", "1.5"}, {"2", "7", "2.1"}};
+    form.weighting = corvane::Weighting::Relative; // kept as an opened file gives it
+    form.magnetWeight = 2.5;
     auto doc = std::make_unique<corvane::FitDocument>();
     fillDocument(form, *doc);
     auto read = std::make_unique<corvane::FitDocument>();
@@ -160,6 +179,12 @@ TEST(ProblemFormTest, EveryProblemIsNamedAndAFormWithoutOneReadsBackAsItWas) {
     EXPECT_EQ(back.paths[0].j, "J1");
     EXPECT_EQ(back.pairs[1].temperature, "300");
     EXPECT_EQ(back.energyUnit, corvane::EnergyUnit::Kelvin);
+    EXPECT_EQ(back.field, "0.1");
+    ASSERT_EQ(back.magnetPoints.size(), 2u);
+    EXPECT_EQ(back.magnetPoints[1].field, "7");
+    EXPECT_EQ(back.magnetPoints[1].value, "2.1");
+    EXPECT_EQ(back.weighting, corvane::Weighting::Relative);
+    EXPECT_EQ(back.magnetWeight, 2.5);
 }
 
 TEST(ProblemFormTest, RingChainAndAllPairsJoinTheNamedSitesOnce) {
