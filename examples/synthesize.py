@@ -61,8 +61,7 @@ EXAMPLES = [
          magnet=[(2.0, 0.25 * h) for h in range(1, 29)],
          start=dict(g=(2.0, 0.01), J=[(10.0, 0.1)], C=(0.0, 0.0), zJ=(0.0, 0.001),
                     xtip=(0.0, 0.0)),
-         note="g, J1 and zJ are fitted; C and Xtip kept fixed at 0. The chiT data alone trade g "
-              "against J; the magnetization fixes g."),
+         note="g, J1 and zJ are fitted to both sets at once; C and Xtip kept fixed at 0."),
 ]
 
 
