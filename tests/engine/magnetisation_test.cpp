@@ -1,0 +1,316 @@
+// The magnetisation in a field against an independent brute force, chi in a vanishing field
+// against the zero-field model, and the derivatives the fit uses.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <memory>
+#include <string>
+#include <tuple>
+
+#include <Eigen/Eigenvalues>
+
+#include "group_blocks.h"
+#include "magnetisation.h"
+#include "model.h"
+#include "symmetry.h"
+
+using namespace corefit;
+
+namespace {
+
+struct Cluster {
+    const char* name;
+    SpinSystem system;
+    std::vector<double> j; // kelvin
+};
+
+// Mixed spins without symmetry, and a ring of S = 1 with two J (symmetry of order 4).
+std::vector<Cluster> clusters() {
+    return {{"triangle 1/2 1 3/2", {{1, 2, 3}, {{0, 1, 0}, {1, 2, 1}, {2, 0, 2}}, 3}, {-10, 7, -3}},
+            {"ring 4 x 1, J1/J2",
+             {{2, 2, 2, 2}, {{0, 1, 0}, {1, 2, 1}, {2, 3, 0}, {3, 0, 1}}, 2},
+             {-6, 4}}};
+}
+
+struct Parameters {
+    double g, c, zj, tip; // zJ in kelvin
+};
+
+// Brute force, sharing nothing with the engine but the constants: H = -2 sum J S_a.S_b
+// + h Sz_total from Kronecker products of spin matrices, diagonalised whole at every field;
+// <Sz> over its Boltzmann weights; the mean field h = g mu_B B / k_B + 2 zJ <Sz> by plain
+// iteration; then M = g <Sz> + C / C0 tanh(mu_B B / k_B T) + Xtip B 1e4 / N mu_B.
+class BruteForce {
+public:
+    BruteForce(const SpinSystem& system, const std::vector<double>& jKelvin) {
+        using Matrix = Eigen::MatrixXd;
+        auto kron = [](const Matrix& a, const Matrix& b) {
+            Matrix out(a.rows() * b.rows(), a.cols() * b.cols());
+            for (Eigen::Index i = 0; i < a.rows(); ++i)
+                for (Eigen::Index k = 0; k < a.cols(); ++k)
+                    out.block(i * b.rows(), k * b.cols(), b.rows(), b.cols()) = a(i, k) * b;
+            return out;
+        };
+        const std::size_t n = system.twiceSpin.size();
+        std::vector<std::array<Matrix, 3>> ops(n); // Sx, iSy (real), Sz of each site
+        for (std::size_t site = 0; site < n; ++site) {
+            const double s = system.twiceSpin[site] / 2.0;
+            const Eigen::Index d = system.twiceSpin[site] + 1;
+            Matrix plus = Matrix::Zero(d, d), z = Matrix::Zero(d, d);
+            for (Eigen::Index k = 0; k < d; ++k) {
+                const double m = s - static_cast<double>(k);
+                z(k, k) = m;
+                if (k > 0) plus(k - 1, k) = std::sqrt(s * (s + 1) - m * (m + 1));
+            }
+            const std::array<Matrix, 3> local{(plus + plus.transpose()) / 2,
+                                              (plus - plus.transpose()) / 2, z};
+            for (std::size_t c = 0; c < 3; ++c) {
+                Matrix full = Matrix::Identity(1, 1);
+                for (std::size_t other = 0; other < n; ++other) {
+                    const Eigen::Index size = system.twiceSpin[other] + 1;
+                    full = kron(full, other == site ? local[c] : Matrix::Identity(size, size));
+                }
+                ops[site][c] = full;
+            }
+        }
+        h_ = Matrix::Zero(ops[0][0].rows(), ops[0][0].rows());
+        sz_ = h_;
+        for (const Bond& bond : system.bonds) {
+            const auto& a = ops[static_cast<std::size_t>(bond.a)];
+            const auto& b = ops[static_cast<std::size_t>(bond.b)];
+            h_ += -2 * jKelvin[static_cast<std::size_t>(bond.j)] *
+                  (a[0] * b[0] - a[1] * b[1] + a[2] * b[2]);
+        }
+        for (const auto& site : ops) sz_ += site[2];
+    }
+
+    // <Sz> at reduced field h (kelvin): the levels of H - h Sz.
+    double mean(double h, double t) const {
+        const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(h_ - h * sz_);
+        const Eigen::VectorXd e = solver.eigenvalues();
+        const Eigen::VectorXd m =
+            (solver.eigenvectors().transpose() * sz_ * solver.eigenvectors()).diagonal();
+        double z = 0, sum = 0;
+        for (Eigen::Index i = 0; i < e.size(); ++i) {
+            const double w = std::exp(-(e[i] - e[0]) / t);
+            z += w;
+            sum += w * m[i];
+        }
+        return sum / z;
+    }
+
+    double magnetisation(const Parameters& p, double t, double tesla) const {
+        const double h0 = p.g * bohrPerBoltzmann * tesla;
+        double s = mean(h0, t), before = 0;
+        for (int k = 0; k < 1000 && std::abs(s - before) > 1e-13 * std::abs(s); ++k)
+            before = s, s = mean(h0 + 2 * p.zj * s, t);
+        return p.g * s + p.c / curieConstant * std::tanh(bohrPerBoltzmann * tesla / t) +
+               p.tip * tesla * 1e4 / molarBohr;
+    }
+
+private:
+    Eigen::MatrixXd h_, sz_;
+};
+
+std::shared_ptr<const SplitGroup> treeGroup(const SpinSystem& system) {
+    return std::make_shared<const SplitGroup>(
+        splitGroup(findSymmetry(system), static_cast<int>(system.twiceSpin.size())));
+}
+
+// The plans of every method: the full basis, M blocks, S blocks, S blocks split by the tree's
+// subgroup and (every other total spin) by the whole group, and FTLM with every block whole.
+std::vector<std::pair<std::string, Plan>> everyMethod(const SpinSystem& system) {
+    std::vector<std::pair<std::string, Plan>> plans{
+        {"full", planSpectrum(system, Method::Full)},
+        {"M blocks", planSpectrum(system, Method::MBlocks)},
+        {"S blocks", planSpectrum(system, Method::SBlocks)}};
+    const auto tree = treeGroup(system);
+    if (tree->order() > 1) {
+        const int sites = static_cast<int>(system.twiceSpin.size());
+        const auto whole = std::make_shared<const SplitGroup>(wholeGroup(findSymmetry(system), sites));
+        plans.emplace_back("split by the tree's group", planSpectrum(system, Method::SBlocks, 1, tree));
+        Plan mixed = planSpectrum(system, Method::SBlocks, 1, tree, {}, whole);
+        mixed.wholeFor.assign(64, 0);
+        for (std::size_t label = 0; label < mixed.wholeFor.size(); ++label)
+            mixed.wholeFor[label] = label % 4 < 2;
+        plans.emplace_back("split by the tree's and the whole group", mixed);
+    }
+    FtlmSettings whole;
+    whole.denseLimit = 100000;
+    plans.emplace_back("FTLM, every block whole", planSpectrum(system, Method::Ftlm, 1, nullptr, whole));
+    return plans;
+}
+
+// Fields and temperatures from the linear range to saturation (7 T at 2 K).
+constexpr std::array<std::array<double, 2>, 5> points{
+    {{2, 7}, {2, 0.5}, {5, 2}, {10, 3}, {50, 5}}};
+
+} // namespace
+
+TEST(Magnetisation, AgreesWithBruteForceInAFieldThroughEveryMethod) {
+    // With an antiferromagnetic and a ferromagnetic mean field, free centres and TIP.
+    const Parameters parameterSets[] = {{2.05, 0.02, -0.4, 2e-4}, {1.98, 0, 0.1, 0}};
+    for (const Cluster& cluster : clusters()) {
+        SCOPED_TRACE(cluster.name);
+        const BruteForce brute(cluster.system, cluster.j);
+        std::vector<double> expected;
+        for (const Parameters& p : parameterSets)
+            for (const auto& [t, tesla] : points) expected.push_back(brute.magnetisation(p, t, tesla));
+        for (const auto& [name, plan] : everyMethod(cluster.system)) {
+            SCOPED_TRACE(name);
+            Spectrum spectrum(cluster.system, plan, 2);
+            const Levels& levels = spectrum.levels(cluster.j, {});
+            auto truth = expected.begin();
+            for (const Parameters& p : parameterSets)
+                for (const auto& [t, tesla] : points) {
+                    Magnetisation m;
+                    ASSERT_EQ(magnetisation(levels, t, tesla, p.g, p.c, p.zj, p.tip, false, m),
+                              FieldFault::None);
+                    EXPECT_NEAR(m.total, *truth, 1e-9 * std::abs(*truth))
+                        << "T = " << t << ", B = " << tesla << ", zJ = " << p.zj;
+                    ++truth;
+                }
+        }
+    }
+}
+
+TEST(Magnetisation, FtlmAgreesWithinItsErrorAndHoldsLargeSpinsInStrongFields) {
+    // A 10 x S=1/2 ring by FTLM with random vectors: within 4 of its standard errors of the
+    // exact magnetisation.
+    SpinSystem ring{std::vector<int>(10, 1), {}, 1};
+    for (int i = 0; i < 10; ++i) ring.bonds.push_back({i, (i + 1) % 10, 0});
+    const std::vector<double> j{-8};
+    Spectrum exact(ring, planSpectrum(ring, Method::SBlocks), 1);
+    const Levels reference = exact.levels(j, {});
+    FtlmSettings settings;
+    settings.denseLimit = 20;
+    settings.exactLevels = 4;
+    settings.vectors = 10;
+    Spectrum ftlm(ring, planSpectrum(ring, Method::Ftlm, 1, nullptr, settings), 1);
+    const Levels& levels = ftlm.levels(j, {});
+    ASSERT_GT(levels.samples, 1);
+    for (const auto& [t, tesla] : points) {
+        Magnetisation m, truth;
+        ASSERT_EQ(magnetisation(levels, t, tesla, 2, 0, -1, 0, false, m), FieldFault::None);
+        ASSERT_EQ(magnetisation(reference, t, tesla, 2, 0, -1, 0, false, truth), FieldFault::None);
+        const double error = jackknifeError(thermalMagnetisationJackknife(levels, m.field, t));
+        EXPECT_GT(error, 0);
+        EXPECT_LT(std::abs(m.cluster.value - truth.cluster.value), 4 * error + 1e-12)
+            << "T = " << t << ", B = " << tesla;
+    }
+
+    // Large spins in strong and weak fields against the Brillouin function, g sum M e^(xM) /
+    // sum e^(xM), x = g mu_B B / k_B T, summed over M and -M together: a ferromagnetic pair of
+    // S = 10 at 2 K, whose S = 20 ground multiplet lies 800 K below the next, and a lone
+    // multiplet of S = 100.
+    auto brillouin = [](int twiceS, double tesla, double t) {
+        const double x = 2 * bohrPerBoltzmann * tesla / t;
+        double up = 0, z = twiceS % 2 ? 0.0 : 1.0;
+        for (int twiceM = twiceS; twiceM > 0; twiceM -= 2) {
+            up += twiceM * std::sinh(x * twiceM / 2);
+            z += 2 * std::cosh(x * twiceM / 2);
+        }
+        return 2 * up / z;
+    };
+    const SpinSystem pair{{20, 20}, {{0, 1, 0}}, 1};
+    Spectrum spectrum(pair, planSpectrum(pair, Method::SBlocks), 1);
+    Levels single;
+    single.energy = {0};
+    single.weight = {201};
+    single.moment = {0};
+    single.twice = {200};
+    const std::vector<std::tuple<const Levels*, int, double, double>> cases{
+        {&spectrum.levels({20}, {}), 40, 2, 7},
+        {&spectrum.levels({20}, {}), 40, 2, 1e-4},
+        {&single, 200, 2, 7},
+        {&single, 200, 2, 1e-4},
+        {&single, 200, 300, 1e-4}};
+    for (const auto& [spins, twiceS, t, tesla] : cases) {
+        Magnetisation m;
+        ASSERT_EQ(magnetisation(*spins, t, tesla, 2, 0, 0, 0, false, m), FieldFault::None);
+        const double expected = brillouin(twiceS, tesla, t);
+        EXPECT_NEAR(m.total, expected, 1e-9 * expected)
+            << "2S = " << twiceS << ", T = " << t << ", B = " << tesla;
+    }
+}
+
+TEST(Magnetisation, ChiInAVanishingFieldIsTheZeroFieldChi) {
+    // chi and chiT at B = 1e-4 T against the zero-field model, with a mean field of either sign,
+    // free centres and TIP, above 5 K where the field's own nonlinearity stays below 1e-9.
+    for (const Cluster& cluster : clusters()) {
+        SCOPED_TRACE(cluster.name);
+        Spectrum spectrum(cluster.system, planSpectrum(cluster.system, Method::SBlocks), 1);
+        Problem problem;
+        problem.unit = EnergyUnit::Kelvin;
+        problem.twiceSpin = cluster.system.twiceSpin;
+        problem.bonds = cluster.system.bonds;
+        problem.parameters.resize(firstJIndex + cluster.j.size());
+        for (double t = 5; t <= 300; t *= 1.5) problem.points.push_back({t, 1});
+        problem.last = static_cast<int>(problem.points.size());
+        for (DataKind kind : {DataKind::Chi, DataKind::ChiT})
+            for (double zj : {-0.7, 0.2}) {
+                problem.kind = kind;
+                std::vector<double> p{2.03, 0.05, zj, 3e-4};
+                p.insert(p.end(), cluster.j.begin(), cluster.j.end());
+                std::vector<double> zeroField, inField;
+                problem.field = 0;
+                ASSERT_TRUE(SusceptibilityModel(problem, spectrum).predict(p, zeroField));
+                problem.field = 1e-4;
+                ASSERT_TRUE(SusceptibilityModel(problem, spectrum).predict(p, inField));
+                for (std::size_t i = 0; i < zeroField.size(); ++i)
+                    EXPECT_NEAR(inField[i], zeroField[i], 1e-8 * zeroField[i])
+                        << "T = " << problem.points[i].temperature << ", zJ = " << zj;
+            }
+    }
+}
+
+TEST(Magnetisation, JacobianOfTheJointResidualsIsTheirDerivative) {
+    // chiT at 1 T with relative residuals and a magnetisation set, every parameter free: the
+    // Jacobian against central differences, by S blocks (Hellmann-Feynman slopes) and by FTLM
+    // (its forward differences, against its own central differences).
+    const Cluster cluster = clusters()[1];
+    Problem problem;
+    problem.unit = EnergyUnit::Cm1;
+    problem.kind = DataKind::ChiT;
+    problem.twiceSpin = cluster.system.twiceSpin;
+    problem.bonds = cluster.system.bonds;
+    problem.parameters = {{2.02, 0.01}, {0.01, 0.001}, {-0.3, 0.01}, {1e-4, 1e-5},
+                          {-4, 0.1},   {3, 0.1}};
+    for (double t : {3.0, 10.0, 50.0, 200.0}) problem.points.push_back({t, 1.5});
+    problem.last = 4;
+    problem.field = 1;
+    problem.weighting = Weighting::Relative;
+    for (double tesla : {0.5, 2.0, 5.0, 7.0}) problem.magnetisation.push_back({2, tesla, 3});
+    problem.magnetisation.push_back({20, 7, 1});
+    problem.magnetisationLast = 5;
+    problem.magnetisationWeight = 2;
+    const std::vector<int> free{0, 1, 2, 3, 4, 5};
+    FtlmSettings whole;
+    whole.denseLimit = 100000;
+    for (const Plan& plan : {planSpectrum(cluster.system, Method::SBlocks),
+                             planSpectrum(cluster.system, Method::Ftlm, 1, nullptr, whole)}) {
+        SCOPED_TRACE(methodName(plan.method));
+        Spectrum spectrum(cluster.system, plan, 1);
+        SusceptibilityModel model(problem, spectrum);
+        std::vector<double> p;
+        for (const Parameter& parameter : problem.parameters) p.push_back(parameter.start);
+        Eigen::VectorXd residuals, up, down;
+        Eigen::MatrixXd jacobian;
+        ASSERT_TRUE(model.evaluate(p, residuals, &jacobian, free));
+        ASSERT_EQ(residuals.size(), 9);
+        for (std::size_t k = 0; k < free.size(); ++k) {
+            const double step = 1e-3 * problem.parameters[k].step;
+            std::vector<double> moved = p;
+            moved[k] += step;
+            ASSERT_TRUE(model.evaluate(moved, up, nullptr, free));
+            moved[k] -= 2 * step;
+            ASSERT_TRUE(model.evaluate(moved, down, nullptr, free));
+            const Eigen::VectorXd difference = (up - down) / (2 * step);
+            const auto column = jacobian.col(static_cast<Eigen::Index>(k));
+            EXPECT_LT((column - difference).norm(), 1e-5 * difference.norm() + 1e-12)
+                << parameterName(static_cast<int>(k)) << ": " << column.transpose() << " vs "
+                << difference.transpose();
+        }
+    }
+}
