@@ -9,6 +9,7 @@
 #include <sstream>
 #include <thread>
 
+#include "model.h"
 #include "support/corefit_run.h"
 #include "support/fixtures.h"
 
@@ -254,4 +255,88 @@ TEST(Corefit, NamesTheSymmetryAndTheMethodItUsesAndFtlmItsError) {
     EXPECT_NE(dir.read("output.txt").find("# ftlm: every block diagonalised whole"),
               std::string::npos);
     EXPECT_NE(dir.read("corefit.log").find("seed 7"), std::string::npos);
+}
+
+TEST(Corefit, MagnetisationFixesTheGThatChiTAloneTradesAgainstJ) {
+    // A ferromagnetic pair of S = 1/2 (J = +20 K, g = 2.1). Between 10 and 30 K its chiT changes
+    // with g^2 and with T/J about alike, so chiT alone (1 % noise) leaves g and J strongly
+    // correlated; M(H) at 2 K up to 7 T (0.3 % noise), close to its saturation g S, fixes g.
+    corefit::Problem problem;
+    problem.unit = corefit::EnergyUnit::Kelvin;
+    problem.twiceSpin = {1, 1};
+    problem.bonds = {{0, 1, 0}};
+    problem.parameters.resize(5);
+    for (int i = 0; i < 30; ++i) problem.points.push_back({10 * std::pow(3.0, i / 29.0), 0});
+    problem.last = 30;
+    for (int i = 1; i <= 28; ++i) problem.magnetisation.push_back({2, 0.25 * i, 0});
+    problem.magnetisationLast = 28;
+    const corefit::SpinSystem system{problem.twiceSpin, problem.bonds, 1};
+    corefit::Spectrum spectrum(system, corefit::planSpectrum(system, corefit::Method::SBlocks), 1);
+    std::vector<double> clean;
+    ASSERT_TRUE(corefit::SusceptibilityModel(problem, spectrum).predict({2.1, 0, 0, 0, 20}, clean));
+    std::uint64_t state = 7;
+    auto normal = [&state] { // Box-Muller over a fixed linear congruential sequence
+        auto uniform = [&state] {
+            state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+            return (static_cast<double>(state >> 11) + 0.5) / 9007199254740992.0;
+        };
+        return std::sqrt(-2 * std::log(uniform())) * std::cos(6.283185307179586 * uniform());
+    };
+    std::ostringstream chiT, magnetisation;
+    chiT.precision(10);
+    magnetisation.precision(10);
+    chiT << "30, 1, 30\n";
+    for (std::size_t i = 0; i < 30; ++i)
+        chiT << problem.points[i].temperature << " " << clean[i] * (1 + 0.01 * normal()) << "\n";
+    magnetisation << "magnetisation 28, 1, 28, 1\n";
+    for (std::size_t i = 0; i < 28; ++i)
+        magnetisation << "2 " << problem.magnetisation[i].field << " "
+                      << clean[30 + i] * (1 + 0.003 * normal()) << "\n";
+
+    ScratchDir dir;
+    const std::string input = dir.write(
+        "input.txt", ringInput(2, 1, {{2.0, 0.01}, {0, 0}, {0, 0}, {0, 0}}, {{8, 0.1}}, "2, 0"));
+    struct Fitted {
+        double g, sg, j, sj, correlation;
+        std::vector<std::string> lines;
+    };
+    auto fit = [&](const std::string& data) {
+        dir.write("chit.txt", data);
+        const CorefitRun run = runCorefit(input);
+        EXPECT_EQ(run.exitCode, 0) << run.errors;
+        Fitted out{};
+        std::istringstream text(dir.read("output.txt"));
+        for (std::string line; std::getline(text, line);) out.lines.push_back(line);
+        const auto output = readOutput(dir);
+        out.g = output[0][1], out.sg = output[2][0], out.j = output[3][1], out.sj = output[4][0];
+        for (std::size_t i = 0; i + 1 < out.lines.size(); ++i)
+            if (out.lines[i] == "# correlation 2 1 5")
+                out.correlation = std::stod(out.lines[i + 1].substr(out.lines[i + 1].find(' ', 2)));
+        return out;
+    };
+    const Fitted alone = fit(chiT.str());
+    const Fitted joint = fit(chiT.str() + magnetisation.str());
+    EXPECT_LT(alone.correlation, -0.85) << "g and J traded against each other";
+    EXPECT_GT(joint.correlation, alone.correlation);
+    EXPECT_LT(joint.sg, 0.6 * alone.sg);
+    EXPECT_LT(joint.sj, 0.6 * alone.sj);
+    EXPECT_LT(std::abs(joint.g - 2.1), 3 * joint.sg) << joint.g << " +/- " << joint.sg;
+    EXPECT_LT(std::abs(joint.j - 20), 3 * joint.sj) << joint.j << " +/- " << joint.sj;
+
+    // output.txt: each set's part of D, then the magnetisation points after the pairs.
+    const auto& lines = joint.lines;
+    ASSERT_GT(lines.size(), 36u + 28u);
+    std::istringstream sets(lines[36]), first(lines[0]);
+    std::string mark, word;
+    double chiPart = 0, magnetPart = 0, deviation = 0;
+    sets >> mark >> word >> chiPart >> magnetPart;
+    first >> deviation;
+    EXPECT_EQ(word, "sets");
+    EXPECT_NEAR(chiPart + magnetPart, deviation, 1e-9 * deviation);
+    EXPECT_EQ(lines[37], "# magnetisation 28 1 28");
+    std::istringstream point(lines[38 + 27]);
+    double t = 0, tesla = 0, calculated = 0, observed = 0;
+    point >> mark >> t >> tesla >> calculated >> observed;
+    EXPECT_EQ(tesla, 7);
+    EXPECT_NEAR(calculated, observed, 0.01 * observed) << "close to g S = 1.05";
 }
