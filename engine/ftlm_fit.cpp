@@ -21,7 +21,9 @@ double FtlmFit::largestError(const std::vector<double>& p, std::string* where) {
     if (!model.predict(p, values)) return 0;
     const std::vector<double> errors = model.standardErrors(p);
     double worst = 0;
-    for (const FittedPoint& point : model.fitted()) {
+    const std::vector<FittedPoint> fitted = model.fitted();
+    if (where && !fitted.empty()) *where = pointPlace(problem, fitted.front().value);
+    for (const FittedPoint& point : fitted) {
         const std::size_t k = point.value;
         const double relative = errors[k] / std::abs(values[k]);
         if (relative > worst) {
