@@ -32,38 +32,33 @@ double langevinSlope(double y) {
     return 1 / (y * y) - 1 / (s * s);
 }
 
-// One level in the field h >= 0 (x = h / t): the lowest E - h M of its states, the sum over its
-// states of exp(-(E - h M - lowest) / t), their mean M and the variance of M among them.
-struct Split {
-    double lowest = 0, count = 0, mean = 0, variance = 0;
+// The states of a level in the field h >= 0 (x = h / t), per unit of its weight: the sum over them
+// of exp(-(E - h M - lowest) / t), lowest its lowest E - h M (M = S of a multiplet, |M| of the
+// others), their mean M and the variance of M among them. They depend on the level's 2S or 2|M|
+// alone.
+struct Shape {
+    double count = 0, mean = 0, variance = 0;
 };
 
-// The lowest E - h M of level n's states: M = S of a multiplet, |M| of the others.
-double lowestOf(const Levels& levels, std::size_t n, double h) {
-    return levels.energy[n] - h * (levels.twice[n] / 2.0);
-}
-
-Split split(const Levels& levels, std::size_t n, double h, double x) {
-    const int twice = levels.twice[n];
-    const double weight = levels.weight[n];
-    Split out;
-    out.lowest = lowestOf(levels, n, h);
+Shape shape(bool multiplets, int twice, double x) {
+    Shape out;
     if (twice == 0) {
-        out.count = weight;
+        out.count = 1;
         return out;
     }
-    if (levels.multiplets) {
-        // M = S - k, k = 0 .. 2S: sum_k e^(-k x) = (1 - e^(-(2S+1) x)) / (1 - e^(-x)); the mean
-        // and variance of M are those of the Brillouin function, from coth(y) - 1/y.
+    if (multiplets) {
+        // M = S - k, k = 0 .. 2S: sum_k e^(-k x) = (1 - e^(-(2S+1) x)) / (1 - e^(-x)), over the
+        // 2S + 1 states the weight counts; mean and variance those of the Brillouin function,
+        // from coth(y) - 1/y.
         const double size = twice + 1.0, y = x / 2;
-        out.count = weight / size * (x == 0 ? size : std::expm1(-size * x) / std::expm1(-x));
+        out.count = x == 0 ? 1.0 : std::expm1(-size * x) / std::expm1(-x) / size;
         out.mean = (size * langevin(size * y) - langevin(y)) / 2;
         out.variance = (size * size * langevinSlope(size * y) - langevinSlope(y)) / 4;
         return out;
     }
     // Half of the states at M, half at -M.
     const double m = twice / 2.0, c = std::cosh(m * x);
-    out.count = weight / 2 * (1 + std::exp(-2 * m * x));
+    out.count = (1 + std::exp(-2 * m * x)) / 2;
     out.mean = m * std::tanh(m * x);
     out.variance = m * m / (c * c);
     return out;
@@ -75,12 +70,32 @@ void checkLevels(const Levels& levels) {
         throw std::logic_error("levels without the spin or M of every level");
 }
 
-double lowestAll(const Levels& levels, double h) {
-    double lowest = std::numeric_limits<double>::infinity();
-    for (std::size_t n = 0; n < levels.energy.size(); ++n)
-        lowest = std::min(lowest, lowestOf(levels, n, h));
-    return lowest;
-}
+// The levels in the field h >= 0 at t: the lowest E - h M of all, and the shape of every 2S or
+// 2|M| that occurs.
+struct Field {
+    double h = 0, t = 1, lowest = 0;
+    std::vector<Shape> shapes; // by 2S or 2|M|
+    Field(const Levels& levels, double field, double temperature) : h(field), t(temperature) {
+        checkLevels(levels);
+        lowest = std::numeric_limits<double>::infinity();
+        int largest = 0;
+        for (std::size_t n = 0; n < levels.energy.size(); ++n) {
+            lowest = std::min(lowest, levels.energy[n] - h * (levels.twice[n] / 2.0));
+            largest = std::max(largest, levels.twice[n]);
+        }
+        shapes.resize(static_cast<std::size_t>(largest) + 1);
+        std::vector<char> used(shapes.size(), 0);
+        for (int twice : levels.twice) used[static_cast<std::size_t>(twice)] = 1;
+        for (std::size_t twice = 0; twice < shapes.size(); ++twice)
+            if (used[twice]) shapes[twice] = shape(levels.multiplets, static_cast<int>(twice), h / t);
+    }
+    // Level n's share of the partition sum relative to the lowest E - h M.
+    double weight(const Levels& levels, std::size_t n) const {
+        const int twice = levels.twice[n];
+        return levels.weight[n] * shapes[static_cast<std::size_t>(twice)].count *
+               std::exp(-(levels.energy[n] - h * (twice / 2.0) - lowest) / t);
+    }
+};
 
 } // namespace
 
@@ -91,53 +106,58 @@ ThermalMagnetisation thermalMagnetisation(const Levels& levels, double h, double
     if (levels.energy.empty()) return out;
     // <M> is odd in h, its variance even.
     const double sign = h < 0 ? -1.0 : 1.0;
-    h = std::abs(h);
-    const double x = h / t, lowest = lowestAll(levels, h);
-    const std::size_t jCount = slopes ? levels.slope.size() : 0;
-    double z = 0, mean = 0, spread = 0, within = 0;
-    std::vector<double> zSlope(jCount, 0.0), mSlope(jCount, 0.0);
+    const Field field(levels, std::abs(h), t);
+    // The levels' weights summed by 2S or 2|M|, whose states share their mean and variance; and
+    // for the slopes, their weights times dE/dJ.
+    const std::size_t shapes = field.shapes.size(), jCount = slopes ? levels.slope.size() : 0;
+    std::vector<double> z(shapes, 0.0);
+    std::vector<std::vector<double>> zSlope(jCount);
+    for (std::size_t k = 0; k < jCount; ++k)
+        if (!levels.slope[k].empty()) zSlope[k].assign(shapes, 0.0);
     for (std::size_t n = 0; n < levels.energy.size(); ++n) {
-        const Split level = split(levels, n, h, x);
-        const double zn = level.count * std::exp(-(level.lowest - lowest) / t);
-        if (!(zn > 0)) continue;
-        // The mean and the spread of the levels' means in one pass (weighted Welford), so that
-        // a variance far below <M>^2 near saturation keeps its digits.
-        z += zn;
-        const double delta = level.mean - mean;
-        mean += zn / z * delta;
-        spread += zn * delta * (level.mean - mean);
-        within += zn * level.variance;
-        for (std::size_t k = 0; k < jCount; ++k) {
-            if (levels.slope[k].empty()) continue;
-            zSlope[k] += zn * levels.slope[k][n];
-            mSlope[k] += zn * level.mean * levels.slope[k][n];
-        }
+        const double zn = field.weight(levels, n);
+        const auto twice = static_cast<std::size_t>(levels.twice[n]);
+        z[twice] += zn;
+        for (std::size_t k = 0; k < jCount; ++k)
+            if (!zSlope[k].empty()) zSlope[k][twice] += zn * levels.slope[k][n];
+    }
+    double total = 0, mean = 0;
+    for (std::size_t i = 0; i < shapes; ++i) total += z[i], mean += z[i] * field.shapes[i].mean;
+    mean /= total;
+    // The variance about the mean, so that one far below <M>^2 near saturation keeps its digits.
+    double variance = 0;
+    for (std::size_t i = 0; i < shapes; ++i) {
+        const double d = field.shapes[i].mean - mean;
+        variance += z[i] * (field.shapes[i].variance + d * d);
     }
     out.value = sign * mean;
-    out.variance = (spread + within) / z;
-    // d/dJ of sum m_n z_n / sum z_n, z_n ~ e^(-E_n / t): -(1/t) (<m E'> - <M> <E'>)
-    for (std::size_t k = 0; k < jCount; ++k)
-        if (!levels.slope[k].empty()) out.slope[k] = -sign * (mSlope[k] - mean * zSlope[k]) / (z * t);
+    out.variance = variance / total;
+    // d/dJ of sum m_n z_n / sum z_n, z_n ~ e^(-E_n / t): -(1/t) <(m - <M>) E'>
+    for (std::size_t k = 0; k < jCount; ++k) {
+        if (zSlope[k].empty()) continue;
+        double sum = 0;
+        for (std::size_t i = 0; i < shapes; ++i)
+            sum += (field.shapes[i].mean - mean) * zSlope[k][i];
+        out.slope[k] = -sign * sum / (total * t);
+    }
     return out;
 }
 
 std::vector<double> thermalMagnetisationJackknife(const Levels& levels, double h, double t) {
     if (levels.samples < 2 || levels.sample.size() != levels.energy.size()) return {};
-    checkLevels(levels);
     const double sign = h < 0 ? -1.0 : 1.0;
-    h = std::abs(h);
-    const double x = h / t, lowest = lowestAll(levels, h);
+    const Field field(levels, std::abs(h), t);
     const auto samples = static_cast<std::size_t>(levels.samples);
     // As thermalMomentJackknife: the exact levels count in every estimate; without random
     // vector r the others stand for 1/(R - 1) of the rest each.
     double z = 0, m = 0;
     std::vector<double> zr(samples, 0.0), mr(samples, 0.0);
     for (std::size_t n = 0; n < levels.energy.size(); ++n) {
-        const Split level = split(levels, n, h, x);
-        const double zn = level.count * std::exp(-(level.lowest - lowest) / t);
+        const double zn = field.weight(levels, n);
+        const double mn = zn * field.shapes[static_cast<std::size_t>(levels.twice[n])].mean;
         const int r = levels.sample[n];
         (r < 0 ? z : zr[static_cast<std::size_t>(r)]) += zn;
-        (r < 0 ? m : mr[static_cast<std::size_t>(r)]) += zn * level.mean;
+        (r < 0 ? m : mr[static_cast<std::size_t>(r)]) += mn;
     }
     double zSum = 0, mSum = 0;
     for (std::size_t k = 0; k < samples; ++k) zSum += zr[k], mSum += mr[k];
