@@ -177,6 +177,10 @@ const std::vector<Case>& cases() {
                  "chit.txt line 2: point 1 (T = 2, chiT 1e+300)"),
         badStart("a mean field with its pole above 300 K", withLine(goodInput, 8, "1000, 0"),
                  goodData, "input.txt: zJ = 1000 puts the pole of the mean field above"),
+        badStart("the pole above a magnetisation point", withLine(goodInput, 8, "1000, 0"),
+                 "0, 1, 0\nmagnetisation 2, 1, 2, 1\n2 1 1\n300 1 0.01\n",
+                 "above the temperature of chit.txt line 4: magnetisation point 2 (T = 300, H = 1 "
+                 "T, M 0.01)"),
     };
     return all;
 }
