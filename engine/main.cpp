@@ -239,6 +239,13 @@ void logData(Log& log, const Problem& problem) {
              problem.magnetisationFirst, problem.magnetisationLast,
              problem.magnetisationWeight, temperatures.size(),
              temperatures.size() == 1 ? "" : "s", list.c_str(), tLow, tHigh, hLow, hHigh);
+    if (problem.fittedChi() == 0) {
+        log.line("deviation: D = W (1/n_m) sum (r/s_m)^2 with n_m = %d, s_m = %.6g N muB (the root "
+                 "mean square of the fitted observed values), W = %.6g",
+                 problem.fittedMagnetisation(), observedMagnetisationSize(problem),
+                 problem.magnetisationWeight);
+        return;
+    }
     const double chiSize =
         problem.weighting == Weighting::Relative ? 1.0 : observedSize(problem);
     log.line("joint deviation: D = (1/n_c) sum (r/s_c)^2 + W (1/n_m) sum (r/s_m)^2 with n_c = %d, "
@@ -252,9 +259,14 @@ void logData(Log& log, const Problem& problem) {
 
 void logProblem(Log& log, const Problem& problem) {
     log.line("input: %s", problem.inputPath.c_str());
-    log.line("data: %s (%s, %zu points, fitted from point %d to %d)", problem.dataPath.c_str(),
-             problem.kind == DataKind::ChiT ? "chiT in cm3 K mol-1" : "chi in cm3 mol-1",
-             problem.points.size(), problem.first, problem.last);
+    if (problem.points.empty())
+        log.line("data: %s (no %s points: the magnetisation set alone)", problem.dataPath.c_str(),
+                 problem.kind == DataKind::ChiT ? "chiT" : "chi");
+    else
+        log.line("data: %s (%s, %zu points, fitted from point %d to %d)",
+                 problem.dataPath.c_str(),
+                 problem.kind == DataKind::ChiT ? "chiT in cm3 K mol-1" : "chi in cm3 mol-1",
+                 problem.points.size(), problem.first, problem.last);
     logData(log, problem);
     log.line("sites: %d", problem.siteCount());
     for (int i = 0; i < problem.siteCount(); ++i)
