@@ -1247,7 +1247,8 @@ int runMagnetisation(const Settings& settings) {
     const std::vector<std::pair<std::string, Plan>> methods{
         {"exact, split by symmetry",
          planSpectrum(system, Method::SBlocks, settings.threads, tree, {}, whole)},
-        {"FTLM, no symmetry", planSpectrum(system, Method::Ftlm, settings.threads, nullptr, plain)}};
+        {"FTLM, no symmetry",
+         planSpectrum(system, Method::Ftlm, settings.threads, nullptr, plain)}};
     struct Variant {
         const char* name;
         bool magnetisation;
@@ -1263,8 +1264,8 @@ int runMagnetisation(const Settings& settings) {
                 "0.25 to 7 T (56 points); medians of %d\n\n",
                 cpuModel().c_str(), ::sysconf(_SC_NPROCESSORS_ONLN), settings.threads,
                 c.name.c_str(), settings.rounds);
-    std::printf("%-26s %-32s %12s %12s %14s %12s\n", "method", "data", "sums (s)",
-                "spectrum (s)", "J slopes (s)", "sums/alone");
+    std::printf("%-26s %-32s %12s %12s %14s %12s\n", "method", "data", "sums (s)", "spectrum (s)",
+                "J slopes (s)", "sums/alone");
     for (const auto& [method, plan] : methods) {
         progress("%s", method.c_str());
         Spectrum spectrum(system, plan, settings.threads);

@@ -120,11 +120,11 @@ void FtlmFit::afterFit(const FitOptions& options, FitResult& result) {
                                "largest %.2g %% (at %s) at the fitted values",
                                errorTarget, vectors, 100 * worst, at.c_str()));
             } else {
-                const std::string text = format(
-                    "ftlm error target %.3g not reached: largest %.2g %% (at %s) at the "
-                    "fitted values with %d random vectors per block%s",
-                    errorTarget, 100 * worst, at.c_str(), vectors,
-                    limit_.empty() ? "" : (" (the limit: " + limit_ + ")").c_str());
+                const std::string text =
+                    format("ftlm error target %.3g not reached: largest %.2g %% (at %s) at the "
+                           "fitted values with %d random vectors per block%s",
+                           errorTarget, 100 * worst, at.c_str(), vectors,
+                           limit_.empty() ? "" : (" (the limit: " + limit_ + ")").c_str());
                 log(text);
                 say(text);
             }

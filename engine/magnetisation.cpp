@@ -65,8 +65,7 @@ Shape shape(bool multiplets, int twice, double x) {
 }
 
 void checkLevels(const Levels& levels) {
-    if (levels.twice.size() != levels.energy.size() ||
-        levels.weight.size() != levels.energy.size())
+    if (levels.twice.size() != levels.energy.size() || levels.weight.size() != levels.energy.size())
         throw std::logic_error("levels without the spin or M of every level");
 }
 
@@ -87,7 +86,8 @@ struct Field {
         std::vector<char> used(shapes.size(), 0);
         for (int twice : levels.twice) used[static_cast<std::size_t>(twice)] = 1;
         for (std::size_t twice = 0; twice < shapes.size(); ++twice)
-            if (used[twice]) shapes[twice] = shape(levels.multiplets, static_cast<int>(twice), h / t);
+            if (used[twice])
+                shapes[twice] = shape(levels.multiplets, static_cast<int>(twice), h / t);
     }
     // Level n's share of the partition sum relative to the lowest E - h M.
     double weight(const Levels& levels, std::size_t n) const {

@@ -34,12 +34,12 @@ std::vector<double> thermalMagnetisationJackknife(const Levels& levels, double h
 // the zero-field solution (the least root for zJ > 0). Its low-field limit, divided by B, is
 // chi = C0 g^2 <M^2> / (T - 2 zJ <M^2>) + C / T + Xtip.
 struct Magnetisation {
-    double total = 0;                      // N muB
+    double total = 0;                         // N muB
     double dg = 0, dC = 0, dzJ = 0, dTip = 0; // d total / d parameter, zJ per kelvin
     // d total / d<M> at fixed h_eff, through the mean field: g / (1 - 2 zJ d<M>/dh). Times the
     // change of <M> with J at fixed field, it gives d total / dJ.
     double dMoment = 0;
-    double field = 0; // h_eff, kelvin
+    double field = 0;             // h_eff, kelvin
     ThermalMagnetisation cluster; // at h_eff, with slopes when they were asked for
 };
 enum class FieldFault {

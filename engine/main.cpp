@@ -210,8 +210,7 @@ std::string gib(double bytes) {
 void logData(Log& log, const Problem& problem) {
     const char* quantity = problem.kind == DataKind::ChiT ? "chiT" : "chi";
     if (problem.field > 0)
-        log.line("  %s measured at B = %.10g T: calculated at that field", quantity,
-                 problem.field);
+        log.line("  %s measured at B = %.10g T: calculated at that field", quantity, problem.field);
     else if (!problem.points.empty())
         log.line("  %s in the zero-field limit", quantity);
     if (problem.weighting == Weighting::Relative)
@@ -236,9 +235,9 @@ void logData(Log& log, const Problem& problem) {
     log.line("  magnetisation: %zu points in N muB (line %d on), fitted from point %d to %d, "
              "weight %.10g; at %zu temperature%s (%s K; %.6g to %.6g K), fields %.6g to %.6g T",
              problem.magnetisation.size(), problem.magnetisationLine + 1,
-             problem.magnetisationFirst, problem.magnetisationLast,
-             problem.magnetisationWeight, temperatures.size(),
-             temperatures.size() == 1 ? "" : "s", list.c_str(), tLow, tHigh, hLow, hHigh);
+             problem.magnetisationFirst, problem.magnetisationLast, problem.magnetisationWeight,
+             temperatures.size(), temperatures.size() == 1 ? "" : "s", list.c_str(), tLow, tHigh,
+             hLow, hHigh);
     if (problem.fittedChi() == 0) {
         log.line("deviation: D = W (1/n_m) sum (r/s_m)^2 with n_m = %d, s_m = %.6g N muB (the root "
                  "mean square of the fitted observed values), W = %.6g",
@@ -246,8 +245,7 @@ void logData(Log& log, const Problem& problem) {
                  problem.magnetisationWeight);
         return;
     }
-    const double chiSize =
-        problem.weighting == Weighting::Relative ? 1.0 : observedSize(problem);
+    const double chiSize = problem.weighting == Weighting::Relative ? 1.0 : observedSize(problem);
     log.line("joint deviation: D = (1/n_c) sum (r/s_c)^2 + W (1/n_m) sum (r/s_m)^2 with n_c = %d, "
              "s_c = %.6g%s, n_m = %d, s_m = %.6g N muB (the root mean square of each set's "
              "fitted observed values), W = %.6g",
@@ -263,8 +261,7 @@ void logProblem(Log& log, const Problem& problem) {
         log.line("data: %s (no %s points: the magnetisation set alone)", problem.dataPath.c_str(),
                  problem.kind == DataKind::ChiT ? "chiT" : "chi");
     else
-        log.line("data: %s (%s, %zu points, fitted from point %d to %d)",
-                 problem.dataPath.c_str(),
+        log.line("data: %s (%s, %zu points, fitted from point %d to %d)", problem.dataPath.c_str(),
                  problem.kind == DataKind::ChiT ? "chiT in cm3 K mol-1" : "chi in cm3 mol-1",
                  problem.points.size(), problem.first, problem.last);
     logData(log, problem);
@@ -581,8 +578,8 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
         freeJ += problem.parameters[i].free();
     progress("setup %s; %d free parameter%s, %zu points, %d thread%s; a fit takes about %.3g s",
              plan.describe().c_str(), freeCount, freeCount == 1 ? "" : "s",
-             problem.points.size() + problem.magnetisation.size(),
-             plan.threads, plan.threads == 1 ? "" : "s", estimatedSeconds(plan, freeJ));
+             problem.points.size() + problem.magnetisation.size(), plan.threads,
+             plan.threads == 1 ? "" : "s", estimatedSeconds(plan, freeJ));
     // One spectrum per worker: the blocks of each on one thread when several work side by side.
     const int blockThreads = search.workers > 1 ? 1 : plan.threads;
     std::vector<std::unique_ptr<Spectrum>> spectra;
@@ -686,8 +683,7 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
         if (problem.fittedChi() > 0)
             log.line("  %s set: Dchi = %.10g; its residuals %.3g %% of %s (root mean square)",
                      quantity, outcome.chiDeviation, 100 * std::sqrt(outcome.chiDeviation),
-                     problem.weighting == Weighting::Relative ? "the observed values"
-                                                              : "s_c");
+                     problem.weighting == Weighting::Relative ? "the observed values" : "s_c");
         const double weight = problem.magnetisationWeight;
         if (weight > 0)
             log.line("  magnetisation set: Dm = %.10g; its residuals %.3g %% of s_m (root mean "

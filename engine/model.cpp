@@ -87,24 +87,24 @@ bool susceptibility(double t, double moment, double g, double c, double zjKelvin
 
 std::vector<FittedPoint> fittedPoints(const Problem& problem) {
     std::vector<FittedPoint> fitted;
-    const bool joint = problem.hasMagnetisation(), relative =
-                                                       problem.weighting == Weighting::Relative;
+    const bool joint = problem.hasMagnetisation(),
+               relative = problem.weighting == Weighting::Relative;
     const double chiCount = problem.fittedChi();
-    const double chiScale = joint && chiCount > 0
-                                ? 1 / ((relative ? 1.0 : observedSize(problem)) * std::sqrt(chiCount))
-                                : 1.0;
+    const double chiScale =
+        joint && chiCount > 0 ? 1 / ((relative ? 1.0 : observedSize(problem)) * std::sqrt(chiCount))
+                              : 1.0;
     for (int i = problem.first; i <= problem.last; ++i) {
         const auto k = static_cast<std::size_t>(i - 1);
         const double observed = problem.points[k].observed;
         fitted.push_back({k, observed, relative ? chiScale / observed : chiScale});
     }
     if (joint) {
-        const double scale = std::sqrt(problem.magnetisationWeight / problem.fittedMagnetisation()) /
-                             observedMagnetisationSize(problem);
+        const double scale =
+            std::sqrt(problem.magnetisationWeight / problem.fittedMagnetisation()) /
+            observedMagnetisationSize(problem);
         for (int i = problem.magnetisationFirst; i <= problem.magnetisationLast; ++i) {
             const auto k = static_cast<std::size_t>(i - 1);
-            fitted.push_back(
-                {problem.points.size() + k, problem.magnetisation[k].observed, scale});
+            fitted.push_back({problem.points.size() + k, problem.magnetisation[k].observed, scale});
         }
     }
     return fitted;
@@ -199,10 +199,10 @@ bool SusceptibilityModel::compute(const std::vector<double>& p, const std::vecto
                 if (inField(i))
                     fields[i].cluster.slope[k] =
                         (thermalMagnetisation(shifted, fields[i].field, t).value -
-                         fields[i].cluster.value) / h;
+                         fields[i].cluster.value) /
+                        h;
                 else
-                    moments[i].slope[k] =
-                        (thermalMoment(shifted, t).value - moments[i].value) / h;
+                    moments[i].slope[k] = (thermalMoment(shifted, t).value - moments[i].value) / h;
             }
         }
     }
@@ -266,8 +266,9 @@ bool SusceptibilityModel::evaluate(const std::vector<double>& p, Eigen::VectorXd
     std::vector<double> values;
     Eigen::MatrixXd all;
     if (jacobian)
-        all.resize(static_cast<Eigen::Index>(problem_.points.size() + problem_.magnetisation.size()),
-                   static_cast<Eigen::Index>(freeIndices.size()));
+        all.resize(
+            static_cast<Eigen::Index>(problem_.points.size() + problem_.magnetisation.size()),
+            static_cast<Eigen::Index>(freeIndices.size()));
     if (!compute(p, &freeIndices, values, jacobian ? &all : nullptr)) return false;
     const std::vector<FittedPoint> points = fittedPoints(problem_);
     const auto count = static_cast<Eigen::Index>(points.size());
@@ -410,18 +411,19 @@ std::string SusceptibilityModel::domainFault(const std::vector<double>& p) {
         const bool magnet = i >= problem_.points.size();
         const std::size_t k = magnet ? i - problem_.points.size() : i;
         const double t = temperatureOf(i), tesla = fieldOf(i);
-        const double observed = magnet ? problem_.magnetisation[k].observed : problem_.points[k].observed;
+        const double observed =
+            magnet ? problem_.magnetisation[k].observed : problem_.points[k].observed;
         const std::string what = magnet ? "magnetisation" : quantity;
         // Point k (from 1) is on line k + 1 of the data file, after the header; magnetisation
         // point k on line k after its own.
         const std::string where =
-            magnet ? data + " line " + std::to_string(static_cast<std::size_t>(problem_.magnetisationLine) + 1 + k) +
-                         ": magnetisation point " + std::to_string(k + 1) + " (T = " +
-                         shortReal(t) + ", H = " + shortReal(tesla) + " T, M " +
-                         shortReal(observed) + ")"
-                   : data + " line " + std::to_string(i + 2) + ": point " + std::to_string(i + 1) +
-                         " (T = " + shortReal(t) + ", " + quantity + " " + shortReal(observed) +
-                         ")";
+            magnet
+                ? data + " line " +
+                      std::to_string(static_cast<std::size_t>(problem_.magnetisationLine) + 1 + k) +
+                      ": magnetisation point " + std::to_string(k + 1) + " (T = " + shortReal(t) +
+                      ", H = " + shortReal(tesla) + " T, M " + shortReal(observed) + ")"
+                : data + " line " + std::to_string(i + 2) + ": point " + std::to_string(i + 1) +
+                      " (T = " + shortReal(t) + ", " + quantity + " " + shortReal(observed) + ")";
         double value = 0;
         if (tesla > 0) {
             Magnetisation m;

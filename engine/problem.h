@@ -89,9 +89,9 @@ struct Problem {
     std::vector<Parameter> parameters; // g, C, zJ, Xtip, J1..Jn (energies in the file's unit)
     std::vector<Bond> bonds;
     std::vector<Point> points; // none when the data file holds a magnetisation set alone
-    int first = 1, last = 1; // fitted range, 1-based and inclusive, as in the data file (1, 0
-                             // without points)
-    double field = 0;        // T, at which the chi or chiT values were measured; 0: zero-field limit
+    int first = 1, last = 1;   // fitted range, 1-based and inclusive, as in the data file (1, 0
+                               // without points)
+    double field = 0; // T, at which the chi or chiT values were measured; 0: zero-field limit
     Weighting weighting = Weighting::Uniform;
     // The magnetisation set: its points, fitted range (1-based, inclusive), its weight in the
     // joint deviation, and the line of the data file that announces it (its points follow).

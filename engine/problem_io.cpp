@@ -347,8 +347,8 @@ bool readMagnetisation(LineReader& in, Problem& problem) {
         !in.real(4, weight))
         return false;
     if (count < 1 || count > maxMagnetisationPoints)
-        return in.fail("magnetisation point count " + std::to_string(count) +
-                       "; it must be 1 to " + std::to_string(maxMagnetisationPoints));
+        return in.fail("magnetisation point count " + std::to_string(count) + "; it must be 1 to " +
+                       std::to_string(maxMagnetisationPoints));
     if (first < 1 || first > last || last > count)
         return in.fail("fitted magnetisation points " + std::to_string(first) + " to " +
                        std::to_string(last) + "; they must satisfy 1 <= first <= last <= " +
@@ -513,8 +513,8 @@ std::string outputText(const Problem& problem, const Outcome& outcome) {
         for (std::size_t i = 0; i < problem.magnetisation.size(); ++i) {
             const MagnetisationPoint& point = problem.magnetisation[i];
             text += "# " + formatReal(point.temperature) + ' ' + formatReal(point.field) + ' ' +
-                    formatReal(outcome.calculated[offset + i]) + ' ' +
-                    formatReal(point.observed) + '\n';
+                    formatReal(outcome.calculated[offset + i]) + ' ' + formatReal(point.observed) +
+                    '\n';
         }
     }
     // The correlations, after the pairs: "# correlation P" and the parameter numbers (1 g ..

@@ -946,7 +946,8 @@ void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
     for (std::size_t slot = 0; slot < used; ++slot) anySlope = anySlope || wanted(slot);
     const bool vectors = anySlope || plan_.method == Method::Full;
     symmetricEigen(matrix, block.values, vectors);
-    if (plan_.method == Method::Full) separateByM(matrix, block.values, block.stateTwiceM, block.twiceM);
+    if (plan_.method == Method::Full)
+        separateByM(matrix, block.values, block.stateTwiceM, block.twiceM);
     if (!anySlope) return;
     // Hellmann-Feynman: dE_n/dJ_k = <n| H_k |n> = sum_i U_in (H_k U)_in. With sparse H_k (its
     // lower triangle): sum over its entries h_ij of (2 - delta_ij) h_ij U_in U_jn, for a slice of

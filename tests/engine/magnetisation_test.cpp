@@ -113,11 +113,6 @@ private:
     Eigen::MatrixXd h_, sz_;
 };
 
-std::shared_ptr<const SplitGroup> treeGroup(const SpinSystem& system) {
-    return std::make_shared<const SplitGroup>(
-        splitGroup(findSymmetry(system), static_cast<int>(system.twiceSpin.size())));
-}
-
 // The plans of every method: the full basis, M blocks, S blocks, S blocks split by the tree's
 // subgroup and (every other total spin) by the whole group, and FTLM with every block whole.
 std::vector<std::pair<std::string, Plan>> everyMethod(const SpinSystem& system) {
@@ -125,11 +120,13 @@ std::vector<std::pair<std::string, Plan>> everyMethod(const SpinSystem& system) 
         {"full", planSpectrum(system, Method::Full)},
         {"M blocks", planSpectrum(system, Method::MBlocks)},
         {"S blocks", planSpectrum(system, Method::SBlocks)}};
-    const auto tree = treeGroup(system);
+    const int sites = static_cast<int>(system.twiceSpin.size());
+    const auto tree = std::make_shared<const SplitGroup>(splitGroup(findSymmetry(system), sites));
     if (tree->order() > 1) {
-        const int sites = static_cast<int>(system.twiceSpin.size());
-        const auto whole = std::make_shared<const SplitGroup>(wholeGroup(findSymmetry(system), sites));
-        plans.emplace_back("split by the tree's group", planSpectrum(system, Method::SBlocks, 1, tree));
+        const auto whole =
+            std::make_shared<const SplitGroup>(wholeGroup(findSymmetry(system), sites));
+        plans.emplace_back("split by the tree's group",
+                           planSpectrum(system, Method::SBlocks, 1, tree));
         Plan mixed = planSpectrum(system, Method::SBlocks, 1, tree, {}, whole);
         mixed.wholeFor.assign(64, 0);
         for (std::size_t label = 0; label < mixed.wholeFor.size(); ++label)
@@ -138,13 +135,25 @@ std::vector<std::pair<std::string, Plan>> everyMethod(const SpinSystem& system) 
     }
     FtlmSettings whole;
     whole.denseLimit = 100000;
-    plans.emplace_back("FTLM, every block whole", planSpectrum(system, Method::Ftlm, 1, nullptr, whole));
+    plans.emplace_back("FTLM, every block whole",
+                       planSpectrum(system, Method::Ftlm, 1, nullptr, whole));
     return plans;
 }
 
+// A problem on the cluster with chiT points (observed 1) at these temperatures, fitted whole.
+Problem problemOf(const SpinSystem& system, std::vector<double> temperatures) {
+    Problem problem;
+    problem.unit = EnergyUnit::Kelvin;
+    problem.twiceSpin = system.twiceSpin;
+    problem.bonds = system.bonds;
+    problem.parameters.resize(static_cast<std::size_t>(firstJIndex + system.jCount));
+    for (double t : temperatures) problem.points.push_back({t, 1});
+    problem.last = static_cast<int>(problem.points.size());
+    return problem;
+}
+
 // Fields and temperatures from the linear range to saturation (7 T at 2 K).
-constexpr std::array<std::array<double, 2>, 5> points{
-    {{2, 7}, {2, 0.5}, {5, 2}, {10, 3}, {50, 5}}};
+constexpr std::array<std::array<double, 2>, 5> points{{{2, 7}, {2, 0.5}, {5, 2}, {10, 3}, {50, 5}}};
 
 } // namespace
 
@@ -156,7 +165,8 @@ TEST(Magnetisation, AgreesWithBruteForceInAFieldThroughEveryMethod) {
         const BruteForce brute(cluster.system, cluster.j);
         std::vector<double> expected;
         for (const Parameters& p : parameterSets)
-            for (const auto& [t, tesla] : points) expected.push_back(brute.magnetisation(p, t, tesla));
+            for (const auto& [t, tesla] : points)
+                expected.push_back(brute.magnetisation(p, t, tesla));
         for (const auto& [name, plan] : everyMethod(cluster.system)) {
             SCOPED_TRACE(name);
             Spectrum spectrum(cluster.system, plan, 2);
@@ -180,13 +190,7 @@ TEST(Magnetisation, FtlmAgreesWithinItsErrorAndHoldsLargeSpinsInStrongFields) {
     // within 4 of its standard errors (the jackknife through the mean field) of the exact values.
     SpinSystem ring{std::vector<int>(10, 1), {}, 1};
     for (int i = 0; i < 10; ++i) ring.bonds.push_back({i, (i + 1) % 10, 0});
-    Problem problem;
-    problem.unit = EnergyUnit::Kelvin;
-    problem.twiceSpin = ring.twiceSpin;
-    problem.bonds = ring.bonds;
-    problem.parameters.resize(5);
-    for (double t : {2.0, 5.0, 20.0, 100.0}) problem.points.push_back({t, 1});
-    problem.last = 4;
+    Problem problem = problemOf(ring, {2, 5, 20, 100});
     problem.field = 1;
     for (const auto& [t, tesla] : points) problem.magnetisation.push_back({t, tesla, 1});
     problem.magnetisationLast = static_cast<int>(points.size());
@@ -224,9 +228,8 @@ TEST(Magnetisation, FtlmAgreesWithinItsErrorAndHoldsLargeSpinsInStrongFields) {
     const SpinSystem pair{{20, 20}, {{0, 1, 0}}, 1};
     Spectrum spectrum(pair, planSpectrum(pair, Method::SBlocks), 1);
     Levels single;
-    single.energy = {0};
+    single.energy = single.moment = {0};
     single.weight = {201};
-    single.moment = {0};
     single.twice = {200};
     const std::vector<std::tuple<const Levels*, int, double, double>> cases{
         {&spectrum.levels({20}, {}), 40, 2, 7},
@@ -249,13 +252,7 @@ TEST(Magnetisation, ChiInAVanishingFieldIsTheZeroFieldChi) {
     for (const Cluster& cluster : clusters()) {
         SCOPED_TRACE(cluster.name);
         Spectrum spectrum(cluster.system, planSpectrum(cluster.system, Method::SBlocks), 1);
-        Problem problem;
-        problem.unit = EnergyUnit::Kelvin;
-        problem.twiceSpin = cluster.system.twiceSpin;
-        problem.bonds = cluster.system.bonds;
-        problem.parameters.resize(firstJIndex + cluster.j.size());
-        for (double t = 5; t <= 300; t *= 1.5) problem.points.push_back({t, 1});
-        problem.last = static_cast<int>(problem.points.size());
+        Problem problem = problemOf(cluster.system, {5, 8, 12, 20, 30, 50, 80, 120, 200, 300});
         for (DataKind kind : {DataKind::Chi, DataKind::ChiT})
             for (double zj : {-0.7, 0.2}) {
                 problem.kind = kind;
@@ -278,15 +275,10 @@ TEST(Magnetisation, JacobianOfTheJointResidualsIsTheirDerivative) {
     // Jacobian against central differences, by S blocks (Hellmann-Feynman slopes) and by FTLM
     // (its forward differences, against its own central differences).
     const Cluster cluster = clusters()[1];
-    Problem problem;
+    Problem problem = problemOf(cluster.system, {3, 10, 50, 200});
     problem.unit = EnergyUnit::Cm1;
-    problem.kind = DataKind::ChiT;
-    problem.twiceSpin = cluster.system.twiceSpin;
-    problem.bonds = cluster.system.bonds;
-    problem.parameters = {{2.02, 0.01}, {0.01, 0.001}, {-0.3, 0.01}, {1e-4, 1e-5},
-                          {-4, 0.1},   {3, 0.1}};
-    for (double t : {3.0, 10.0, 50.0, 200.0}) problem.points.push_back({t, 1.5});
-    problem.last = 4;
+    problem.parameters = {{2.02, 0.01}, {0.01, 0.001}, {-0.3, 0.01},
+                          {1e-4, 1e-5}, {-4, 0.1},     {3, 0.1}};
     problem.field = 1;
     problem.weighting = Weighting::Relative;
     for (double tesla : {0.5, 2.0, 5.0, 7.0}) problem.magnetisation.push_back({2, tesla, 3});
