@@ -2,6 +2,7 @@
 // limits, its files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include <thread>
 
 #include "model.h"
+#include "problem_io.h"
 #include "support/corefit_run.h"
 #include "support/fixtures.h"
 
@@ -282,16 +284,13 @@ TEST(Corefit, MagnetisationFixesTheGThatChiTAloneTradesAgainstJ) {
     auto normal = [&] {
         return std::sqrt(-2 * std::log(uniform())) * std::cos(6.2831853 * uniform());
     };
-    std::ostringstream chiT, magnetisation;
-    chiT.precision(10);
-    magnetisation.precision(10);
-    chiT << "30, 1, 30\n";
+    std::string chiT = "30, 1, 30\n", magnetisation = "magnetisation 28, 1, 28, 1\n";
     for (std::size_t i = 0; i < 30; ++i)
-        chiT << problem.points[i].temperature << " " << clean[i] * (1 + 0.01 * normal()) << "\n";
-    magnetisation << "magnetisation 28, 1, 28, 1\n";
+        chiT += corefit::formatText("%.10g %.10g\n", problem.points[i].temperature,
+                                    clean[i] * (1 + 0.01 * normal()));
     for (std::size_t i = 0; i < 28; ++i)
-        magnetisation << "2 " << problem.magnetisation[i].field << " "
-                      << clean[30 + i] * (1 + 0.003 * normal()) << "\n";
+        magnetisation += corefit::formatText("2 %g %.10g\n", problem.magnetisation[i].field,
+                                             clean[30 + i] * (1 + 0.003 * normal()));
 
     ScratchDir dir;
     const std::string input = dir.write(
@@ -302,20 +301,18 @@ TEST(Corefit, MagnetisationFixesTheGThatChiTAloneTradesAgainstJ) {
     };
     auto fit = [&](const std::string& data) {
         dir.write("chit.txt", data);
-        const CorefitRun run = runCorefit(input);
-        EXPECT_EQ(run.exitCode, 0) << run.errors;
+        EXPECT_EQ(runCorefit(input).exitCode, 0);
         Fitted out{};
         std::istringstream text(dir.read("output.txt"));
         for (std::string line; std::getline(text, line);) out.lines.push_back(line);
         const auto output = readOutput(dir);
         out.g = output[0][1], out.sg = output[2][0], out.j = output[3][1], out.sj = output[4][0];
-        for (std::size_t i = 0; i + 1 < out.lines.size(); ++i)
-            if (out.lines[i] == "# correlation 2 1 5")
-                out.correlation = std::stod(out.lines[i + 1].substr(out.lines[i + 1].find(' ', 2)));
+        const auto at = std::find(out.lines.begin(), out.lines.end(), "# correlation 2 1 5");
+        if (at + 1 < out.lines.end()) std::sscanf(at[1].c_str(), "# %*f %lf", &out.correlation);
         return out;
     };
-    const Fitted alone = fit(chiT.str());
-    const Fitted joint = fit(chiT.str() + magnetisation.str());
+    const Fitted alone = fit(chiT);
+    const Fitted joint = fit(chiT + magnetisation);
     EXPECT_LT(alone.correlation, -0.85) << "g and J traded against each other";
     EXPECT_GT(joint.correlation, alone.correlation);
     EXPECT_LT(joint.sg, 0.6 * alone.sg);

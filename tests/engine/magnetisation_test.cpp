@@ -6,13 +6,13 @@
 #include <cmath>
 #include <memory>
 #include <string>
-#include <tuple>
 
 #include <Eigen/Eigenvalues>
 
 #include "group_blocks.h"
 #include "magnetisation.h"
 #include "model.h"
+#include "product_space.h"
 #include "symmetry.h"
 
 using namespace corefit;
@@ -37,84 +37,38 @@ struct Parameters {
     double g, c, zj, tip; // zJ in kelvin
 };
 
-// Brute force, sharing nothing with the engine but the constants: H = -2 sum J S_a.S_b
-// + h Sz_total from Kronecker products of spin matrices, diagonalised whole at every field;
-// <Sz> over its Boltzmann weights; the mean field h = g mu_B B / k_B + 2 zJ <Sz> by plain
-// iteration; then M = g <Sz> + C / C0 tanh(mu_B B / k_B T) + Xtip B 1e4 / N mu_B.
-class BruteForce {
-public:
-    BruteForce(const SpinSystem& system, const std::vector<double>& jKelvin) {
-        using Matrix = Eigen::MatrixXd;
-        auto kron = [](const Matrix& a, const Matrix& b) {
-            Matrix out(a.rows() * b.rows(), a.cols() * b.cols());
-            for (Eigen::Index i = 0; i < a.rows(); ++i)
-                for (Eigen::Index k = 0; k < a.cols(); ++k)
-                    out.block(i * b.rows(), k * b.cols(), b.rows(), b.cols()) = a(i, k) * b;
-            return out;
-        };
-        const std::size_t n = system.twiceSpin.size();
-        std::vector<std::array<Matrix, 3>> ops(n); // Sx, iSy (real), Sz of each site
-        for (std::size_t site = 0; site < n; ++site) {
-            const double s = system.twiceSpin[site] / 2.0;
-            const Eigen::Index d = system.twiceSpin[site] + 1;
-            Matrix plus = Matrix::Zero(d, d), z = Matrix::Zero(d, d);
-            for (Eigen::Index k = 0; k < d; ++k) {
-                const double m = s - static_cast<double>(k);
-                z(k, k) = m;
-                if (k > 0) plus(k - 1, k) = std::sqrt(s * (s + 1) - m * (m + 1));
-            }
-            const std::array<Matrix, 3> local{(plus + plus.transpose()) / 2,
-                                              (plus - plus.transpose()) / 2, z};
-            for (std::size_t c = 0; c < 3; ++c) {
-                Matrix full = Matrix::Identity(1, 1);
-                for (std::size_t other = 0; other < n; ++other) {
-                    const Eigen::Index size = system.twiceSpin[other] + 1;
-                    full = kron(full, other == site ? local[c] : Matrix::Identity(size, size));
-                }
-                ops[site][c] = full;
-            }
-        }
-        h_ = Matrix::Zero(ops[0][0].rows(), ops[0][0].rows());
-        sz_ = h_;
-        for (const Bond& bond : system.bonds) {
-            const auto& a = ops[static_cast<std::size_t>(bond.a)];
-            const auto& b = ops[static_cast<std::size_t>(bond.b)];
-            h_ += -2 * jKelvin[static_cast<std::size_t>(bond.j)] *
-                  (a[0] * b[0] - a[1] * b[1] + a[2] * b[2]);
-        }
-        for (const auto& site : ops) sz_ += site[2];
-    }
-
-    // <Sz> at reduced field h (kelvin): the levels of H - h Sz.
-    double mean(double h, double t) const {
-        const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(h_ - h * sz_);
+// Brute force, sharing nothing with the engine but the constants: H - h Sz_total of the whole
+// product basis, diagonalised whole at every field; <Sz> over its Boltzmann weights; the mean
+// field h = g mu_B B / k_B + 2 zJ <Sz> by plain iteration; then M = g <Sz> + C / C0
+// tanh(mu_B B / k_B T) + Xtip B 1e4 / N mu_B.
+double bruteForce(const reference::ProductSpace& space, const Parameters& p, double t,
+                  double tesla) {
+    auto mean = [&](double h) {
+        const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(space.h - h * space.sz);
         const Eigen::VectorXd e = solver.eigenvalues();
         const Eigen::VectorXd m =
-            (solver.eigenvectors().transpose() * sz_ * solver.eigenvectors()).diagonal();
-        double z = 0, sum = 0;
-        for (Eigen::Index i = 0; i < e.size(); ++i) {
-            const double w = std::exp(-(e[i] - e[0]) / t);
-            z += w;
-            sum += w * m[i];
-        }
-        return sum / z;
-    }
+            (solver.eigenvectors().transpose() * space.sz * solver.eigenvectors()).diagonal();
+        const Eigen::ArrayXd w = (-(e.array() - e[0]) / t).exp();
+        return (w * m.array()).sum() / w.sum();
+    };
+    const double h0 = p.g * bohrPerBoltzmann * tesla;
+    double s = mean(h0), before = 0;
+    for (int k = 0; k < 1000 && std::abs(s - before) > 1e-13 * std::abs(s); ++k)
+        before = s, s = mean(h0 + 2 * p.zj * s);
+    return p.g * s + p.c / curieConstant * std::tanh(bohrPerBoltzmann * tesla / t) +
+           p.tip * tesla * 1e4 / molarBohr;
+}
 
-    double magnetisation(const Parameters& p, double t, double tesla) const {
-        const double h0 = p.g * bohrPerBoltzmann * tesla;
-        double s = mean(h0, t), before = 0;
-        for (int k = 0; k < 1000 && std::abs(s - before) > 1e-13 * std::abs(s); ++k)
-            before = s, s = mean(h0 + 2 * p.zj * s, t);
-        return p.g * s + p.c / curieConstant * std::tanh(bohrPerBoltzmann * tesla / t) +
-               p.tip * tesla * 1e4 / molarBohr;
-    }
+// FTLM settings that diagonalise every block whole.
+FtlmSettings wholeBlocks() {
+    FtlmSettings settings;
+    settings.denseLimit = 100000;
+    return settings;
+}
 
-private:
-    Eigen::MatrixXd h_, sz_;
-};
-
-// The plans of every method: the full basis, M blocks, S blocks, S blocks split by the tree's
-// subgroup and (every other total spin) by the whole group, and FTLM with every block whole.
+// The plans of every method: the full basis, M blocks, S blocks, S blocks split by symmetry (by
+// the tree's subgroup, and every other total spin by the whole group), and FTLM with every block
+// whole.
 std::vector<std::pair<std::string, Plan>> everyMethod(const SpinSystem& system) {
     std::vector<std::pair<std::string, Plan>> plans{
         {"full", planSpectrum(system, Method::Full)},
@@ -125,18 +79,14 @@ std::vector<std::pair<std::string, Plan>> everyMethod(const SpinSystem& system) 
     if (tree->order() > 1) {
         const auto whole =
             std::make_shared<const SplitGroup>(wholeGroup(findSymmetry(system), sites));
-        plans.emplace_back("split by the tree's group",
-                           planSpectrum(system, Method::SBlocks, 1, tree));
         Plan mixed = planSpectrum(system, Method::SBlocks, 1, tree, {}, whole);
         mixed.wholeFor.assign(64, 0);
         for (std::size_t label = 0; label < mixed.wholeFor.size(); ++label)
             mixed.wholeFor[label] = label % 4 < 2;
         plans.emplace_back("split by the tree's and the whole group", mixed);
     }
-    FtlmSettings whole;
-    whole.denseLimit = 100000;
     plans.emplace_back("FTLM, every block whole",
-                       planSpectrum(system, Method::Ftlm, 1, nullptr, whole));
+                       planSpectrum(system, Method::Ftlm, 1, nullptr, wholeBlocks()));
     return plans;
 }
 
@@ -162,11 +112,12 @@ TEST(Magnetisation, AgreesWithBruteForceInAFieldThroughEveryMethod) {
     const Parameters parameterSets[] = {{2.05, 0.02, -0.4, 2e-4}, {1.98, 0, 0.1, 0}};
     for (const Cluster& cluster : clusters()) {
         SCOPED_TRACE(cluster.name);
-        const BruteForce brute(cluster.system, cluster.j);
+        const auto space =
+            reference::productSpace(cluster.system.twiceSpin, cluster.system.bonds, cluster.j);
         std::vector<double> expected;
         for (const Parameters& p : parameterSets)
             for (const auto& [t, tesla] : points)
-                expected.push_back(brute.magnetisation(p, t, tesla));
+                expected.push_back(bruteForce(space, p, t, tesla));
         for (const auto& [name, plan] : everyMethod(cluster.system)) {
             SCOPED_TRACE(name);
             Spectrum spectrum(cluster.system, plan, 2);
@@ -212,37 +163,20 @@ TEST(Magnetisation, FtlmAgreesWithinItsErrorAndHoldsLargeSpinsInStrongFields) {
         EXPECT_LT(std::abs(values[i] - truth[i]), 4 * errors[i]) << pointPlace(problem, i);
     }
 
-    // Large spins in strong and weak fields against the Brillouin function, g sum M e^(xM) /
-    // sum e^(xM), x = g mu_B B / k_B T, summed over M and -M together: a ferromagnetic pair of
-    // S = 10 at 2 K, whose S = 20 ground multiplet lies 800 K below the next, and a lone
-    // multiplet of S = 100.
-    auto brillouin = [](int twiceS, double tesla, double t) {
-        const double x = 2 * bohrPerBoltzmann * tesla / t;
-        double up = 0, z = twiceS % 2 ? 0.0 : 1.0;
-        for (int twiceM = twiceS; twiceM > 0; twiceM -= 2) {
-            up += twiceM * std::sinh(x * twiceM / 2);
-            z += 2 * std::cosh(x * twiceM / 2);
-        }
-        return 2 * up / z;
-    };
-    const SpinSystem pair{{20, 20}, {{0, 1, 0}}, 1};
-    Spectrum spectrum(pair, planSpectrum(pair, Method::SBlocks), 1);
+    // A lone multiplet of S = 100 in strong and weak fields against the Brillouin function,
+    // g sum M e^(xM) / sum e^(xM), x = g mu_B B / k_B T, summed over M and -M together.
     Levels single;
     single.energy = single.moment = {0};
     single.weight = {201};
     single.twice = {200};
-    const std::vector<std::tuple<const Levels*, int, double, double>> cases{
-        {&spectrum.levels({20}, {}), 40, 2, 7},
-        {&spectrum.levels({20}, {}), 40, 2, 1e-4},
-        {&single, 200, 2, 7},
-        {&single, 200, 2, 1e-4},
-        {&single, 200, 300, 1e-4}};
-    for (const auto& [spins, twiceS, t, tesla] : cases) {
-        Magnetisation m;
-        ASSERT_EQ(magnetisation(*spins, t, tesla, 2, 0, 0, 0, false, m), FieldFault::None);
-        const double expected = brillouin(twiceS, tesla, t);
-        EXPECT_NEAR(m.total, expected, 1e-9 * expected)
-            << "2S = " << twiceS << ", T = " << t << ", B = " << tesla;
+    for (const auto& [t, tesla] : {std::pair{2.0, 7.0}, {2.0, 1e-4}, {300.0, 1e-4}}) {
+        const double x = 2 * bohrPerBoltzmann * tesla / t;
+        double up = 0, z = 1;
+        for (int m = 1; m <= 100; ++m) up += 2 * m * std::sinh(x * m), z += 2 * std::cosh(x * m);
+        Magnetisation magnetised;
+        ASSERT_EQ(magnetisation(single, t, tesla, 2, 0, 0, 0, false, magnetised), FieldFault::None);
+        EXPECT_NEAR(magnetised.total, up / z * 2, 1e-9 * up / z * 2)
+            << "T = " << t << ", B = " << tesla;
     }
 }
 
@@ -286,10 +220,9 @@ TEST(Magnetisation, JacobianOfTheJointResidualsIsTheirDerivative) {
     problem.magnetisationLast = 5;
     problem.magnetisationWeight = 2;
     const std::vector<int> free{0, 1, 2, 3, 4, 5};
-    FtlmSettings whole;
-    whole.denseLimit = 100000;
-    for (const Plan& plan : {planSpectrum(cluster.system, Method::SBlocks),
-                             planSpectrum(cluster.system, Method::Ftlm, 1, nullptr, whole)}) {
+    for (const Plan& plan :
+         {planSpectrum(cluster.system, Method::SBlocks),
+          planSpectrum(cluster.system, Method::Ftlm, 1, nullptr, wholeBlocks())}) {
         SCOPED_TRACE(methodName(plan.method));
         Spectrum spectrum(cluster.system, plan, 1);
         SusceptibilityModel model(problem, spectrum);

@@ -101,14 +101,6 @@ TEST(ReadProblem, ReadsTheFieldTheWeightingAndAMagnetisationSet) {
     EXPECT_EQ(problem.magnetisation[1].field, 7);
     EXPECT_EQ(problem.magnetisation[2].observed, 1.2);
     EXPECT_EQ(problem.fittedPoints(), 4) << "2 pairs and magnetisation points 2 to 3";
-
-    // A magnetisation set alone.
-    ASSERT_TRUE(readProblemText(input, "0, 1, 0\nmagnetisation 1, 1, 1, 1\n2 1 0.5\n", "input.txt",
-                                "chit.txt", problem, error))
-        << error;
-    EXPECT_TRUE(problem.points.empty());
-    EXPECT_EQ(problem.fittedPoints(), 1);
-    EXPECT_EQ(problem.weighting, Weighting::Uniform);
 }
 
 Problem smallProblem(int jCount) {
