@@ -678,20 +678,33 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
     if (const double squares = observedScale(problem); squares > 0)
         log.line("agreement factor R = %.6g", result.deviation / squares);
     if (problem.hasMagnetisation()) {
-        // Each set's part, and its root mean square residual relative to the size of its values.
+        // Each set's part, and its root mean square residual relative to the size of its values
+        // (also for a set of weight 0, which is calculated but not fitted).
         const char* quantity = problem.kind == DataKind::ChiT ? "chiT" : "chi";
+        const bool relative = problem.weighting == Weighting::Relative;
+        double chiSquares = 0, magnetSquares = 0;
+        for (int i = problem.first; i <= problem.last; ++i) {
+            const auto k = static_cast<std::size_t>(i - 1);
+            const double r = outcome.calculated[k] - problem.points[k].observed;
+            chiSquares += std::pow(relative ? r / problem.points[k].observed : r, 2);
+        }
+        for (int i = problem.magnetisationFirst; i <= problem.magnetisationLast; ++i) {
+            const auto k = static_cast<std::size_t>(i - 1);
+            magnetSquares += std::pow(outcome.calculated[problem.points.size() + k] -
+                                          problem.magnetisation[k].observed,
+                                      2);
+        }
         if (problem.fittedChi() > 0)
-            log.line("  %s set: Dchi = %.10g; its residuals %.3g %% of %s (root mean square)",
-                     quantity, outcome.chiDeviation, 100 * std::sqrt(outcome.chiDeviation),
-                     problem.weighting == Weighting::Relative ? "the observed values" : "s_c");
-        const double weight = problem.magnetisationWeight;
-        if (weight > 0)
-            log.line("  magnetisation set: Dm = %.10g; its residuals %.3g %% of s_m (root mean "
-                     "square)",
-                     outcome.magnetisationDeviation,
-                     100 * std::sqrt(outcome.magnetisationDeviation / weight));
-        else
-            log.line("  magnetisation set: weight 0, not fitted");
+            log.line("  %s set: Dchi = %.10g; residuals %.3g %% of %s (root mean square)", quantity,
+                     outcome.chiDeviation,
+                     100 * std::sqrt(chiSquares / problem.fittedChi()) /
+                         (relative ? 1.0 : observedSize(problem)),
+                     relative ? "the observed values" : "s_c");
+        log.line("  magnetisation set: Dm = %.10g%s; residuals %.3g %% of s_m (root mean square)",
+                 outcome.magnetisationDeviation,
+                 problem.magnetisationWeight > 0 ? "" : " (weight 0: calculated, not fitted)",
+                 100 * std::sqrt(magnetSquares / problem.fittedMagnetisation()) /
+                     observedMagnetisationSize(problem));
     }
     for (std::size_t i = 0; i < outcome.values.size(); ++i) {
         const std::string name = parameterName(static_cast<int>(i));
