@@ -21,6 +21,11 @@
 // Instead: FTLM's standard error against its deviation from exact spectra over many seeds, and
 // the uncertainty of a fitted J against its scatter over seeds.
 //
+//   corefit-bench --magnetisation [--rounds N]
+//
+// Instead: the cost of a magnetisation set, the 16 x S=1/2 ring with chiT alone beside chiT
+// with M(H) points, by its exact spectrum split by symmetry and by FTLM.
+//
 //   corefit-bench --under-load [--rounds N]
 //
 // Instead: the 16 x S=1/2 ring with the default threads and with one, on an idle machine and with
@@ -415,6 +420,7 @@ struct Settings {
     double presentBudget = 1200; // --scale: skip a run of the present method estimated longer
     bool ftlmErrors = false;
     int seeds = 30; // --ftlm-errors
+    bool magnetisation = false;
 };
 
 // The naive reference on the same problem and data, where it fits the memory and time budgets.
@@ -1222,6 +1228,92 @@ int runSearch(const Settings& settings) {
     return 0;
 }
 
+// ---------------------------------------------------------------------------------------------
+// The cost of a magnetisation set: the model of the 16 x S=1/2 ring with its 300 chiT points
+// alone, and with M(H) at 2 and 5 K from 0.25 to 7 T (56 points), with and without a mean
+// field (whose self-consistent field takes a few Newton steps per point) and with chiT in a
+// field; by the exact spectrum split by symmetry and by FTLM without symmetry (whose large M
+// sectors take random vectors).
+
+int runMagnetisation(const Settings& settings) {
+    const Case c = ring(16, 1, true, {-10, -7});
+    const SpinSystem system{c.twiceSpin, c.bonds, static_cast<int>(c.j.size())};
+    const SiteSymmetry symmetry = findSymmetry(system);
+    const int sites = static_cast<int>(c.twiceSpin.size());
+    const auto tree = std::make_shared<const SplitGroup>(splitGroup(symmetry, sites));
+    const auto whole = std::make_shared<const SplitGroup>(wholeGroup(symmetry, sites));
+    FtlmSettings plain;
+    plain.symmetry = false;
+    const std::vector<std::pair<std::string, Plan>> methods{
+        {"exact, split by symmetry",
+         planSpectrum(system, Method::SBlocks, settings.threads, tree, {}, whole)},
+        {"FTLM, no symmetry",
+         planSpectrum(system, Method::Ftlm, settings.threads, nullptr, plain)}};
+    struct Variant {
+        const char* name;
+        bool magnetisation;
+        double field, zj;
+    };
+    const Variant variants[] = {{"chiT alone", false, 0, 0},
+                                {"chiT + M(H)", true, 0, 0},
+                                {"chiT + M(H), zJ = -0.1 K", true, 0, -0.1},
+                                {"chiT at 1 T + M(H), zJ = -0.1 K", true, 1, -0.1}};
+    std::printf("corefit-bench --magnetisation, corefit %s, %s\n", COREFIT_VERSION,
+                localTime().c_str());
+    std::printf("machine: %s, nproc %ld, %d threads; %s: 300 chiT points, M(H) at 2 and 5 K, "
+                "0.25 to 7 T (56 points); medians of %d\n\n",
+                cpuModel().c_str(), ::sysconf(_SC_NPROCESSORS_ONLN), settings.threads,
+                c.name.c_str(), settings.rounds);
+    std::printf("%-26s %-32s %12s %12s %14s %12s\n", "method", "data", "sums (s)", "spectrum (s)",
+                "J slopes (s)", "sums/alone");
+    for (const auto& [method, plan] : methods) {
+        progress("%s", method.c_str());
+        Spectrum spectrum(system, plan, settings.threads);
+        double alone = 0;
+        for (const Variant& variant : variants) {
+            Problem problem = makeProblem(c);
+            problem.parameters[zjIndex].start = variant.zj;
+            problem.field = variant.field;
+            if (variant.magnetisation) {
+                for (double t : {2.0, 5.0})
+                    for (int k = 1; k <= 28; ++k) problem.magnetisation.push_back({t, 0.25 * k, 1});
+                problem.magnetisationLast = 56;
+            }
+            SusceptibilityModel model(problem, spectrum);
+            std::vector<double> p = trueValues(problem), values;
+            std::vector<double> sums, spectra, slopes;
+            for (int r = 0; r < settings.rounds; ++r) {
+                // A new g: the spectrum is kept, only the thermal sums are done again.
+                p[gIndex] = c.g * (1 + 1e-3 * (r + 1));
+                if (!model.predict(p, values)) throw std::runtime_error("no model");
+                auto started = Clock::now();
+                p[gIndex] *= 1.0001;
+                if (!model.predict(p, values)) throw std::runtime_error("no model");
+                sums.push_back(secondsSince(started));
+                // New J values: the spectrum as well.
+                for (std::size_t k = firstJIndex; k < p.size(); ++k) p[k] *= 1 + 1e-3;
+                started = Clock::now();
+                if (!model.predict(p, values)) throw std::runtime_error("no model");
+                spectra.push_back(secondsSince(started));
+                // The Jacobian of g, zJ, J1 and J2: the J slopes (FTLM: a spectrum per J).
+                for (std::size_t k = firstJIndex; k < p.size(); ++k) p[k] *= 1 + 1e-3;
+                Eigen::VectorXd residuals;
+                Eigen::MatrixXd jacobian;
+                started = Clock::now();
+                if (!model.evaluate(p, residuals, &jacobian, {gIndex, zjIndex, 4, 5}))
+                    throw std::runtime_error("no model");
+                slopes.push_back(secondsSince(started));
+            }
+            const double sumsSeconds = median(sums);
+            if (!variant.magnetisation && variant.zj == 0) alone = sumsSeconds;
+            std::printf("%-26s %-32s %12.4g %12.4g %14.4g %12.2f\n", method.c_str(), variant.name,
+                        sumsSeconds, median(spectra), median(slopes), sumsSeconds / alone);
+            std::fflush(stdout);
+        }
+    }
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -1263,6 +1355,9 @@ int main(int argc, char** argv) {
                  "(with --large also the 18 x S=1/2 ring)");
     app.add_option("--seeds", settings.seeds, "--ftlm-errors: seeds per cluster (default 30)")
         ->check(CLI::Range(2, 1000));
+    app.add_flag("--magnetisation", settings.magnetisation,
+                 "instead: the cost of a magnetisation set, the 16 x S=1/2 ring with chiT alone "
+                 "beside chiT with M(H) points, exact and by FTLM (medians of --rounds)");
     CLI11_PARSE(app, argc, argv);
     if (settings.threads <= 0) settings.threads = defaultThreads();
 
@@ -1270,6 +1365,7 @@ int main(int argc, char** argv) {
         if (settings.scale) return runScale(settings);
         if (settings.search) return runSearch(settings);
         if (settings.ftlmErrors) return runErrors(settings);
+        if (settings.magnetisation) return runMagnetisation(settings);
         return settings.underLoad ? runUnderLoad(settings) : run(settings);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "corefit-bench: %s\n", failure.what());

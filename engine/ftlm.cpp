@@ -1033,6 +1033,8 @@ void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
     out.energy.clear();
     out.weight.clear();
     out.moment.clear();
+    out.twice.clear();
+    out.multiplets = false;
     out.sample.clear();
     out.samples = tasks.empty() ? 0 : vectors;
     out.slope.assign(static_cast<std::size_t>(system_.jCount), {});
@@ -1043,6 +1045,7 @@ void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
             out.energy.push_back(part.energy[i]);
             out.weight.push_back(part.weight[i]);
             out.moment.push_back(part.weight[i] * m * m);
+            out.twice.push_back(static_cast<int>(twiceMOf[b]));
             out.sample.push_back(part.sample[i]);
         }
     }

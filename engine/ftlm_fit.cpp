@@ -16,17 +16,19 @@ constexpr auto& format = formatText;
 
 } // namespace
 
-double FtlmFit::largestError(const std::vector<double>& p, double* where) {
+double FtlmFit::largestError(const std::vector<double>& p, std::string* where) {
     std::vector<double> values;
     if (!model.predict(p, values)) return 0;
     const std::vector<double> errors = model.standardErrors(p);
     double worst = 0;
-    for (int i = problem.first - 1; i < problem.last; ++i) {
-        const auto k = static_cast<std::size_t>(i);
+    const std::vector<FittedPoint> fitted = model.fitted();
+    if (where && !fitted.empty()) *where = pointPlace(problem, fitted.front().value);
+    for (const FittedPoint& point : fitted) {
+        const std::size_t k = point.value;
         const double relative = errors[k] / std::abs(values[k]);
         if (relative > worst) {
             worst = relative;
-            if (where) *where = problem.points[k].temperature;
+            if (where) *where = pointPlace(problem, k);
         }
     }
     return worst;
@@ -37,12 +39,12 @@ double FtlmFit::largestError(const std::vector<double>& p, double* where) {
 // limited them.
 bool FtlmFit::moreVectors(const std::vector<double>& p, const char* where) {
     const int now = spectrum.plan().ftlm.vectors;
-    double at = 0;
+    std::string at;
     const double worst = largestError(p, &at);
     if (worst <= errorTarget) {
         log(format("ftlm error target %.3g: %d random vectors per block reach it at the %s "
-                   "(largest %.2g %% at T = %.6g)",
-                   errorTarget, now, where, 100 * worst, at));
+                   "(largest %.2g %% at %s)",
+                   errorTarget, now, where, 100 * worst, at.c_str()));
         return false;
     }
     int freeJ = 0;
@@ -68,9 +70,9 @@ bool FtlmFit::moreVectors(const std::vector<double>& p, const char* where) {
         }
         vectors = low;
     }
-    log(format("ftlm error target %.3g: largest %.2g %% (at T = %.6g) with %d random vectors per "
+    log(format("ftlm error target %.3g: largest %.2g %% (at %s) with %d random vectors per "
                "block at the %s; %.0f needed%s",
-               errorTarget, 100 * worst, at, now, where, wanted,
+               errorTarget, 100 * worst, at.c_str(), now, where, wanted,
                vectors < wanted
                    ? format(", %d taken (the limit: %s)", vectors, limit_.c_str()).c_str()
                    : ""));
@@ -109,20 +111,20 @@ void FtlmFit::afterFit(const FitOptions& options, FitResult& result) {
             if (!done()) return;
         }
         if (errorTarget > 0 && done()) {
-            double at = 0;
+            std::string at;
             const double worst = largestError(result.parameters, &at);
             const int vectors = spectrum.plan().ftlm.vectors;
             if (worst <= errorTarget) {
                 if (again)
                     log(format("ftlm error target %.3g reached with %d random vectors per block: "
-                               "largest %.2g %% (at T = %.6g) at the fitted values",
-                               errorTarget, vectors, 100 * worst, at));
+                               "largest %.2g %% (at %s) at the fitted values",
+                               errorTarget, vectors, 100 * worst, at.c_str()));
             } else {
-                const std::string text = format(
-                    "ftlm error target %.3g not reached: largest %.2g %% (at T = %.6g) at the "
-                    "fitted values with %d random vectors per block%s",
-                    errorTarget, 100 * worst, at, vectors,
-                    limit_.empty() ? "" : (" (the limit: " + limit_ + ")").c_str());
+                const std::string text =
+                    format("ftlm error target %.3g not reached: largest %.2g %% (at %s) at the "
+                           "fitted values with %d random vectors per block%s",
+                           errorTarget, 100 * worst, at.c_str(), vectors,
+                           limit_.empty() ? "" : (" (the limit: " + limit_ + ")").c_str());
                 log(text);
                 say(text);
             }

@@ -42,8 +42,9 @@ public:
     // correlations of result. A stop request on the way leaves result Interrupted.
     void afterFit(const FitOptions& options, FitResult& result);
 
-    // The largest relative standard error over the fitted points at p, and its temperature.
-    double largestError(const std::vector<double>& p, double* where = nullptr);
+    // The largest relative standard error over the fitted points of both sets at p, and where it
+    // lies ("T = 8", "T = 2, H = 7 T").
+    double largestError(const std::vector<double>& p, std::string* where = nullptr);
 
 private:
     bool moreVectors(const std::vector<double>& p, const char* where);

@@ -6,6 +6,7 @@
 // Exit codes: 0 converged or evaluated, 1 iteration limit reached, 2 bad input, 3 interrupted,
 // 4 too large for the engine's limits, 5 an internal failure (LAPACK, out of memory), 6 stopped
 // on a plateau (not a minimum).
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -204,11 +205,66 @@ std::string gib(double bytes) {
     return text;
 }
 
+// The data beyond the pairs: the field of the chi data, the weighting, the magnetisation set and
+// how the joint deviation scales the two sets.
+void logData(Log& log, const Problem& problem) {
+    const char* quantity = problem.kind == DataKind::ChiT ? "chiT" : "chi";
+    if (problem.field > 0)
+        log.line("  %s measured at B = %.10g T: calculated at that field", quantity, problem.field);
+    else if (!problem.points.empty())
+        log.line("  %s in the zero-field limit", quantity);
+    if (problem.weighting == Weighting::Relative)
+        log.line("  weight relative: residuals of the %s points relative to the observed values, "
+                 "(calculated - observed) / observed",
+                 quantity);
+    if (!problem.hasMagnetisation()) return;
+    double tLow = 1e300, tHigh = 0, hLow = 1e300, hHigh = 0;
+    for (const MagnetisationPoint& point : problem.magnetisation) {
+        tLow = std::min(tLow, point.temperature), tHigh = std::max(tHigh, point.temperature);
+        hLow = std::min(hLow, point.field), hHigh = std::max(hHigh, point.field);
+    }
+    std::vector<double> temperatures;
+    for (const MagnetisationPoint& point : problem.magnetisation)
+        if (std::find(temperatures.begin(), temperatures.end(), point.temperature) ==
+            temperatures.end())
+            temperatures.push_back(point.temperature);
+    std::string list;
+    for (std::size_t k = 0; k < temperatures.size() && k < 12; ++k)
+        list += formatText("%s%.6g", k ? ", " : "", temperatures[k]);
+    if (temperatures.size() > 12) list += ", ...";
+    log.line("  magnetisation: %zu points in N muB (line %d on), fitted from point %d to %d, "
+             "weight %.10g; at %zu temperature%s (%s K; %.6g to %.6g K), fields %.6g to %.6g T",
+             problem.magnetisation.size(), problem.magnetisationLine + 1,
+             problem.magnetisationFirst, problem.magnetisationLast, problem.magnetisationWeight,
+             temperatures.size(), temperatures.size() == 1 ? "" : "s", list.c_str(), tLow, tHigh,
+             hLow, hHigh);
+    if (problem.fittedChi() == 0) {
+        log.line("deviation: D = W (1/n_m) sum (r/s_m)^2 with n_m = %d, s_m = %.6g N muB (the root "
+                 "mean square of the fitted observed values), W = %.6g",
+                 problem.fittedMagnetisation(), observedMagnetisationSize(problem),
+                 problem.magnetisationWeight);
+        return;
+    }
+    const double chiSize = problem.weighting == Weighting::Relative ? 1.0 : observedSize(problem);
+    log.line("joint deviation: D = (1/n_c) sum (r/s_c)^2 + W (1/n_m) sum (r/s_m)^2 with n_c = %d, "
+             "s_c = %.6g%s, n_m = %d, s_m = %.6g N muB (the root mean square of each set's "
+             "fitted observed values), W = %.6g",
+             problem.fittedChi(), chiSize,
+             problem.weighting == Weighting::Relative ? " (relative residuals)" : "",
+             problem.fittedMagnetisation(), observedMagnetisationSize(problem),
+             problem.magnetisationWeight);
+}
+
 void logProblem(Log& log, const Problem& problem) {
     log.line("input: %s", problem.inputPath.c_str());
-    log.line("data: %s (%s, %zu points, fitted from point %d to %d)", problem.dataPath.c_str(),
-             problem.kind == DataKind::ChiT ? "chiT in cm3 K mol-1" : "chi in cm3 mol-1",
-             problem.points.size(), problem.first, problem.last);
+    if (problem.points.empty())
+        log.line("data: %s (no %s points: the magnetisation set alone)", problem.dataPath.c_str(),
+                 problem.kind == DataKind::ChiT ? "chiT" : "chi");
+    else
+        log.line("data: %s (%s, %zu points, fitted from point %d to %d)", problem.dataPath.c_str(),
+                 problem.kind == DataKind::ChiT ? "chiT in cm3 K mol-1" : "chi in cm3 mol-1",
+                 problem.points.size(), problem.first, problem.last);
+    logData(log, problem);
     log.line("sites: %d", problem.siteCount());
     for (int i = 0; i < problem.siteCount(); ++i)
         log.line("  site %d: S = %s", i + 1,
@@ -220,6 +276,12 @@ void logProblem(Log& log, const Problem& problem) {
     log.line("susceptibility: chi = C0 g^2 <M^2> / (T - 2 zJ <M^2>) + C / T + Xtip, "
              "C0 = %.9f cm3 K mol-1, zJ in %s",
              curieConstant, unitName(problem.unit));
+    if (problem.field > 0 || problem.hasMagnetisation())
+        log.line("in a field B: M = g <M>(h) + (C / C0) tanh(mu_B B / k_B T) + Xtip B 1e4 / N mu_B "
+                 "in N muB, the levels E - h M with h = g mu_B B / k_B + 2 zJ <M> (the mean field "
+                 "solved self-consistently), mu_B / k_B = %.11g K/T, N mu_B = %.7g cm3 G mol-1%s",
+                 bohrPerBoltzmann, molarBohr,
+                 problem.field > 0 ? "; chi = M N mu_B / (B 1e4) at the field of the data" : "");
     log.line("parameters (start, step; step 0 keeps a parameter fixed):");
     for (std::size_t i = 0; i < problem.parameters.size(); ++i) {
         const Parameter& parameter = problem.parameters[i];
@@ -281,6 +343,9 @@ Outcome snapshotOutcome(const Problem& problem, const Snapshot& best) {
     Outcome outcome{best.deviation, best.parameters, {}, best.calculated, {}, {}, {}, {}, {}};
     for (const Parameter& parameter : problem.parameters)
         outcome.uncertainties.push_back(parameter.free() ? std::nan("") : 0.0);
+    const SetDeviations sets = setDeviations(problem, best.calculated);
+    outcome.chiDeviation = sets.chi;
+    outcome.magnetisationDeviation = sets.magnetisation;
     return outcome;
 }
 
@@ -402,10 +467,11 @@ std::string startLine(int start, int count, const FitResult& result) {
 std::string ftlmErrorNote(const Problem& problem, SusceptibilityModel& model,
                           const Outcome& outcome, int vectors, Log& log) {
     const std::vector<double> errors = model.standardErrors(outcome.values);
-    double worst = 0, where = 0;
+    double worst = 0;
+    std::string where;
     for (std::size_t i = 0; i < errors.size(); ++i) {
         const double relative = errors[i] / std::abs(outcome.calculated[i]);
-        if (relative > worst) worst = relative, where = problem.points[i].temperature;
+        if (relative > worst) worst = relative, where = pointPlace(problem, i);
     }
     char text[300];
     if (worst == 0)
@@ -415,23 +481,15 @@ std::string ftlmErrorNote(const Problem& problem, SusceptibilityModel& model,
     else
         std::snprintf(text, sizeof text,
                       "ftlm standard error of the calculated values (%d random vectors per "
-                      "block): largest %.2g %% (at T = %.6g); at some temperatures the "
+                      "block): largest %.2g %% (at %s); at some temperatures the "
                       "actual error may reach 2 to 3 times that",
-                      vectors, 100 * worst, where);
+                      vectors, 100 * worst, where.c_str());
     log.line("%s", text);
     for (std::size_t i = 0; worst > 0 && i < errors.size();
          i += std::max<std::size_t>(1, errors.size() / 10))
-        log.line("  T = %.6g: %.10g +/- %.3g", problem.points[i].temperature,
-                 outcome.calculated[i], errors[i]);
+        log.line("  %s: %.10g +/- %.3g", pointPlace(problem, i).c_str(), outcome.calculated[i],
+                 errors[i]);
     return text;
-}
-
-// The sum of the squared observed values over the fitted points.
-double observedSquares(const Problem& problem) {
-    double sum = 0;
-    for (int i = problem.first; i <= problem.last; ++i)
-        sum += std::pow(problem.points[static_cast<std::size_t>(i - 1)].observed, 2);
-    return sum;
 }
 
 // The fits from the given start and from the search's further starts, one model per worker;
@@ -495,7 +553,7 @@ FitResult fitFromAllStarts(const Options& options, Log& log, Run& run, const Pro
                 log.line("%s", startLine(i + 1, count, results[static_cast<std::size_t>(i)]).c_str());
             progress("search: %d start%s", count, count == 1 ? "" : "s");
         }
-        summary = summarise(results, problem.tolerance, observedSquares(problem));
+        summary = summarise(results, problem.tolerance, observedScale(problem));
         if (summary.best > 0) {
             log.line("the best fit comes from start %d; the given start ended at deviation "
                      "%.10g (%s)",
@@ -519,8 +577,9 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
     for (std::size_t i = firstJIndex; i < problem.parameters.size(); ++i)
         freeJ += problem.parameters[i].free();
     progress("setup %s; %d free parameter%s, %zu points, %d thread%s; a fit takes about %.3g s",
-             plan.describe().c_str(), freeCount, freeCount == 1 ? "" : "s", problem.points.size(),
-             plan.threads, plan.threads == 1 ? "" : "s", estimatedSeconds(plan, freeJ));
+             plan.describe().c_str(), freeCount, freeCount == 1 ? "" : "s",
+             problem.points.size() + problem.magnetisation.size(), plan.threads,
+             plan.threads == 1 ? "" : "s", estimatedSeconds(plan, freeJ));
     // One spectrum per worker: the blocks of each on one thread when several work side by side.
     const int blockThreads = search.workers > 1 ? 1 : plan.threads;
     std::vector<std::unique_ptr<Spectrum>> spectra;
@@ -549,9 +608,9 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
     };
     const std::string input = fileName(problem.inputPath), data = fileName(problem.dataPath);
     if (result.status == FitStatus::Failed) {
-        if (problem.last - problem.first + 1 < freeCount)
+        if (problem.fittedPoints() < freeCount)
             return failed(exitBadInput,
-                          data + " line 1: " + std::to_string(problem.last - problem.first + 1) +
+                          data + " line 1: " + std::to_string(problem.fittedPoints()) +
                               " fitted points cannot determine the " + std::to_string(freeCount) +
                               " free parameters of " + input);
         std::vector<double> start;
@@ -596,6 +655,11 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
         result.iterations = best.iteration;
     }
     run.finish();
+    {
+        const SetDeviations sets = setDeviations(problem, outcome.calculated);
+        outcome.chiDeviation = sets.chi;
+        outcome.magnetisationDeviation = sets.magnetisation;
+    }
     if (plan.method == Method::Ftlm && !outcome.calculated.empty())
         outcome.note = ftlmErrorNote(problem, model, outcome, spectrum.plan().ftlm.vectors, log);
     if (result.correlation.size() > 0 &&
@@ -611,8 +675,37 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
              statusText(result.status), result.iterations, result.iterations == 1 ? "" : "s",
              result.evaluations, spectrum.diagonalisations());
     log.line("deviation D = %.10g", result.deviation);
-    if (const double squares = observedSquares(problem); squares > 0)
+    if (const double squares = observedScale(problem); squares > 0)
         log.line("agreement factor R = %.6g", result.deviation / squares);
+    if (problem.hasMagnetisation()) {
+        // Each set's part, and its root mean square residual relative to the size of its values
+        // (also for a set of weight 0, which is calculated but not fitted).
+        const char* quantity = problem.kind == DataKind::ChiT ? "chiT" : "chi";
+        const bool relative = problem.weighting == Weighting::Relative;
+        double chiSquares = 0, magnetSquares = 0;
+        for (int i = problem.first; i <= problem.last; ++i) {
+            const auto k = static_cast<std::size_t>(i - 1);
+            const double r = outcome.calculated[k] - problem.points[k].observed;
+            chiSquares += std::pow(relative ? r / problem.points[k].observed : r, 2);
+        }
+        for (int i = problem.magnetisationFirst; i <= problem.magnetisationLast; ++i) {
+            const auto k = static_cast<std::size_t>(i - 1);
+            magnetSquares += std::pow(outcome.calculated[problem.points.size() + k] -
+                                          problem.magnetisation[k].observed,
+                                      2);
+        }
+        if (problem.fittedChi() > 0)
+            log.line("  %s set: Dchi = %.10g; residuals %.3g %% of %s (root mean square)", quantity,
+                     outcome.chiDeviation,
+                     100 * std::sqrt(chiSquares / problem.fittedChi()) /
+                         (relative ? 1.0 : observedSize(problem)),
+                     relative ? "the observed values" : "s_c");
+        log.line("  magnetisation set: Dm = %.10g%s; residuals %.3g %% of s_m (root mean square)",
+                 outcome.magnetisationDeviation,
+                 problem.magnetisationWeight > 0 ? "" : " (weight 0: calculated, not fitted)",
+                 100 * std::sqrt(magnetSquares / problem.fittedMagnetisation()) /
+                     observedMagnetisationSize(problem));
+    }
     for (std::size_t i = 0; i < outcome.values.size(); ++i) {
         const std::string name = parameterName(static_cast<int>(i));
         if (!problem.parameters[i].free())

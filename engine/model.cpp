@@ -85,8 +85,74 @@ bool susceptibility(double t, double moment, double g, double c, double zjKelvin
     return true;
 }
 
+std::vector<FittedPoint> fittedPoints(const Problem& problem) {
+    std::vector<FittedPoint> fitted;
+    const bool joint = problem.hasMagnetisation(),
+               relative = problem.weighting == Weighting::Relative;
+    const double chiCount = problem.fittedChi();
+    const double chiScale =
+        joint && chiCount > 0 ? 1 / ((relative ? 1.0 : observedSize(problem)) * std::sqrt(chiCount))
+                              : 1.0;
+    for (int i = problem.first; i <= problem.last; ++i) {
+        const auto k = static_cast<std::size_t>(i - 1);
+        const double observed = problem.points[k].observed;
+        fitted.push_back({k, observed, relative ? chiScale / observed : chiScale});
+    }
+    if (joint) {
+        const double scale =
+            std::sqrt(problem.magnetisationWeight / problem.fittedMagnetisation()) /
+            observedMagnetisationSize(problem);
+        for (int i = problem.magnetisationFirst; i <= problem.magnetisationLast; ++i) {
+            const auto k = static_cast<std::size_t>(i - 1);
+            fitted.push_back({problem.points.size() + k, problem.magnetisation[k].observed, scale});
+        }
+    }
+    return fitted;
+}
+
+SetDeviations setDeviations(const Problem& problem, const std::vector<double>& calculated) {
+    SetDeviations out;
+    for (const FittedPoint& point : fittedPoints(problem)) {
+        if (point.value >= calculated.size()) break;
+        const double r = (calculated[point.value] - point.observed) * point.scale;
+        (point.value < problem.points.size() ? out.chi : out.magnetisation) += r * r;
+    }
+    return out;
+}
+
+double observedScale(const Problem& problem) {
+    double sum = 0;
+    for (const FittedPoint& point : fittedPoints(problem))
+        sum += std::pow(point.observed * point.scale, 2);
+    return sum;
+}
+
+std::string pointPlace(const Problem& problem, std::size_t value) {
+    if (value < problem.points.size())
+        return formatText("T = %.6g", problem.points[value].temperature);
+    const MagnetisationPoint& point = problem.magnetisation[value - problem.points.size()];
+    return formatText("T = %.6g, H = %.6g T", point.temperature, point.field);
+}
+
 SusceptibilityModel::SusceptibilityModel(const Problem& problem, Spectrum& spectrum)
     : problem_(problem), spectrum_(spectrum), toKelvin_(kelvinPer(problem.unit)) {}
+
+double SusceptibilityModel::temperatureOf(std::size_t i) const {
+    return i < problem_.points.size()
+               ? problem_.points[i].temperature
+               : problem_.magnetisation[i - problem_.points.size()].temperature;
+}
+
+double SusceptibilityModel::fieldOf(std::size_t i) const {
+    return i < problem_.points.size() ? problem_.field
+                                      : problem_.magnetisation[i - problem_.points.size()].field;
+}
+
+double SusceptibilityModel::factorOf(std::size_t i) const {
+    if (i >= problem_.points.size()) return 1;
+    return chiPerMagnetisation(problem_.field) *
+           (problem_.kind == DataKind::ChiT ? problem_.points[i].temperature : 1.0);
+}
 
 bool SusceptibilityModel::compute(const std::vector<double>& p, const std::vector<int>* freeIndices,
                                   std::vector<double>& values, Eigen::MatrixXd* derivatives) {
@@ -98,38 +164,72 @@ bool SusceptibilityModel::compute(const std::vector<double>& p, const std::vecto
         for (int index : *freeIndices)
             if (index >= firstJIndex)
                 slopeFor[static_cast<std::size_t>(index - firstJIndex)] = true;
-    std::vector<ThermalMoment> moments;
-    const Levels& levels = spectrum_.levels(jKelvin, spectrum_.exactSlopes() ? slopeFor
-                                                                             : std::vector<bool>{});
-    for (const Point& point : problem_.points)
-        moments.push_back(thermalMoment(levels, point.temperature));
+    const std::size_t count = problem_.points.size() + problem_.magnetisation.size();
+    const double zjKelvin = p[zjIndex] * toKelvin_;
+    // Zero-field chi points through <M^2>; points in a field through the magnetisation.
+    auto inField = [&](std::size_t i) { return fieldOf(i) > 0; };
+    std::vector<ThermalMoment> moments(count);
+    std::vector<Magnetisation> fields(count);
+    {
+        const bool exact = spectrum_.exactSlopes();
+        const Levels& levels = spectrum_.levels(jKelvin, exact ? slopeFor : std::vector<bool>{});
+        for (std::size_t i = 0; i < count; ++i) {
+            const double t = temperatureOf(i);
+            if (!inField(i))
+                moments[i] = thermalMoment(levels, t);
+            else if (magnetisation(levels, t, fieldOf(i), p[gIndex], p[cIndex], zjKelvin,
+                                   p[tipIndex], derivatives && exact,
+                                   fields[i]) != FieldFault::None)
+                return false;
+        }
+    }
     if (!spectrum_.exactSlopes()) {
-        // FTLM: forward differences over the same random vectors, which keep <M^2> smooth in J.
-        for (auto& moment : moments) moment.slope.assign(jCount, 0.0);
+        // FTLM: forward differences over the same random vectors, which keep <M^2> and <M>
+        // smooth in J; <M> at the same field, to be carried through the mean field.
+        for (std::size_t i = 0; i < count; ++i)
+            (inField(i) ? fields[i].cluster.slope : moments[i].slope).assign(jCount, 0.0);
         for (std::size_t k = 0; k < jCount; ++k) {
             if (!slopeFor[k]) continue;
             std::vector<double> moved = jKelvin;
             const double h = 1e-5 * std::max(std::abs(jKelvin[k]), 1.0);
             moved[k] += h;
             const Levels& shifted = spectrum_.levels(moved, {});
-            for (std::size_t i = 0; i < problem_.points.size(); ++i)
-                moments[i].slope[k] =
-                    (thermalMoment(shifted, problem_.points[i].temperature).value -
-                     moments[i].value) / h;
+            for (std::size_t i = 0; i < count; ++i) {
+                const double t = temperatureOf(i);
+                if (inField(i))
+                    fields[i].cluster.slope[k] =
+                        (thermalMagnetisation(shifted, fields[i].field, t).value -
+                         fields[i].cluster.value) /
+                        h;
+                else
+                    moments[i].slope[k] = (thermalMoment(shifted, t).value - moments[i].value) / h;
+            }
         }
     }
 
     const bool chiT = problem_.kind == DataKind::ChiT;
-    const double zjKelvin = p[zjIndex] * toKelvin_;
-    values.resize(problem_.points.size());
-    for (std::size_t i = 0; i < problem_.points.size(); ++i) {
-        const double t = problem_.points[i].temperature;
-        const ThermalMoment& moment = moments[i];
-        Susceptibility s;
-        if (!susceptibility(t, moment.value, p[gIndex], p[cIndex], zjKelvin, p[tipIndex], s))
-            return false;
-        const double factor = chiT ? t : 1.0;
-        values[i] = s.chi * factor;
+    values.resize(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        const double t = temperatureOf(i);
+        double factor = 1, dg = 0, dC = 0, dzJ = 0, dTip = 0, dMoment = 0;
+        const std::vector<double>* slope = nullptr;
+        if (!inField(i)) {
+            Susceptibility s;
+            if (!susceptibility(t, moments[i].value, p[gIndex], p[cIndex], zjKelvin, p[tipIndex],
+                                s))
+                return false;
+            factor = chiT ? t : 1.0;
+            values[i] = s.chi * factor;
+            dg = s.dChiDg, dC = s.dChiDC, dzJ = s.dChiDzJ, dTip = s.dChiDtip;
+            dMoment = s.dChiDMoment;
+            slope = &moments[i].slope;
+        } else {
+            const Magnetisation& m = fields[i];
+            factor = factorOf(i);
+            values[i] = m.total * factor;
+            dg = m.dg, dC = m.dC, dzJ = m.dzJ, dTip = m.dTip, dMoment = m.dMoment;
+            slope = &m.cluster.slope;
+        }
         if (!derivatives) continue;
         const auto row = static_cast<Eigen::Index>(i);
         for (std::size_t column = 0; column < freeIndices->size(); ++column) {
@@ -137,20 +237,19 @@ bool SusceptibilityModel::compute(const std::vector<double>& p, const std::vecto
             double d = 0;
             switch (index) {
             case gIndex:
-                d = s.dChiDg;
+                d = dg;
                 break;
             case cIndex:
-                d = s.dChiDC;
+                d = dC;
                 break;
             case zjIndex:
-                d = s.dChiDzJ * toKelvin_;
+                d = dzJ * toKelvin_;
                 break;
             case tipIndex:
-                d = s.dChiDtip;
+                d = dTip;
                 break;
             default:
-                d = s.dChiDMoment * moment.slope[static_cast<std::size_t>(index - firstJIndex)] *
-                    toKelvin_;
+                d = dMoment * (*slope)[static_cast<std::size_t>(index - firstJIndex)] * toKelvin_;
             }
             (*derivatives)(row, static_cast<Eigen::Index>(column)) = d * factor;
         }
@@ -167,16 +266,20 @@ bool SusceptibilityModel::evaluate(const std::vector<double>& p, Eigen::VectorXd
     std::vector<double> values;
     Eigen::MatrixXd all;
     if (jacobian)
-        all.resize(static_cast<Eigen::Index>(problem_.points.size()),
-                   static_cast<Eigen::Index>(freeIndices.size()));
+        all.resize(
+            static_cast<Eigen::Index>(problem_.points.size() + problem_.magnetisation.size()),
+            static_cast<Eigen::Index>(freeIndices.size()));
     if (!compute(p, &freeIndices, values, jacobian ? &all : nullptr)) return false;
-    const auto first = static_cast<Eigen::Index>(problem_.first - 1);
-    const auto count = static_cast<Eigen::Index>(residualCount());
+    const std::vector<FittedPoint> points = fittedPoints(problem_);
+    const auto count = static_cast<Eigen::Index>(points.size());
     residuals.resize(count);
-    for (Eigen::Index i = 0; i < count; ++i)
-        residuals[i] = values[static_cast<std::size_t>(first + i)] -
-                       problem_.points[static_cast<std::size_t>(first + i)].observed;
-    if (jacobian) *jacobian = all.middleRows(first, count);
+    if (jacobian) jacobian->resize(count, static_cast<Eigen::Index>(freeIndices.size()));
+    for (Eigen::Index i = 0; i < count; ++i) {
+        const FittedPoint& point = points[static_cast<std::size_t>(i)];
+        residuals[i] = (values[point.value] - point.observed) * point.scale;
+        if (jacobian)
+            jacobian->row(i) = all.row(static_cast<Eigen::Index>(point.value)) * point.scale;
+    }
     return true;
 }
 
@@ -205,14 +308,28 @@ SusceptibilityModel::jackknifeValues(const std::vector<double>& p) {
     std::vector<double> jKelvin(jCount);
     for (std::size_t k = 0; k < jCount; ++k) jKelvin[k] = p[firstJIndex + k] * toKelvin_;
     const Levels& levels = spectrum_.levels(jKelvin, {});
+    const double zjKelvin = p[zjIndex] * toKelvin_;
     std::vector<std::vector<double>> values;
-    for (const Point& point : problem_.points) {
-        const double t = point.temperature;
-        std::vector<double> estimates = thermalMomentJackknife(levels, t);
+    for (std::size_t i = 0; i < problem_.points.size() + problem_.magnetisation.size(); ++i) {
+        const double t = temperatureOf(i), tesla = fieldOf(i);
+        std::vector<double> estimates;
+        if (tesla > 0) {
+            // <M> without each vector at the field of the solution, carried through the mean
+            // field to first order: the total moves by dMoment times the change of <M>.
+            Magnetisation m;
+            if (magnetisation(levels, t, tesla, p[gIndex], p[cIndex], zjKelvin, p[tipIndex], false,
+                              m) == FieldFault::None) {
+                estimates = thermalMagnetisationJackknife(levels, m.field, t);
+                for (double& estimate : estimates)
+                    estimate = (m.total + m.dMoment * (estimate - m.cluster.value)) * factorOf(i);
+            }
+            values.push_back(std::move(estimates));
+            continue;
+        }
+        estimates = thermalMomentJackknife(levels, t);
         for (double& estimate : estimates) {
             Susceptibility s;
-            if (!susceptibility(t, estimate, p[gIndex], p[cIndex], p[zjIndex] * toKelvin_,
-                                p[tipIndex], s)) {
+            if (!susceptibility(t, estimate, p[gIndex], p[cIndex], zjKelvin, p[tipIndex], s)) {
                 estimates.clear();
                 break;
             }
@@ -235,11 +352,12 @@ Eigen::MatrixXd SusceptibilityModel::samplingCovariance(const std::vector<double
                                                         const Eigen::MatrixXd& jacobian) {
     const auto free = static_cast<Eigen::Index>(freeIndices.size());
     Eigen::MatrixXd covariance = Eigen::MatrixXd::Zero(free, free);
-    const auto first = static_cast<std::size_t>(problem_.first - 1);
-    const Eigen::Index count = residualCount();
-    if (free == 0 || jacobian.rows() != count || jacobian.cols() != free) return covariance;
+    const std::vector<FittedPoint> points = fittedPoints(problem_);
+    const auto count = static_cast<Eigen::Index>(points.size());
+    if (free == 0 || count == 0 || jacobian.rows() != count || jacobian.cols() != free)
+        return covariance;
     const std::vector<std::vector<double>> values = jackknifeValues(p);
-    const std::size_t samples = values[first].size();
+    const std::size_t samples = values[points.front().value].size();
     if (samples < 2) return covariance;
     // (J^T J)^+ J^T from a singular value decomposition of J with unit columns, directions of
     // singular value 0 left out (as the fit does).
@@ -262,9 +380,10 @@ Eigen::MatrixXd SusceptibilityModel::samplingCovariance(const std::vector<double
     for (std::size_t k = 0; k < samples; ++k) {
         Eigen::VectorXd moved(count);
         for (Eigen::Index i = 0; i < count; ++i) {
-            const std::vector<double>& estimates = values[first + static_cast<std::size_t>(i)];
+            const FittedPoint& point = points[static_cast<std::size_t>(i)];
+            const std::vector<double>& estimates = values[point.value];
             if (estimates.size() != samples) return covariance; // a pole of the mean field
-            moved(i) = estimates[k];
+            moved(i) = estimates[k] * point.scale;
         }
         shifts.col(static_cast<Eigen::Index>(k)) = -solve * moved;
     }
@@ -284,29 +403,58 @@ std::string SusceptibilityModel::domainFault(const std::vector<double>& p) {
     const Levels& levels = spectrum_.levels(jKelvin, {});
     const bool chiT = problem_.kind == DataKind::ChiT;
     const std::string quantity = chiT ? "chiT" : "chi";
+    const double zjKelvin = p[zjIndex] * toKelvin_;
+    std::vector<double> scale(problem_.points.size() + problem_.magnetisation.size(), 0.0);
+    for (const FittedPoint& point : fitted()) scale[point.value] = point.scale;
     double sum = 0;
-    for (std::size_t i = 0; i < problem_.points.size(); ++i) {
-        const Point& point = problem_.points[i];
-        // Point k (from 1) is on line k + 1 of the data file, after the header.
-        const std::string where = data + " line " + std::to_string(i + 2) + ": point " +
-                                  std::to_string(i + 1) + " (T = " + shortReal(point.temperature) +
-                                  ", " + quantity + " " + shortReal(point.observed) + ")";
-        const double moment = thermalMoment(levels, point.temperature).value;
-        Susceptibility s;
-        if (!susceptibility(point.temperature, moment, p[gIndex], p[cIndex], p[zjIndex] * toKelvin_,
-                            p[tipIndex], s))
-            return input + ": zJ = " + shortReal(p[zjIndex]) +
-                   " puts the pole of the mean field above the temperature of " + where +
-                   "; T - 2 zJ <M^2> must stay above 0";
-        const double value = s.chi * (chiT ? point.temperature : 1.0);
-        if (!std::isfinite(value))
-            return where + ": the model gives no finite " + quantity + " there";
-        const int number = static_cast<int>(i) + 1;
-        if (number < problem_.first || number > problem_.last) continue;
-        const double square = (value - point.observed) * (value - point.observed);
+    for (std::size_t i = 0; i < scale.size(); ++i) {
+        const bool magnet = i >= problem_.points.size();
+        const std::size_t k = magnet ? i - problem_.points.size() : i;
+        const double t = temperatureOf(i), tesla = fieldOf(i);
+        const double observed =
+            magnet ? problem_.magnetisation[k].observed : problem_.points[k].observed;
+        const std::string what = magnet ? "magnetisation" : quantity;
+        // Point k (from 1) is on line k + 1 of the data file, after the header; magnetisation
+        // point k on line k after its own.
+        const std::string where =
+            magnet
+                ? data + " line " +
+                      std::to_string(static_cast<std::size_t>(problem_.magnetisationLine) + 1 + k) +
+                      ": magnetisation point " + std::to_string(k + 1) + " (T = " + shortReal(t) +
+                      ", H = " + shortReal(tesla) + " T, M " + shortReal(observed) + ")"
+                : data + " line " + std::to_string(i + 2) + ": point " + std::to_string(i + 1) +
+                      " (T = " + shortReal(t) + ", " + quantity + " " + shortReal(observed) + ")";
+        double value = 0;
+        if (tesla > 0) {
+            Magnetisation m;
+            switch (magnetisation(levels, t, tesla, p[gIndex], p[cIndex], zjKelvin, p[tipIndex],
+                                  false, m)) {
+            case FieldFault::Pole:
+                return input + ": zJ = " + shortReal(p[zjIndex]) +
+                       " puts the pole of the mean field above the temperature of " + where +
+                       "; T - 2 zJ <M^2> must stay above 0";
+            case FieldFault::Unstable:
+                return input + ": zJ = " + shortReal(p[zjIndex]) +
+                       " leaves the mean field without a stable solution at " + where;
+            case FieldFault::None:
+                break;
+            }
+            value = m.total * factorOf(i);
+        } else {
+            Susceptibility s;
+            if (!susceptibility(t, thermalMoment(levels, t).value, p[gIndex], p[cIndex], zjKelvin,
+                                p[tipIndex], s))
+                return input + ": zJ = " + shortReal(p[zjIndex]) +
+                       " puts the pole of the mean field above the temperature of " + where +
+                       "; T - 2 zJ <M^2> must stay above 0";
+            value = s.chi * (chiT ? t : 1.0);
+        }
+        if (!std::isfinite(value)) return where + ": the model gives no finite " + what + " there";
+        if (scale[i] == 0) continue; // outside the fitted range
+        const double residual = (value - observed) * scale[i], square = residual * residual;
         sum += square;
         if (!std::isfinite(square) || !std::isfinite(sum))
-            return where + ": its squared deviation from the calculated " + quantity + " " +
+            return where + ": its squared deviation from the calculated " + what + " " +
                    shortReal(value) + " exceeds the range of double precision";
     }
     return {};

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "fit.h"
+#include "magnetisation.h"
 #include "problem.h"
 #include "spectrum.h"
 
@@ -45,21 +46,50 @@ struct Susceptibility {
 bool susceptibility(double t, double moment, double g, double c, double zjKelvin, double tip,
                     Susceptibility& out);
 
-// Residuals calculated - observed of the fitted quantity (chi or chiT) over the fitted range.
-// Parameters are in the file's units: g, C, zJ, Xtip, J1..Jn.
+// A fitted point: its place among the calculated values (the chi or chiT points, then the
+// magnetisation points), its observed value, and the factor of its residual in the deviation,
+// r = (calculated - observed) * scale.
+struct FittedPoint {
+    std::size_t value = 0;
+    double observed = 0, scale = 1;
+};
+// The fitted points of both sets, the chi or chiT set first. Without a magnetisation set the
+// scale is 1, or 1 / observed with relative weighting (D as the sum of squared residuals, or of
+// relative ones). With one, each set counts as its mean squared deviation relative to its own
+// size: 1 / (s_c sqrt(n_c)) (relative weighting: 1 / (observed sqrt(n_c))) for the chi or chiT
+// set and sqrt(W / n_m) / s_m for the magnetisation set, s the root mean square of a set's
+// observed values and n its fitted points.
+std::vector<FittedPoint> fittedPoints(const Problem& problem);
+// Each set's part of the deviation at the calculated values: (1/n_c) sum (r/s_c)^2 and
+// W (1/n_m) sum (r/s_m)^2 (all of it in the chi part without a magnetisation set).
+struct SetDeviations {
+    double chi = 0, magnetisation = 0;
+};
+SetDeviations setDeviations(const Problem& problem, const std::vector<double>& calculated);
+// The deviation of calculated values that are all 0: the sum of the squared scaled observed
+// values, the scale of D.
+double observedScale(const Problem& problem);
+// Where a calculated value lies, for messages: "T = 6.98", or "T = 2, H = 7 T" for a
+// magnetisation point.
+std::string pointPlace(const Problem& problem, std::size_t value);
+
+// Residuals of the fitted quantity (chi or chiT, and the magnetisation) over the fitted points,
+// scaled as fittedPoints says. Parameters are in the file's units: g, C, zJ, Xtip, J1..Jn.
 class SusceptibilityModel final : public LeastSquaresModel {
 public:
     SusceptibilityModel(const Problem& problem, Spectrum& spectrum);
-    int residualCount() const override { return problem_.last - problem_.first + 1; }
+    int residualCount() const override { return problem_.fittedPoints(); }
     bool evaluate(const std::vector<double>& p, Eigen::VectorXd& residuals,
                   Eigen::MatrixXd* jacobian, const std::vector<int>& freeIndices) override;
-    // The fitted quantity at every data point, also outside the fitted range; at the parameters
-    // of the last evaluation, the values it computed.
+    // The calculated values at every data point, also outside the fitted ranges: chi or chiT
+    // (at the field of the data, if any), then the magnetisation points in N muB. At the
+    // parameters of the last evaluation, the values it computed.
     bool predict(const std::vector<double>& p, std::vector<double>& values);
+    std::vector<FittedPoint> fitted() const { return fittedPoints(problem_); }
     // Why the model or the squared deviation is not finite at p: one line that names the file
     // and line that cause it (a data point, or a start value of the input file), or "".
     std::string domainFault(const std::vector<double>& p);
-    // FTLM: the standard error of the fitted quantity at every data point at p (all 0 for an
+    // FTLM: the standard error of the calculated value at every data point at p (all 0 for an
     // exact spectrum): the jackknife over the random vectors, times samplingErrorFactor.
     std::vector<double> standardErrors(const std::vector<double>& p);
     // FTLM: the covariance of the free parameters (freeIndices, file units) that the sampling of
@@ -71,11 +101,17 @@ public:
                                        const Eigen::MatrixXd& jacobian);
 
 private:
-    // The fitted quantity at every data point at p with each random vector left out in turn
+    // The calculated value at every data point at p with each random vector left out in turn
     // (empty where there are none, or where the mean field reaches its pole).
     std::vector<std::vector<double>> jackknifeValues(const std::vector<double>& p);
     bool compute(const std::vector<double>& p, const std::vector<int>* freeIndices,
                  std::vector<double>& values, Eigen::MatrixXd* derivatives);
+    // The temperature and field (tesla, 0 for the zero-field limit) of calculated value i.
+    double temperatureOf(std::size_t i) const;
+    double fieldOf(std::size_t i) const;
+    // The factor from the molar magnetisation (N muB) to calculated value i: chi or chiT at the
+    // field of the data, 1 for a magnetisation point.
+    double factorOf(std::size_t i) const;
     const Problem& problem_;
     Spectrum& spectrum_;
     double toKelvin_;

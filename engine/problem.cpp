@@ -1,5 +1,7 @@
 #include "problem.h"
 
+#include <cmath>
+
 namespace corefit {
 
 double kelvinPer(EnergyUnit unit) {
@@ -32,6 +34,28 @@ std::string parameterName(int index) {
     std::string name = std::to_string(index - firstJIndex + 1);
     name.insert(0, 1, 'J');
     return name;
+}
+
+namespace {
+
+template <class Points> double rootMeanSquare(const Points& points, int first, int last) {
+    double sum = 0;
+    for (int i = first; i <= last; ++i) {
+        const double value = points[static_cast<std::size_t>(i - 1)].observed;
+        sum += value * value;
+    }
+    return last >= first ? std::sqrt(sum / (last - first + 1)) : 0.0;
+}
+
+} // namespace
+
+double observedSize(const Problem& problem) {
+    return rootMeanSquare(problem.points, problem.first, problem.last);
+}
+
+double observedMagnetisationSize(const Problem& problem) {
+    return rootMeanSquare(problem.magnetisation, problem.magnetisationFirst,
+                          problem.magnetisationLast);
 }
 
 } // namespace corefit

@@ -135,6 +135,20 @@ public:
 
     // Takes the next line, which must hold count numbers; what names them for the messages.
     bool take(std::size_t count, const std::string& what) {
+        if (!takeWords(what)) return false;
+        for (const auto token : tokens_) {
+            double ignored = 0;
+            if (!check(parseReal(token, ignored), token)) return false;
+        }
+        if (tokens_.size() != count)
+            return fail("expected " + std::to_string(count) +
+                        (count == 1 ? " number" : " numbers") + " (" + what + "), found " +
+                        std::to_string(tokens_.size()));
+        return true;
+    }
+
+    // Takes the next line as words and numbers, whatever they are; what names the line.
+    bool takeWords(const std::string& what) {
         what_ = what;
         current_ = next_;
         if (atEnd())
@@ -153,16 +167,14 @@ public:
             tokens_.push_back(line.substr(i, end - i));
             i = end;
         }
-        for (const auto token : tokens_) {
-            double ignored = 0;
-            if (!check(parseReal(token, ignored), token)) return false;
-        }
-        if (tokens_.size() != count)
-            return fail("expected " + std::to_string(count) +
-                        (count == 1 ? " number" : " numbers") + " (" + what + "), found " +
-                        std::to_string(tokens_.size()));
         return true;
     }
+    std::size_t tokenCount() const { return tokens_.size(); }
+    std::string_view token(std::size_t index) const { return tokens_[index]; }
+    // The line taken last, from 1.
+    int lineNumber() const { return static_cast<int>(current_) + 1; }
+    // What the numbers of the line taken last stand for, in messages about them.
+    void setWhat(const std::string& what) { what_ = what; }
 
     bool integer(std::size_t index, int& value) {
         return check(parseInteger(tokens_[index], value), tokens_[index]);
@@ -179,6 +191,11 @@ public:
     // Sets the error for the line after the one taken last.
     bool failNext(const std::string& what) {
         current_ = next_;
+        return fail(what);
+    }
+    // Sets the error for a line by its number, from 1.
+    bool failAt(int line, const std::string& what) {
+        current_ = static_cast<std::size_t>(std::max(line, 1) - 1);
         return fail(what);
     }
 
@@ -284,15 +301,100 @@ bool readInput(LineReader& in, Problem& problem) {
     return true;
 }
 
+// "field B": the field at which the chi or chiT values were measured.
+bool readField(LineReader& in, Problem& problem, bool& seen) {
+    if (seen) return in.fail("a second field line; the field is given once");
+    seen = true;
+    in.setWhat("the field in tesla");
+    if (in.tokenCount() != 2)
+        return in.fail("expected \"field\" and one number, the field in tesla; found " +
+                       std::to_string(in.tokenCount() - 1) + " after it");
+    double field = 0;
+    if (!in.real(1, field)) return false;
+    if (!(field > 0) || field > maxField)
+        return in.fail("field " + formatReal(field) + " T; it must be above 0 and at most " +
+                       formatReal(maxField) + " T");
+    problem.field = field;
+    return true;
+}
+
+// "weight relative" (or "weight uniform"): how the residuals of the chi or chiT set count.
+bool readWeight(LineReader& in, Problem& problem, bool& seen) {
+    if (seen) return in.fail("a second weight line; the weighting is given once");
+    seen = true;
+    if (in.tokenCount() != 2)
+        return in.fail("expected \"weight relative\" or \"weight uniform\"; found " +
+                       std::to_string(in.tokenCount() - 1) + " words after \"weight\"");
+    if (in.token(1) == "relative")
+        problem.weighting = Weighting::Relative;
+    else if (in.token(1) == "uniform")
+        problem.weighting = Weighting::Uniform;
+    else
+        return in.fail("weight " + quoted(in.token(1)) + "; it must be relative or uniform");
+    return true;
+}
+
+// "magnetisation K, first, last, W" and its K points "T H M", the last lines of the file.
+bool readMagnetisation(LineReader& in, Problem& problem) {
+    in.setWhat("magnetisation: the point count, the first and the last fitted point, the weight");
+    if (in.tokenCount() != 5)
+        return in.fail("expected \"magnetisation\" and 4 numbers (the point count, the first and "
+                       "the last fitted point, the weight); found " +
+                       std::to_string(in.tokenCount() - 1) + " after it");
+    int count = 0, first = 0, last = 0;
+    double weight = 0;
+    if (!in.integer(1, count) || !in.integer(2, first) || !in.integer(3, last) ||
+        !in.real(4, weight))
+        return false;
+    if (count < 1 || count > maxMagnetisationPoints)
+        return in.fail("magnetisation point count " + std::to_string(count) + "; it must be 1 to " +
+                       std::to_string(maxMagnetisationPoints));
+    if (first < 1 || first > last || last > count)
+        return in.fail("fitted magnetisation points " + std::to_string(first) + " to " +
+                       std::to_string(last) + "; they must satisfy 1 <= first <= last <= " +
+                       std::to_string(count) + " (the magnetisation point count)");
+    if (weight < 0)
+        return in.fail("magnetisation weight " + formatReal(weight) + "; it must be 0 or above");
+    problem.magnetisationFirst = first;
+    problem.magnetisationLast = last;
+    problem.magnetisationWeight = weight;
+    problem.magnetisationLine = in.lineNumber();
+    for (int index = 1; index <= count; ++index) {
+        MagnetisationPoint point;
+        if (!in.take(3, "magnetisation point " + std::to_string(index) + " of " +
+                            std::to_string(count) + ": temperature, field and magnetisation") ||
+            !in.real(0, point.temperature) || !in.real(1, point.field) ||
+            !in.real(2, point.observed))
+            return false;
+        const std::string which = "magnetisation point " + std::to_string(index);
+        if (point.temperature <= 0)
+            return in.fail(which + " has temperature " + formatReal(point.temperature) +
+                           "; it must be above 0");
+        if (!(point.field > 0) || point.field > maxField)
+            return in.fail(which + " has field " + formatReal(point.field) +
+                           " T; it must be above 0 and at most " + formatReal(maxField) + " T");
+        problem.magnetisation.push_back(point);
+    }
+    if (!in.atEnd())
+        return in.failNext("more lines than the " + std::to_string(count) +
+                           " magnetisation points the magnetisation line announces");
+    return true;
+}
+
 bool readData(LineReader& in, Problem& problem) {
     int count = 0, first = 0, last = 0;
     if (!in.take(3, "the point count, the first and the last fitted point") ||
         !in.integer(0, count) || !in.integer(1, first) || !in.integer(2, last))
         return false;
-    if (count < 1 || count > maxPoints)
+    if (count < 0 || count > maxPoints)
         return in.fail("point count " + std::to_string(count) + "; it must be 1 to " +
-                       std::to_string(maxPoints));
-    if (first < 1 || first > last || last > count)
+                       std::to_string(maxPoints) + " (or 0 before a magnetisation set)");
+    if (count == 0 && (first != 1 || last != 0))
+        return in.fail("point count 0 with fitted points " + std::to_string(first) + " to " +
+                       std::to_string(last) +
+                       "; without points the first line is \"0, 1, 0\", and a magnetisation "
+                       "set follows");
+    if (count > 0 && (first < 1 || first > last || last > count))
         return in.fail("fitted points " + std::to_string(first) + " to " + std::to_string(last) +
                        "; they must satisfy 1 <= first <= last <= " + std::to_string(count) +
                        " (the point count)");
@@ -311,9 +413,54 @@ bool readData(LineReader& in, Problem& problem) {
                            formatReal(point.temperature) + "; it must be above 0");
         problem.points.push_back(point);
     }
-    if (!in.atEnd())
-        return in.failNext("more lines than the " + std::to_string(count) +
+
+    // Then, in any order, a field line and a weight line, and last a magnetisation set.
+    bool fieldSeen = false, weightSeen = false;
+    while (!in.atEnd()) {
+        if (!in.takeWords("a field, weight or magnetisation line after the " +
+                          std::to_string(count) + " points"))
+            return false;
+        const std::string_view word = in.token(0);
+        double number = 0;
+        if (parseReal(word, number) == Parsed::Ok)
+            return in.fail("more lines than the " + std::to_string(count) +
                            " points the first line announces");
+        if (word == "field") {
+            if (!readField(in, problem, fieldSeen)) return false;
+        } else if (word == "weight") {
+            if (!readWeight(in, problem, weightSeen)) return false;
+        } else if (word == "magnetisation") {
+            if (!readMagnetisation(in, problem)) return false;
+        } else {
+            return in.fail(quoted(word) +
+                           " is not a line of the data file; expected field, weight or "
+                           "magnetisation (lower case) after the points");
+        }
+    }
+
+    // What the deviation needs of the values: relative residuals divide by every fitted value;
+    // with a magnetisation set, each set is scaled by the size of its values.
+    if (count == 0 && !problem.hasMagnetisation())
+        return in.failAt(1, "no points, and no magnetisation set after them: nothing to fit");
+    if (problem.weighting == Weighting::Relative)
+        for (int index = first; index <= last; ++index)
+            if (problem.points[static_cast<std::size_t>(index - 1)].observed == 0)
+                return in.failAt(index + 1, "point " + std::to_string(index) + " has " + quantity +
+                                                " 0; relative weighting divides by every fitted "
+                                                "value");
+    if (problem.hasMagnetisation()) {
+        if (count == 0 && problem.magnetisationWeight == 0)
+            return in.failAt(problem.magnetisationLine,
+                             "magnetisation weight 0 and no other points: nothing to fit");
+        if (count > 0 && problem.weighting == Weighting::Uniform && observedSize(problem) == 0)
+            return in.failAt(1, "the fitted " + quantity +
+                                    " values are all 0; the joint deviation measures each set "
+                                    "against the size of its values");
+        if (observedMagnetisationSize(problem) == 0)
+            return in.failAt(problem.magnetisationLine,
+                             "the fitted magnetisation values are all 0; the joint deviation "
+                             "measures each set against the size of its values");
+    }
     return true;
 }
 
@@ -355,6 +502,21 @@ std::string outputText(const Problem& problem, const Outcome& outcome) {
         text += formatReal(problem.points[i].temperature) + ' ' +
                 formatReal(outcome.calculated[i]) + ' ' + formatReal(problem.points[i].observed) +
                 '\n';
+    // The magnetisation set, after the pairs: each set's part of D, then every point.
+    if (problem.hasMagnetisation()) {
+        text += "# sets " + formatReal(outcome.chiDeviation) + ' ' +
+                formatReal(outcome.magnetisationDeviation) + '\n';
+        text += "# magnetisation " + std::to_string(problem.magnetisation.size()) + ' ' +
+                std::to_string(problem.magnetisationFirst) + ' ' +
+                std::to_string(problem.magnetisationLast) + '\n';
+        const std::size_t offset = problem.points.size();
+        for (std::size_t i = 0; i < problem.magnetisation.size(); ++i) {
+            const MagnetisationPoint& point = problem.magnetisation[i];
+            text += "# " + formatReal(point.temperature) + ' ' + formatReal(point.field) + ' ' +
+                    formatReal(outcome.calculated[offset + i]) + ' ' + formatReal(point.observed) +
+                    '\n';
+        }
+    }
     // The correlations, after the pairs: "# correlation P" and the parameter numbers (1 g ..
     // 14 J10), then one row of P values per parameter.
     const std::size_t count = outcome.correlated.size();
@@ -388,10 +550,14 @@ std::string outcomeFault(const Problem& problem, const Outcome& outcome) {
         return std::to_string(outcome.values.size()) + " values and " +
                std::to_string(outcome.uncertainties.size()) + " uncertainties for " +
                std::to_string(count) + " parameters";
-    if (outcome.calculated.size() != problem.points.size())
+    const std::size_t points = problem.points.size() + problem.magnetisation.size();
+    if (outcome.calculated.size() != points)
         return std::to_string(outcome.calculated.size()) + " calculated values for " +
-               std::to_string(problem.points.size()) + " points";
+               std::to_string(points) + " points";
     if (!std::isfinite(outcome.deviation)) return "the deviation is not finite";
+    if (problem.hasMagnetisation() &&
+        !(std::isfinite(outcome.chiDeviation) && std::isfinite(outcome.magnetisationDeviation)))
+        return "the deviation of a set is not finite";
     for (std::size_t i = 0; i < count; ++i) {
         const std::string name = parameterName(static_cast<int>(i));
         if (!std::isfinite(outcome.values[i])) return "the value of " + name + " is not finite";
@@ -410,7 +576,10 @@ std::string outcomeFault(const Problem& problem, const Outcome& outcome) {
         if (warning.find_first_of("\r\n") != std::string::npos) return "a warning of two lines";
     for (std::size_t i = 0; i < outcome.calculated.size(); ++i)
         if (!std::isfinite(outcome.calculated[i]))
-            return "the calculated value at point " + std::to_string(i + 1) + " is not finite";
+            return i < problem.points.size()
+                       ? "the calculated value at point " + std::to_string(i + 1) + " is not finite"
+                       : "the calculated magnetisation at magnetisation point " +
+                             std::to_string(i - problem.points.size() + 1) + " is not finite";
     return {};
 }
 

@@ -39,6 +39,11 @@ std::vector<std::vector<double>> spreadStarts(const Problem& problem, int count)
         lowest = std::min(lowest, t);
         highest = std::max(highest, t);
     }
+    for (int i = problem.magnetisationFirst; i <= problem.magnetisationLast; ++i) {
+        const double t = problem.magnetisation[static_cast<std::size_t>(i - 1)].temperature;
+        lowest = std::min(lowest, t);
+        highest = std::max(highest, t);
+    }
     if (!(highest > 0)) lowest = highest = 1;
     const double toUnit = 1 / kelvinPer(problem.unit);
     const double small = std::log(lowest / 5), large = std::log(3 * highest);

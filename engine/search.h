@@ -19,7 +19,7 @@ inline constexpr int maxDefaultStarts = 16;
 // parameters keep their start. Free ones: g between 1.9 and 2.2, C and zJ at 0, Xtip at its
 // start, and every free J with each sign in turn (the first 2^m starts cover all sign patterns of
 // m free J values) and a magnitude spread evenly on a log scale from a fifth of the lowest to
-// three times the highest fitted temperature.
+// three times the highest fitted temperature (of both sets).
 std::vector<std::vector<double>> spreadStarts(const Problem& problem, int count);
 
 // How many further starts the default search takes: as many as fit in about the time of one fit

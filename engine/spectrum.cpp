@@ -229,22 +229,19 @@ using Term = Eigen::SparseMatrix<double, Eigen::ColMajor, int>;
 // Fills terms[slot of J] of the product states `states` (all of one total M, or all states).
 void buildProductBlock(const SpinSystem& system, const std::vector<int>& jSlot,
                        const std::vector<long>& states, std::vector<Term>& terms,
-                       std::vector<double>* stateMoment, const StopFlag* stop) {
+                       std::vector<int>* stateTwiceM, const StopFlag* stop) {
     const ProductBasis basis(system.twiceSpin);
     const Index n = static_cast<Index>(states.size());
     std::unordered_map<long, Index> position;
     position.reserve(states.size());
     for (Index i = 0; i < n; ++i) position.emplace(states[static_cast<std::size_t>(i)], i);
     std::vector<std::vector<Entry>> entries(terms.size());
-    if (stateMoment) stateMoment->resize(states.size());
+    if (stateTwiceM) stateTwiceM->resize(states.size());
 
     for (Index col = 0; col < n; ++col) {
         if (col % 256 == 0) throwIfStopped(stop);
         const long code = states[static_cast<std::size_t>(col)];
-        if (stateMoment) {
-            const double m = basis.twiceM(code) / 2.0;
-            (*stateMoment)[static_cast<std::size_t>(col)] = m * m;
-        }
+        if (stateTwiceM) (*stateTwiceM)[static_cast<std::size_t>(col)] = basis.twiceM(code);
         for (const Bond& bond : system.bonds) {
             std::vector<Entry>& h =
                 entries[static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)])];
@@ -753,6 +750,37 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
     return plan;
 }
 
+namespace {
+
+// The full basis: the eigenvectors of a degenerate level mix states of different total M, which
+// a field tells apart. H commutes with M, so within each group of equal eigenvalues the vectors
+// are rotated to eigenvectors of M (diagonal in the product states, 2M each in stateTwiceM);
+// twiceM receives the 2M of every vector.
+void separateByM(Eigen::MatrixXd& vectors, const Eigen::VectorXd& values,
+                 const std::vector<int>& stateTwiceM, std::vector<int>& twiceM) {
+    const Index n = values.size();
+    twiceM.assign(static_cast<std::size_t>(n), 0);
+    if (n == 0) return;
+    const double scale = std::max(std::abs(values[0]), std::abs(values[n - 1]));
+    const double same = 1e-9 * scale + 1e-300;
+    const Eigen::Map<const Eigen::VectorXi> m2(stateTwiceM.data(), n);
+    const Eigen::VectorXd m = m2.cast<double>() / 2;
+    for (Index from = 0; from < n;) {
+        Index to = from + 1;
+        while (to < n && values[to] - values[to - 1] <= same) ++to;
+        auto group = vectors.middleCols(from, to - from);
+        const Eigen::MatrixXd projected = group.transpose() * m.asDiagonal() * group;
+        const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(projected);
+        group = Eigen::MatrixXd(group * solver.eigenvectors());
+        for (Index k = 0; k < to - from; ++k)
+            twiceM[static_cast<std::size_t>(from + k)] =
+                static_cast<int>(std::lround(2 * solver.eigenvalues()[k]));
+        from = to;
+    }
+}
+
+} // namespace
+
 struct Spectrum::Block {
     BlockShape shape;
     // The Hamiltonian per used J (not kept when the spectrum is scaled): sparse for blocks of the
@@ -760,10 +788,11 @@ struct Spectrum::Block {
     // for blocks split by symmetry (and with Plan::denseTerms).
     std::vector<Term> terms;
     std::vector<Eigen::MatrixXd> perJ;
-    std::vector<double> stateMoment;   // full basis: M^2 of every product state
+    std::vector<int> stateTwiceM;      // full basis: 2M of every product state
     Eigen::VectorXd unitValues;        // scaled: eigenvalues of the one J's matrix at J = 1
-    Eigen::VectorXd unitMoments;       // scaled, full basis: M^2 of each eigenvector
-    Eigen::VectorXd values, moments;   // at the current J values
+    std::vector<int> unitTwiceM;       // scaled, full basis: 2M of each eigenvector
+    Eigen::VectorXd values;            // at the current J values
+    std::vector<int> twiceM;           // full basis: 2M of each eigenvector
     std::vector<Eigen::VectorXd> slopes;
 };
 
@@ -807,10 +836,7 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
         const bool vectors = plan.method == Method::Full;
         throwIfStopped(stop_);
         symmetricEigen(matrix, block.unitValues, vectors);
-        if (vectors) {
-            const Eigen::Map<const Eigen::VectorXd> m2(block.stateMoment.data(), n);
-            block.unitMoments = matrix.array().square().matrix().transpose() * m2;
-        }
+        if (vectors) separateByM(matrix, block.unitValues, block.stateTwiceM, block.unitTwiceM);
     };
 
     if (plan.split()) {
@@ -863,7 +889,7 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
         } else {
             const auto states = productStates(system, block.shape, plan.method);
             buildProductBlock(system, jSlot, states, block.terms,
-                              plan.method == Method::Full ? &block.stateMoment : nullptr, stop_);
+                              plan.method == Method::Full ? &block.stateTwiceM : nullptr, stop_);
         }
         if (plan.denseTerms && !plan_.scaled) {
             for (const Term& term : block.terms) {
@@ -900,7 +926,7 @@ void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
     if (plan_.scaled) {
         const double j = used == 1 ? jKelvin[static_cast<std::size_t>(usedJ_[0])] : 0.0;
         block.values = j * block.unitValues;
-        if (plan_.method == Method::Full) block.moments = block.unitMoments;
+        if (plan_.method == Method::Full) block.twiceM = block.unitTwiceM;
         if (used == 1 && wanted(0)) block.slopes[0] = block.unitValues;
         return;
     }
@@ -920,10 +946,8 @@ void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
     for (std::size_t slot = 0; slot < used; ++slot) anySlope = anySlope || wanted(slot);
     const bool vectors = anySlope || plan_.method == Method::Full;
     symmetricEigen(matrix, block.values, vectors);
-    if (plan_.method == Method::Full) {
-        const Eigen::Map<const Eigen::VectorXd> m2(block.stateMoment.data(), n);
-        block.moments = matrix.array().square().matrix().transpose() * m2;
-    }
+    if (plan_.method == Method::Full)
+        separateByM(matrix, block.values, block.stateTwiceM, block.twiceM);
     if (!anySlope) return;
     // Hellmann-Feynman: dE_n/dJ_k = <n| H_k |n> = sum_i U_in (H_k U)_in. With sparse H_k (its
     // lower triangle): sum over its entries h_ij of (2 - delta_ij) h_ij U_in U_jn, for a slice of
@@ -998,6 +1022,8 @@ const Levels& Spectrum::levels(const std::vector<double>& jKelvin,
     out.energy.clear();
     out.weight.clear();
     out.moment.clear();
+    out.twice.clear();
+    out.multiplets = plan_.method == Method::SBlocks;
     out.slope.assign(static_cast<std::size_t>(system_.jCount), {});
     std::vector<bool> has(static_cast<std::size_t>(system_.jCount), false);
     for (std::size_t k = 0; k < has.size(); ++k) has[k] = k < slopeFor.size() && slopeFor[k];
@@ -1006,8 +1032,14 @@ const Levels& Spectrum::levels(const std::vector<double>& jKelvin,
         for (Index i = 0; i < block.values.size(); ++i) {
             out.energy.push_back(block.values[i]);
             out.weight.push_back(block.shape.weight);
-            out.moment.push_back(plan_.method == Method::Full ? block.moments[i]
-                                                              : block.shape.moment);
+            if (plan_.method == Method::Full) { // one state of M each
+                const int twiceM = block.twiceM[static_cast<std::size_t>(i)];
+                out.moment.push_back(twiceM * twiceM / 4.0);
+                out.twice.push_back(std::abs(twiceM));
+            } else {
+                out.moment.push_back(block.shape.moment);
+                out.twice.push_back(block.shape.twiceLabel);
+            }
         }
         for (std::size_t k = 0; k < has.size(); ++k) {
             if (!has[k]) continue;

@@ -30,9 +30,15 @@ enum class Method { Automatic, Full, MBlocks, SBlocks, Ftlm };
 const char* methodName(Method method); // "automatic", "full", "M blocks", "S blocks", "FTLM"
 
 // Levels at one set of J values (kelvin). Level n stands for weight[n] states of energy
-// energy[n]; moment[n] is the sum of M^2 over those states.
+// energy[n]; moment[n] is the sum of M^2 over those states. In a field B the Zeeman term
+// -g mu_B B M commutes with H, and splits a level by the M of its states: with multiplets,
+// level n is weight[n] / (2S + 1) multiplets of 2S = twice[n], each spread over M = -S..S (S
+// blocks, split or not); otherwise its states have |M| = twice[n] / 2, half of them at M and
+// half at -M (M blocks, the full basis, FTLM, whose M >= 0 blocks stand for -M as well).
 struct Levels {
     std::vector<double> energy, weight, moment;
+    std::vector<int> twice;
+    bool multiplets = true;
     std::vector<std::vector<double>> slope; // slope[k][n] = dE_n / dJ_k, for the J asked for
     // FTLM: the random vector level n comes from (-1 for a level found exactly), of `samples`.
     std::vector<int> sample;

@@ -2,6 +2,7 @@
 // limits, its files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <filesystem>
@@ -9,6 +10,8 @@
 #include <sstream>
 #include <thread>
 
+#include "model.h"
+#include "problem_io.h"
 #include "support/corefit_run.h"
 #include "support/fixtures.h"
 
@@ -254,4 +257,77 @@ TEST(Corefit, NamesTheSymmetryAndTheMethodItUsesAndFtlmItsError) {
     EXPECT_NE(dir.read("output.txt").find("# ftlm: every block diagonalised whole"),
               std::string::npos);
     EXPECT_NE(dir.read("corefit.log").find("seed 7"), std::string::npos);
+}
+
+TEST(Corefit, MagnetisationFixesTheGThatChiTAloneTradesAgainstJ) {
+    // A ferromagnetic pair of S = 1/2 (J = +20 K, g = 2.1). Between 10 and 30 K its chiT changes
+    // with g^2 and with T/J about alike, so chiT alone (1 % noise) leaves g and J strongly
+    // correlated; M(H) at 2 K up to 7 T (0.3 % noise), close to its saturation g S, fixes g.
+    corefit::Problem problem;
+    problem.unit = corefit::EnergyUnit::Kelvin;
+    problem.twiceSpin = {1, 1};
+    problem.bonds = {{0, 1, 0}};
+    problem.parameters.resize(5);
+    for (int i = 0; i < 30; ++i) problem.points.push_back({10 * std::pow(3.0, i / 29.0), 0});
+    problem.last = 30;
+    for (int i = 1; i <= 28; ++i) problem.magnetisation.push_back({2, 0.25 * i, 0});
+    problem.magnetisationLast = 28;
+    const corefit::SpinSystem system{problem.twiceSpin, problem.bonds, 1};
+    corefit::Spectrum spectrum(system, corefit::planSpectrum(system, corefit::Method::SBlocks), 1);
+    std::vector<double> clean;
+    ASSERT_TRUE(corefit::SusceptibilityModel(problem, spectrum).predict({2.1, 0, 0, 0, 20}, clean));
+    std::uint64_t state = 7; // Box-Muller over a fixed linear congruential sequence
+    auto uniform = [&state] {
+        state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+        return (static_cast<double>(state >> 11) + 0.5) / 9007199254740992.0;
+    };
+    auto normal = [&] {
+        return std::sqrt(-2 * std::log(uniform())) * std::cos(6.2831853 * uniform());
+    };
+    std::string chiT = "30, 1, 30\n", magnetisation = "magnetisation 28, 1, 28, 1\n";
+    for (std::size_t i = 0; i < 30; ++i)
+        chiT += corefit::formatText("%.10g %.10g\n", problem.points[i].temperature,
+                                    clean[i] * (1 + 0.01 * normal()));
+    for (std::size_t i = 0; i < 28; ++i)
+        magnetisation += corefit::formatText("2 %g %.10g\n", problem.magnetisation[i].field,
+                                             clean[30 + i] * (1 + 0.003 * normal()));
+
+    ScratchDir dir;
+    const std::string input = dir.write(
+        "input.txt", ringInput(2, 1, {{2.0, 0.01}, {0, 0}, {0, 0}, {0, 0}}, {{8, 0.1}}, "2, 0"));
+    struct Fitted {
+        double g, sg, j, sj, correlation;
+        std::vector<std::string> lines;
+    };
+    auto fit = [&](const std::string& data) {
+        dir.write("chit.txt", data);
+        EXPECT_EQ(runCorefit(input).exitCode, 0);
+        Fitted out{};
+        std::istringstream text(dir.read("output.txt"));
+        for (std::string line; std::getline(text, line);) out.lines.push_back(line);
+        const auto output = readOutput(dir);
+        out.g = output[0][1], out.sg = output[2][0], out.j = output[3][1], out.sj = output[4][0];
+        const auto at = std::find(out.lines.begin(), out.lines.end(), "# correlation 2 1 5");
+        if (at + 1 < out.lines.end()) std::sscanf(at[1].c_str(), "# %*f %lf", &out.correlation);
+        return out;
+    };
+    const Fitted alone = fit(chiT);
+    const Fitted joint = fit(chiT + magnetisation);
+    EXPECT_LT(alone.correlation, -0.85) << "g and J traded against each other";
+    EXPECT_GT(joint.correlation, alone.correlation);
+    EXPECT_LT(joint.sg, 0.6 * alone.sg);
+    EXPECT_LT(joint.sj, 0.6 * alone.sj);
+    EXPECT_LT(std::abs(joint.g - 2.1), 3 * joint.sg) << joint.g << " +/- " << joint.sg;
+    EXPECT_LT(std::abs(joint.j - 20), 3 * joint.sj) << joint.j << " +/- " << joint.sj;
+
+    // output.txt: each set's part of D, then the magnetisation points after the pairs.
+    const auto& lines = joint.lines;
+    ASSERT_GT(lines.size(), 36u + 28u);
+    double chiPart = 0, magnetPart = 0, tesla = 0, calculated = 0, observed = 0;
+    ASSERT_EQ(std::sscanf(lines[36].c_str(), "# sets %lf %lf", &chiPart, &magnetPart), 2);
+    EXPECT_NEAR(chiPart + magnetPart, std::stod(lines[0]), 1e-9 * std::stod(lines[0]));
+    EXPECT_EQ(lines[37], "# magnetisation 28 1 28");
+    ASSERT_EQ(std::sscanf(lines[65].c_str(), "# 2 %lf %lf %lf", &tesla, &calculated, &observed), 3);
+    EXPECT_EQ(tesla, 7);
+    EXPECT_NEAR(calculated, observed, 0.01 * observed) << "close to g S = 1.05";
 }

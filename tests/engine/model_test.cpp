@@ -11,6 +11,7 @@
 
 #include "ftlm_fit.h"
 #include "model.h"
+#include "product_space.h"
 #include "symmetry.h"
 
 using namespace corefit;
@@ -45,46 +46,8 @@ double kambeChiT(const std::vector<std::pair<int, int>>& twiceSAndCount, double 
 double bruteForceChiT(const std::vector<int>& twiceSpin, const std::vector<Bond>& bonds,
                       const std::vector<double>& jKelvin, double g, double t) {
     using Matrix = Eigen::MatrixXd;
-    auto kron = [](const Matrix& a, const Matrix& b) {
-        Matrix out(a.rows() * b.rows(), a.cols() * b.cols());
-        for (Eigen::Index i = 0; i < a.rows(); ++i)
-            for (Eigen::Index j = 0; j < a.cols(); ++j)
-                out.block(i * b.rows(), j * b.cols(), b.rows(), b.cols()) = a(i, j) * b;
-        return out;
-    };
-    // Site operators Sx, iSy (real), Sz embedded in the whole space.
-    const std::size_t n = twiceSpin.size();
-    std::vector<std::array<Matrix, 3>> ops(n);
-    for (std::size_t site = 0; site < n; ++site) {
-        const double s = twiceSpin[site] / 2.0;
-        const Eigen::Index d = twiceSpin[site] + 1;
-        Matrix plus = Matrix::Zero(d, d), z = Matrix::Zero(d, d);
-        for (Eigen::Index k = 0; k < d; ++k) {
-            const double m = s - static_cast<double>(k);
-            z(k, k) = m;
-            if (k > 0) plus(k - 1, k) = std::sqrt(s * (s + 1) - m * (m + 1));
-        }
-        const std::array<Matrix, 3> local{(plus + plus.transpose()) / 2,
-                                          (plus - plus.transpose()) / 2, z};
-        for (int c = 0; c < 3; ++c) {
-            Matrix full = Matrix::Identity(1, 1);
-            for (std::size_t other = 0; other < n; ++other)
-                full = kron(full, other == site ? local[static_cast<std::size_t>(c)]
-                                                : Matrix::Identity(twiceSpin[other] + 1,
-                                                                   twiceSpin[other] + 1));
-            ops[site][static_cast<std::size_t>(c)] = full;
-        }
-    }
-    const Eigen::Index dim = ops[0][0].rows();
-    Matrix h = Matrix::Zero(dim, dim), sz = Matrix::Zero(dim, dim);
-    for (const Bond& bond : bonds) {
-        const auto& a = ops[static_cast<std::size_t>(bond.a)];
-        const auto& b = ops[static_cast<std::size_t>(bond.b)];
-        // (iSy_a)(iSy_b) = -Sy_a Sy_b
-        h += -2 * jKelvin[static_cast<std::size_t>(bond.j)] *
-             (a[0] * b[0] - a[1] * b[1] + a[2] * b[2]);
-    }
-    for (const auto& site : ops) sz += site[2];
+    const auto [h, sz] = reference::productSpace(twiceSpin, bonds, jKelvin);
+    const Eigen::Index dim = h.rows();
     Eigen::SelfAdjointEigenSolver<Matrix> solver(h);
     const Eigen::VectorXd e = solver.eigenvalues();
     const Eigen::VectorXd m2 =

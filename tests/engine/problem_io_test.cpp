@@ -84,6 +84,25 @@ TEST(ReadProblem, KeepsAGivenToleranceAndReadsABareFileName) {
     EXPECT_EQ(problem.points[0].observed, 0.375);
 }
 
+TEST(ReadProblem, ReadsTheFieldTheWeightingAndAMagnetisationSet) {
+    const std::string input = "0, 2, 0\n1\n1\n4, 0\n2, 0.01\n0, 0\n0, 0\n0, 0\n";
+    Problem problem;
+    std::string error;
+    ASSERT_TRUE(readProblemText(input,
+                                "2, 1, 2\n2 0.4\n300 0.37\nweight relative\nfield 0.1\n"
+                                "magnetisation 3, 2, 3, 0.5\n2 1 0.5\n2, 7, 1.9\n5\t3 1.2\n",
+                                "input.txt", "chit.txt", problem, error))
+        << error;
+    EXPECT_EQ(problem.field, 0.1);
+    EXPECT_EQ(problem.weighting, Weighting::Relative);
+    ASSERT_EQ(problem.magnetisation.size(), 3u);
+    EXPECT_EQ(problem.magnetisationLine, 6);
+    EXPECT_EQ(problem.magnetisationWeight, 0.5);
+    EXPECT_EQ(problem.magnetisation[1].field, 7);
+    EXPECT_EQ(problem.magnetisation[2].observed, 1.2);
+    EXPECT_EQ(problem.fittedPoints(), 4) << "2 pairs and magnetisation points 2 to 3";
+}
+
 Problem smallProblem(int jCount) {
     Problem problem;
     problem.twiceSpin = {1, 1};
@@ -138,6 +157,21 @@ TEST(WriteOutput, WritesTheExactLayoutAndReplacesAnEarlierFile) {
                                       "# alternative 1.02 1.5 0.1 0 0\n# ftlm note\n");
     noJ.alternatives[1].values.pop_back();
     EXPECT_FALSE(writeOutput(dir.file("output.txt"), smallProblem(0), noJ, error));
+
+    // A magnetisation set: each set's part of D and every point, after the pairs.
+    Problem joint = smallProblem(0);
+    joint.magnetisation = {{2, 1, 0.5}, {2, 7, 1.875}};
+    joint.magnetisationLast = 2;
+    Outcome both{1, {2, 0, 0, 0}, {0, 0, 0, 0}, {1, 2, 3, 0.25, 2}, {}, {}, {}, {}, {}};
+    both.warnings = {"a warning"};
+    both.chiDeviation = 0.75;
+    both.magnetisationDeviation = 0.25;
+    ASSERT_TRUE(writeOutput(dir.file("output.txt"), joint, both, error)) << error;
+    EXPECT_EQ(dir.read("output.txt"), "1 2 0\n0 0\n# 0 0 0 0\n0\n#\n3 2 3\n2 1 0.1\n10 2 0.5\n"
+                                      "300 3 1\n# sets 0.75 0.25\n# magnetisation 2 1 2\n"
+                                      "# 2 1 0.25 0.5\n# 2 7 2 1.875\n# warning a warning\n");
+    both.calculated.pop_back();
+    EXPECT_FALSE(writeOutput(dir.file("output.txt"), joint, both, error));
 }
 
 TEST(WriteOutput, FailsCleanlyLeavingNoFileBehind) {
