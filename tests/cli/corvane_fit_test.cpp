@@ -214,8 +214,16 @@ TEST_F(CorvaneFit, RunFitsEveryExampleAndExportGivesBackWhatTheReportPrints) {
 
         const Outcome csv = run(dir, {"export", "--csv", reportPath});
         EXPECT_EQ(csv.out.rfind("T,", 0), 0u);
+        // A magnetization set is a second table after a blank line; both sets' fitted values
+        // are in the JSON.
+        const std::size_t magnet = doc.contains("magnetization") ? doc["magnetization"].size() : 0;
         EXPECT_EQ(std::count(csv.out.begin(), csv.out.end(), '\n'),
-                  static_cast<long>(doc["pairs"].size() + 1));
+                  static_cast<long>(doc["pairs"].size() + 1 + (magnet > 0 ? magnet + 2 : 0)));
+        if (magnet > 0) {
+            EXPECT_EQ(calc["fittedMagnetization"].size(), magnet);
+            EXPECT_NE(fit.out.find("  joint fit of chiT at 0.1 T and 28 magnetization points"),
+                      std::string::npos) << fit.out;
+        }
     }
     EXPECT_GE(examples, 4);
 

@@ -27,10 +27,22 @@ bool withinLimits(const corefit::Problem& problem) {
         if (bond.a < 0 || bond.a >= sites || bond.b < 0 || bond.b >= sites || bond.a == bond.b ||
             bond.j < 0 || bond.j >= jCount)
             return false;
+    // No pairs only with a magnetisation set; pairs and points within their limits and ranges.
     const int points = static_cast<int>(problem.points.size());
-    if (points < 1 || points > maxPoints || problem.first < 1 || problem.first > problem.last ||
-        problem.last > points)
+    const int magnet = static_cast<int>(problem.magnetisation.size());
+    if (points == 0 ? magnet < 1
+                    : points > maxPoints || problem.first < 1 || problem.first > problem.last ||
+                          problem.last > points)
         return false;
+    if (magnet > maxMagnetisationPoints ||
+        (magnet > 0 && (problem.magnetisationFirst < 1 ||
+                        problem.magnetisationFirst > problem.magnetisationLast ||
+                        problem.magnetisationLast > magnet)))
+        return false;
+    for (const MagnetisationPoint& point : problem.magnetisation)
+        if (!(point.temperature > 0) || !(point.field > 0) || point.field > maxField ||
+            !finite(point.observed))
+            return false;
     for (const Point& point : problem.points)
         if (!(point.temperature > 0) || !finite(point.temperature) || !finite(point.observed))
             return false;
