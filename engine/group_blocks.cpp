@@ -3,15 +3,18 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <functional>
 #include <limits>
 #include <map>
 #include <numeric>
+#include <set>
 #include <stdexcept>
 #include <string>
 
 #include <Eigen/Sparse>
 
-#include "split_blocks.h"
+#include "group_units.h"
 
 extern "C" {
 void dgeqrf_(const int* m, const int* n, double* a, const int* lda, double* tau, double* work,
@@ -19,9 +22,6 @@ void dgeqrf_(const int* m, const int* n, double* a, const int* lda, double* tau,
 void dormqr_(const char* side, const char* trans, const int* m, const int* n, const int* k,
              const double* a, const int* lda, const double* tau, double* c, const int* ldc,
              double* work, const int* lwork, int* info);
-void dgemm_(const char* transa, const char* transb, const int* m, const int* n, const int* k,
-            const double* alpha, const double* a, const int* lda, const double* b, const int* ldb,
-            const double* beta, double* c, const int* ldc);
 }
 
 namespace corefit {
@@ -150,40 +150,46 @@ std::vector<SplitGroup::Irrep> irrepsFromRegular(const std::vector<int>& product
 }
 
 // ---------------------------------------------------------------------------------------------
-// Product states of one total M as mixed-radix codes, ascending.
+// Product states of the units with one total M: mixed-radix codes of the units' local states,
+// ascending.
 
-struct ProductSpace {
+struct UnitProducts {
     std::vector<std::uint64_t> stride;
     std::vector<std::uint64_t> codes;
 
-    ProductSpace(const std::vector<int>& twiceSpin, int twiceM) {
+    UnitProducts(const GroupUnits& units, int twiceM) {
         long double dimension = 1;
-        for (int s : twiceSpin) dimension *= s + 1;
+        for (const GroupUnits::Unit& unit : units.units) dimension *= unit.states;
         if (dimension > static_cast<long double>(std::numeric_limits<std::int64_t>::max()))
             throw std::length_error("too many product states to index");
+        const std::size_t count = units.units.size();
+        // The least and the most 2M of the units before each.
+        std::vector<int> low(count + 1, 0), high(count + 1, 0);
         std::uint64_t step = 1;
-        for (int s : twiceSpin) {
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::vector<int>& m = units.units[i].twiceM;
             stride.push_back(step);
-            step *= static_cast<std::uint64_t>(s + 1);
+            step *= static_cast<std::uint64_t>(units.units[i].states);
+            low[i + 1] = low[i] + *std::min_element(m.begin(), m.end());
+            high[i + 1] = high[i] + *std::max_element(m.begin(), m.end());
         }
-        int total = 0;
-        for (int s : twiceSpin) total += s;
-        const int digitSum = (twiceM + total) / 2;
-        if ((twiceM + total) % 2 != 0 || digitSum < 0 || digitSum > total) return;
-        // Sites from the last (largest stride) down: codes come out ascending.
-        std::vector<int> rest(twiceSpin.size() + 1, 0); // largest digit sum of sites < i
-        for (std::size_t i = 0; i < twiceSpin.size(); ++i) rest[i + 1] = rest[i] + twiceSpin[i];
-        auto fill = [&](auto&& self, std::size_t sites, int sum, std::uint64_t code) -> void {
-            if (sites == 0) {
-                if (sum == 0) codes.push_back(code);
+        // The last unit (largest stride) outermost, its states ascending: codes come out sorted.
+        auto fill = [&](auto&& self, std::size_t left, int rest, std::uint64_t code) -> void {
+            if (left == 0) {
+                if (rest == 0) codes.push_back(code);
                 return;
             }
-            const std::size_t i = sites - 1;
-            for (int d = 0; d <= twiceSpin[i] && d <= sum; ++d)
-                if (sum - d <= rest[i])
-                    self(self, i, sum - d, code + static_cast<std::uint64_t>(d) * stride[i]);
+            const std::size_t i = left - 1;
+            const GroupUnits::Unit& unit = units.units[i];
+            for (int k = 0; k < unit.states; ++k) {
+                const int r = rest - unit.twiceM[static_cast<std::size_t>(k)];
+                if (r >= low[i] && r <= high[i])
+                    self(self, i, r, code + static_cast<std::uint64_t>(k) * stride[i]);
+            }
         };
-        fill(fill, twiceSpin.size(), digitSum, 0);
+        fill(fill, count, twiceM, 0);
+        if (codes.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max()))
+            throw std::length_error("too many product states of one M to index");
     }
     Index size() const { return static_cast<Index>(codes.size()); }
     Index find(std::uint64_t code) const {
@@ -191,18 +197,29 @@ struct ProductSpace {
         return found != codes.end() && *found == code ? static_cast<Index>(found - codes.begin())
                                                       : -1;
     }
-    int digit(std::uint64_t code, std::size_t site, int twiceSpin) const {
-        return static_cast<int>(code / stride[site] % static_cast<std::uint64_t>(twiceSpin + 1));
+    int local(std::uint64_t code, std::size_t unit, int states) const {
+        return static_cast<int>(code / stride[unit] % static_cast<std::uint64_t>(states));
     }
 };
 
+// Ids of the classes of cells: the least image of a cell under the group names its class.
+struct CellClasses {
+    std::map<std::vector<int>, int> ids;
+    int id(const std::vector<int>& least) {
+        return ids.emplace(least, static_cast<int>(ids.size())).first->second;
+    }
+    std::size_t size() const { return ids.size(); }
+};
+
 // The product states of one M split into orbits of the group, and for every irrep the
-// orthonormal first-row vectors of each orbit: W with W^T (d/|G| A) W = 1, A the sum of D(u)
-// over the stabiliser of the representative.
+// orthonormal first-row vectors of each orbit: W with W^T (d/|G| A) W = 1, A the sum of
+// sign(u) D(u) over the stabiliser of the representative. Every orbit's cells lie in one class.
 struct AdaptedSpace {
-    ProductSpace space;
-    std::vector<int> orbitOf, mover; // per state: its orbit, h with R(h) rep = state
+    UnitProducts space;
+    std::vector<int> orbitOf, mover; // per state: its orbit, h with R(h) rep = sign state
+    std::vector<signed char> signOf;
     std::vector<Index> representatives;
+    std::vector<int> classOf; // per orbit
     struct Part {
         std::vector<Index> offset; // per orbit, in the irrep's basis
         std::vector<int> rank;
@@ -211,48 +228,62 @@ struct AdaptedSpace {
     };
     std::vector<Part> parts; // per irrep
 
-    AdaptedSpace(const SpinSystem& system, const SplitGroup& group, int twiceM,
-                 const StopFlag* stop)
-        : space(system.twiceSpin, twiceM) {
+    AdaptedSpace(const GroupUnits& units, const SplitGroup& group, int twiceM,
+                 CellClasses& classes, const StopFlag* stop)
+        : space(units, twiceM) {
         const std::size_t count = space.codes.size(), elements = group.elements.size(),
-                          irreps = group.irreps.size(), sites = system.twiceSpin.size();
+                          irreps = group.irreps.size(), unitCount = units.units.size();
         orbitOf.assign(count, -1);
         mover.assign(count, 0);
+        signOf.assign(count, 1);
         std::vector<std::vector<Eigen::MatrixXd>> stabiliser(irreps);
-        std::vector<int> digits(sites);
+        std::vector<int> local(unitCount), cell(unitCount), image(unitCount), least(unitCount);
         for (std::size_t c = 0; c < count; ++c) {
             if (orbitOf[c] >= 0) continue;
             if (representatives.size() % 1024 == 0) throwIfStopped(stop);
             const int orbit = static_cast<int>(representatives.size());
             representatives.push_back(static_cast<Index>(c));
             const std::uint64_t code = space.codes[c];
-            for (std::size_t i = 0; i < sites; ++i)
-                digits[i] = space.digit(code, i, system.twiceSpin[i]);
+            for (std::size_t u = 0; u < unitCount; ++u) {
+                local[u] = space.local(code, u, units.units[u].states);
+                cell[u] = units.units[u].multiplet[static_cast<std::size_t>(local[u])];
+            }
+            least = cell;
             std::vector<Eigen::MatrixXd> sums(irreps);
             for (std::size_t k = 0; k < irreps; ++k)
                 sums[k].setZero(group.irreps[k].dimension, group.irreps[k].dimension);
             for (std::size_t g = 0; g < elements; ++g) {
-                const Permutation& p = group.elements[g];
-                std::uint64_t image = 0;
-                for (std::size_t i = 0; i < sites; ++i)
-                    image += static_cast<std::uint64_t>(digits[i]) *
-                             space.stride[static_cast<std::size_t>(p[i])];
-                const Index target = space.find(image);
-                if (target < 0)
+                std::uint64_t target = 0;
+                int sign = 1;
+                for (std::size_t u = 0; u < unitCount; ++u) {
+                    const GroupUnits::Move& move = units.moves[g][u];
+                    const auto k = static_cast<std::size_t>(local[u]);
+                    const auto to = static_cast<std::size_t>(move.unit);
+                    const int state = move.state[k];
+                    target += static_cast<std::uint64_t>(state) * space.stride[to];
+                    sign *= move.sign[k];
+                    image[to] = units.units[to].multiplet[static_cast<std::size_t>(state)];
+                }
+                if (image < least) least = image;
+                const Index found = space.find(target);
+                if (found < 0)
                     throw std::logic_error("a symmetry element leaves the product states");
-                const auto t = static_cast<std::size_t>(target);
+                const auto t = static_cast<std::size_t>(found);
                 if (orbitOf[t] < 0) {
                     orbitOf[t] = orbit;
                     mover[t] = static_cast<int>(g);
+                    signOf[t] = static_cast<signed char>(sign);
                 }
                 if (t == c)
                     for (std::size_t k = 0; k < irreps; ++k) {
                         const int d = group.irreps[k].dimension;
-                        sums[k] += Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic,
-                                                                  Eigen::Dynamic, Eigen::RowMajor>>(
-                            group.irreps[k].at(g), d, d);
+                        sums[k] += sign * Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic,
+                                                                           Eigen::Dynamic,
+                                                                           Eigen::RowMajor>>(
+                                              group.irreps[k].at(g), d, d);
                     }
             }
+            classOf.push_back(classes.id(least));
             for (std::size_t k = 0; k < irreps; ++k) stabiliser[k].push_back(std::move(sums[k]));
         }
         const std::size_t orbits = representatives.size();
@@ -283,38 +314,368 @@ struct AdaptedSpace {
                     part.w[o] = std::move(w);
                 }
             }
+            stabiliser[k].clear();
         }
     }
 };
 
-// Adds value X(rep of braOrbit, state) to the irrep blocks of X between the adapted spaces,
-// through add(row, column, entry) in each irrep's basis.
-template <class Add>
-void addElement(const SplitGroup& group, const AdaptedSpace& bra, std::size_t braOrbit,
-                const AdaptedSpace& ket, Index state, double value, const Add& add) {
+// An operator's row at every orbit representative, as the states it reaches: X(rep, state).
+struct Rows {
+    struct Entry {
+        std::int32_t state;
+        std::int32_t slot;
+        double value;
+    };
+    std::vector<std::size_t> start{0}; // per orbit, into entries; one more at the end
+    std::vector<Entry> entries;
+};
+
+// Adds the terms gathered for one representative (codes), merged, to rows.
+struct Gathered {
+    std::uint64_t code;
+    int slot;
+    double value;
+};
+void addRow(const UnitProducts& space, std::vector<Gathered>& terms, Rows& rows) {
+    std::sort(terms.begin(), terms.end(), [](const Gathered& a, const Gathered& b) {
+        return a.code != b.code ? a.code < b.code : a.slot < b.slot;
+    });
+    for (std::size_t i = 0; i < terms.size();) {
+        std::size_t j = i;
+        double sum = 0;
+        for (; j < terms.size() && terms[j].code == terms[i].code && terms[j].slot == terms[i].slot;
+             ++j)
+            sum += terms[j].value;
+        if (std::abs(sum) > 1e-13) {
+            const Index state = space.find(terms[i].code);
+            if (state < 0) throw std::logic_error("an operator leaves the product states");
+            rows.entries.push_back({static_cast<std::int32_t>(state), terms[i].slot, sum});
+        }
+        i = j;
+    }
+    rows.start.push_back(rows.entries.size());
+    terms.clear();
+}
+
+// s_z and s_+ of every site in its unit, s_- = (s_+)^T, and s_a.s_b of the paths within a unit.
+struct UnitOperators {
+    std::vector<GroupUnits::Operator> lower; // per site
+    std::vector<GroupUnits::Operator> inner; // per path; empty unless within one unit
+    UnitOperators(const SpinSystem& system, const GroupUnits& units) {
+        for (std::size_t site = 0; site < system.twiceSpin.size(); ++site) {
+            const GroupUnits::Unit& unit = units.units[static_cast<std::size_t>(units.unitOf[site])];
+            lower.emplace_back(unit.raise[static_cast<std::size_t>(units.place[site])].transpose());
+        }
+        for (const Bond& bond : system.bonds) {
+            const auto a = static_cast<std::size_t>(bond.a), b = static_cast<std::size_t>(bond.b);
+            inner.emplace_back();
+            if (units.unitOf[a] != units.unitOf[b]) continue;
+            const GroupUnits::Unit& unit = units.units[static_cast<std::size_t>(units.unitOf[a])];
+            const auto pa = static_cast<std::size_t>(units.place[a]),
+                       pb = static_cast<std::size_t>(units.place[b]);
+            GroupUnits::Operator product = unit.sz[pa] * unit.sz[pb];
+            product += 0.5 * (unit.raise[pa] * lower[b] + lower[a] * unit.raise[pb]);
+            product.prune(1.0, 1e-13);
+            inner.back() = std::move(product);
+        }
+    }
+};
+
+// The rows of the Hamiltonian per J at the representatives: -2 J s_a.s_b for every path, with
+// s_a.s_b = s_z s_z + (s+ s- + s- s+) / 2 on two units, or its matrix within one.
+Rows hamiltonianRows(const SpinSystem& system, const GroupUnits& units,
+                     const UnitOperators& operators, const AdaptedSpace& adapted,
+                     const std::vector<int>& jSlot, const StopFlag* stop) {
+    const UnitProducts& space = adapted.space;
+    Rows rows;
+    std::vector<Gathered> terms;
+    std::vector<int> local(units.units.size());
+    using Iterator = GroupUnits::Operator::InnerIterator;
+    for (std::size_t o = 0; o < adapted.representatives.size(); ++o) {
+        if (o % 256 == 0) throwIfStopped(stop);
+        const std::uint64_t code =
+            space.codes[static_cast<std::size_t>(adapted.representatives[o])];
+        for (std::size_t u = 0; u < units.units.size(); ++u)
+            local[u] = space.local(code, u, units.units[u].states);
+        for (std::size_t p = 0; p < system.bonds.size(); ++p) {
+            const Bond& bond = system.bonds[p];
+            const int slot = jSlot[static_cast<std::size_t>(bond.j)];
+            const auto a = static_cast<std::size_t>(bond.a), b = static_cast<std::size_t>(bond.b);
+            const auto u = static_cast<std::size_t>(units.unitOf[a]),
+                       v = static_cast<std::size_t>(units.unitOf[b]);
+            const std::uint64_t su = space.stride[u], sv = space.stride[v];
+            const auto lu = static_cast<std::uint64_t>(local[u]),
+                       lv = static_cast<std::uint64_t>(local[v]);
+            if (u == v) {
+                for (Iterator it(operators.inner[p], local[u]); it; ++it)
+                    terms.push_back({code - lu * su + static_cast<std::uint64_t>(it.row()) * su,
+                                     slot, -2 * it.value()});
+                continue;
+            }
+            const GroupUnits::Unit &first = units.units[u], &second = units.units[v];
+            const auto pa = static_cast<std::size_t>(units.place[a]),
+                       pb = static_cast<std::size_t>(units.place[b]);
+            auto pairTerms = [&](const GroupUnits::Operator& x, const GroupUnits::Operator& y,
+                                 double factor) {
+                for (Iterator i(x, local[u]); i; ++i)
+                    for (Iterator j(y, local[v]); j; ++j)
+                        terms.push_back({code - lu * su - lv * sv +
+                                             static_cast<std::uint64_t>(i.row()) * su +
+                                             static_cast<std::uint64_t>(j.row()) * sv,
+                                         slot, factor * i.value() * j.value()});
+            };
+            pairTerms(first.sz[pa], second.sz[pb], -2);
+            pairTerms(first.raise[pa], operators.lower[b], -1);
+            pairTerms(operators.lower[a], second.raise[pb], -1);
+        }
+        addRow(space, terms, rows);
+    }
+    return rows;
+}
+
+// The rows of S+ from M = S to M = S + 1 at the representatives above, as S- of each: every
+// unit's m lowered by one within its multiplet.
+Rows lowerRows(const GroupUnits& units, const AdaptedSpace& above, const UnitProducts& below) {
+    Rows rows;
+    std::vector<Gathered> terms;
+    for (const Index representative : above.representatives) {
+        const std::uint64_t code = above.space.codes[static_cast<std::size_t>(representative)];
+        for (std::size_t u = 0; u < units.units.size(); ++u) {
+            const GroupUnits::Unit& unit = units.units[u];
+            const int k = above.space.local(code, u, unit.states);
+            const int j = unit.twiceJ[static_cast<std::size_t>(unit.multiplet[static_cast<std::size_t>(k)])];
+            const int m = unit.twiceM[static_cast<std::size_t>(k)] - 2; // after lowering
+            if (m < -j) continue;
+            terms.push_back({code - above.space.stride[u], 0,
+                             std::sqrt((j * (j + 2.0) - m * (m + 2.0)) / 4)});
+        }
+        addRow(below, terms, rows);
+    }
+    return rows;
+}
+
+// X(rep, state) in irrep k: factor D(h) A'W' (d x rank'), with W' and A' of the state's orbit,
+// into u; the part of the matrix element is then L^T u for the first-row vectors L of the rep.
+double projected(const SplitGroup& group, std::size_t k, const AdaptedSpace& ket, Index state,
+                 double value, Eigen::MatrixXd& u) {
     const auto s = static_cast<std::size_t>(state);
     const auto other = static_cast<std::size_t>(ket.orbitOf[s]);
     const auto h = static_cast<std::size_t>(ket.mover[s]);
-    for (std::size_t k = 0; k < group.irreps.size(); ++k) {
-        const AdaptedSpace::Part &here = bra.parts[k], &there = ket.parts[k];
-        const int rows = here.rank[braOrbit], columns = there.rank[other];
-        if (rows == 0 || columns == 0) continue;
-        const int d = group.irreps[k].dimension;
-        const double factor = d / static_cast<double>(group.order()) * value;
-        if (d == 1) {
-            add(k, here.offset[braOrbit], there.offset[other],
-                factor * here.w[braOrbit](0, 0) * group.irreps[k].at(h)[0] * there.aw[other](0, 0));
-            continue;
-        }
-        const Eigen::Map<
-            const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>
-            dh(group.irreps[k].at(h), d, d);
-        const Eigen::MatrixXd y = here.w[braOrbit].transpose() * (dh * there.aw[other]);
-        for (int i = 0; i < rows; ++i)
-            for (int j = 0; j < columns; ++j)
-                add(k, here.offset[braOrbit] + i, there.offset[other] + j, factor * y(i, j));
-    }
+    const int d = group.irreps[k].dimension;
+    const Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>
+        dh(group.irreps[k].at(h), d, d);
+    u.noalias() = dh * ket.parts[k].aw[other];
+    return d / static_cast<double>(group.order()) * value * ket.signOf[s];
 }
+
+// The kernel of S+ (b: m x a, its columns S+'s rows): the last m - a columns of Q in b = Q R.
+Eigen::MatrixXd kernelOf(Eigen::MatrixXd& b) {
+    const Index m = b.rows(), a = b.cols(), n = m - a;
+    if (a == 0) return Eigen::MatrixXd::Identity(m, m);
+    const int rows = static_cast<int>(m), columns = static_cast<int>(a),
+              wanted = static_cast<int>(n);
+    std::vector<double> tau(static_cast<std::size_t>(a));
+    int info = 0, lwork = -1;
+    double size = 0;
+    dgeqrf_(&rows, &columns, b.data(), &rows, tau.data(), &size, &lwork, &info);
+    std::vector<double> work(static_cast<std::size_t>(size) + 1);
+    lwork = static_cast<int>(work.size());
+    dgeqrf_(&rows, &columns, b.data(), &rows, tau.data(), work.data(), &lwork, &info);
+    if (info != 0) throw std::runtime_error("LAPACK dgeqrf failed with info " + std::to_string(info));
+    const double largest = b.diagonal().cwiseAbs().maxCoeff();
+    if (b.diagonal().cwiseAbs().minCoeff() < 1e-9 * largest)
+        throw std::logic_error("S+ does not reach every state of M + 1 in a symmetry block");
+    Eigen::MatrixXd kernel = Eigen::MatrixXd::Zero(m, n);
+    kernel.bottomRows(n).setIdentity();
+    const char left = 'L', none = 'N';
+    lwork = -1;
+    dormqr_(&left, &none, &rows, &wanted, &columns, b.data(), &rows, tau.data(), kernel.data(),
+            &rows, &size, &lwork, &info);
+    work.resize(static_cast<std::size_t>(size) + 1);
+    lwork = static_cast<int>(work.size());
+    dormqr_(&left, &none, &rows, &wanted, &columns, b.data(), &rows, tau.data(), kernel.data(),
+            &rows, work.data(), &lwork, &info);
+    if (info != 0) throw std::runtime_error("LAPACK dormqr failed with info " + std::to_string(info));
+    return kernel;
+}
+
+// The (S, irrep k) block per J: the kernel of S+ class by class, and the Hamiltonian in it.
+void irrepBlock(const SplitGroup& group, std::size_t k, const AdaptedSpace& here,
+                const AdaptedSpace& above, const Rows& hamiltonian, const Rows& lowering,
+                std::size_t slots, std::size_t classes, std::vector<Eigen::MatrixXd>& out,
+                const StopFlag* stop) {
+    const AdaptedSpace::Part &herePart = here.parts[k], &abovePart = above.parts[k];
+    const int d = group.irreps[k].dimension;
+    const std::size_t hereOrbits = here.representatives.size(),
+                      aboveOrbits = above.representatives.size();
+    // Each class's part of both spaces, and where every orbit's vectors lie in it.
+    std::vector<Index> m(classes, 0), a(classes, 0), hereAt(hereOrbits), aboveAt(aboveOrbits);
+    std::vector<std::vector<std::size_t>> orbitsOf(classes);
+    for (std::size_t o = 0; o < hereOrbits; ++o) {
+        const auto c = static_cast<std::size_t>(here.classOf[o]);
+        hereAt[o] = m[c];
+        m[c] += herePart.rank[o];
+        if (herePart.rank[o] > 0) orbitsOf[c].push_back(o);
+    }
+    for (std::size_t o = 0; o < aboveOrbits; ++o) {
+        const auto c = static_cast<std::size_t>(above.classOf[o]);
+        aboveAt[o] = a[c];
+        a[c] += abovePart.rank[o];
+    }
+    for (std::size_t c = 0; c < classes; ++c)
+        if (a[c] > m[c]) throw std::logic_error("S+ leaves a class of cells in a symmetry block");
+
+    // S+ per class (its transpose: rows here, columns above), then its kernel.
+    std::vector<Eigen::MatrixXd> raise(classes);
+    for (std::size_t c = 0; c < classes; ++c)
+        if (m[c] > a[c] && a[c] > 0) raise[c].setZero(m[c], a[c]);
+    Eigen::MatrixXd u(d, d);
+    for (std::size_t o = 0; o < aboveOrbits; ++o) {
+        const int rank = abovePart.rank[o];
+        const auto c = static_cast<std::size_t>(above.classOf[o]);
+        if (rank == 0 || raise[c].size() == 0) continue;
+        for (std::size_t e = lowering.start[o]; e < lowering.start[o + 1]; ++e) {
+            const Rows::Entry& entry = lowering.entries[e];
+            const auto other = static_cast<std::size_t>(here.orbitOf[static_cast<std::size_t>(entry.state)]);
+            const int columns = herePart.rank[other];
+            if (columns == 0) continue;
+            if (static_cast<std::size_t>(here.classOf[other]) != c)
+                throw std::logic_error("S+ leaves a class of cells");
+            const double factor = projected(group, k, here, entry.state, entry.value, u);
+            raise[c].block(hereAt[other], aboveAt[o], columns, rank) +=
+                factor * (abovePart.w[o].transpose() * u).transpose();
+        }
+    }
+    std::vector<Eigen::MatrixXd> kernel(classes);
+    std::vector<Index> kernelAt(classes, 0);
+    Index n = 0;
+    for (std::size_t c = 0; c < classes; ++c) {
+        kernelAt[c] = n;
+        if (m[c] <= a[c]) continue;
+        throwIfStopped(stop);
+        kernel[c] = a[c] == 0 ? Eigen::MatrixXd::Identity(m[c], m[c]) : kernelOf(raise[c]);
+        raise[c] = Eigen::MatrixXd();
+        n += m[c] - a[c];
+    }
+    out.clear();
+    if (n == 0) return;
+    out.assign(slots, Eigen::MatrixXd::Zero(n, n));
+
+    // Z^T H Z class by class: Y = Z_c^T H(rows of c, all), from the rows at the representatives
+    // with Z_c's rows folded into their first-row vectors; then Z_c^T H Z_c' = Y(, c') Z_c'.
+    std::vector<Index> start(classes + 1, 0);
+    for (std::size_t c = 0; c < classes; ++c) start[c + 1] = start[c] + m[c];
+    std::vector<Eigen::MatrixXd> y(slots);
+    std::vector<char> touched(classes);
+    for (std::size_t c = 0; c < classes; ++c) {
+        const Index nc = kernel[c].cols();
+        if (nc == 0) continue;
+        throwIfStopped(stop);
+        for (Eigen::MatrixXd& part : y) part.setZero(nc, start[classes]);
+        std::fill(touched.begin(), touched.end(), 0);
+        for (const std::size_t o : orbitsOf[c]) {
+            const Eigen::MatrixXd folded =
+                (herePart.w[o] * kernel[c].middleRows(hereAt[o], herePart.rank[o])).transpose();
+            for (std::size_t e = hamiltonian.start[o]; e < hamiltonian.start[o + 1]; ++e) {
+                const Rows::Entry& entry = hamiltonian.entries[e];
+                const auto other =
+                    static_cast<std::size_t>(here.orbitOf[static_cast<std::size_t>(entry.state)]);
+                const int columns = herePart.rank[other];
+                const auto oc = static_cast<std::size_t>(here.classOf[other]);
+                if (columns == 0 || kernel[oc].cols() == 0) continue;
+                touched[oc] = 1;
+                const double factor = projected(group, k, here, entry.state, entry.value, u);
+                Eigen::MatrixXd& target = y[static_cast<std::size_t>(entry.slot)];
+                const Index at = start[oc] + hereAt[other];
+                for (int j = 0; j < columns; ++j)
+                    for (int i = 0; i < d; ++i)
+                        target.col(at + j) += factor * u(i, j) * folded.col(i);
+            }
+        }
+        for (std::size_t oc = 0; oc < classes; ++oc) {
+            if (!touched[oc]) continue;
+            for (std::size_t slot = 0; slot < slots; ++slot)
+                out[slot].block(kernelAt[c], kernelAt[oc], nc, kernel[oc].cols()).noalias() +=
+                    y[slot].middleCols(start[oc], m[oc]) * kernel[oc];
+        }
+    }
+    for (Eigen::MatrixXd& block : out) block = 0.5 * (block + block.transpose()).eval();
+}
+
+
+// The classes of cells of the units, for the estimates: per class, the number of its product
+// states of each total 2M (index (2M + sum of 2S) / 2). With too many cells to go through, one
+// class of all states, the most the kernel can cost.
+std::vector<std::vector<double>> cellClassStates(const SpinSystem& system,
+                                                 const GroupUnits& units) {
+    int total = 0;
+    for (int s : system.twiceSpin) total += s;
+    const std::size_t count = units.units.size();
+    auto statesOf = [&](const std::vector<int>& cell) {
+        std::vector<double> states{1};
+        for (std::size_t u = 0; u < count; ++u) {
+            const int j = units.units[u].twiceJ[static_cast<std::size_t>(cell[u])];
+            std::vector<double> next(states.size() + static_cast<std::size_t>(j), 0);
+            for (std::size_t i = 0; i < states.size(); ++i)
+                for (int m = 0; m <= j; ++m) next[i + static_cast<std::size_t>(m)] += states[i];
+            states = std::move(next);
+        }
+        // A cell of spins j_u reaches 2M = -sum 2j_u .. sum 2j_u; place it on the common scale.
+        int spins = 0;
+        for (std::size_t u = 0; u < count; ++u)
+            spins += units.units[u].twiceJ[static_cast<std::size_t>(cell[u])];
+        std::vector<double> placed(static_cast<std::size_t>(total) + 1, 0);
+        for (std::size_t i = 0; i < states.size(); ++i)
+            placed[i + static_cast<std::size_t>((total - spins) / 2)] = states[i];
+        return placed;
+    };
+    double cells = 1;
+    for (const GroupUnits::Unit& unit : units.units) cells *= static_cast<double>(unit.twiceJ.size());
+    if (cells > 65536) {
+        std::vector<double> all{1};
+        for (int s : system.twiceSpin) {
+            std::vector<double> next(all.size() + static_cast<std::size_t>(s), 0);
+            for (std::size_t i = 0; i < all.size(); ++i)
+                for (int m = 0; m <= s; ++m) next[i + static_cast<std::size_t>(m)] += all[i];
+            all = std::move(next);
+        }
+        return {all};
+    }
+    std::vector<std::vector<double>> classes;
+    std::set<std::vector<int>> seen;
+    std::vector<int> cell(count, 0), image(count);
+    for (double c = 0; c < cells; ++c) {
+        if (!seen.count(cell)) {
+            double size = 0;
+            for (std::size_t g = 0; g < units.moves.size(); ++g) {
+                for (std::size_t u = 0; u < count; ++u) {
+                    const GroupUnits::Move& move = units.moves[g][u];
+                    const GroupUnits::Unit &from = units.units[u],
+                                           &to = units.units[static_cast<std::size_t>(move.unit)];
+                    const int state =
+                        move.state[static_cast<std::size_t>(from.offset[static_cast<std::size_t>(cell[u])])];
+                    image[static_cast<std::size_t>(move.unit)] =
+                        to.multiplet[static_cast<std::size_t>(state)];
+                }
+                size += seen.insert(image).second ? 1 : 0;
+            }
+            std::vector<double> states = statesOf(cell);
+            for (double& x : states) x *= size;
+            classes.push_back(std::move(states));
+        }
+        for (std::size_t u = 0; u < count; ++u) { // the next cell
+            if (++cell[u] < static_cast<int>(units.units[u].twiceJ.size())) break;
+            cell[u] = 0;
+        }
+    }
+    return classes;
+}
+
+// Constants of the estimate, measured on 2-core machines: seconds per state and element to find
+// the orbits, per term of a row gathered, and per floating-point operation of the projections,
+// the QR factorisations and the products (small ones, at a fraction of dgemm's rate).
+constexpr double orbitSeconds = 4e-9, termSeconds = 5e-8, flopSeconds = 1.0 / 4e9,
+                 qrFlopSeconds = 1.0 / 2e10;
 
 } // namespace
 
@@ -348,148 +709,108 @@ SplitGroup wholeGroup(const SiteSymmetry& symmetry, int sites) {
     return trivialGroup(sites);
 }
 
-std::vector<GroupSpace> groupSpaces(const SpinSystem& system, const SplitGroup& group) {
-    const FixedStates fixed(system, group.elements);
-    std::vector<GroupSpace> spaces;
-    for (int twiceS = fixed.total() % 2; twiceS <= fixed.total(); twiceS += 2)
-        for (std::size_t k = 0; k < group.irreps.size(); ++k) {
-            const double states = fixed.multiplicity(group, k, twiceS),
-                         above = fixed.multiplicity(group, k, twiceS + 2);
-            if (states > above) spaces.push_back({twiceS, static_cast<int>(k), states, above});
+
+std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const SplitGroup& group,
+                                            std::size_t slots, bool siteUnits) {
+    const GroupUnits units = groupUnits(system, group, !siteUnits);
+    const UnitOperators operators(system, units);
+    const double order = group.order(), k = static_cast<double>(std::max<std::size_t>(slots, 1));
+    // Terms of a row of H: per path, the products of its operators' nonzeros per column.
+    double terms = 0;
+    for (std::size_t p = 0; p < system.bonds.size(); ++p) {
+        const auto a = static_cast<std::size_t>(system.bonds[p].a),
+                   b = static_cast<std::size_t>(system.bonds[p].b);
+        const GroupUnits::Unit &first = units.units[static_cast<std::size_t>(units.unitOf[a])],
+                               &second = units.units[static_cast<std::size_t>(units.unitOf[b])];
+        auto perState = [](const GroupUnits::Operator& x) {
+            return static_cast<double>(x.nonZeros()) / static_cast<double>(x.cols());
+        };
+        const auto pa = static_cast<std::size_t>(units.place[a]),
+                   pb = static_cast<std::size_t>(units.place[b]);
+        if (units.unitOf[a] == units.unitOf[b])
+            terms += perState(operators.inner[p]);
+        else
+            terms += perState(first.sz[pa]) * perState(second.sz[pb]) +
+                     perState(first.raise[pa]) * perState(operators.lower[b]) +
+                     perState(operators.lower[a]) * perState(second.raise[pb]);
+    }
+    const std::vector<std::vector<double>> classes = cellClassStates(system, units);
+    int total = 0;
+    for (int s : system.twiceSpin) total += s;
+    auto statesOf = [&](const std::vector<double>& states, int twiceM) {
+        const int i = (twiceM + total) / 2;
+        return i >= 0 && i < static_cast<int>(states.size()) ? states[static_cast<std::size_t>(i)]
+                                                             : 0.0;
+    };
+    std::vector<GroupBuildCost> costs;
+    for (int twiceS = total % 2; twiceS <= total; twiceS += 2) {
+        double here = 0, above = 0;
+        for (const auto& states : classes) {
+            here += statesOf(states, twiceS);
+            above += statesOf(states, twiceS + 2);
         }
-    return spaces;
+        if (here <= above) continue;
+        const double orbits = (here + above) / order, rowTerms = here / order * terms;
+        double seconds = (here + above) * order *
+                             (static_cast<double>(units.units.size()) + std::log2(here + 2)) *
+                             orbitSeconds +
+                         rowTerms * termSeconds,
+               bytes = (here + above) * 24 + rowTerms * 16 +
+                       orbits * static_cast<double>(group.irreps.size()) * 96,
+               largest = 0;
+        for (const SplitGroup::Irrep& irrep : group.irreps) {
+            const double d = irrep.dimension, share = d / order;
+            double qr = 0, n = 0, folded = 0, m = 0, held = 0;
+            for (const auto& states : classes) {
+                const double mc = statesOf(states, twiceS) * share,
+                             ac = statesOf(states, twiceS + 2) * share, nc = std::max(0.0, mc - ac);
+                if (nc <= 0) continue;
+                if (ac > 0) qr += 2 * mc * ac * ac + 4 * mc * ac * nc;
+                n += nc;
+                folded += mc * nc;
+                m += mc;
+                held += mc * (nc + ac);
+            }
+            if (n <= 0) continue;
+            const double columns = m > 0 ? folded / m : 0; // Z's columns per row, on average
+            seconds += qr * qrFlopSeconds +
+                       (rowTerms * d * d * (d + 2 * k * columns) + 2 * k * n * folded) * flopSeconds;
+            largest = std::max(largest, 8 * (held + k * m * std::min(n, 4 * columns + 1)));
+        }
+        costs.push_back({twiceS, seconds, bytes + largest});
+    }
+    return costs;
 }
 
-double groupBlockFlops(const GroupSpace& space, std::size_t slots, int sites) {
-    const double m = space.states, a = space.above, n = m - a;
-    const double factor = 2 * m * a * a - 2.0 / 3.0 * a * a * a; // dgeqrf
-    const double kernel = 4 * m * a * n - 2 * a * a * n;         // dormqr on n columns
-    const double perJ = 2 * m * (2.0 + sites) * n + 2 * m * n * n;
-    return factor + std::max(0.0, kernel) +
-           static_cast<double>(std::max<std::size_t>(slots, 1)) * perJ;
+std::string groupUnitsText(const SpinSystem& system, const SplitGroup& group) {
+    const GroupUnits units = groupUnits(system, group);
+    std::map<std::size_t, int, std::greater<>> bySize;
+    for (const GroupUnits::Unit& unit : units.units) ++bySize[unit.sites.size()];
+    std::string text;
+    for (const auto& [size, count] : bySize) {
+        char part[64];
+        std::snprintf(part, sizeof part, "%s%d unit%s of %zu site%s", text.empty() ? "" : ", ",
+                      count, count == 1 ? "" : "s", size, size == 1 ? "" : "s");
+        text += part;
+    }
+    return text;
 }
 
 void buildGroupBlocks(const SpinSystem& system, const SplitGroup& group,
                       const std::vector<int>& jSlot, std::size_t slots, int twiceTotal,
-                      std::vector<std::vector<Eigen::MatrixXd>>& matrices, const StopFlag* stop) {
-    const AdaptedSpace here(system, group, twiceTotal, stop),
-        above(system, group, twiceTotal + 2, stop);
-    const std::size_t irreps = group.irreps.size(), sites = system.twiceSpin.size();
-    const ProductSpace& space = here.space;
-
-    // The Hamiltonian per J in the first-row basis of every irrep, from the rows at the
-    // representatives: -2 J (Sz_a Sz_b + (S+_a S-_b + S-_a S+_b) / 2).
-    std::vector<std::vector<std::vector<Eigen::Triplet<double>>>> entries(
-        irreps, std::vector<std::vector<Eigen::Triplet<double>>>(slots));
-    std::vector<int> digits(sites);
-    for (std::size_t o = 0; o < here.representatives.size(); ++o) {
-        if (o % 256 == 0) throwIfStopped(stop);
-        const std::uint64_t code = space.codes[static_cast<std::size_t>(here.representatives[o])];
-        for (std::size_t i = 0; i < sites; ++i)
-            digits[i] = space.digit(code, i, system.twiceSpin[i]);
-        for (const Bond& bond : system.bonds) {
-            const auto slot = static_cast<std::size_t>(jSlot[static_cast<std::size_t>(bond.j)]);
-            auto add = [&](std::size_t k, Index row, Index column, double value) {
-                entries[k][slot].emplace_back(row, column, value);
-            };
-            const auto a = static_cast<std::size_t>(bond.a), b = static_cast<std::size_t>(bond.b);
-            const double sa = system.twiceSpin[a] / 2.0, sb = system.twiceSpin[b] / 2.0;
-            const int da = digits[a], db = digits[b];
-            const double ma = da - sa, mb = db - sb;
-            if (ma * mb != 0)
-                addElement(group, here, o, here, here.representatives[o], -2 * ma * mb, add);
-            if (da < system.twiceSpin[a] && db > 0) {
-                const Index target = space.find(code + space.stride[a] - space.stride[b]);
-                addElement(
-                    group, here, o, here, target,
-                    -std::sqrt((sa * (sa + 1) - ma * (ma + 1)) * (sb * (sb + 1) - mb * (mb - 1))),
-                    add);
-            }
-            if (da > 0 && db < system.twiceSpin[b]) {
-                const Index target = space.find(code - space.stride[a] + space.stride[b]);
-                addElement(
-                    group, here, o, here, target,
-                    -std::sqrt((sa * (sa + 1) - ma * (ma - 1)) * (sb * (sb + 1) - mb * (mb + 1))),
-                    add);
-            }
-        }
-    }
-
-    // S+ from M = S to M = S + 1 as the columns of B (rows: this space), from the rows of S+
-    // at the representatives above: <p'| s+_i |p> with p = s-_i p'.
-    std::vector<Eigen::MatrixXd> raise(irreps);
-    for (std::size_t k = 0; k < irreps; ++k)
-        raise[k].setZero(here.parts[k].size, above.parts[k].size);
-    for (std::size_t o = 0; o < above.representatives.size(); ++o) {
-        if (o % 256 == 0) throwIfStopped(stop);
-        const std::uint64_t code =
-            above.space.codes[static_cast<std::size_t>(above.representatives[o])];
-        auto add = [&](std::size_t k, Index row, Index column, double value) {
-            raise[k](column, row) += value;
-        };
-        for (std::size_t i = 0; i < sites; ++i) {
-            const int d = above.space.digit(code, i, system.twiceSpin[i]);
-            if (d == 0) continue;
-            const double s = system.twiceSpin[i] / 2.0, m = d - 1 - s;
-            addElement(group, above, o, here, space.find(code - space.stride[i]),
-                       std::sqrt(s * (s + 1) - m * (m + 1)), add);
-        }
-    }
-
-    matrices.assign(irreps, {});
-    for (std::size_t k = 0; k < irreps; ++k) {
-        throwIfStopped(stop);
-        const Index m = here.parts[k].size, a = above.parts[k].size, n = m - a;
-        if (n <= 0) continue;
-        // The kernel of S+: the last n columns of Q in B = Q R.
-        Eigen::MatrixXd kernel = Eigen::MatrixXd::Identity(m, n);
-        if (a > 0) {
-            Eigen::MatrixXd& b = raise[k];
-            const int rows = static_cast<int>(m), columns = static_cast<int>(a),
-                      wanted = static_cast<int>(n);
-            std::vector<double> tau(static_cast<std::size_t>(a));
-            int info = 0, lwork = -1;
-            double size = 0;
-            dgeqrf_(&rows, &columns, b.data(), &rows, tau.data(), &size, &lwork, &info);
-            std::vector<double> work(static_cast<std::size_t>(size) + 1);
-            lwork = static_cast<int>(work.size());
-            dgeqrf_(&rows, &columns, b.data(), &rows, tau.data(), work.data(), &lwork, &info);
-            if (info != 0)
-                throw std::runtime_error("LAPACK dgeqrf failed with info " + std::to_string(info));
-            const double largest = b.diagonal().cwiseAbs().maxCoeff();
-            if (b.diagonal().cwiseAbs().minCoeff() < 1e-9 * largest)
-                throw std::logic_error(
-                    "S+ does not reach every state of M + 1 in a symmetry block");
-            kernel.setZero();
-            kernel.bottomRows(n).setIdentity();
-            const char left = 'L', none = 'N';
-            lwork = -1;
-            dormqr_(&left, &none, &rows, &wanted, &columns, b.data(), &rows, tau.data(),
-                    kernel.data(), &rows, &size, &lwork, &info);
-            work.resize(static_cast<std::size_t>(size) + 1);
-            lwork = static_cast<int>(work.size());
-            dormqr_(&left, &none, &rows, &wanted, &columns, b.data(), &rows, tau.data(),
-                    kernel.data(), &rows, work.data(), &lwork, &info);
-            if (info != 0)
-                throw std::runtime_error("LAPACK dormqr failed with info " + std::to_string(info));
-        }
-        raise[k].resize(0, 0);
-        matrices[k].resize(slots);
-        for (std::size_t slot = 0; slot < slots; ++slot) {
-            Eigen::SparseMatrix<double> h(m, m);
-            h.setFromTriplets(entries[k][slot].begin(), entries[k][slot].end());
-            entries[k][slot] = {};
-            const Eigen::MatrixXd applied = h * kernel;
-            Eigen::MatrixXd& block = matrices[k][slot];
-            block.resize(n, n);
-            const int size = static_cast<int>(n), rows = static_cast<int>(m);
-            const double one = 1, zero = 0;
-            const char transposed = 'T', none = 'N';
-            dgemm_(&transposed, &none, &size, &size, &rows, &one, kernel.data(), &rows,
-                   applied.data(), &rows, &zero, block.data(), &size);
-            block = 0.5 * (block + block.transpose()).eval();
-        }
-    }
+                      std::vector<std::vector<Eigen::MatrixXd>>& matrices, const StopFlag* stop,
+                      bool siteUnits) {
+    const GroupUnits units = groupUnits(system, group, !siteUnits);
+    CellClasses classes;
+    const AdaptedSpace here(units, group, twiceTotal, classes, stop),
+        above(units, group, twiceTotal + 2, classes, stop);
+    const UnitOperators operators(system, units);
+    const Rows hamiltonian = hamiltonianRows(system, units, operators, here, jSlot, stop);
+    const Rows lowering = lowerRows(units, above, here.space);
+    matrices.assign(group.irreps.size(), {});
+    for (std::size_t k = 0; k < group.irreps.size(); ++k)
+        irrepBlock(group, k, here, above, hamiltonian, lowering, slots, classes.size(),
+                   matrices[k], stop);
 }
 
 } // namespace corefit

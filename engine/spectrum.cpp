@@ -187,10 +187,6 @@ std::vector<BlockShape> blockShapes(const SpinSystem& system, const Plan& plan) 
 // Bytes of a dense n x n matrix of doubles.
 double squareBytes(double n) { return n * n * 8; }
 
-// Floating-point operations a second of dgeqrf, dormqr and dgemm on one thread, measured on
-// 2-core machines (building blocks of the whole symmetry group).
-constexpr double groupFlopRate = 2e10;
-
 // Seconds for dsyevd on an n x n matrix, one thread, from measurements on 2-core machines.
 double eigenSeconds(double n, bool vectors) {
     const double valuesOnly = 7.5e-11 * n * n * n;
@@ -509,11 +505,12 @@ std::string Plan::describe() const {
         spins += (spins.empty() ? "S = " : ", ") + std::string(range);
     }
     const bool byTree = group != nullptr && group->order() > 1 && (whole == nullptr || treeUsed);
+    const std::string units = wholeUnits.empty() ? "" : " on " + wholeUnits;
     if (!spins.empty() && byTree)
-        name += " split by symmetry (the whole group, " + named(*whole) + ", for " + spins + "; " +
-                named(*group) + " for the others)";
+        name += " split by symmetry (the whole group, " + named(*whole) + units + ", for " +
+                spins + "; " + named(*group) + " for the others)";
     else if (!spins.empty())
-        name += " split by symmetry (the whole group, " + named(*whole) + ")";
+        name += " split by symmetry (the whole group, " + named(*whole) + units + ")";
     else if (byTree)
         name += " split by symmetry (" + named(*group) + ")";
     std::snprintf(text, sizeof text, "%s: dimension %.*g, %zu block%s, largest %.*g%s",
@@ -579,7 +576,7 @@ struct SpinCost {
 };
 
 std::vector<SpinCost> spinCostsOf(const SpinSystem& system, const SplitGroup& group, bool whole,
-                                  double k, bool scaled) {
+                                  double k, bool scaled, bool siteUnits) {
     const auto sites = static_cast<int>(system.twiceSpin.size());
     std::vector<SpinCost> costs;
     auto at = [&](int twiceTotal) -> SpinCost& {
@@ -605,29 +602,13 @@ std::vector<SpinCost> spinCostsOf(const SpinSystem& system, const SplitGroup& gr
         }
     }
     if (!whole) return costs;
-    // Product states of M = S and S + 1 with their orbits (some 40 bytes a state), then irrep
-    // by irrep: S+ and its kernel dense, the Hamiltonian per J sparse.
-    const std::vector<Count> counts = momentCounts(system.twiceSpin);
-    const int total = sumTwiceSpin(system.twiceSpin);
-    auto statesOf = [&](int twiceM) {
-        const auto i = static_cast<std::size_t>((twiceM + total) / 2);
-        return i < counts.size() ? static_cast<double>(counts[i]) : 0.0;
-    };
-    std::vector<double> dense(costs.size(), 0);
-    for (const GroupSpace& space : groupSpaces(system, group)) {
-        SpinCost& cost = at(space.twiceTotal);
-        const auto& irrep = group.irreps[static_cast<std::size_t>(space.irrep)];
-        const double n = space.states - space.above;
-        cost.build += groupBlockFlops(space, static_cast<std::size_t>(k), sites) / groupFlopRate;
-        const std::size_t i = static_cast<std::size_t>(&cost - costs.data());
-        if (dense.size() <= i) dense.resize(i + 1, 0);
-        dense[i] = std::max(dense[i], 8 * (space.states * space.above + 2 * space.states * n) +
-                                          k * space.states * (2.0 + sites) * 16 * irrep.dimension);
-    }
-    for (std::size_t i = 0; i < costs.size(); ++i) {
-        const double states = statesOf(costs[i].twiceTotal) + statesOf(costs[i].twiceTotal + 2);
-        costs[i].build += states * group.order() * sites * 2e-9;
-        costs[i].bytes += states * 40 + (i < dense.size() ? dense[i] : 0);
+    // Product states of the units with M = S and S + 1, their orbits and rows of H, then irrep by
+    // irrep the kernel of S+ class by class and H in it (group_blocks.h).
+    for (const GroupBuildCost& built :
+         groupBuildCosts(system, group, static_cast<std::size_t>(k), siteUnits)) {
+        SpinCost& cost = at(built.twiceTotal);
+        cost.build += built.seconds;
+        cost.bytes += built.bytes;
     }
     return costs;
 }
@@ -635,9 +616,10 @@ std::vector<SpinCost> spinCostsOf(const SpinSystem& system, const SplitGroup& gr
 // For every total spin, the whole group when its blocks are estimated faster to build and
 // diagonalise than those of the tree's subgroup.
 void chooseGroups(const SpinSystem& system, Plan& plan, double k) {
-    const std::vector<SpinCost> whole = spinCostsOf(system, *plan.whole, true, k, plan.scaled);
+    const std::vector<SpinCost> whole =
+        spinCostsOf(system, *plan.whole, true, k, plan.scaled, plan.siteUnits);
     std::vector<SpinCost> tree;
-    if (plan.group) tree = spinCostsOf(system, *plan.group, false, k, plan.scaled);
+    if (plan.group) tree = spinCostsOf(system, *plan.group, false, k, plan.scaled, false);
     for (const SpinCost& cost : whole) {
         bool faster = true;
         for (const SpinCost& other : tree)
@@ -655,7 +637,8 @@ std::vector<SpinCost> spinCosts(const SpinSystem& system, const Plan& plan, doub
     for (int whole = 0; whole < 2; ++whole) {
         const SplitGroup* group = whole ? plan.whole.get() : plan.group.get();
         if (group == nullptr) continue;
-        for (const SpinCost& cost : spinCostsOf(system, *group, whole != 0, k, plan.scaled))
+        for (const SpinCost& cost :
+             spinCostsOf(system, *group, whole != 0, k, plan.scaled, plan.siteUnits))
             if (plan.splitByWhole(cost.twiceTotal) == (whole != 0)) costs.push_back(cost);
     }
     return costs;
@@ -665,8 +648,9 @@ std::vector<SpinCost> spinCosts(const SpinSystem& system, const Plan& plan, doub
 
 Plan planSpectrum(const SpinSystem& system, Method method, int threads,
                   std::shared_ptr<const SplitGroup> group, const FtlmSettings& ftlm,
-                  std::shared_ptr<const SplitGroup> whole) {
+                  std::shared_ptr<const SplitGroup> whole, bool siteUnits) {
     Plan plan;
+    plan.siteUnits = siteUnits;
     plan.method = method == Method::Automatic ? Method::SBlocks : method;
     plan.threads = std::max(1, threads);
     plan.ftlm = ftlm;
@@ -685,6 +669,7 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
         if (byWhole) {
             plan.whole = std::move(whole);
             chooseGroups(system, plan, k);
+            plan.wholeUnits = siteUnits ? "single sites" : groupUnitsText(system, *plan.whole);
         }
     }
     const std::vector<BlockShape> shapes = blockShapes(system, plan);
@@ -833,7 +818,7 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
             const auto started = std::chrono::steady_clock::now();
             if (list[0]->shape.whole)
                 buildGroupBlocks(system, *plan.whole, jSlot, usedJ_.size(),
-                                 list[0]->shape.twiceLabel, matrices, stop_);
+                                 list[0]->shape.twiceLabel, matrices, stop_, plan.siteUnits);
             else
                 buildSplitBlocks(system, *plan.group, tree, jSlot, usedJ_.size(),
                                  list[0]->shape.twiceLabel, matrices, stop_);
