@@ -7,6 +7,7 @@
 #include <functional>
 #include <limits>
 #include <map>
+#include <memory>
 #include <numeric>
 #include <set>
 #include <stdexcept>
@@ -22,6 +23,9 @@ void dgeqrf_(const int* m, const int* n, double* a, const int* lda, double* tau,
 void dormqr_(const char* side, const char* trans, const int* m, const int* n, const int* k,
              const double* a, const int* lda, const double* tau, double* c, const int* ldc,
              double* work, const int* lwork, int* info);
+void dgemm_(const char* transa, const char* transb, const int* m, const int* n, const int* k,
+            const double* alpha, const double* a, const int* lda, const double* b, const int* ldb,
+            const double* beta, double* c, const int* ldc);
 }
 
 namespace corefit {
@@ -202,24 +206,90 @@ struct UnitProducts {
     }
 };
 
-// Ids of the classes of cells: the least image of a cell under the group names its class.
+// ---------------------------------------------------------------------------------------------
+// Cells: the choice of every unit's multiplet, numbered as mixed-radix numbers. The group maps
+// cells onto cells; a class is one orbit of cells, and its least cell the canonical one, where
+// the orbit representatives of the product states are taken.
+
+constexpr double maxCells = 1 << 16;
+
+struct CellTable {
+    std::vector<std::size_t> stride;                  // per unit
+    std::vector<std::vector<std::vector<int>>> image; // [element][unit][multiplet]: its image
+    std::vector<int> classOf;                         // per cell
+    std::vector<char> canonical;                      // per cell
+    std::vector<std::size_t> canonicalCell;           // per class
+    std::vector<std::vector<int>> keeping; // per class: the elements that keep its canonical cell
+    // False with more than maxCells cells: classes are then named orbit by orbit (CellClasses).
+    bool complete = false;
+
+    CellTable(const GroupUnits& units, std::size_t elements) {
+        const std::size_t count = units.units.size();
+        double cells = 1;
+        std::size_t step = 1;
+        for (const GroupUnits::Unit& unit : units.units) {
+            cells *= static_cast<double>(unit.twiceJ.size());
+            stride.push_back(step);
+            step *= unit.twiceJ.size();
+        }
+        image.assign(elements, std::vector<std::vector<int>>(count));
+        for (std::size_t g = 0; g < elements; ++g)
+            for (std::size_t u = 0; u < count; ++u) {
+                const GroupUnits::Move& move = units.moves[g][u];
+                const GroupUnits::Unit &from = units.units[u],
+                                       &to = units.units[static_cast<std::size_t>(move.unit)];
+                for (const int first : from.offset)
+                    image[g][u].push_back(
+                        to.multiplet[static_cast<std::size_t>(move.state[static_cast<std::size_t>(first)])]);
+            }
+        if (cells > maxCells) return;
+        const auto total = static_cast<std::size_t>(cells);
+        classOf.assign(total, -1);
+        canonical.assign(total, 0);
+        std::vector<int> digits(count);
+        for (std::size_t c = 0; c < total; ++c) {
+            if (classOf[c] >= 0) continue;
+            const int id = static_cast<int>(canonicalCell.size());
+            canonicalCell.push_back(c);
+            canonical[c] = 1;
+            keeping.emplace_back();
+            for (std::size_t u = 0; u < count; ++u)
+                digits[u] = static_cast<int>(c / stride[u] % units.units[u].twiceJ.size());
+            for (std::size_t g = 0; g < elements; ++g) {
+                std::size_t target = 0;
+                for (std::size_t u = 0; u < count; ++u)
+                    target += stride[static_cast<std::size_t>(units.moves[g][u].unit)] *
+                              static_cast<std::size_t>(image[g][u][static_cast<std::size_t>(digits[u])]);
+                classOf[target] = id;
+                if (target == c) keeping.back().push_back(static_cast<int>(g));
+            }
+        }
+        complete = true;
+    }
+    std::size_t classes() const { return canonicalCell.size(); }
+};
+
+// Ids of the classes of cells without a table: the least image of a cell names its class.
 struct CellClasses {
     std::map<std::vector<int>, int> ids;
     int id(const std::vector<int>& least) {
         return ids.emplace(least, static_cast<int>(ids.size())).first->second;
     }
-    std::size_t size() const { return ids.size(); }
 };
 
 // The product states of one M split into orbits of the group, and for every irrep the
 // orthonormal first-row vectors of each orbit: W with W^T (d/|G| A) W = 1, A the sum of
-// sign(u) D(u) over the stabiliser of the representative. Every orbit's cells lie in one class.
+// sign(u) D(u) over the stabiliser of the representative. Every orbit's cells lie in one class;
+// with a complete table, its representative lies in the class's canonical cell.
 struct AdaptedSpace {
     UnitProducts space;
     std::vector<int> orbitOf, mover; // per state: its orbit, h with R(h) rep = sign state
     std::vector<signed char> signOf;
     std::vector<Index> representatives;
     std::vector<int> classOf; // per orbit
+    // The stabiliser of every representative: elements with the sign R(u) rep = sign rep.
+    std::vector<std::size_t> keptFrom{0};
+    std::vector<std::pair<int, int>> kept;
     struct Part {
         std::vector<Index> offset; // per orbit, in the irrep's basis
         std::vector<int> rank;
@@ -229,29 +299,29 @@ struct AdaptedSpace {
     std::vector<Part> parts; // per irrep
 
     AdaptedSpace(const GroupUnits& units, const SplitGroup& group, int twiceM,
-                 CellClasses& classes, const StopFlag* stop)
+                 const CellTable& table, CellClasses& classes, const StopFlag* stop)
         : space(units, twiceM) {
         const std::size_t count = space.codes.size(), elements = group.elements.size(),
                           irreps = group.irreps.size(), unitCount = units.units.size();
         orbitOf.assign(count, -1);
         mover.assign(count, 0);
         signOf.assign(count, 1);
-        std::vector<std::vector<Eigen::MatrixXd>> stabiliser(irreps);
         std::vector<int> local(unitCount), cell(unitCount), image(unitCount), least(unitCount);
         for (std::size_t c = 0; c < count; ++c) {
             if (orbitOf[c] >= 0) continue;
-            if (representatives.size() % 1024 == 0) throwIfStopped(stop);
-            const int orbit = static_cast<int>(representatives.size());
-            representatives.push_back(static_cast<Index>(c));
             const std::uint64_t code = space.codes[c];
+            std::size_t cellIndex = 0;
             for (std::size_t u = 0; u < unitCount; ++u) {
                 local[u] = space.local(code, u, units.units[u].states);
                 cell[u] = units.units[u].multiplet[static_cast<std::size_t>(local[u])];
+                if (table.complete) cellIndex += table.stride[u] * static_cast<std::size_t>(cell[u]);
             }
+            // Representatives in canonical cells: the others are reached from there.
+            if (table.complete && !table.canonical[cellIndex]) continue;
+            if (representatives.size() % 1024 == 0) throwIfStopped(stop);
+            const int orbit = static_cast<int>(representatives.size());
+            representatives.push_back(static_cast<Index>(c));
             least = cell;
-            std::vector<Eigen::MatrixXd> sums(irreps);
-            for (std::size_t k = 0; k < irreps; ++k)
-                sums[k].setZero(group.irreps[k].dimension, group.irreps[k].dimension);
             for (std::size_t g = 0; g < elements; ++g) {
                 std::uint64_t target = 0;
                 int sign = 1;
@@ -259,12 +329,12 @@ struct AdaptedSpace {
                     const GroupUnits::Move& move = units.moves[g][u];
                     const auto k = static_cast<std::size_t>(local[u]);
                     const auto to = static_cast<std::size_t>(move.unit);
-                    const int state = move.state[k];
-                    target += static_cast<std::uint64_t>(state) * space.stride[to];
+                    target += static_cast<std::uint64_t>(move.state[k]) * space.stride[to];
                     sign *= move.sign[k];
-                    image[to] = units.units[to].multiplet[static_cast<std::size_t>(state)];
+                    if (!table.complete)
+                        image[to] = units.units[to].multiplet[static_cast<std::size_t>(move.state[k])];
                 }
-                if (image < least) least = image;
+                if (!table.complete && image < least) least = image;
                 const Index found = space.find(target);
                 if (found < 0)
                     throw std::logic_error("a symmetry element leaves the product states");
@@ -274,48 +344,54 @@ struct AdaptedSpace {
                     mover[t] = static_cast<int>(g);
                     signOf[t] = static_cast<signed char>(sign);
                 }
-                if (t == c)
-                    for (std::size_t k = 0; k < irreps; ++k) {
-                        const int d = group.irreps[k].dimension;
-                        sums[k] += sign * Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic,
-                                                                           Eigen::Dynamic,
-                                                                           Eigen::RowMajor>>(
-                                              group.irreps[k].at(g), d, d);
-                    }
+                if (t == c) kept.emplace_back(static_cast<int>(g), sign);
             }
-            classOf.push_back(classes.id(least));
-            for (std::size_t k = 0; k < irreps; ++k) stabiliser[k].push_back(std::move(sums[k]));
+            keptFrom.push_back(kept.size());
+            classOf.push_back(table.complete ? table.classOf[cellIndex] : classes.id(least));
         }
+        for (const int o : orbitOf)
+            if (o < 0) throw std::logic_error("a product state outside every orbit");
         const std::size_t orbits = representatives.size();
         parts.resize(irreps);
         for (std::size_t k = 0; k < irreps; ++k) {
+            const SplitGroup::Irrep& irrep = group.irreps[k];
             Part& part = parts[k];
-            const int d = group.irreps[k].dimension;
-            const double scale = static_cast<double>(d) / group.order();
             part.offset.resize(orbits);
             part.rank.resize(orbits);
             part.w.resize(orbits);
             part.aw.resize(orbits);
             for (std::size_t o = 0; o < orbits; ++o) {
-                const Eigen::MatrixXd& a = stabiliser[k][o];
                 part.offset[o] = part.size;
-                const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(scale * a);
-                std::vector<Index> kept;
-                for (Index i = 0; i < d; ++i)
-                    if (solver.eigenvalues()[i] > 1e-8) kept.push_back(i);
-                Eigen::MatrixXd w(d, static_cast<Index>(kept.size()));
-                for (std::size_t i = 0; i < kept.size(); ++i)
-                    w.col(static_cast<Index>(i)) = solver.eigenvectors().col(kept[i]) /
-                                                   std::sqrt(solver.eigenvalues()[kept[i]]);
-                part.rank[o] = static_cast<int>(kept.size());
+                part.rank[o] = firstRow(irrep, group.order(), o, [](int g) { return g; },
+                                        part.w[o], part.aw[o]);
                 part.size += part.rank[o];
-                if (!kept.empty()) {
-                    part.aw[o] = a * w;
-                    part.w[o] = std::move(w);
-                }
             }
-            stabiliser[k].clear();
         }
+    }
+
+    // The first-row vectors of orbit o in an irrep of a group of `order` elements, of which
+    // the stabiliser's elements are position(g): W and A W; returns their number.
+    template <class Position>
+    int firstRow(const SplitGroup::Irrep& irrep, int order, std::size_t o, Position position,
+                 Eigen::MatrixXd& w, Eigen::MatrixXd& aw) const {
+        const int d = irrep.dimension;
+        Eigen::MatrixXd a = Eigen::MatrixXd::Zero(d, d);
+        for (std::size_t i = keptFrom[o]; i < keptFrom[o + 1]; ++i)
+            a += kept[i].second *
+                 Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic,
+                                                Eigen::RowMajor>>(
+                     irrep.at(static_cast<std::size_t>(position(kept[i].first))), d, d);
+        const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(static_cast<double>(d) / order *
+                                                                    a);
+        std::vector<Index> chosen;
+        for (Index i = 0; i < d; ++i)
+            if (solver.eigenvalues()[i] > 1e-8) chosen.push_back(i);
+        w.resize(d, static_cast<Index>(chosen.size()));
+        for (std::size_t i = 0; i < chosen.size(); ++i)
+            w.col(static_cast<Index>(i)) = solver.eigenvectors().col(chosen[i]) /
+                                           std::sqrt(solver.eigenvalues()[chosen[i]]);
+        aw = a * w;
+        return static_cast<int>(chosen.size());
     }
 };
 
@@ -454,20 +530,6 @@ Rows lowerRows(const GroupUnits& units, const AdaptedSpace& above, const UnitPro
     return rows;
 }
 
-// X(rep, state) in irrep k: factor D(h) A'W' (d x rank'), with W' and A' of the state's orbit,
-// into u; the part of the matrix element is then L^T u for the first-row vectors L of the rep.
-double projected(const SplitGroup& group, std::size_t k, const AdaptedSpace& ket, Index state,
-                 double value, Eigen::MatrixXd& u) {
-    const auto s = static_cast<std::size_t>(state);
-    const auto other = static_cast<std::size_t>(ket.orbitOf[s]);
-    const auto h = static_cast<std::size_t>(ket.mover[s]);
-    const int d = group.irreps[k].dimension;
-    const Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>
-        dh(group.irreps[k].at(h), d, d);
-    u.noalias() = dh * ket.parts[k].aw[other];
-    return d / static_cast<double>(group.order()) * value * ket.signOf[s];
-}
-
 // The kernel of S+ (b: m x a, its columns S+'s rows): the last m - a columns of Q in b = Q R.
 Eigen::MatrixXd kernelOf(Eigen::MatrixXd& b) {
     const Index m = b.rows(), a = b.cols(), n = m - a;
@@ -499,13 +561,222 @@ Eigen::MatrixXd kernelOf(Eigen::MatrixXd& b) {
     return kernel;
 }
 
+// The kernel of S+ in one class, split by the real irreducible representations sigma of the
+// stabiliser H of its canonical cell: every orbit of the class meets that cell in one orbit of
+// H, so the class is the space induced from the cell, and its kernel is induced from the cell's.
+// In each sigma, a QR factorisation of S+ on sigma's first-row vectors of the cell; every irrep
+// of the whole group then takes its part of the class's kernel from these (groupKernel), without
+// a factorisation of its own. Not ready where H has a representation of complex or quaternionic
+// type (or the group's products are not at hand): that class is factorised irrep by irrep.
+struct Stabiliser {
+    bool ready = false;
+    std::vector<int> elements; // H, as indices into the group
+    std::vector<int> position; // per element of the group: its index in H, or -1
+    std::vector<SplitGroup::Irrep> irreps;
+};
+
+Stabiliser stabiliserOf(const SplitGroup& group, const std::vector<int>& keeping) {
+    Stabiliser out;
+    const std::size_t n = group.elements.size(), nh = keeping.size();
+    if (group.products.size() != n * n || keeping.empty() || keeping[0] != 0) return out;
+    out.elements = keeping;
+    out.position.assign(n, -1);
+    for (std::size_t i = 0; i < nh; ++i)
+        out.position[static_cast<std::size_t>(keeping[i])] = static_cast<int>(i);
+    if (nh == 1) {
+        out.irreps.push_back({1, 1, "1D", {1.0}});
+    } else {
+        std::vector<int> product(nh * nh), inverse(nh, 0);
+        for (std::size_t a = 0; a < nh; ++a)
+            for (std::size_t b = 0; b < nh; ++b) {
+                const int p = out.position[static_cast<std::size_t>(
+                    group.products[static_cast<std::size_t>(keeping[a]) * n +
+                                   static_cast<std::size_t>(keeping[b])])];
+                if (p < 0) return out;
+                product[a * nh + b] = p;
+                if (p == 0) inverse[a] = static_cast<int>(b);
+            }
+        for (std::uint64_t seed = 1; seed <= 4 && out.irreps.empty(); ++seed)
+            out.irreps = irrepsFromRegular(product, inverse, seed);
+        if (out.irreps.empty()) return out;
+    }
+    for (const SplitGroup::Irrep& irrep : out.irreps)
+        if (irrep.kind != 1) return out;
+    out.ready = true;
+    return out;
+}
+
+struct ClassKernel {
+    bool ready = false;
+    const Stabiliser* stabiliser = nullptr;
+    std::vector<std::size_t> orbits; // of the class, M = S
+    struct Sigma {
+        std::vector<Index> at; // per orbit of the class: its first-row vectors in sigma's basis
+        std::vector<int> rank;
+        std::vector<Eigen::MatrixXd> w;
+        Eigen::MatrixXd kernel; // sigma's basis x the kernel vectors
+    };
+    std::vector<Sigma> sigma;
+};
+
+// D^irrep(h) A'W' of the orbit of `state` (ket.mover[state] = h, at position(h) in the group
+// the irrep belongs to), into u; returns the factor d/order value sign(state). X(rep, state)'s
+// part between the first-row vectors L of the rep and those of state's orbit is then factor L^T u.
+template <class Position>
+double projected(const SplitGroup::Irrep& irrep, int order, const AdaptedSpace& ket,
+                 Index state, double value, const Eigen::MatrixXd& aw, Position position,
+                 Eigen::MatrixXd& u) {
+    const auto s = static_cast<std::size_t>(state);
+    const int d = irrep.dimension;
+    const Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>
+        dh(irrep.at(static_cast<std::size_t>(position(ket.mover[s]))), d, d);
+    u.noalias() = dh * aw;
+    return d / static_cast<double>(order) * value * ket.signOf[s];
+}
+
+ClassKernel classKernel(const Stabiliser& stabiliser, const AdaptedSpace& here,
+                        const AdaptedSpace& above, std::vector<std::size_t> hereOrbits,
+                        const std::vector<std::size_t>& aboveOrbits,
+                        const std::vector<Index>& inClass, const Rows& lowering) {
+    ClassKernel out;
+    out.orbits = std::move(hereOrbits);
+    out.stabiliser = &stabiliser;
+    if (!stabiliser.ready) return out;
+    const auto position = [&](int g) {
+        return stabiliser.position[static_cast<std::size_t>(g)];
+    };
+    const int order = static_cast<int>(stabiliser.elements.size());
+    Eigen::MatrixXd u;
+    for (const SplitGroup::Irrep& irrep : stabiliser.irreps) {
+        ClassKernel::Sigma part;
+        const std::size_t count = out.orbits.size();
+        part.at.resize(count);
+        part.rank.resize(count);
+        part.w.resize(count);
+        std::vector<Eigen::MatrixXd> aw(count);
+        Index m = 0, a = 0;
+        for (std::size_t i = 0; i < count; ++i) {
+            part.at[i] = m;
+            part.rank[i] = here.firstRow(irrep, order, out.orbits[i], position, part.w[i], aw[i]);
+            m += part.rank[i];
+        }
+        std::vector<Index> aboveAt(aboveOrbits.size());
+        std::vector<Eigen::MatrixXd> aboveW(aboveOrbits.size()), unused(aboveOrbits.size());
+        std::vector<int> aboveRank(aboveOrbits.size());
+        for (std::size_t i = 0; i < aboveOrbits.size(); ++i) {
+            aboveAt[i] = a;
+            aboveRank[i] = above.firstRow(irrep, order, aboveOrbits[i], position, aboveW[i], unused[i]);
+            a += aboveRank[i];
+        }
+        if (a > m) throw std::logic_error("S+ leaves a class of cells in a symmetry block");
+        if (a == 0) {
+            part.kernel = Eigen::MatrixXd::Identity(m, m);
+        } else if (m > a) {
+            Eigen::MatrixXd b = Eigen::MatrixXd::Zero(m, a);
+            for (std::size_t i = 0; i < aboveOrbits.size(); ++i) {
+                if (aboveRank[i] == 0) continue;
+                const std::size_t o = aboveOrbits[i];
+                for (std::size_t e = lowering.start[o]; e < lowering.start[o + 1]; ++e) {
+                    const Rows::Entry& entry = lowering.entries[e];
+                    const auto other = static_cast<std::size_t>(
+                        here.orbitOf[static_cast<std::size_t>(entry.state)]);
+                    const Index at = inClass[other];
+                    if (at < 0) throw std::logic_error("S+ leaves a class of cells");
+                    const auto j = static_cast<std::size_t>(at);
+                    if (part.rank[j] == 0) continue;
+                    if (position(here.mover[static_cast<std::size_t>(entry.state)]) < 0)
+                        throw std::logic_error("S+ leaves the canonical cell of a class");
+                    const double factor = projected(irrep, order, here, entry.state, entry.value,
+                                                    aw[j], position, u);
+                    b.block(part.at[j], aboveAt[i], part.rank[j], aboveRank[i]) +=
+                        factor * (aboveW[i].transpose() * u).transpose();
+                }
+            }
+            part.kernel = kernelOf(b);
+        } else {
+            part.kernel.resize(m, 0);
+        }
+        out.sigma.push_back(std::move(part));
+    }
+    out.ready = true;
+    return out;
+}
+
+// The class's part of the kernel in irrep Gamma (k), as coordinates on its first-row vectors
+// (rows: at[i] for the class's orbit i). For every sigma of H and every w_j with w^T Q w = 1,
+// Q = d/|G| sum_h D(h) D^sigma_11(h), the vectors sum_l (w_j)_l P^Gamma_1l kappa of sigma's
+// kernel vectors kappa, orthonormal; on orbit o their coordinates are
+// d d_sigma / (|G| |H|) (A W)_o^T S_j W^sigma_o K_sigma(o), S_j = sum_h D(h)^T w_j D^sigma_1.(h).
+Eigen::MatrixXd groupKernel(const SplitGroup& group, std::size_t k, const ClassKernel& kernel,
+                            const AdaptedSpace& here, const std::vector<Index>& at, Index m) {
+    const SplitGroup::Irrep& gamma = group.irreps[k];
+    const int d = gamma.dimension;
+    const Stabiliser& stabiliser = *kernel.stabiliser;
+    const auto nh = static_cast<double>(stabiliser.elements.size());
+    using RowMajor = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
+    auto matrix = [](const SplitGroup::Irrep& irrep, std::size_t element) {
+        return Eigen::Map<const RowMajor>(irrep.at(element), irrep.dimension, irrep.dimension);
+    };
+    struct Piece {
+        std::size_t sigma;
+        std::vector<Eigen::MatrixXd> s; // S_j
+    };
+    std::vector<Piece> pieces;
+    Index columns = 0;
+    for (std::size_t s = 0; s < stabiliser.irreps.size(); ++s) {
+        const SplitGroup::Irrep& sigma = stabiliser.irreps[s];
+        const Index ns = kernel.sigma[s].kernel.cols();
+        if (ns == 0) continue;
+        Eigen::MatrixXd q = Eigen::MatrixXd::Zero(d, d);
+        for (std::size_t i = 0; i < stabiliser.elements.size(); ++i)
+            q += matrix(gamma, static_cast<std::size_t>(stabiliser.elements[i])) * sigma.at(i)[0];
+        q *= d / static_cast<double>(group.order());
+        const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(q);
+        Piece piece{s, {}};
+        for (Index j = 0; j < d; ++j) {
+            const double value = solver.eigenvalues()[j];
+            if (value <= 1e-8) continue;
+            const Eigen::VectorXd w = solver.eigenvectors().col(j) / std::sqrt(value);
+            Eigen::MatrixXd sj = Eigen::MatrixXd::Zero(d, sigma.dimension);
+            for (std::size_t i = 0; i < stabiliser.elements.size(); ++i)
+                sj += (matrix(gamma, static_cast<std::size_t>(stabiliser.elements[i])).transpose() *
+                       w) *
+                      matrix(sigma, i).row(0);
+            piece.s.push_back(std::move(sj));
+        }
+        columns += static_cast<Index>(piece.s.size()) * ns;
+        if (!piece.s.empty()) pieces.push_back(std::move(piece));
+    }
+    Eigen::MatrixXd z = Eigen::MatrixXd::Zero(m, columns);
+    Index column = 0;
+    for (const Piece& piece : pieces) {
+        const ClassKernel::Sigma& part = kernel.sigma[piece.sigma];
+        const Index ns = part.kernel.cols();
+        const double scale =
+            d * stabiliser.irreps[piece.sigma].dimension / (group.order() * nh);
+        for (std::size_t i = 0; i < kernel.orbits.size(); ++i) {
+            const std::size_t o = kernel.orbits[i];
+            const int rank = here.parts[k].rank[o], rs = part.rank[i];
+            if (rank == 0 || rs == 0) continue;
+            const Eigen::MatrixXd right = part.w[i] * part.kernel.middleRows(part.at[i], rs);
+            for (std::size_t j = 0; j < piece.s.size(); ++j)
+                z.block(at[o], column + static_cast<Index>(j) * ns, rank, ns).noalias() =
+                    scale * (here.parts[k].aw[o].transpose() * piece.s[j]) * right;
+        }
+        column += static_cast<Index>(piece.s.size()) * ns;
+    }
+    return z;
+}
+
 // The (S, irrep k) block per J: the kernel of S+ class by class, and the Hamiltonian in it.
 void irrepBlock(const SplitGroup& group, std::size_t k, const AdaptedSpace& here,
                 const AdaptedSpace& above, const Rows& hamiltonian, const Rows& lowering,
-                std::size_t slots, std::size_t classes, std::vector<Eigen::MatrixXd>& out,
+                std::size_t slots, std::size_t classes, const std::vector<ClassKernel>& kernels,
+                std::vector<std::vector<double>>& workspace, std::vector<Eigen::MatrixXd>& out,
                 const StopFlag* stop) {
     const AdaptedSpace::Part &herePart = here.parts[k], &abovePart = above.parts[k];
-    const int d = group.irreps[k].dimension;
+    const SplitGroup::Irrep& irrep = group.irreps[k];
+    const int d = irrep.dimension;
     const std::size_t hereOrbits = here.representatives.size(),
                       aboveOrbits = above.representatives.size();
     // Each class's part of both spaces, and where every orbit's vectors lie in it.
@@ -524,11 +795,13 @@ void irrepBlock(const SplitGroup& group, std::size_t k, const AdaptedSpace& here
     }
     for (std::size_t c = 0; c < classes; ++c)
         if (a[c] > m[c]) throw std::logic_error("S+ leaves a class of cells in a symmetry block");
+    auto ready = [&](std::size_t c) { return c < kernels.size() && kernels[c].ready; };
+    const auto identity = [](int g) { return g; };
 
-    // S+ per class (its transpose: rows here, columns above), then its kernel.
+    // S+ per class not ready (its transpose: rows here, columns above), then its kernel.
     std::vector<Eigen::MatrixXd> raise(classes);
     for (std::size_t c = 0; c < classes; ++c)
-        if (m[c] > a[c] && a[c] > 0) raise[c].setZero(m[c], a[c]);
+        if (m[c] > a[c] && a[c] > 0 && !ready(c)) raise[c].setZero(m[c], a[c]);
     Eigen::MatrixXd u(d, d);
     for (std::size_t o = 0; o < aboveOrbits; ++o) {
         const int rank = abovePart.rank[o];
@@ -536,12 +809,14 @@ void irrepBlock(const SplitGroup& group, std::size_t k, const AdaptedSpace& here
         if (rank == 0 || raise[c].size() == 0) continue;
         for (std::size_t e = lowering.start[o]; e < lowering.start[o + 1]; ++e) {
             const Rows::Entry& entry = lowering.entries[e];
-            const auto other = static_cast<std::size_t>(here.orbitOf[static_cast<std::size_t>(entry.state)]);
+            const auto other =
+                static_cast<std::size_t>(here.orbitOf[static_cast<std::size_t>(entry.state)]);
             const int columns = herePart.rank[other];
             if (columns == 0) continue;
             if (static_cast<std::size_t>(here.classOf[other]) != c)
                 throw std::logic_error("S+ leaves a class of cells");
-            const double factor = projected(group, k, here, entry.state, entry.value, u);
+            const double factor = projected(irrep, group.order(), here, entry.state, entry.value,
+                                            herePart.aw[other], identity, u);
             raise[c].block(hereAt[other], aboveAt[o], columns, rank) +=
                 factor * (abovePart.w[o].transpose() * u).transpose();
         }
@@ -553,129 +828,108 @@ void irrepBlock(const SplitGroup& group, std::size_t k, const AdaptedSpace& here
         kernelAt[c] = n;
         if (m[c] <= a[c]) continue;
         throwIfStopped(stop);
-        kernel[c] = a[c] == 0 ? Eigen::MatrixXd::Identity(m[c], m[c]) : kernelOf(raise[c]);
-        raise[c] = Eigen::MatrixXd();
+        if (ready(c)) {
+            kernel[c] = groupKernel(group, k, kernels[c], here, hereAt, m[c]);
+            if (kernel[c].cols() != m[c] - a[c])
+                throw std::logic_error("the kernel of S+ induced in a class has the wrong size");
+        } else {
+            kernel[c] = a[c] == 0 ? Eigen::MatrixXd::Identity(m[c], m[c]) : kernelOf(raise[c]);
+            raise[c] = Eigen::MatrixXd();
+        }
         n += m[c] - a[c];
     }
     out.clear();
     if (n == 0) return;
-    out.assign(slots, Eigen::MatrixXd::Zero(n, n));
+    out.resize(slots);
+    for (Eigen::MatrixXd& block : out) block.setZero(n, n);
 
-    // Z^T H Z class by class: Y = Z_c^T H(rows of c, all), from the rows at the representatives
-    // with Z_c's rows folded into their first-row vectors; then Z_c^T H Z_c' = Y(, c') Z_c'.
+    // Z^T H Z by panels of consecutive classes (some 128 kernel vectors each), the blocks of a
+    // panel with the classes from its first on only (H is symmetric): Y = Z_p^T H(rows of p, ),
+    // from the rows at the representatives with Z's rows folded into their first-row vectors;
+    // then Z_p^T H Z_c' = Y(, c') Z_c', one product per class c'.
     std::vector<Index> start(classes + 1, 0);
     for (std::size_t c = 0; c < classes; ++c) start[c + 1] = start[c] + m[c];
-    std::vector<Eigen::MatrixXd> y(slots);
+    std::vector<std::size_t> panels{0}; // first class of each panel, and the end
+    for (std::size_t c = 0; c < classes; ++c)
+        if (kernelAt[c] - kernelAt[panels.back()] >= 128) panels.push_back(c);
+    panels.push_back(classes);
+    // Y of every J in buffers kept from panel to panel and irrep to irrep (allocated anew, their
+    // pages would be mapped anew each time).
+    workspace.resize(slots);
     std::vector<char> touched(classes);
-    for (std::size_t c = 0; c < classes; ++c) {
-        const Index nc = kernel[c].cols();
-        if (nc == 0) continue;
+    for (std::size_t p = 0; p + 1 < panels.size(); ++p) {
+        const std::size_t first = panels[p], last = panels[p + 1];
+        const Index rows = (last < classes ? kernelAt[last] : n) - kernelAt[first];
+        if (rows == 0) continue;
         throwIfStopped(stop);
-        for (Eigen::MatrixXd& part : y) part.setZero(nc, start[classes]);
+        std::vector<Eigen::Map<Eigen::MatrixXd>> y;
+        for (std::vector<double>& buffer : workspace) {
+            const Index width = start[classes] - start[first];
+            if (buffer.size() < static_cast<std::size_t>(rows * width))
+                buffer.resize(static_cast<std::size_t>(rows * width));
+            y.emplace_back(buffer.data(), rows, width);
+            y.back().setZero();
+        }
         std::fill(touched.begin(), touched.end(), 0);
-        for (const std::size_t o : orbitsOf[c]) {
-            const Eigen::MatrixXd folded =
-                (herePart.w[o] * kernel[c].middleRows(hereAt[o], herePart.rank[o])).transpose();
-            for (std::size_t e = hamiltonian.start[o]; e < hamiltonian.start[o + 1]; ++e) {
-                const Rows::Entry& entry = hamiltonian.entries[e];
-                const auto other =
-                    static_cast<std::size_t>(here.orbitOf[static_cast<std::size_t>(entry.state)]);
-                const int columns = herePart.rank[other];
-                const auto oc = static_cast<std::size_t>(here.classOf[other]);
-                if (columns == 0 || kernel[oc].cols() == 0) continue;
-                touched[oc] = 1;
-                const double factor = projected(group, k, here, entry.state, entry.value, u);
-                Eigen::MatrixXd& target = y[static_cast<std::size_t>(entry.slot)];
-                const Index at = start[oc] + hereAt[other];
-                for (int j = 0; j < columns; ++j)
-                    for (int i = 0; i < d; ++i)
-                        target.col(at + j) += factor * u(i, j) * folded.col(i);
-            }
-        }
-        for (std::size_t oc = 0; oc < classes; ++oc) {
-            if (!touched[oc]) continue;
-            for (std::size_t slot = 0; slot < slots; ++slot)
-                out[slot].block(kernelAt[c], kernelAt[oc], nc, kernel[oc].cols()).noalias() +=
-                    y[slot].middleCols(start[oc], m[oc]) * kernel[oc];
-        }
-    }
-    for (Eigen::MatrixXd& block : out) block = 0.5 * (block + block.transpose()).eval();
-}
-
-
-// The classes of cells of the units, for the estimates: per class, the number of its product
-// states of each total 2M (index (2M + sum of 2S) / 2). With too many cells to go through, one
-// class of all states, the most the kernel can cost.
-std::vector<std::vector<double>> cellClassStates(const SpinSystem& system,
-                                                 const GroupUnits& units) {
-    int total = 0;
-    for (int s : system.twiceSpin) total += s;
-    const std::size_t count = units.units.size();
-    auto statesOf = [&](const std::vector<int>& cell) {
-        std::vector<double> states{1};
-        for (std::size_t u = 0; u < count; ++u) {
-            const int j = units.units[u].twiceJ[static_cast<std::size_t>(cell[u])];
-            std::vector<double> next(states.size() + static_cast<std::size_t>(j), 0);
-            for (std::size_t i = 0; i < states.size(); ++i)
-                for (int m = 0; m <= j; ++m) next[i + static_cast<std::size_t>(m)] += states[i];
-            states = std::move(next);
-        }
-        // A cell of spins j_u reaches 2M = -sum 2j_u .. sum 2j_u; place it on the common scale.
-        int spins = 0;
-        for (std::size_t u = 0; u < count; ++u)
-            spins += units.units[u].twiceJ[static_cast<std::size_t>(cell[u])];
-        std::vector<double> placed(static_cast<std::size_t>(total) + 1, 0);
-        for (std::size_t i = 0; i < states.size(); ++i)
-            placed[i + static_cast<std::size_t>((total - spins) / 2)] = states[i];
-        return placed;
-    };
-    double cells = 1;
-    for (const GroupUnits::Unit& unit : units.units) cells *= static_cast<double>(unit.twiceJ.size());
-    if (cells > 65536) {
-        std::vector<double> all{1};
-        for (int s : system.twiceSpin) {
-            std::vector<double> next(all.size() + static_cast<std::size_t>(s), 0);
-            for (std::size_t i = 0; i < all.size(); ++i)
-                for (int m = 0; m <= s; ++m) next[i + static_cast<std::size_t>(m)] += all[i];
-            all = std::move(next);
-        }
-        return {all};
-    }
-    std::vector<std::vector<double>> classes;
-    std::set<std::vector<int>> seen;
-    std::vector<int> cell(count, 0), image(count);
-    for (double c = 0; c < cells; ++c) {
-        if (!seen.count(cell)) {
-            double size = 0;
-            for (std::size_t g = 0; g < units.moves.size(); ++g) {
-                for (std::size_t u = 0; u < count; ++u) {
-                    const GroupUnits::Move& move = units.moves[g][u];
-                    const GroupUnits::Unit &from = units.units[u],
-                                           &to = units.units[static_cast<std::size_t>(move.unit)];
-                    const int state =
-                        move.state[static_cast<std::size_t>(from.offset[static_cast<std::size_t>(cell[u])])];
-                    image[static_cast<std::size_t>(move.unit)] =
-                        to.multiplet[static_cast<std::size_t>(state)];
+        for (std::size_t c = first; c < last; ++c) {
+            const Index nc = kernel[c].cols(), row = kernelAt[c] - kernelAt[first];
+            if (nc == 0) continue;
+            for (const std::size_t o : orbitsOf[c]) {
+                const Eigen::MatrixXd folded =
+                    (herePart.w[o] * kernel[c].middleRows(hereAt[o], herePart.rank[o])).transpose();
+                for (std::size_t e = hamiltonian.start[o]; e < hamiltonian.start[o + 1]; ++e) {
+                    const Rows::Entry& entry = hamiltonian.entries[e];
+                    const auto other = static_cast<std::size_t>(
+                        here.orbitOf[static_cast<std::size_t>(entry.state)]);
+                    const int columns = herePart.rank[other];
+                    const auto oc = static_cast<std::size_t>(here.classOf[other]);
+                    if (columns == 0 || oc < first || kernel[oc].cols() == 0) continue;
+                    touched[oc] = 1;
+                    const double factor = projected(irrep, group.order(), here, entry.state,
+                                                    entry.value, herePart.aw[other], identity, u);
+                    Eigen::Map<Eigen::MatrixXd>& target = y[static_cast<std::size_t>(entry.slot)];
+                    const Index at = start[oc] - start[first] + hereAt[other];
+                    for (int j = 0; j < columns; ++j)
+                        for (int i = 0; i < d; ++i)
+                            target.col(at + j).segment(row, nc) += factor * u(i, j) * folded.col(i);
                 }
-                size += seen.insert(image).second ? 1 : 0;
             }
-            std::vector<double> states = statesOf(cell);
-            for (double& x : states) x *= size;
-            classes.push_back(std::move(states));
         }
-        for (std::size_t u = 0; u < count; ++u) { // the next cell
-            if (++cell[u] < static_cast<int>(units.units[u].twiceJ.size())) break;
-            cell[u] = 0;
+        for (std::size_t oc = first; oc < classes; ++oc) {
+            if (!touched[oc]) continue;
+            // out(p, oc) += Y(, oc) Z_oc, by BLAS (Eigen's own products are not vectorised as
+            // far in a portable build).
+            const int height = static_cast<int>(rows), width = static_cast<int>(kernel[oc].cols()),
+                      inner = static_cast<int>(m[oc]), ldz = static_cast<int>(m[oc]),
+                      ldo = static_cast<int>(n);
+            const double one = 1;
+            const char none = 'N';
+            for (std::size_t slot = 0; slot < slots; ++slot)
+                dgemm_(&none, &none, &height, &width, &inner, &one,
+                       y[slot].data() + (start[oc] - start[first]) * rows, &height,
+                       kernel[oc].data(), &ldz, &one,
+                       out[slot].data() + kernelAt[oc] * n + kernelAt[first], &ldo);
         }
     }
-    return classes;
+    // The panels' blocks on the diagonal are whole; those below them are mirrored.
+    for (Eigen::MatrixXd& block : out)
+        for (std::size_t p = 0; p + 1 < panels.size(); ++p) {
+            const Index from = kernelAt[panels[p]],
+                        to = panels[p + 1] < classes ? kernelAt[panels[p + 1]] : n;
+            auto diagonal = block.block(from, from, to - from, to - from);
+            diagonal = 0.5 * (diagonal + diagonal.transpose()).eval();
+            block.block(to, from, n - to, to - from) =
+                block.block(from, to, to - from, n - to).transpose();
+        }
 }
 
-// Constants of the estimate, measured on 2-core machines: seconds per state and element to find
-// the orbits, per term of a row gathered, and per floating-point operation of the projections,
-// the QR factorisations and the products (small ones, at a fraction of dgemm's rate).
-constexpr double orbitSeconds = 4e-9, termSeconds = 5e-8, flopSeconds = 1.0 / 4e9,
-                 qrFlopSeconds = 1.0 / 2e10;
+// Constants of the estimate, fitted to the building of rings of 9 to 20 sites of S = 1/2, 3/2
+// and 5/2 on a 2-core machine (within 1.6 times for every total spin of them): seconds per
+// product state of M = S and M = S + 1 and unit or bisection step (its orbit, its cell), per term
+// of a row of H gathered, per operation of the projections folded into the rows, per operation
+// of the QR factorisations and products (LAPACK and BLAS on small matrices), and per class.
+constexpr double stateSeconds = 3.3e-8, termSeconds = 1e-7, foldSeconds = 2.3e-11,
+                 blasSeconds = 1.1e-10, classSeconds = 1.2e-5;
 
 } // namespace
 
@@ -704,7 +958,10 @@ SplitGroup wholeGroup(const SiteSymmetry& symmetry, int sites) {
         }
     for (std::uint64_t seed = 1; seed <= 4; ++seed) {
         group.irreps = irrepsFromRegular(product, inverse, seed);
-        if (!group.irreps.empty()) return group;
+        if (!group.irreps.empty()) {
+            group.products = std::move(product);
+            return group;
+        }
     }
     return trivialGroup(sites);
 }
@@ -714,6 +971,7 @@ std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const Spli
                                             std::size_t slots, bool siteUnits) {
     const GroupUnits units = groupUnits(system, group, !siteUnits);
     const UnitOperators operators(system, units);
+    const CellTable table(units, group.elements.size());
     const double order = group.order(), k = static_cast<double>(std::max<std::size_t>(slots, 1));
     // Terms of a row of H: per path, the products of its operators' nonzeros per column.
     double terms = 0;
@@ -734,49 +992,98 @@ std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const Spli
                      perState(first.raise[pa]) * perState(operators.lower[b]) +
                      perState(operators.lower[a]) * perState(second.raise[pb]);
     }
-    const std::vector<std::vector<double>> classes = cellClassStates(system, units);
+    // Per class: its cells' product states by 2M (one cell; index (2M + sum 2S) / 2) and the
+    // order of the stabiliser of its canonical cell. Without a table, one class of all states.
     int total = 0;
     for (int s : system.twiceSpin) total += s;
+    struct Class {
+        std::vector<double> states;
+        double keeping = 1;
+    };
+    std::vector<Class> classes;
+    auto polynomial = [&](const std::vector<int>& spins) {
+        std::vector<double> states{1};
+        int sum = 0;
+        for (int j : spins) {
+            std::vector<double> next(states.size() + static_cast<std::size_t>(j), 0);
+            for (std::size_t i = 0; i < states.size(); ++i)
+                for (int m = 0; m <= j; ++m) next[i + static_cast<std::size_t>(m)] += states[i];
+            states = std::move(next);
+            sum += j;
+        }
+        std::vector<double> placed(static_cast<std::size_t>(total) + 1, 0);
+        for (std::size_t i = 0; i < states.size(); ++i)
+            placed[i + static_cast<std::size_t>((total - sum) / 2)] = states[i];
+        return placed;
+    };
+    if (table.complete) {
+        for (std::size_t c = 0; c < table.classes(); ++c) {
+            std::vector<int> spins;
+            for (std::size_t u = 0; u < units.units.size(); ++u) {
+                const auto& twiceJ = units.units[u].twiceJ;
+                spins.push_back(twiceJ[table.canonicalCell[c] / table.stride[u] % twiceJ.size()]);
+            }
+            classes.push_back({polynomial(spins), static_cast<double>(table.keeping[c].size())});
+        }
+    } else {
+        classes.push_back({polynomial(system.twiceSpin), order});
+    }
+    // Split by the stabiliser of its canonical cell, a class's kernel costs one QR factorisation
+    // per irrep of that stabiliser (counted as if all were one-dimensional); on single sites, or
+    // without a table, one per irrep of the group (the stabiliser is then the whole group).
+    const bool induced = table.complete && !siteUnits;
     auto statesOf = [&](const std::vector<double>& states, int twiceM) {
         const int i = (twiceM + total) / 2;
         return i >= 0 && i < static_cast<int>(states.size()) ? states[static_cast<std::size_t>(i)]
                                                              : 0.0;
     };
+    auto factorisation = [](double m, double a) {
+        return a > 0 && m > a ? 2 * m * a * a + 4 * m * a * (m - a) : 0.0;
+    };
+
     std::vector<GroupBuildCost> costs;
     for (int twiceS = total % 2; twiceS <= total; twiceS += 2) {
-        double here = 0, above = 0;
-        for (const auto& states : classes) {
-            here += statesOf(states, twiceS);
-            above += statesOf(states, twiceS + 2);
+        double here = 0, above = 0, qr = 0, liveClasses = 0;
+        for (const Class& c : classes) {
+            const double cs = statesOf(c.states, twiceS), ca = statesOf(c.states, twiceS + 2);
+            here += cs * order / c.keeping;
+            above += ca * order / c.keeping;
+            if (induced) qr += factorisation(cs, ca) / (c.keeping * c.keeping);
+            if (cs > ca) liveClasses += 1;
         }
         if (here <= above) continue;
-        const double orbits = (here + above) / order, rowTerms = here / order * terms;
-        double seconds = (here + above) * order *
-                             (static_cast<double>(units.units.size()) + std::log2(here + 2)) *
-                             orbitSeconds +
-                         rowTerms * termSeconds,
+        const double rowTerms = here / order * terms;
+        double seconds =
+                   (here + above) *
+                       (static_cast<double>(units.units.size()) + std::log2(here + above) + 2) *
+                       stateSeconds +
+                   rowTerms * termSeconds,
                bytes = (here + above) * 24 + rowTerms * 16 +
-                       orbits * static_cast<double>(group.irreps.size()) * 96,
+                       (here + above) / order * static_cast<double>(group.irreps.size()) * 128,
                largest = 0;
         for (const SplitGroup::Irrep& irrep : group.irreps) {
-            const double d = irrep.dimension, share = d / order;
-            double qr = 0, n = 0, folded = 0, m = 0, held = 0;
-            for (const auto& states : classes) {
-                const double mc = statesOf(states, twiceS) * share,
-                             ac = statesOf(states, twiceS + 2) * share, nc = std::max(0.0, mc - ac);
+            const double d = irrep.dimension;
+            double n = 0, folded = 0, m = 0, held = 0;
+            for (const Class& c : classes) {
+                const double share = d / c.keeping;
+                const double mc = statesOf(c.states, twiceS) * share,
+                             ac = statesOf(c.states, twiceS + 2) * share, nc = std::max(0.0, mc - ac);
                 if (nc <= 0) continue;
-                if (ac > 0) qr += 2 * mc * ac * ac + 4 * mc * ac * nc;
+                if (!induced) qr += factorisation(mc, ac);
                 n += nc;
                 folded += mc * nc;
                 m += mc;
                 held += mc * (nc + ac);
             }
             if (n <= 0) continue;
-            const double columns = m > 0 ? folded / m : 0; // Z's columns per row, on average
-            seconds += qr * qrFlopSeconds +
-                       (rowTerms * d * d * (d + 2 * k * columns) + 2 * k * n * folded) * flopSeconds;
-            largest = std::max(largest, 8 * (held + k * m * std::min(n, 4 * columns + 1)));
+            const double columns = folded / m; // kernel vectors per row, on average
+            // Per term of a row: its projection and its share of Y, with about half of them
+            // (c <= c'); then Y Z for the blocks with c <= c'.
+            seconds += rowTerms * d * d * (d + k * columns) * foldSeconds +
+                       k * n * folded * blasSeconds;
+            largest = std::max(largest, 8 * (held + k * m * columns));
         }
+        seconds += qr * blasSeconds + liveClasses * classSeconds;
         costs.push_back({twiceS, seconds, bytes + largest});
     }
     return costs;
@@ -796,21 +1103,75 @@ std::string groupUnitsText(const SpinSystem& system, const SplitGroup& group) {
     return text;
 }
 
-void buildGroupBlocks(const SpinSystem& system, const SplitGroup& group,
-                      const std::vector<int>& jSlot, std::size_t slots, int twiceTotal,
-                      std::vector<std::vector<Eigen::MatrixXd>>& matrices, const StopFlag* stop,
-                      bool siteUnits) {
-    const GroupUnits units = groupUnits(system, group, !siteUnits);
-    CellClasses classes;
-    const AdaptedSpace here(units, group, twiceTotal, classes, stop),
-        above(units, group, twiceTotal + 2, classes, stop);
-    const UnitOperators operators(system, units);
-    const Rows hamiltonian = hamiltonianRows(system, units, operators, here, jSlot, stop);
+// What the blocks of every total spin share.
+struct GroupBasis {
+    std::shared_ptr<const SplitGroup> group;
+    SpinSystem system;
+    bool siteUnits = false;
+    GroupUnits units;
+    CellTable table;
+    UnitOperators operators;
+    // Per class (with a complete table, not on single sites): the stabiliser of its canonical
+    // cell, the same for the classes with the same one.
+    std::vector<Stabiliser> stabilisers;
+    std::vector<std::size_t> stabiliserOfClass;
+
+    GroupBasis(const SpinSystem& spins, std::shared_ptr<const SplitGroup> whole, bool sites)
+        : group(std::move(whole)), system(spins), siteUnits(sites),
+          units(groupUnits(system, *group, !siteUnits)), table(units, group->elements.size()),
+          operators(system, units) {
+        if (!table.complete || siteUnits) return;
+        std::map<std::vector<int>, std::size_t> seen;
+        for (const std::vector<int>& keeping : table.keeping) {
+            const auto [it, fresh] = seen.emplace(keeping, stabilisers.size());
+            if (fresh) stabilisers.push_back(stabiliserOf(*group, keeping));
+            stabiliserOfClass.push_back(it->second);
+        }
+    }
+};
+
+std::shared_ptr<const GroupBasis> groupBasis(const SpinSystem& system,
+                                             std::shared_ptr<const SplitGroup> group,
+                                             bool siteUnits) {
+    return std::make_shared<const GroupBasis>(system, std::move(group), siteUnits);
+}
+
+void buildGroupBlocks(const GroupBasis& basis, const std::vector<int>& jSlot, std::size_t slots,
+                      int twiceTotal, std::vector<std::vector<Eigen::MatrixXd>>& matrices,
+                      const StopFlag* stop) {
+    const SplitGroup& group = *basis.group;
+    const GroupUnits& units = basis.units;
+    const CellTable& table = basis.table;
+    CellClasses named;
+    const AdaptedSpace here(units, group, twiceTotal, table, named, stop),
+        above(units, group, twiceTotal + 2, table, named, stop);
+    const std::size_t classes = table.complete ? table.classes() : named.ids.size();
+    const Rows hamiltonian =
+        hamiltonianRows(basis.system, units, basis.operators, here, jSlot, stop);
     const Rows lowering = lowerRows(units, above, here.space);
+    // The kernel of every class from the stabiliser of its canonical cell.
+    std::vector<ClassKernel> kernels;
+    if (!basis.stabilisers.empty()) {
+        std::vector<std::vector<std::size_t>> hereOf(classes), aboveOf(classes);
+        std::vector<Index> inClass(here.representatives.size());
+        for (std::size_t o = 0; o < here.representatives.size(); ++o) {
+            auto& list = hereOf[static_cast<std::size_t>(here.classOf[o])];
+            inClass[o] = static_cast<Index>(list.size());
+            list.push_back(o);
+        }
+        for (std::size_t o = 0; o < above.representatives.size(); ++o)
+            aboveOf[static_cast<std::size_t>(above.classOf[o])].push_back(o);
+        for (std::size_t c = 0; c < classes; ++c) {
+            throwIfStopped(stop);
+            kernels.push_back(classKernel(basis.stabilisers[basis.stabiliserOfClass[c]], here,
+                                          above, hereOf[c], aboveOf[c], inClass, lowering));
+        }
+    }
     matrices.assign(group.irreps.size(), {});
+    std::vector<std::vector<double>> workspace;
     for (std::size_t k = 0; k < group.irreps.size(); ++k)
-        irrepBlock(group, k, here, above, hamiltonian, lowering, slots, classes.size(),
-                   matrices[k], stop);
+        irrepBlock(group, k, here, above, hamiltonian, lowering, slots, classes, kernels,
+                   workspace, matrices[k], stop);
 }
 
 } // namespace corefit

@@ -14,6 +14,7 @@
 // four times).
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -47,19 +48,29 @@ std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const Spli
 // "9 units of 2 sites", "5 units of 4 sites, 2 of 1 site": the units the blocks are built on.
 std::string groupUnitsText(const SpinSystem& system, const SplitGroup& group);
 
+// What the whole group's blocks of every total spin share, built once per spectrum: the
+// composite units (group_units.h) with their operators, the classes of their cells and the
+// representations of the stabiliser of every class's canonical cell. siteUnits: every site a
+// unit of its own (one cell, one class, whose kernel is a QR factorisation of the whole space).
+struct GroupBasis;
+std::shared_ptr<const GroupBasis> groupBasis(const SpinSystem& system,
+                                             std::shared_ptr<const SplitGroup> group,
+                                             bool siteUnits = false);
+
 // As buildSplitBlocks, for a whole group: matrices[irrep] is resized to `slots` matrices of
 // the (twiceTotal, irrep) block, matrices[irrep][jSlot[j]] with the paths of J value j.
 //
-// The product states are those of the group's composite units (group_units.h), each unit in a
-// multiplet alpha_u with its m_u. A cell is the choice of every unit's multiplet; S+ keeps it, and
-// the group maps cells onto cells. So the kernel of S+ is found class by class, a class being the
-// cells one orbit of the group: a QR factorisation of S+ from the class's part of the (M = S,
-// Gamma) space into that of M = S + 1, small where the units are. The Hamiltonian, from its rows
-// at the orbit representatives, is then taken into the kernel class by class. With siteUnits
-// every site is a unit of its own (one cell, one class: a QR factorisation of the whole space).
-void buildGroupBlocks(const SpinSystem& system, const SplitGroup& group,
-                      const std::vector<int>& jSlot, std::size_t slots, int twiceTotal,
-                      std::vector<std::vector<Eigen::MatrixXd>>& matrices, const StopFlag* stop,
-                      bool siteUnits = false);
+// The product states are those of the group's units, each unit in a multiplet alpha_u with its
+// m_u. A cell is the choice of every unit's multiplet; S+ keeps it, and the group maps cells onto
+// cells. So the kernel of S+ is found class by class, a class being the cells of one orbit of
+// the group. A class is induced from its canonical cell, with the stabiliser H of that cell: the
+// kernel comes from one small QR factorisation of S+ on the cell per irreducible representation
+// of H, and every irrep of the group takes its part from these (where H has representations of
+// complex or quaternionic type, from a QR factorisation of the class's part of the (M = S,
+// irrep) space instead). The Hamiltonian, from its rows at the orbit representatives (taken in
+// the canonical cells), is then taken into the kernel class by class.
+void buildGroupBlocks(const GroupBasis& basis, const std::vector<int>& jSlot, std::size_t slots,
+                      int twiceTotal, std::vector<std::vector<Eigen::MatrixXd>>& matrices,
+                      const StopFlag* stop);
 
 } // namespace corefit

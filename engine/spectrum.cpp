@@ -733,8 +733,9 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
         for (std::size_t i = 0; i < bytes.size() && i < static_cast<std::size_t>(plan.threads); ++i)
             plan.bytes += bytes[i];
     }
-    // The program itself, and the levels with their slopes (kept twice while they are gathered).
-    plan.bytes += 16.0 * 1024 * 1024 + 2 * 8 * (3 + k) * levels;
+    // The program itself (some 9 MiB with its libraries, measured), and the levels with their
+    // slopes (kept twice while they are gathered).
+    plan.bytes += 10.0 * 1024 * 1024 + 2 * 8 * (3 + k) * levels;
     return plan;
 }
 
@@ -804,6 +805,14 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
         const CouplingTree tree =
             plan.group ? couplingTree(*plan.group, static_cast<int>(system.twiceSpin.size()))
                        : CouplingTree{};
+        // What the whole group's blocks of every total spin share, built once.
+        std::shared_ptr<const GroupBasis> basis;
+        if (std::any_of(blocks_.begin(), blocks_.end(),
+                        [](const auto& block) { return block->shape.whole; })) {
+            const auto started = std::chrono::steady_clock::now();
+            basis = groupBasis(system, plan.whole, plan.siteUnits);
+            countBuild(started);
+        }
         std::vector<std::vector<Block*>> bySpin;
         for (const auto& block : blocks_) {
             auto same = std::find_if(bySpin.begin(), bySpin.end(), [&](const auto& list) {
@@ -817,8 +826,8 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
             std::vector<std::vector<Eigen::MatrixXd>> matrices;
             const auto started = std::chrono::steady_clock::now();
             if (list[0]->shape.whole)
-                buildGroupBlocks(system, *plan.whole, jSlot, usedJ_.size(),
-                                 list[0]->shape.twiceLabel, matrices, stop_, plan.siteUnits);
+                buildGroupBlocks(*basis, jSlot, usedJ_.size(), list[0]->shape.twiceLabel,
+                                 matrices, stop_);
             else
                 buildSplitBlocks(system, *plan.group, tree, jSlot, usedJ_.size(),
                                  list[0]->shape.twiceLabel, matrices, stop_);
