@@ -211,7 +211,8 @@ struct UnitProducts {
 // cells onto cells; a class is one orbit of cells, and its least cell the canonical one, where
 // the orbit representatives of the product states are taken.
 
-constexpr double maxCells = 1 << 16;
+// At most so many cells, and cells times elements times units, are gone through.
+constexpr double maxCells = 1 << 16, maxCellImages = 1 << 26;
 
 struct CellTable {
     std::vector<std::size_t> stride;                  // per unit
@@ -220,7 +221,7 @@ struct CellTable {
     std::vector<char> canonical;                      // per cell
     std::vector<std::size_t> canonicalCell;           // per class
     std::vector<std::vector<int>> keeping; // per class: the elements that keep its canonical cell
-    // False with more than maxCells cells: classes are then named orbit by orbit (CellClasses).
+    // False with too many cells: classes are then named orbit by orbit (CellClasses).
     bool complete = false;
 
     CellTable(const GroupUnits& units, std::size_t elements) {
@@ -242,7 +243,9 @@ struct CellTable {
                     image[g][u].push_back(
                         to.multiplet[static_cast<std::size_t>(move.state[static_cast<std::size_t>(first)])]);
             }
-        if (cells > maxCells) return;
+        if (cells > maxCells ||
+            cells * static_cast<double>(elements) * static_cast<double>(count) > maxCellImages)
+            return;
         const auto total = static_cast<std::size_t>(cells);
         classOf.assign(total, -1);
         canonical.assign(total, 0);

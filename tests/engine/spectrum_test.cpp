@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <tuple>
 
 #include "group_blocks.h"
 #include "model.h"
@@ -181,6 +182,20 @@ TEST(Spectrum, PlanSizesOfStandardProblems) {
     EXPECT_EQ(planSpectrum(ring(16, 1), Method::SBlocks).largestBlock, 3640);
     EXPECT_EQ(planSpectrum(ring(8, 5), Method::SBlocks).largestBlock, 16576);
     EXPECT_EQ(planSpectrum(ring(20, 1), Method::MBlocks).largestBlock, 184756);
+    // The 18- and 20-site rings: every total spin by the whole dihedral group on opposite sites
+    // joined in pairs (and those in pairs of pairs), not by the subgroup of order 4 (18 sites,
+    // largest block 3050) or 8 (20 sites) that keeps a coupling tree.
+    for (const auto& [sites, largest, units] :
+         {std::tuple{18, 742, "on 9 units of 2 sites"}, std::tuple{20, 2434, "on 5 units of 4 sites"}}) {
+        const SpinSystem system = ring(sites, 1);
+        const SiteSymmetry symmetry = findSymmetry(system);
+        const Plan plan = planSpectrum(
+            system, Method::SBlocks, 2, std::make_shared<const SplitGroup>(splitGroup(symmetry, sites)),
+            {}, std::make_shared<const SplitGroup>(wholeGroup(symmetry, sites)));
+        EXPECT_EQ(plan.largestBlock, largest);
+        EXPECT_FALSE(plan.treeUsed);
+        EXPECT_NE(plan.describe().find(units), std::string::npos) << plan.describe();
+    }
     // Twenty S = 10 sites, the most the input allows: 21^20 states, beyond 64 bits. No count
     // wraps: one block per total spin 0 to 200, and an estimate far beyond any limit.
     const Plan largest = planSpectrum(ring(20, 20), Method::SBlocks);
@@ -240,8 +255,11 @@ TEST(Spectrum, SymmetryBlocksAgreeWithWholeSBlocks) {
 }
 
 // The whole symmetry group, every irreducible representation (odd orders, non-abelian groups,
-// 3-dimensional representations): against the full product basis where it is small, and against
-// the S blocks split by the subgroup of order 2^k.
+// 3-dimensional representations), on the composite units the group permutes (opposite sites of
+// the even rings, cube and octahedron paired, pairs of pairs on the 12-site ring; single sites
+// where nothing pairs; stabilisers of cells with complex representations on the 6-site ring with
+// two J): against the full product basis where it is small, against the S blocks split by the
+// subgroup of order 2^k, and against the whole group on single sites.
 TEST(Spectrum, WholeGroupBlocksAgreeWithFullBasisAndSplitBlocks) {
     auto ring = [](std::vector<int> spins, int jValues) {
         SpinSystem system{spins, {}, jValues};
@@ -281,6 +299,7 @@ TEST(Spectrum, WholeGroupBlocksAgreeWithFullBasisAndSplitBlocks) {
          true,
          3},
         {{"ring 12 x 1/2", ring(std::vector<int>(12, 1), 1), {-10}}, false, 24},
+        {{"ring 14 x 1/2", ring(std::vector<int>(14, 1), 1), {-10}}, false, 28},
         {{"ring 6 x 5/2, J1/J2", ring({5, 5, 5, 5, 5, 5}, 2), {-10, -7}}, false, 6},
         {{"triangle 3 x 3/2", graph(3, 3, {{0, 1}, {1, 2}, {2, 0}}), {-13}}, true, 6},
         {{"tetrahedron 4 x 3/2",
@@ -317,6 +336,12 @@ TEST(Spectrum, WholeGroupBlocksAgreeWithFullBasisAndSplitBlocks) {
             mixed.wholeFor[label] = label % 4 < 2;
         Spectrum both(cluster.system, mixed, 2);
         expectSameSpectrum(both.levels(cluster.j, allSlopes), levels, cluster.j, 1e-10);
+        // The whole group on product states of single sites, each (M = S, irrep) space's kernel
+        // from one QR factorisation (the earlier way), against its composite units.
+        Spectrum single(cluster.system,
+                        planSpectrum(cluster.system, Method::SBlocks, 1, whole, {}, nullptr, true),
+                        2);
+        expectSameSpectrum(levels, single.levels(cluster.j, allSlopes), cluster.j, 1e-10);
         if (c.full) {
             Spectrum full(cluster.system, planSpectrum(cluster.system, Method::Full), 2);
             expectSameSpectrum(levels, full.levels(cluster.j, allSlopes), cluster.j, 1e-9);
