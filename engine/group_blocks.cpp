@@ -207,22 +207,36 @@ struct UnitProducts {
 };
 
 // ---------------------------------------------------------------------------------------------
+// At most so many cells, and cells times elements times units, are gone through; with more, the
+// units are single sites (one cell).
+constexpr double maxCells = 1 << 16, maxCellImages = 1 << 26;
+
+double cellImages(const GroupUnits& units, std::size_t elements) {
+    double cells = 1;
+    for (const GroupUnits::Unit& unit : units.units) cells *= static_cast<double>(unit.twiceJ.size());
+    return cells > maxCells ? 2 * maxCellImages
+                            : cells * static_cast<double>(elements) *
+                                  static_cast<double>(units.units.size());
+}
+
+// The units the blocks are built on: composite ones unless asked for single sites or their cells
+// are too many to go through.
+GroupUnits unitsOf(const SpinSystem& system, const SplitGroup& group, bool siteUnits) {
+    GroupUnits units = groupUnits(system, group, !siteUnits);
+    if (cellImages(units, group.elements.size()) > maxCellImages)
+        units = groupUnits(system, group, false);
+    return units;
+}
+
 // Cells: the choice of every unit's multiplet, numbered as mixed-radix numbers. The group maps
 // cells onto cells; a class is one orbit of cells, and its least cell the canonical one, where
 // the orbit representatives of the product states are taken.
-
-// At most so many cells, and cells times elements times units, are gone through.
-constexpr double maxCells = 1 << 16, maxCellImages = 1 << 26;
-
 struct CellTable {
-    std::vector<std::size_t> stride;                  // per unit
-    std::vector<std::vector<std::vector<int>>> image; // [element][unit][multiplet]: its image
-    std::vector<int> classOf;                         // per cell
-    std::vector<char> canonical;                      // per cell
-    std::vector<std::size_t> canonicalCell;           // per class
-    std::vector<std::vector<int>> keeping; // per class: the elements that keep its canonical cell
-    // False with too many cells: classes are then named orbit by orbit (CellClasses).
-    bool complete = false;
+    std::vector<std::size_t> stride;        // per unit
+    std::vector<int> classOf;               // per cell
+    std::vector<char> canonical;            // per cell
+    std::vector<std::size_t> canonicalCell; // per class
+    std::vector<std::vector<int>> keeping;  // per class: the elements that keep its canonical cell
 
     CellTable(const GroupUnits& units, std::size_t elements) {
         const std::size_t count = units.units.size();
@@ -233,7 +247,11 @@ struct CellTable {
             stride.push_back(step);
             step *= unit.twiceJ.size();
         }
-        image.assign(elements, std::vector<std::vector<int>>(count));
+        if (cellImages(units, elements) > maxCellImages)
+            throw std::logic_error("too many cells of the units to go through");
+        // [element][unit][multiplet]: the multiplet of the image unit it goes to.
+        std::vector<std::vector<std::vector<int>>> image(elements,
+                                                         std::vector<std::vector<int>>(count));
         for (std::size_t g = 0; g < elements; ++g)
             for (std::size_t u = 0; u < count; ++u) {
                 const GroupUnits::Move& move = units.moves[g][u];
@@ -243,9 +261,6 @@ struct CellTable {
                     image[g][u].push_back(
                         to.multiplet[static_cast<std::size_t>(move.state[static_cast<std::size_t>(first)])]);
             }
-        if (cells > maxCells ||
-            cells * static_cast<double>(elements) * static_cast<double>(count) > maxCellImages)
-            return;
         const auto total = static_cast<std::size_t>(cells);
         classOf.assign(total, -1);
         canonical.assign(total, 0);
@@ -267,23 +282,14 @@ struct CellTable {
                 if (target == c) keeping.back().push_back(static_cast<int>(g));
             }
         }
-        complete = true;
     }
     std::size_t classes() const { return canonicalCell.size(); }
 };
 
-// Ids of the classes of cells without a table: the least image of a cell names its class.
-struct CellClasses {
-    std::map<std::vector<int>, int> ids;
-    int id(const std::vector<int>& least) {
-        return ids.emplace(least, static_cast<int>(ids.size())).first->second;
-    }
-};
-
 // The product states of one M split into orbits of the group, and for every irrep the
 // orthonormal first-row vectors of each orbit: W with W^T (d/|G| A) W = 1, A the sum of
-// sign(u) D(u) over the stabiliser of the representative. Every orbit's cells lie in one class;
-// with a complete table, its representative lies in the class's canonical cell.
+// sign(u) D(u) over the stabiliser of the representative. Every orbit's cells lie in one class,
+// and its representative in the class's canonical cell.
 struct AdaptedSpace {
     UnitProducts space;
     std::vector<int> orbitOf, mover; // per state: its orbit, h with R(h) rep = sign state
@@ -302,29 +308,28 @@ struct AdaptedSpace {
     std::vector<Part> parts; // per irrep
 
     AdaptedSpace(const GroupUnits& units, const SplitGroup& group, int twiceM,
-                 const CellTable& table, CellClasses& classes, const StopFlag* stop)
+                 const CellTable& table, const StopFlag* stop)
         : space(units, twiceM) {
         const std::size_t count = space.codes.size(), elements = group.elements.size(),
                           irreps = group.irreps.size(), unitCount = units.units.size();
         orbitOf.assign(count, -1);
         mover.assign(count, 0);
         signOf.assign(count, 1);
-        std::vector<int> local(unitCount), cell(unitCount), image(unitCount), least(unitCount);
+        std::vector<int> local(unitCount);
         for (std::size_t c = 0; c < count; ++c) {
             if (orbitOf[c] >= 0) continue;
             const std::uint64_t code = space.codes[c];
             std::size_t cellIndex = 0;
             for (std::size_t u = 0; u < unitCount; ++u) {
                 local[u] = space.local(code, u, units.units[u].states);
-                cell[u] = units.units[u].multiplet[static_cast<std::size_t>(local[u])];
-                if (table.complete) cellIndex += table.stride[u] * static_cast<std::size_t>(cell[u]);
+                cellIndex += table.stride[u] * static_cast<std::size_t>(
+                                                   units.units[u].multiplet[static_cast<std::size_t>(local[u])]);
             }
             // Representatives in canonical cells: the others are reached from there.
-            if (table.complete && !table.canonical[cellIndex]) continue;
+            if (!table.canonical[cellIndex]) continue;
             if (representatives.size() % 1024 == 0) throwIfStopped(stop);
             const int orbit = static_cast<int>(representatives.size());
             representatives.push_back(static_cast<Index>(c));
-            least = cell;
             for (std::size_t g = 0; g < elements; ++g) {
                 std::uint64_t target = 0;
                 int sign = 1;
@@ -334,10 +339,7 @@ struct AdaptedSpace {
                     const auto to = static_cast<std::size_t>(move.unit);
                     target += static_cast<std::uint64_t>(move.state[k]) * space.stride[to];
                     sign *= move.sign[k];
-                    if (!table.complete)
-                        image[to] = units.units[to].multiplet[static_cast<std::size_t>(move.state[k])];
                 }
-                if (!table.complete && image < least) least = image;
                 const Index found = space.find(target);
                 if (found < 0)
                     throw std::logic_error("a symmetry element leaves the product states");
@@ -350,7 +352,7 @@ struct AdaptedSpace {
                 if (t == c) kept.emplace_back(static_cast<int>(g), sign);
             }
             keptFrom.push_back(kept.size());
-            classOf.push_back(table.complete ? table.classOf[cellIndex] : classes.id(least));
+            classOf.push_back(table.classOf[cellIndex]);
         }
         for (const int o : orbitOf)
             if (o < 0) throw std::logic_error("a product state outside every orbit");
@@ -972,7 +974,7 @@ SplitGroup wholeGroup(const SiteSymmetry& symmetry, int sites) {
 
 std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const SplitGroup& group,
                                             std::size_t slots, bool siteUnits) {
-    const GroupUnits units = groupUnits(system, group, !siteUnits);
+    const GroupUnits units = unitsOf(system, group, siteUnits);
     const UnitOperators operators(system, units);
     const CellTable table(units, group.elements.size());
     const double order = group.order(), k = static_cast<double>(std::max<std::size_t>(slots, 1));
@@ -996,7 +998,7 @@ std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const Spli
                      perState(operators.lower[a]) * perState(second.raise[pb]);
     }
     // Per class: its cells' product states by 2M (one cell; index (2M + sum 2S) / 2) and the
-    // order of the stabiliser of its canonical cell. Without a table, one class of all states.
+    // order of the stabiliser of its canonical cell.
     int total = 0;
     for (int s : system.twiceSpin) total += s;
     struct Class {
@@ -1019,22 +1021,18 @@ std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const Spli
             placed[i + static_cast<std::size_t>((total - sum) / 2)] = states[i];
         return placed;
     };
-    if (table.complete) {
-        for (std::size_t c = 0; c < table.classes(); ++c) {
-            std::vector<int> spins;
-            for (std::size_t u = 0; u < units.units.size(); ++u) {
-                const auto& twiceJ = units.units[u].twiceJ;
-                spins.push_back(twiceJ[table.canonicalCell[c] / table.stride[u] % twiceJ.size()]);
-            }
-            classes.push_back({polynomial(spins), static_cast<double>(table.keeping[c].size())});
+    for (std::size_t c = 0; c < table.classes(); ++c) {
+        std::vector<int> spins;
+        for (std::size_t u = 0; u < units.units.size(); ++u) {
+            const auto& twiceJ = units.units[u].twiceJ;
+            spins.push_back(twiceJ[table.canonicalCell[c] / table.stride[u] % twiceJ.size()]);
         }
-    } else {
-        classes.push_back({polynomial(system.twiceSpin), order});
+        classes.push_back({polynomial(spins), static_cast<double>(table.keeping[c].size())});
     }
     // Split by the stabiliser of its canonical cell, a class's kernel costs one QR factorisation
-    // per irrep of that stabiliser (counted as if all were one-dimensional); on single sites, or
-    // without a table, one per irrep of the group (the stabiliser is then the whole group).
-    const bool induced = table.complete && !siteUnits;
+    // per irrep of that stabiliser (counted as if all were one-dimensional); on single sites one
+    // per irrep of the group, of the whole (M = S, irrep) space.
+    const bool induced = !siteUnits;
     auto statesOf = [&](const std::vector<double>& states, int twiceM) {
         const int i = (twiceM + total) / 2;
         return i >= 0 && i < static_cast<int>(states.size()) ? states[static_cast<std::size_t>(i)]
@@ -1093,7 +1091,7 @@ std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const Spli
 }
 
 std::string groupUnitsText(const SpinSystem& system, const SplitGroup& group) {
-    const GroupUnits units = groupUnits(system, group);
+    const GroupUnits units = unitsOf(system, group, false);
     std::map<std::size_t, int, std::greater<>> bySize;
     for (const GroupUnits::Unit& unit : units.units) ++bySize[unit.sites.size()];
     std::string text;
@@ -1114,16 +1112,16 @@ struct GroupBasis {
     GroupUnits units;
     CellTable table;
     UnitOperators operators;
-    // Per class (with a complete table, not on single sites): the stabiliser of its canonical
-    // cell, the same for the classes with the same one.
+    // Per class (not on single sites): the stabiliser of its canonical cell, the same for the
+    // classes with the same one.
     std::vector<Stabiliser> stabilisers;
     std::vector<std::size_t> stabiliserOfClass;
 
     GroupBasis(const SpinSystem& spins, std::shared_ptr<const SplitGroup> whole, bool sites)
         : group(std::move(whole)), system(spins), siteUnits(sites),
-          units(groupUnits(system, *group, !siteUnits)), table(units, group->elements.size()),
+          units(unitsOf(system, *group, siteUnits)), table(units, group->elements.size()),
           operators(system, units) {
-        if (!table.complete || siteUnits) return;
+        if (siteUnits) return;
         std::map<std::vector<int>, std::size_t> seen;
         for (const std::vector<int>& keeping : table.keeping) {
             const auto [it, fresh] = seen.emplace(keeping, stabilisers.size());
@@ -1145,10 +1143,9 @@ void buildGroupBlocks(const GroupBasis& basis, const std::vector<int>& jSlot, st
     const SplitGroup& group = *basis.group;
     const GroupUnits& units = basis.units;
     const CellTable& table = basis.table;
-    CellClasses named;
-    const AdaptedSpace here(units, group, twiceTotal, table, named, stop),
-        above(units, group, twiceTotal + 2, table, named, stop);
-    const std::size_t classes = table.complete ? table.classes() : named.ids.size();
+    const AdaptedSpace here(units, group, twiceTotal, table, stop),
+        above(units, group, twiceTotal + 2, table, stop);
+    const std::size_t classes = table.classes();
     const Rows hamiltonian =
         hamiltonianRows(basis.system, units, basis.operators, here, jSlot, stop);
     const Rows lowering = lowerRows(units, above, here.space);

@@ -256,7 +256,8 @@ TEST(Spectrum, SymmetryBlocksAgreeWithWholeSBlocks) {
 
 // The whole symmetry group, every irreducible representation (odd orders, non-abelian groups,
 // 3-dimensional representations), on the composite units the group permutes (opposite sites of
-// the even rings, cube and octahedron paired, pairs of pairs on the 12-site ring; single sites
+// the even rings, cube and octahedron paired, pairs of pairs on the 12-site ring, eight sites a
+// unit on the 16-site ring; single sites
 // where nothing pairs; stabilisers of cells with complex representations on the 6-site ring with
 // two J): against the full product basis where it is small, against the S blocks split by the
 // subgroup of order 2^k, and against the whole group on single sites.
@@ -300,6 +301,7 @@ TEST(Spectrum, WholeGroupBlocksAgreeWithFullBasisAndSplitBlocks) {
          3},
         {{"ring 12 x 1/2", ring(std::vector<int>(12, 1), 1), {-10}}, false, 24},
         {{"ring 14 x 1/2", ring(std::vector<int>(14, 1), 1), {-10}}, false, 28},
+        {{"ring 16 x 1/2: two units of 8 sites", ring(std::vector<int>(16, 1), 1), {-10}}, false, 32},
         {{"ring 6 x 5/2, J1/J2", ring({5, 5, 5, 5, 5, 5}, 2), {-10, -7}}, false, 6},
         {{"triangle 3 x 3/2", graph(3, 3, {{0, 1}, {1, 2}, {2, 0}}), {-13}}, true, 6},
         {{"tetrahedron 4 x 3/2",
