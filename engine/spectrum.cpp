@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -821,8 +822,19 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
             if (same == bySpin.end()) bySpin.push_back({block.get()});
             else same->push_back(block.get());
         }
-        parallelFor(static_cast<long>(bySpin.size()), threads_, stop_, [&](long i) {
-            const auto& list = bySpin[static_cast<std::size_t>(i)];
+        // A scaled spectrum's blocks are diagonalised once built, by whichever thread is free: a
+        // thread takes a block waiting for that before it builds the next total spin, and waits
+        // for the blocks of the total spins being built before it ends, so that the blocks of a
+        // large total spin are shared by all threads (the blocks of one hold much of the work).
+        struct Queue {
+            std::mutex mutex;
+            std::condition_variable changed;
+            std::vector<Block*> ready; // the largest last
+            std::size_t next = 0;      // the next total spin to build
+            int building = 0;
+            bool failed = false;
+        } queue;
+        auto build = [&](const std::vector<Block*>& list) {
             std::vector<std::vector<Eigen::MatrixXd>> matrices;
             const auto started = std::chrono::steady_clock::now();
             if (list[0]->shape.whole)
@@ -838,7 +850,49 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
                     throw std::logic_error("a symmetry block does not have the size its "
                                            "characters give");
                 block->perJ = std::move(perJ);
-                if (plan_.scaled) diagonaliseOnce(*block);
+            }
+            const std::lock_guard lock(queue.mutex);
+            if (plan_.scaled) {
+                queue.ready.insert(queue.ready.end(), list.begin(), list.end());
+                std::sort(queue.ready.begin(), queue.ready.end(), [](Block* x, Block* y) {
+                    return x->shape.size < y->shape.size;
+                });
+            }
+            --queue.building;
+            queue.changed.notify_all();
+        };
+        parallelFor(threads_, threads_, stop_, [&](long) {
+            for (;;) {
+                Block* block = nullptr;
+                const std::vector<Block*>* list = nullptr;
+                {
+                    std::unique_lock lock(queue.mutex);
+                    while (!block && !list) {
+                        if (queue.failed || stopRequested(stop_)) return;
+                        if (!queue.ready.empty()) {
+                            block = queue.ready.back();
+                            queue.ready.pop_back();
+                        } else if (queue.next < bySpin.size()) {
+                            list = &bySpin[queue.next++];
+                            ++queue.building;
+                        } else if (queue.building == 0) {
+                            return;
+                        } else {
+                            queue.changed.wait_for(lock, std::chrono::milliseconds(100));
+                        }
+                    }
+                }
+                try {
+                    if (block) diagonaliseOnce(*block);
+                    else build(*list);
+                } catch (...) {
+                    {
+                        const std::lock_guard lock(queue.mutex);
+                        queue.failed = true;
+                    }
+                    queue.changed.notify_all();
+                    throw;
+                }
             }
         });
         if (plan_.scaled) diagonalisations_ = 1;
