@@ -816,10 +816,11 @@ int runScale(const Settings& settings) {
     // S+ from one QR factorisation of every (M = S, irrep) space (present), beside those built on
     // the composite units the group permutes, the kernel class of cells by class (new); each
     // total spin by the whole group or the tree's subgroup, whichever is estimated faster.
-    std::printf("\nthe whole symmetry group: present = its blocks on product states of single sites "
-                "(one QR factorisation per (M = S, irrep) space), new = on composite units (the "
-                "kernel class of cells by class); whole run (setup + chiT); est = setup + one "
-                "spectrum as estimated\n");
+    std::printf(
+        "\nthe whole symmetry group: present = its blocks on product states of single sites "
+        "(one QR factorisation per (M = S, irrep) space), new = on composite units (the "
+        "kernel class of cells by class); whole run (setup + chiT); est = setup + one "
+        "spectrum as estimated\n");
     std::printf("%-26s  %-50s  %9s  %9s  %7s  %9s  %9s  %8s  %8s  %8s  %9s\n", "target",
                 "new method", "present s", "new s", "ratio", "pres est", "new est", "est GiB",
                 "peak GiB", "pres GiB", "agreement");

@@ -213,10 +213,11 @@ constexpr double maxCells = 1 << 16, maxCellImages = 1 << 26;
 
 double cellImages(const GroupUnits& units, std::size_t elements) {
     double cells = 1;
-    for (const GroupUnits::Unit& unit : units.units) cells *= static_cast<double>(unit.twiceJ.size());
-    return cells > maxCells ? 2 * maxCellImages
-                            : cells * static_cast<double>(elements) *
-                                  static_cast<double>(units.units.size());
+    for (const GroupUnits::Unit& unit : units.units)
+        cells *= static_cast<double>(unit.twiceJ.size());
+    return cells > maxCells
+               ? 2 * maxCellImages
+               : cells * static_cast<double>(elements) * static_cast<double>(units.units.size());
 }
 
 // The units the blocks are built on: composite ones unless asked for single sites or their cells
@@ -258,8 +259,8 @@ struct CellTable {
                 const GroupUnits::Unit &from = units.units[u],
                                        &to = units.units[static_cast<std::size_t>(move.unit)];
                 for (const int first : from.offset)
-                    image[g][u].push_back(
-                        to.multiplet[static_cast<std::size_t>(move.state[static_cast<std::size_t>(first)])]);
+                    image[g][u].push_back(to.multiplet[static_cast<std::size_t>(
+                        move.state[static_cast<std::size_t>(first)])]);
             }
         const auto total = static_cast<std::size_t>(cells);
         classOf.assign(total, -1);
@@ -276,8 +277,9 @@ struct CellTable {
             for (std::size_t g = 0; g < elements; ++g) {
                 std::size_t target = 0;
                 for (std::size_t u = 0; u < count; ++u)
-                    target += stride[static_cast<std::size_t>(units.moves[g][u].unit)] *
-                              static_cast<std::size_t>(image[g][u][static_cast<std::size_t>(digits[u])]);
+                    target +=
+                        stride[static_cast<std::size_t>(units.moves[g][u].unit)] *
+                        static_cast<std::size_t>(image[g][u][static_cast<std::size_t>(digits[u])]);
                 classOf[target] = id;
                 if (target == c) keeping.back().push_back(static_cast<int>(g));
             }
@@ -322,8 +324,9 @@ struct AdaptedSpace {
             std::size_t cellIndex = 0;
             for (std::size_t u = 0; u < unitCount; ++u) {
                 local[u] = space.local(code, u, units.units[u].states);
-                cellIndex += table.stride[u] * static_cast<std::size_t>(
-                                                   units.units[u].multiplet[static_cast<std::size_t>(local[u])]);
+                cellIndex += table.stride[u] *
+                             static_cast<std::size_t>(
+                                 units.units[u].multiplet[static_cast<std::size_t>(local[u])]);
             }
             // Representatives in canonical cells: the others are reached from there.
             if (!table.canonical[cellIndex]) continue;
@@ -367,8 +370,8 @@ struct AdaptedSpace {
             part.aw.resize(orbits);
             for (std::size_t o = 0; o < orbits; ++o) {
                 part.offset[o] = part.size;
-                part.rank[o] = firstRow(irrep, group.order(), o, [](int g) { return g; },
-                                        part.w[o], part.aw[o]);
+                part.rank[o] = firstRow(
+                    irrep, group.order(), o, [](int g) { return g; }, part.w[o], part.aw[o]);
                 part.size += part.rank[o];
             }
         }
@@ -383,8 +386,8 @@ struct AdaptedSpace {
         Eigen::MatrixXd a = Eigen::MatrixXd::Zero(d, d);
         for (std::size_t i = keptFrom[o]; i < keptFrom[o + 1]; ++i)
             a += kept[i].second *
-                 Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic,
-                                                Eigen::RowMajor>>(
+                 Eigen::Map<
+                     const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>(
                      irrep.at(static_cast<std::size_t>(position(kept[i].first))), d, d);
         const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(static_cast<double>(d) / order *
                                                                     a);
@@ -393,8 +396,8 @@ struct AdaptedSpace {
             if (solver.eigenvalues()[i] > 1e-8) chosen.push_back(i);
         w.resize(d, static_cast<Index>(chosen.size()));
         for (std::size_t i = 0; i < chosen.size(); ++i)
-            w.col(static_cast<Index>(i)) = solver.eigenvectors().col(chosen[i]) /
-                                           std::sqrt(solver.eigenvalues()[chosen[i]]);
+            w.col(static_cast<Index>(i)) =
+                solver.eigenvectors().col(chosen[i]) / std::sqrt(solver.eigenvalues()[chosen[i]]);
         aw = a * w;
         return static_cast<int>(chosen.size());
     }
@@ -444,7 +447,8 @@ struct UnitOperators {
     std::vector<GroupUnits::Operator> inner; // per path; empty unless within one unit
     UnitOperators(const SpinSystem& system, const GroupUnits& units) {
         for (std::size_t site = 0; site < system.twiceSpin.size(); ++site) {
-            const GroupUnits::Unit& unit = units.units[static_cast<std::size_t>(units.unitOf[site])];
+            const GroupUnits::Unit& unit =
+                units.units[static_cast<std::size_t>(units.unitOf[site])];
             lower.emplace_back(unit.raise[static_cast<std::size_t>(units.place[site])].transpose());
         }
         for (const Bond& bond : system.bonds) {
@@ -524,11 +528,12 @@ Rows lowerRows(const GroupUnits& units, const AdaptedSpace& above, const UnitPro
         for (std::size_t u = 0; u < units.units.size(); ++u) {
             const GroupUnits::Unit& unit = units.units[u];
             const int k = above.space.local(code, u, unit.states);
-            const int j = unit.twiceJ[static_cast<std::size_t>(unit.multiplet[static_cast<std::size_t>(k)])];
+            const int j =
+                unit.twiceJ[static_cast<std::size_t>(unit.multiplet[static_cast<std::size_t>(k)])];
             const int m = unit.twiceM[static_cast<std::size_t>(k)] - 2; // after lowering
             if (m < -j) continue;
-            terms.push_back({code - above.space.stride[u], 0,
-                             std::sqrt((j * (j + 2.0) - m * (m + 2.0)) / 4)});
+            terms.push_back(
+                {code - above.space.stride[u], 0, std::sqrt((j * (j + 2.0) - m * (m + 2.0)) / 4)});
         }
         addRow(below, terms, rows);
     }
@@ -548,7 +553,8 @@ Eigen::MatrixXd kernelOf(Eigen::MatrixXd& b) {
     std::vector<double> work(static_cast<std::size_t>(size) + 1);
     lwork = static_cast<int>(work.size());
     dgeqrf_(&rows, &columns, b.data(), &rows, tau.data(), work.data(), &lwork, &info);
-    if (info != 0) throw std::runtime_error("LAPACK dgeqrf failed with info " + std::to_string(info));
+    if (info != 0)
+        throw std::runtime_error("LAPACK dgeqrf failed with info " + std::to_string(info));
     const double largest = b.diagonal().cwiseAbs().maxCoeff();
     if (b.diagonal().cwiseAbs().minCoeff() < 1e-9 * largest)
         throw std::logic_error("S+ does not reach every state of M + 1 in a symmetry block");
@@ -562,7 +568,8 @@ Eigen::MatrixXd kernelOf(Eigen::MatrixXd& b) {
     lwork = static_cast<int>(work.size());
     dormqr_(&left, &none, &rows, &wanted, &columns, b.data(), &rows, tau.data(), kernel.data(),
             &rows, work.data(), &lwork, &info);
-    if (info != 0) throw std::runtime_error("LAPACK dormqr failed with info " + std::to_string(info));
+    if (info != 0)
+        throw std::runtime_error("LAPACK dormqr failed with info " + std::to_string(info));
     return kernel;
 }
 
@@ -628,9 +635,8 @@ struct ClassKernel {
 // the irrep belongs to), into u; returns the factor d/order value sign(state). X(rep, state)'s
 // part between the first-row vectors L of the rep and those of state's orbit is then factor L^T u.
 template <class Position>
-double projected(const SplitGroup::Irrep& irrep, int order, const AdaptedSpace& ket,
-                 Index state, double value, const Eigen::MatrixXd& aw, Position position,
-                 Eigen::MatrixXd& u) {
+double projected(const SplitGroup::Irrep& irrep, int order, const AdaptedSpace& ket, Index state,
+                 double value, const Eigen::MatrixXd& aw, Position position, Eigen::MatrixXd& u) {
     const auto s = static_cast<std::size_t>(state);
     const int d = irrep.dimension;
     const Eigen::Map<const Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>>
@@ -647,9 +653,7 @@ ClassKernel classKernel(const Stabiliser& stabiliser, const AdaptedSpace& here,
     out.orbits = std::move(hereOrbits);
     out.stabiliser = &stabiliser;
     if (!stabiliser.ready) return out;
-    const auto position = [&](int g) {
-        return stabiliser.position[static_cast<std::size_t>(g)];
-    };
+    const auto position = [&](int g) { return stabiliser.position[static_cast<std::size_t>(g)]; };
     const int order = static_cast<int>(stabiliser.elements.size());
     Eigen::MatrixXd u;
     for (const SplitGroup::Irrep& irrep : stabiliser.irreps) {
@@ -670,7 +674,8 @@ ClassKernel classKernel(const Stabiliser& stabiliser, const AdaptedSpace& here,
         std::vector<int> aboveRank(aboveOrbits.size());
         for (std::size_t i = 0; i < aboveOrbits.size(); ++i) {
             aboveAt[i] = a;
-            aboveRank[i] = above.firstRow(irrep, order, aboveOrbits[i], position, aboveW[i], unused[i]);
+            aboveRank[i] =
+                above.firstRow(irrep, order, aboveOrbits[i], position, aboveW[i], unused[i]);
             a += aboveRank[i];
         }
         if (a > m) throw std::logic_error("S+ leaves a class of cells in a symmetry block");
@@ -691,8 +696,8 @@ ClassKernel classKernel(const Stabiliser& stabiliser, const AdaptedSpace& here,
                     if (part.rank[j] == 0) continue;
                     if (position(here.mover[static_cast<std::size_t>(entry.state)]) < 0)
                         throw std::logic_error("S+ leaves the canonical cell of a class");
-                    const double factor = projected(irrep, order, here, entry.state, entry.value,
-                                                    aw[j], position, u);
+                    const double factor =
+                        projected(irrep, order, here, entry.state, entry.value, aw[j], position, u);
                     b.block(part.at[j], aboveAt[i], part.rank[j], aboveRank[i]) +=
                         factor * (aboveW[i].transpose() * u).transpose();
                 }
@@ -757,8 +762,7 @@ Eigen::MatrixXd groupKernel(const SplitGroup& group, std::size_t k, const ClassK
     for (const Piece& piece : pieces) {
         const ClassKernel::Sigma& part = kernel.sigma[piece.sigma];
         const Index ns = part.kernel.cols();
-        const double scale =
-            d * stabiliser.irreps[piece.sigma].dimension / (group.order() * nh);
+        const double scale = d * stabiliser.irreps[piece.sigma].dimension / (group.order() * nh);
         for (std::size_t i = 0; i < kernel.orbits.size(); ++i) {
             const std::size_t o = kernel.orbits[i];
             const int rank = here.parts[k].rank[o], rs = part.rank[i];
@@ -971,7 +975,6 @@ SplitGroup wholeGroup(const SiteSymmetry& symmetry, int sites) {
     return trivialGroup(sites);
 }
 
-
 std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const SplitGroup& group,
                                             std::size_t slots, bool siteUnits) {
     const GroupUnits units = unitsOf(system, group, siteUnits);
@@ -1068,7 +1071,8 @@ std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const Spli
             for (const Class& c : classes) {
                 const double share = d / c.keeping;
                 const double mc = statesOf(c.states, twiceS) * share,
-                             ac = statesOf(c.states, twiceS + 2) * share, nc = std::max(0.0, mc - ac);
+                             ac = statesOf(c.states, twiceS + 2) * share,
+                             nc = std::max(0.0, mc - ac);
                 if (nc <= 0) continue;
                 if (!induced) qr += factorisation(mc, ac);
                 n += nc;
@@ -1080,8 +1084,8 @@ std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const Spli
             const double columns = folded / m; // kernel vectors per row, on average
             // Per term of a row: its projection and its share of Y, with about half of them
             // (c <= c'); then Y Z for the blocks with c <= c'.
-            seconds += rowTerms * d * d * (d + k * columns) * foldSeconds +
-                       k * n * folded * blasSeconds;
+            seconds +=
+                rowTerms * d * d * (d + k * columns) * foldSeconds + k * n * folded * blasSeconds;
             largest = std::max(largest, 8 * (held + k * m * columns));
         }
         seconds += qr * blasSeconds + liveClasses * classSeconds;
@@ -1131,9 +1135,8 @@ struct GroupBasis {
     }
 };
 
-std::shared_ptr<const GroupBasis> groupBasis(const SpinSystem& system,
-                                             std::shared_ptr<const SplitGroup> group,
-                                             bool siteUnits) {
+std::shared_ptr<const GroupBasis>
+groupBasis(const SpinSystem& system, std::shared_ptr<const SplitGroup> group, bool siteUnits) {
     return std::make_shared<const GroupBasis>(system, std::move(group), siteUnits);
 }
 
@@ -1170,8 +1173,8 @@ void buildGroupBlocks(const GroupBasis& basis, const std::vector<int>& jSlot, st
     matrices.assign(group.irreps.size(), {});
     std::vector<std::vector<double>> workspace;
     for (std::size_t k = 0; k < group.irreps.size(); ++k)
-        irrepBlock(group, k, here, above, hamiltonian, lowering, slots, classes, kernels,
-                   workspace, matrices[k], stop);
+        irrepBlock(group, k, here, above, hamiltonian, lowering, slots, classes, kernels, workspace,
+                   matrices[k], stop);
 }
 
 } // namespace corefit

@@ -140,8 +140,8 @@ double clebschGordan(int j1, int m1, int j2, int m2, int j, int m) {
     if (status != GSL_SUCCESS || !std::isfinite(result.val)) {
         char text[160];
         std::snprintf(text, sizeof text,
-                      "GSL cannot compute the 3j symbol (%d/2 %d/2 %d/2; %d/2 %d/2 %d/2): %s", j1, j2,
-                      j, m1, m2, -m, gsl_strerror(status));
+                      "GSL cannot compute the 3j symbol (%d/2 %d/2 %d/2; %d/2 %d/2 %d/2): %s", j1,
+                      j2, j, m1, m2, -m, gsl_strerror(status));
         throw std::runtime_error(text);
     }
     return sign(j1 - j2 + m) * std::sqrt(j + 1.0) * result.val;
@@ -151,12 +151,12 @@ double clebschGordan(int j1, int m1, int j2, int m2, int j, int m) {
 // site below it.
 struct NodeBasis {
     int states = 0;
-    std::vector<int> twiceJ, offset;  // per multiplet
-    std::vector<int> left, right;     // internal: the children's multiplets of each multiplet
-    std::vector<int> first;           // internal: the multiplet of (left a, right b) with the
-                                      // least J, at a * (right multiplets) + b
-    std::vector<int> sites;           // below, left to right
-    std::vector<Operator> sz, raise;  // per site of `sites`
+    std::vector<int> twiceJ, offset; // per multiplet
+    std::vector<int> left, right;    // internal: the children's multiplets of each multiplet
+    std::vector<int> first;          // internal: the multiplet of (left a, right b) with the
+                                     // least J, at a * (right multiplets) + b
+    std::vector<int> sites;          // below, left to right
+    std::vector<Operator> sz, raise; // per site of `sites`
 };
 
 NodeBasis siteBasis(int site, int twiceSpin) {
@@ -264,7 +264,8 @@ GroupUnits groupUnits(const SpinSystem& system, const SplitGroup& group, bool pa
                       count = group.elements.size();
     std::vector<NodeBasis> bases(nodes);
     for (int i = 0; i < sites; ++i)
-        bases[static_cast<std::size_t>(i)] = siteBasis(i, system.twiceSpin[static_cast<std::size_t>(i)]);
+        bases[static_cast<std::size_t>(i)] =
+            siteBasis(i, system.twiceSpin[static_cast<std::size_t>(i)]);
     for (std::size_t k = 0; k < forest.children.size(); ++k) {
         const auto [l, r] = forest.children[k];
         bases[static_cast<std::size_t>(sites) + k] =
@@ -288,8 +289,10 @@ GroupUnits groupUnits(const SpinSystem& system, const SplitGroup& group, bool pa
             const auto t = static_cast<std::size_t>(forest.image[g][node]);
             const NodeBasis& there = bases[t];
             const bool swap = forest.swapped[g][k] != 0;
-            const auto thereRight = bases[static_cast<std::size_t>(forest.children[t - static_cast<std::size_t>(sites)][1])]
-                                        .twiceJ.size();
+            const auto thereRight =
+                bases[static_cast<std::size_t>(
+                          forest.children[t - static_cast<std::size_t>(sites)][1])]
+                    .twiceJ.size();
             for (std::size_t mu = 0; mu < here.twiceJ.size(); ++mu) {
                 const auto x = static_cast<std::size_t>(here.left[mu]),
                            y = static_cast<std::size_t>(here.right[mu]);
@@ -343,10 +346,12 @@ GroupUnits groupUnits(const SpinSystem& system, const SplitGroup& group, bool pa
             const GroupUnits::Unit &from = out.units[u],
                                    &to = out.units[static_cast<std::size_t>(move.unit)];
             for (int k = 0; k < from.states; ++k) {
-                const auto mu = static_cast<std::size_t>(from.multiplet[static_cast<std::size_t>(k)]);
+                const auto mu =
+                    static_cast<std::size_t>(from.multiplet[static_cast<std::size_t>(k)]);
                 const auto nu = static_cast<std::size_t>(target[g][root][mu]);
-                move.state.push_back(to.offset[nu] + (from.twiceM[static_cast<std::size_t>(k)] +
-                                                      from.twiceJ[mu]) / 2);
+                move.state.push_back(to.offset[nu] +
+                                     (from.twiceM[static_cast<std::size_t>(k)] + from.twiceJ[mu]) /
+                                         2);
                 move.sign.push_back(signs[g][root][mu]);
             }
         }

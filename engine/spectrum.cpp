@@ -508,8 +508,8 @@ std::string Plan::describe() const {
     const bool byTree = group != nullptr && group->order() > 1 && (whole == nullptr || treeUsed);
     const std::string units = wholeUnits.empty() ? "" : " on " + wholeUnits;
     if (!spins.empty() && byTree)
-        name += " split by symmetry (the whole group, " + named(*whole) + units + ", for " +
-                spins + "; " + named(*group) + " for the others)";
+        name += " split by symmetry (the whole group, " + named(*whole) + units + ", for " + spins +
+                "; " + named(*group) + " for the others)";
     else if (!spins.empty())
         name += " split by symmetry (the whole group, " + named(*whole) + units + ")";
     else if (byTree)
@@ -838,8 +838,8 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
             std::vector<std::vector<Eigen::MatrixXd>> matrices;
             const auto started = std::chrono::steady_clock::now();
             if (list[0]->shape.whole)
-                buildGroupBlocks(*basis, jSlot, usedJ_.size(), list[0]->shape.twiceLabel,
-                                 matrices, stop_);
+                buildGroupBlocks(*basis, jSlot, usedJ_.size(), list[0]->shape.twiceLabel, matrices,
+                                 stop_);
             else
                 buildSplitBlocks(system, *plan.group, tree, jSlot, usedJ_.size(),
                                  list[0]->shape.twiceLabel, matrices, stop_);
@@ -854,9 +854,8 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
             const std::lock_guard lock(queue.mutex);
             if (plan_.scaled) {
                 queue.ready.insert(queue.ready.end(), list.begin(), list.end());
-                std::sort(queue.ready.begin(), queue.ready.end(), [](Block* x, Block* y) {
-                    return x->shape.size < y->shape.size;
-                });
+                std::sort(queue.ready.begin(), queue.ready.end(),
+                          [](Block* x, Block* y) { return x->shape.size < y->shape.size; });
             }
             --queue.building;
             queue.changed.notify_all();
@@ -883,8 +882,10 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
                     }
                 }
                 try {
-                    if (block) diagonaliseOnce(*block);
-                    else build(*list);
+                    if (block)
+                        diagonaliseOnce(*block);
+                    else
+                        build(*list);
                 } catch (...) {
                     {
                         const std::lock_guard lock(queue.mutex);

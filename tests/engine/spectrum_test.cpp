@@ -185,13 +185,14 @@ TEST(Spectrum, PlanSizesOfStandardProblems) {
     // The 18- and 20-site rings: every total spin by the whole dihedral group on opposite sites
     // joined in pairs (and those in pairs of pairs), not by the subgroup of order 4 (18 sites,
     // largest block 3050) or 8 (20 sites) that keeps a coupling tree.
-    for (const auto& [sites, largest, units] :
-         {std::tuple{18, 742, "on 9 units of 2 sites"}, std::tuple{20, 2434, "on 5 units of 4 sites"}}) {
+    for (const auto& [sites, largest, units] : {std::tuple{18, 742, "on 9 units of 2 sites"},
+                                                std::tuple{20, 2434, "on 5 units of 4 sites"}}) {
         const SpinSystem system = ring(sites, 1);
         const SiteSymmetry symmetry = findSymmetry(system);
-        const Plan plan = planSpectrum(
-            system, Method::SBlocks, 2, std::make_shared<const SplitGroup>(splitGroup(symmetry, sites)),
-            {}, std::make_shared<const SplitGroup>(wholeGroup(symmetry, sites)));
+        const Plan plan =
+            planSpectrum(system, Method::SBlocks, 2,
+                         std::make_shared<const SplitGroup>(splitGroup(symmetry, sites)), {},
+                         std::make_shared<const SplitGroup>(wholeGroup(symmetry, sites)));
         EXPECT_EQ(plan.largestBlock, largest);
         EXPECT_FALSE(plan.treeUsed);
         EXPECT_NE(plan.describe().find(units), std::string::npos) << plan.describe();
@@ -301,7 +302,9 @@ TEST(Spectrum, WholeGroupBlocksAgreeWithFullBasisAndSplitBlocks) {
          3},
         {{"ring 12 x 1/2", ring(std::vector<int>(12, 1), 1), {-10}}, false, 24},
         {{"ring 14 x 1/2", ring(std::vector<int>(14, 1), 1), {-10}}, false, 28},
-        {{"ring 16 x 1/2: two units of 8 sites", ring(std::vector<int>(16, 1), 1), {-10}}, false, 32},
+        {{"ring 16 x 1/2: two units of 8 sites", ring(std::vector<int>(16, 1), 1), {-10}},
+         false,
+         32},
         {{"ring 6 x 5/2, J1/J2", ring({5, 5, 5, 5, 5, 5}, 2), {-10, -7}}, false, 6},
         {{"triangle 3 x 3/2", graph(3, 3, {{0, 1}, {1, 2}, {2, 0}}), {-13}}, true, 6},
         {{"tetrahedron 4 x 3/2",

@@ -197,7 +197,8 @@ TEST(Symmetry, UnitsOfTheWholeGroupCarryTheSpinsOfTheirSites) {
                 if (m < j) ladder(k + 1, k) = std::sqrt(j * (j + 1) - m * (m + 1));
             }
             for (std::size_t p = 0; p < unit.sites.size(); ++p) {
-                ASSERT_EQ(units.unitOf[static_cast<std::size_t>(unit.sites[p])], static_cast<int>(u));
+                ASSERT_EQ(units.unitOf[static_cast<std::size_t>(unit.sites[p])],
+                          static_cast<int>(u));
                 const Dense z(unit.sz[p]), up(unit.raise[p]);
                 const double s = c.system.twiceSpin[static_cast<std::size_t>(unit.sites[p])] / 2.0;
                 EXPECT_LT((z * up - up * z - up).norm(), 1e-12);
@@ -211,7 +212,8 @@ TEST(Symmetry, UnitsOfTheWholeGroupCarryTheSpinsOfTheirSites) {
                 totalUp += up;
             }
             Dense m = Dense::Zero(n, n);
-            for (int k = 0; k < unit.states; ++k) m(k, k) = unit.twiceM[static_cast<std::size_t>(k)] / 2.0;
+            for (int k = 0; k < unit.states; ++k)
+                m(k, k) = unit.twiceM[static_cast<std::size_t>(k)] / 2.0;
             EXPECT_LT((totalZ - m).norm(), 1e-12);
             EXPECT_LT((totalUp - ladder).norm(), 1e-12);
             // Every element: the operators of each site go to those of its image.
@@ -221,13 +223,20 @@ TEST(Symmetry, UnitsOfTheWholeGroupCarryTheSpinsOfTheirSites) {
                 ASSERT_EQ(image.states, unit.states);
                 Dense moved = Dense::Zero(n, n);
                 for (int k = 0; k < unit.states; ++k)
-                    moved(move.state[static_cast<std::size_t>(k)], k) = move.sign[static_cast<std::size_t>(k)];
+                    moved(move.state[static_cast<std::size_t>(k)], k) =
+                        move.sign[static_cast<std::size_t>(k)];
                 for (std::size_t p = 0; p < unit.sites.size(); ++p) {
                     const int site = group.elements[g][static_cast<std::size_t>(unit.sites[p])];
                     ASSERT_EQ(units.unitOf[static_cast<std::size_t>(site)], move.unit);
-                    const auto q = static_cast<std::size_t>(units.place[static_cast<std::size_t>(site)]);
-                    EXPECT_LT((moved * Dense(unit.sz[p]) * moved.transpose() - Dense(image.sz[q])).norm(), 1e-12);
-                    EXPECT_LT((moved * Dense(unit.raise[p]) * moved.transpose() - Dense(image.raise[q])).norm(), 1e-12);
+                    const auto q =
+                        static_cast<std::size_t>(units.place[static_cast<std::size_t>(site)]);
+                    EXPECT_LT(
+                        (moved * Dense(unit.sz[p]) * moved.transpose() - Dense(image.sz[q])).norm(),
+                        1e-12);
+                    EXPECT_LT(
+                        (moved * Dense(unit.raise[p]) * moved.transpose() - Dense(image.raise[q]))
+                            .norm(),
+                        1e-12);
                 }
             }
         }
