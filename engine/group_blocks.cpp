@@ -573,13 +573,9 @@ Eigen::MatrixXd kernelOf(Eigen::MatrixXd& b) {
     return kernel;
 }
 
-// The kernel of S+ in one class, split by the real irreducible representations sigma of the
-// stabiliser H of its canonical cell: every orbit of the class meets that cell in one orbit of
-// H, so the class is the space induced from the cell, and its kernel is induced from the cell's.
-// In each sigma, a QR factorisation of S+ on sigma's first-row vectors of the cell; every irrep
-// of the whole group then takes its part of the class's kernel from these (groupKernel), without
-// a factorisation of its own. Not ready where H has a representation of complex or quaternionic
-// type (or the group's products are not at hand): that class is factorised irrep by irrep.
+// The stabiliser H of a class's canonical cell, with its real irreducible representations. Not
+// ready where H has one of complex or quaternionic type (or the group's products are not at
+// hand): its classes are then factorised irrep by irrep of the whole group.
 struct Stabiliser {
     bool ready = false;
     std::vector<int> elements; // H, as indices into the group
@@ -618,6 +614,12 @@ Stabiliser stabiliserOf(const SplitGroup& group, const std::vector<int>& keeping
     return out;
 }
 
+// The kernel of S+ in one class, split by the real irreducible representations sigma of the
+// stabiliser H of its canonical cell: every orbit of the class meets that cell in one orbit of
+// H, so the class is the space induced from the cell, and its kernel is induced from the cell's.
+// In each sigma, a QR factorisation of S+ on sigma's first-row vectors of the cell; every irrep
+// of the whole group then takes its part of the class's kernel from these (groupKernel), without
+// a factorisation of its own.
 struct ClassKernel {
     bool ready = false;
     const Stabiliser* stabiliser = nullptr;
@@ -690,9 +692,9 @@ ClassKernel classKernel(const Stabiliser& stabiliser, const AdaptedSpace& here,
                     const Rows::Entry& entry = lowering.entries[e];
                     const auto other = static_cast<std::size_t>(
                         here.orbitOf[static_cast<std::size_t>(entry.state)]);
-                    const Index at = inClass[other];
-                    if (at < 0) throw std::logic_error("S+ leaves a class of cells");
-                    const auto j = static_cast<std::size_t>(at);
+                    if (here.classOf[other] != above.classOf[o])
+                        throw std::logic_error("S+ leaves a class of cells");
+                    const auto j = static_cast<std::size_t>(inClass[other]);
                     if (part.rank[j] == 0) continue;
                     if (position(here.mover[static_cast<std::size_t>(entry.state)]) < 0)
                         throw std::logic_error("S+ leaves the canonical cell of a class");
