@@ -938,9 +938,12 @@ void irrepBlock(const SplitGroup& group, std::size_t k, const AdaptedSpace& here
 // and 5/2 on a 2-core machine (within 1.6 times for every total spin of them): seconds per
 // product state of M = S and M = S + 1 and unit or bisection step (its orbit, its cell), per term
 // of a row of H gathered, per operation of the projections folded into the rows, per operation
-// of the QR factorisations and products (LAPACK and BLAS on small matrices), and per class.
+// of the products and QR factorisations of small matrices (BLAS, LAPACK), per class, and per
+// total spin (its spaces set up). The QR factorisations of whole (M = S, irrep) spaces on single
+// sites, large, run at some 2e10 operations a second.
 constexpr double stateSeconds = 3.3e-8, termSeconds = 1e-7, foldSeconds = 2.3e-11,
-                 blasSeconds = 1.1e-10, classSeconds = 1.2e-5;
+                 blasSeconds = 1.1e-10, classSeconds = 1.2e-5, spinSeconds = 3e-4,
+                 wholeQrSeconds = 5e-11;
 
 } // namespace
 
@@ -1090,7 +1093,8 @@ std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const Spli
                 rowTerms * d * d * (d + k * columns) * foldSeconds + k * n * folded * blasSeconds;
             largest = std::max(largest, 8 * (held + k * m * columns));
         }
-        seconds += qr * blasSeconds + liveClasses * classSeconds;
+        seconds += qr * (induced ? blasSeconds : wholeQrSeconds) + liveClasses * classSeconds +
+                   spinSeconds;
         costs.push_back({twiceS, seconds, bytes + largest});
     }
     return costs;
