@@ -579,6 +579,8 @@ struct SpinCost {
 std::vector<SpinCost> spinCostsOf(const SpinSystem& system, const SplitGroup& group, bool whole,
                                   double k, bool scaled, bool siteUnits) {
     const auto sites = static_cast<int>(system.twiceSpin.size());
+    double multiplicity = 0; // 2s + 1 of the sites, on average
+    for (int s : system.twiceSpin) multiplicity += (s + 1.0) / sites;
     std::vector<SpinCost> costs;
     auto at = [&](int twiceTotal) -> SpinCost& {
         for (SpinCost& cost : costs)
@@ -594,12 +596,14 @@ std::vector<SpinCost> spinCostsOf(const SpinSystem& system, const SplitGroup& gr
                                    : 25 * (eigenSeconds(n, true) + k * 1.0e-10 * n * n * n);
         if (!whole) {
             // Coupled states: their values and an index (some 100 bytes a state) and orbits;
-            // per state its images under the group and a share of the rows (some 1.5 us per
-            // exchange path), measured on these machines.
+            // per state its images under the group and a share of the rows (some 0.25 us per
+            // exchange path and 2s + 1 of its sites, the recoupling's branches), measured on
+            // rings of 8 and 16 sites of S = 1/2 to 5/2 on these machines.
             const double states = n * group.irreps[static_cast<std::size_t>(shape.irrep)].dimension;
             cost.bytes += states * (100 + 2.0 * sites);
             cost.build +=
-                states * (4e-7 * group.order() + 1.5e-6 * static_cast<double>(system.bonds.size()));
+                states * (1e-7 * group.order() +
+                          2.5e-7 * multiplicity * static_cast<double>(system.bonds.size()));
         }
     }
     if (!whole) {
