@@ -581,6 +581,10 @@ struct Stabiliser {
     std::vector<int> elements; // H, as indices into the group
     std::vector<int> position; // per element of the group: its index in H, or -1
     std::vector<SplitGroup::Irrep> irreps;
+    // Per irrep Gamma of the group and irrep sigma of H: S_j = sum_h D(h)^T w_j D^sigma_1.(h)
+    // for every w_j with w^T Q w = 1, Q = d/|G| sum_h D(h) D^sigma_11(h) (see groupKernel);
+    // none where sigma does not occur in Gamma.
+    std::vector<std::vector<std::vector<Eigen::MatrixXd>>> induced;
 };
 
 Stabiliser stabiliserOf(const SplitGroup& group, const std::vector<int>& keeping) {
@@ -610,6 +614,33 @@ Stabiliser stabiliserOf(const SplitGroup& group, const std::vector<int>& keeping
     }
     for (const SplitGroup::Irrep& irrep : out.irreps)
         if (irrep.kind != 1) return out;
+    using RowMajor = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
+    auto matrix = [](const SplitGroup::Irrep& irrep, std::size_t element) {
+        return Eigen::Map<const RowMajor>(irrep.at(element), irrep.dimension, irrep.dimension);
+    };
+    for (const SplitGroup::Irrep& gamma : group.irreps) {
+        const int d = gamma.dimension;
+        out.induced.emplace_back();
+        for (const SplitGroup::Irrep& sigma : out.irreps) {
+            Eigen::MatrixXd q = Eigen::MatrixXd::Zero(d, d);
+            for (std::size_t i = 0; i < nh; ++i)
+                q += matrix(gamma, static_cast<std::size_t>(keeping[i])) * sigma.at(i)[0];
+            q *= d / static_cast<double>(group.order());
+            const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(q);
+            std::vector<Eigen::MatrixXd> pieces;
+            for (Eigen::Index j = 0; j < d; ++j) {
+                const double value = solver.eigenvalues()[j];
+                if (value <= 1e-8) continue;
+                const Eigen::VectorXd w = solver.eigenvectors().col(j) / std::sqrt(value);
+                Eigen::MatrixXd piece = Eigen::MatrixXd::Zero(d, sigma.dimension);
+                for (std::size_t i = 0; i < nh; ++i)
+                    piece += (matrix(gamma, static_cast<std::size_t>(keeping[i])).transpose() * w) *
+                             matrix(sigma, i).row(0);
+                pieces.push_back(std::move(piece));
+            }
+            out.induced.back().push_back(std::move(pieces));
+        }
+    }
     out.ready = true;
     return out;
 }
@@ -721,60 +752,30 @@ ClassKernel classKernel(const Stabiliser& stabiliser, const AdaptedSpace& here,
 // d d_sigma / (|G| |H|) (A W)_o^T S_j W^sigma_o K_sigma(o), S_j = sum_h D(h)^T w_j D^sigma_1.(h).
 Eigen::MatrixXd groupKernel(const SplitGroup& group, std::size_t k, const ClassKernel& kernel,
                             const AdaptedSpace& here, const std::vector<Index>& at, Index m) {
-    const SplitGroup::Irrep& gamma = group.irreps[k];
-    const int d = gamma.dimension;
+    const int d = group.irreps[k].dimension;
     const Stabiliser& stabiliser = *kernel.stabiliser;
     const auto nh = static_cast<double>(stabiliser.elements.size());
-    using RowMajor = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
-    auto matrix = [](const SplitGroup::Irrep& irrep, std::size_t element) {
-        return Eigen::Map<const RowMajor>(irrep.at(element), irrep.dimension, irrep.dimension);
-    };
-    struct Piece {
-        std::size_t sigma;
-        std::vector<Eigen::MatrixXd> s; // S_j
-    };
-    std::vector<Piece> pieces;
+    const auto& induced = stabiliser.induced[k];
     Index columns = 0;
-    for (std::size_t s = 0; s < stabiliser.irreps.size(); ++s) {
-        const SplitGroup::Irrep& sigma = stabiliser.irreps[s];
-        const Index ns = kernel.sigma[s].kernel.cols();
-        if (ns == 0) continue;
-        Eigen::MatrixXd q = Eigen::MatrixXd::Zero(d, d);
-        for (std::size_t i = 0; i < stabiliser.elements.size(); ++i)
-            q += matrix(gamma, static_cast<std::size_t>(stabiliser.elements[i])) * sigma.at(i)[0];
-        q *= d / static_cast<double>(group.order());
-        const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(q);
-        Piece piece{s, {}};
-        for (Index j = 0; j < d; ++j) {
-            const double value = solver.eigenvalues()[j];
-            if (value <= 1e-8) continue;
-            const Eigen::VectorXd w = solver.eigenvectors().col(j) / std::sqrt(value);
-            Eigen::MatrixXd sj = Eigen::MatrixXd::Zero(d, sigma.dimension);
-            for (std::size_t i = 0; i < stabiliser.elements.size(); ++i)
-                sj += (matrix(gamma, static_cast<std::size_t>(stabiliser.elements[i])).transpose() *
-                       w) *
-                      matrix(sigma, i).row(0);
-            piece.s.push_back(std::move(sj));
-        }
-        columns += static_cast<Index>(piece.s.size()) * ns;
-        if (!piece.s.empty()) pieces.push_back(std::move(piece));
-    }
+    for (std::size_t s = 0; s < stabiliser.irreps.size(); ++s)
+        columns += static_cast<Index>(induced[s].size()) * kernel.sigma[s].kernel.cols();
     Eigen::MatrixXd z = Eigen::MatrixXd::Zero(m, columns);
     Index column = 0;
-    for (const Piece& piece : pieces) {
-        const ClassKernel::Sigma& part = kernel.sigma[piece.sigma];
+    for (std::size_t s = 0; s < stabiliser.irreps.size(); ++s) {
+        const ClassKernel::Sigma& part = kernel.sigma[s];
         const Index ns = part.kernel.cols();
-        const double scale = d * stabiliser.irreps[piece.sigma].dimension / (group.order() * nh);
+        if (ns == 0 || induced[s].empty()) continue;
+        const double scale = d * stabiliser.irreps[s].dimension / (group.order() * nh);
         for (std::size_t i = 0; i < kernel.orbits.size(); ++i) {
             const std::size_t o = kernel.orbits[i];
             const int rank = here.parts[k].rank[o], rs = part.rank[i];
             if (rank == 0 || rs == 0) continue;
             const Eigen::MatrixXd right = part.w[i] * part.kernel.middleRows(part.at[i], rs);
-            for (std::size_t j = 0; j < piece.s.size(); ++j)
+            for (std::size_t j = 0; j < induced[s].size(); ++j)
                 z.block(at[o], column + static_cast<Index>(j) * ns, rank, ns).noalias() =
-                    scale * (here.parts[k].aw[o].transpose() * piece.s[j]) * right;
+                    scale * (here.parts[k].aw[o].transpose() * induced[s][j]) * right;
         }
-        column += static_cast<Index>(piece.s.size()) * ns;
+        column += static_cast<Index>(induced[s].size()) * ns;
     }
     return z;
 }
