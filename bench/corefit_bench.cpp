@@ -726,6 +726,19 @@ Measured measureApart(const Case& c, const Plan& plan, int threads, bool fit) {
     return m;
 }
 
+// A whole run (setup and chiT) in a child process, repeated three times when it takes under a
+// second (a child's first tenth of a second varies by up to twice from one child to the next):
+// the run with the median time.
+Measured medianRun(const Case& c, const Plan& plan, int threads) {
+    std::vector<Measured> runs{measureApart(c, plan, threads, false)};
+    auto time = [](const Measured& m) { return m.setup + m.evaluation; };
+    if (!runs[0].ok || time(runs[0]) >= 1) return runs[0];
+    for (int k = 0; k < 2; ++k) runs.push_back(measureApart(c, plan, threads, false));
+    std::sort(runs.begin(), runs.end(),
+              [&](const Measured& a, const Measured& b) { return time(a) < time(b); });
+    return runs[1];
+}
+
 double largestDifference(const std::vector<double>& a, const std::vector<double>& b) {
     double worst = 0;
     for (std::size_t i = 0; i < a.size() && i < b.size(); ++i)
@@ -819,8 +832,8 @@ int runScale(const Settings& settings) {
     std::printf(
         "\nthe whole symmetry group: present = its blocks on product states of single sites "
         "(one QR factorisation per (M = S, irrep) space), new = on composite units (the "
-        "kernel class of cells by class); whole run (setup + chiT); est = setup + one "
-        "spectrum as estimated\n");
+        "kernel class of cells by class); whole run (setup + chiT; the median of three under a "
+        "second); est = setup + one spectrum as estimated\n");
     std::printf("%-26s  %-50s  %9s  %9s  %7s  %9s  %9s  %8s  %8s  %8s  %9s\n", "target",
                 "new method", "present s", "new s", "ratio", "pres est", "new est", "est GiB",
                 "peak GiB", "pres GiB", "agreement");
@@ -839,12 +852,12 @@ int runScale(const Settings& settings) {
         const Plan present = planSpectrum(system, Method::SBlocks, threads, tree, {}, whole, true);
         const Plan fast = planSpectrum(system, Method::SBlocks, threads, tree, {}, whole);
         progress("%s: %s", c.name.c_str(), fast.describe().c_str());
-        const Measured now = measureApart(c, fast, threads, false);
+        const Measured now = medianRun(c, fast, threads);
         const double presentEstimate = present.secondsToBuild + present.secondsPerSpectrum;
         Measured before;
         if ((presentEstimate <= settings.presentBudget && !c.large) || settings.large) {
             progress("  present: %s", present.describe().c_str());
-            before = measureApart(c, present, threads, false);
+            before = medianRun(c, present, threads);
         }
         auto run = [](const Measured& m) { return m.setup + m.evaluation; };
         std::printf("%-26s  %-50s  %9s  %9s  %7s  %9.3g  %9.3g  %8.3g  %8.3g  %8s  %9s\n",
