@@ -195,7 +195,6 @@ struct UnitProducts {
         if (codes.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max()))
             throw std::length_error("too many product states of one M to index");
     }
-    Index size() const { return static_cast<Index>(codes.size()); }
     Index find(std::uint64_t code) const {
         const auto found = std::lower_bound(codes.begin(), codes.end(), code);
         return found != codes.end() && *found == code ? static_cast<Index>(found - codes.begin())

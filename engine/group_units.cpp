@@ -251,13 +251,16 @@ NodeBasis coupledBasis(NodeBasis& a, NodeBasis& b) {
 
 } // namespace
 
-int GroupUnits::largestUnit() const {
-    std::size_t largest = 0;
-    for (const Unit& unit : units) largest = std::max(largest, unit.sites.size());
-    return static_cast<int>(largest);
-}
-
 GroupUnits groupUnits(const SpinSystem& system, const SplitGroup& group, bool pair) {
+    for (const Permutation& g : group.elements) {
+        bool kept = g.size() == system.twiceSpin.size();
+        for (std::size_t i = 0; kept && i < g.size(); ++i)
+            kept = g[i] >= 0 && static_cast<std::size_t>(g[i]) < g.size() &&
+                   system.twiceSpin[static_cast<std::size_t>(g[i])] == system.twiceSpin[i];
+        if (!kept)
+            throw std::invalid_argument("a symmetry element " + cycleText(g) +
+                                        " does not keep the spins of the sites");
+    }
     const Forest forest = pairedForest(system, group, pair);
     const int sites = forest.sites;
     const std::size_t nodes = static_cast<std::size_t>(sites) + forest.children.size(),

@@ -47,13 +47,11 @@ struct GroupUnits {
         std::vector<signed char> sign;
     };
     std::vector<std::vector<Move>> moves; // [element][unit]
-
-    // The number of sites in the largest unit.
-    int largestUnit() const;
 };
 
 // The units of a group on a system: pairs kept by every element, pairs of those, and so on,
 // up to maxUnitStates states per unit; with pair false (or where nothing pairs), single sites.
+// Throws std::invalid_argument for a group whose elements do not keep the spins of the sites.
 GroupUnits groupUnits(const SpinSystem& system, const SplitGroup& group, bool pair = true);
 
 } // namespace corefit

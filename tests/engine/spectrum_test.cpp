@@ -306,6 +306,7 @@ TEST(Spectrum, WholeGroupBlocksAgreeWithFullBasisAndSplitBlocks) {
          32},
         {{"ring 6 x 5/2, J1/J2", ring({5, 5, 5, 5, 5, 5}, 2), {-10, -7}}, false, 6},
         {{"triangle 3 x 3/2", graph(3, 3, {{0, 1}, {1, 2}, {2, 0}}), {-13}}, true, 6},
+        {{"ring 4 x 5/2: one unit of 1296 states", ring({5, 5, 5, 5}, 1), {-9}}, true, 8},
         {{"tetrahedron 4 x 3/2",
           graph(4, 3, {{0, 1}, {0, 2}, {0, 3}, {1, 2}, {1, 3}, {2, 3}}),
           {5}},
@@ -351,6 +352,28 @@ TEST(Spectrum, WholeGroupBlocksAgreeWithFullBasisAndSplitBlocks) {
             expectSameSpectrum(levels, full.levels(cluster.j, allSlopes), cluster.j, 1e-9);
         }
     }
+}
+
+// The blocks of every total spin are built side by side and diagonalised by whichever thread is
+// free: a stop asked for before is seen at once, without waiting for blocks that never come. A
+// group that does not keep the spins of the sites (that of a ring of equal spins, given with
+// alternating ones) is refused, not built on.
+TEST(Spectrum, WholeGroupBlocksStopOnRequestAndRefuseAGroupOfOtherSpins) {
+    SpinSystem ring{std::vector<int>(12, 1), {}, 1};
+    for (int i = 0; i < 12; ++i) ring.bonds.push_back({i, (i + 1) % 12, 0});
+    const SiteSymmetry symmetry = findSymmetry(ring);
+    const auto whole = std::make_shared<const SplitGroup>(wholeGroup(symmetry, 12));
+    const Plan plan = planSpectrum(ring, Method::SBlocks, 2, symmetryOf(ring), {}, whole);
+    ASSERT_NE(plan.describe().find("the whole group"), std::string::npos);
+    StopFlag stop{true};
+    EXPECT_THROW(Spectrum(ring, plan, 2, &stop), Interrupted);
+
+    SpinSystem mixed = ring;
+    for (std::size_t i = 1; i < 12; i += 2) mixed.twiceSpin[i] = 2;
+    Plan wrong = plan;
+    wrong.whole = whole;
+    wrong.wholeFor.assign(64, 1);
+    EXPECT_THROW(Spectrum(mixed, wrong, 2), std::invalid_argument);
 }
 
 // FTLM on clusters of 10 and 12 sites, its blocks above 100 states by random vectors: within

@@ -180,6 +180,12 @@ TEST(Symmetry, UnitsOfTheWholeGroupCarryTheSpinsOfTheirSites) {
         {"ring 9 x 1/2", ring(9, 1, 1), "9 units of 1 site"},
         {"pentagon around a spin 1", wheel, "6 units of 1 site"},
     };
+    // Where units would grow or their cells would be too many: pairs of pairs of S = 5/2 (1296
+    // states) are not paired again; 3 units of 4 sites of S = 3/2 have 44^3 cells, so single sites.
+    EXPECT_EQ(groupUnitsText(ring(8, 5, 1), wholeGroup(findSymmetry(ring(8, 5, 1)), 8)),
+              "2 units of 4 sites");
+    EXPECT_EQ(groupUnitsText(ring(12, 3, 1), wholeGroup(findSymmetry(ring(12, 3, 1)), 12)),
+              "12 units of 1 site");
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const int sites = static_cast<int>(c.system.twiceSpin.size());
