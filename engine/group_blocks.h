@@ -2,17 +2,20 @@
 //
 // A coupling tree is kept only by groups of order 2^k, so the whole group (odd orders,
 // non-abelian groups such as that of a cube) works on product states instead: a permutation of
-// sites maps each product state to another one. For total spin S and a real irreducible
+// sites maps each product state to another one, up to a sign once sites are joined into the
+// composite units the group permutes (group_units.h). For total spin S and a real irreducible
 // representation Gamma with matrices D(g), the vectors P_1k |p> of an orbit representative p
 // with M = S, P_kl = d/|G| sum_g D_kl(g) R(g), give an orthonormal basis of the first row of
 // Gamma among the states of M = S (orbit by orbit, as for split S blocks). The states of total
 // spin S among them are those that S+ takes to zero: S+ maps this space onto the same space of
-// M = S + 1, and the kernel is found by a QR factorisation of S+. The Hamiltonian in that kernel
+// M = S + 1, and the kernel is found by QR factorisations of S+. The Hamiltonian in that kernel
 // is the (S, Gamma) block. A level of it stands for d / kind (2S + 1) states (kind 2 or 4 for a
 // real representation of complex or quaternionic type, whose levels the block holds twice or
 // four times).
 #pragma once
 
+#include <memory>
+#include <string>
 #include <vector>
 
 #include <Eigen/Dense>
@@ -31,23 +34,43 @@ inline constexpr int maxWholeGroupOrder = 512;
 // Order 1 (no splitting) when the group is not complete or larger than maxWholeGroupOrder.
 SplitGroup wholeGroup(const SiteSymmetry& symmetry, int sites);
 
-// The size of the (M = S, Gamma) spaces the blocks of total spin twiceTotal are cut from, for
-// every irrep: product states of M = S and of M = S + 1.
-struct GroupSpace {
+// The cost of building the blocks of each total spin by the whole group, before anything is
+// built: one thread's seconds and the bytes it holds meanwhile (not the blocks themselves), from
+// the sizes of the spaces of M = S and M = S + 1, of the classes of cells the kernel of S+ is
+// found in (see buildGroupBlocks) and of the blocks. slots: J values with a matrix each.
+struct GroupBuildCost {
     int twiceTotal = 0;
-    int irrep = 0;
-    double states = 0, above = 0; // the block has states - above levels
+    double seconds = 0, bytes = 0;
 };
-std::vector<GroupSpace> groupSpaces(const SpinSystem& system, const SplitGroup& group);
+std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const SplitGroup& group,
+                                            std::size_t slots, bool siteUnits = false);
 
-// Floating-point operations to build one block from its space (the QR factorisation of S+, the
-// kernel and the Hamiltonian per J in it) with `slots` J values.
-double groupBlockFlops(const GroupSpace& space, std::size_t slots, int sites);
+// "9 units of 2 sites", "5 units of 4 sites, 2 of 1 site": the units the blocks are built on.
+std::string groupUnitsText(const SpinSystem& system, const SplitGroup& group);
+
+// What the whole group's blocks of every total spin share, built once per spectrum: the
+// composite units (group_units.h) with their operators, the classes of their cells and the
+// representations of the stabiliser of every class's canonical cell. siteUnits: every site a
+// unit of its own (one cell, one class, whose kernel is a QR factorisation of the whole space).
+struct GroupBasis;
+std::shared_ptr<const GroupBasis> groupBasis(const SpinSystem& system,
+                                             std::shared_ptr<const SplitGroup> group,
+                                             bool siteUnits = false);
 
 // As buildSplitBlocks, for a whole group: matrices[irrep] is resized to `slots` matrices of
 // the (twiceTotal, irrep) block, matrices[irrep][jSlot[j]] with the paths of J value j.
-void buildGroupBlocks(const SpinSystem& system, const SplitGroup& group,
-                      const std::vector<int>& jSlot, std::size_t slots, int twiceTotal,
-                      std::vector<std::vector<Eigen::MatrixXd>>& matrices, const StopFlag* stop);
+//
+// The product states are those of the group's units, each unit in a multiplet alpha_u with its
+// m_u. A cell is the choice of every unit's multiplet; S+ keeps it, and the group maps cells onto
+// cells. So the kernel of S+ is found class by class, a class being the cells of one orbit of
+// the group. A class is induced from its canonical cell, with the stabiliser H of that cell: the
+// kernel comes from one small QR factorisation of S+ on the cell per irreducible representation
+// of H, and every irrep of the group takes its part from these (where H has representations of
+// complex or quaternionic type, from a QR factorisation of the class's part of the (M = S,
+// irrep) space instead). The Hamiltonian, from its rows at the orbit representatives (taken in
+// the canonical cells), is then taken into the kernel class by class.
+void buildGroupBlocks(const GroupBasis& basis, const std::vector<int>& jSlot, std::size_t slots,
+                      int twiceTotal, std::vector<std::vector<Eigen::MatrixXd>>& matrices,
+                      const StopFlag* stop);
 
 } // namespace corefit

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -186,10 +187,6 @@ std::vector<BlockShape> blockShapes(const SpinSystem& system, const Plan& plan) 
 
 // Bytes of a dense n x n matrix of doubles.
 double squareBytes(double n) { return n * n * 8; }
-
-// Floating-point operations a second of dgeqrf, dormqr and dgemm on one thread, measured on
-// 2-core machines (building blocks of the whole symmetry group).
-constexpr double groupFlopRate = 2e10;
 
 // Seconds for dsyevd on an n x n matrix, one thread, from measurements on 2-core machines.
 double eigenSeconds(double n, bool vectors) {
@@ -506,11 +503,12 @@ std::string Plan::describe() const {
         spins += (spins.empty() ? "S = " : ", ") + std::string(range);
     }
     const bool byTree = group != nullptr && group->order() > 1 && (whole == nullptr || treeUsed);
+    const std::string units = wholeUnits.empty() ? "" : " on " + wholeUnits;
     if (!spins.empty() && byTree)
-        name += " split by symmetry (the whole group, " + named(*whole) + ", for " + spins + "; " +
-                named(*group) + " for the others)";
+        name += " split by symmetry (the whole group, " + named(*whole) + units + ", for " + spins +
+                "; " + named(*group) + " for the others)";
     else if (!spins.empty())
-        name += " split by symmetry (the whole group, " + named(*whole) + ")";
+        name += " split by symmetry (the whole group, " + named(*whole) + units + ")";
     else if (byTree)
         name += " split by symmetry (" + named(*group) + ")";
     std::snprintf(text, sizeof text, "%s: dimension %.*g, %zu block%s, largest %.*g%s",
@@ -576,8 +574,10 @@ struct SpinCost {
 };
 
 std::vector<SpinCost> spinCostsOf(const SpinSystem& system, const SplitGroup& group, bool whole,
-                                  double k, bool scaled) {
+                                  double k, bool scaled, bool siteUnits) {
     const auto sites = static_cast<int>(system.twiceSpin.size());
+    double multiplicity = 0; // 2s + 1 of the sites, on average
+    for (int s : system.twiceSpin) multiplicity += (s + 1.0) / sites;
     std::vector<SpinCost> costs;
     auto at = [&](int twiceTotal) -> SpinCost& {
         for (SpinCost& cost : costs)
@@ -593,38 +593,28 @@ std::vector<SpinCost> spinCostsOf(const SpinSystem& system, const SplitGroup& gr
                                    : 25 * (eigenSeconds(n, true) + k * 1.0e-10 * n * n * n);
         if (!whole) {
             // Coupled states: their values and an index (some 100 bytes a state) and orbits;
-            // per state its images under the group and a share of the rows (some 1.5 us per
-            // exchange path), measured on these machines.
+            // per state its images under the group and a share of the rows (some 0.25 us per
+            // exchange path and 2s + 1 of its sites, the recoupling's branches), measured on
+            // rings of 8 and 16 sites of S = 1/2 to 5/2 on these machines.
             const double states = n * group.irreps[static_cast<std::size_t>(shape.irrep)].dimension;
             cost.bytes += states * (100 + 2.0 * sites);
             cost.build +=
-                states * (4e-7 * group.order() + 1.5e-6 * static_cast<double>(system.bonds.size()));
+                states * (1e-7 * group.order() +
+                          2.5e-7 * multiplicity * static_cast<double>(system.bonds.size()));
         }
     }
-    if (!whole) return costs;
-    // Product states of M = S and S + 1 with their orbits (some 40 bytes a state), then irrep
-    // by irrep: S+ and its kernel dense, the Hamiltonian per J sparse.
-    const std::vector<Count> counts = momentCounts(system.twiceSpin);
-    const int total = sumTwiceSpin(system.twiceSpin);
-    auto statesOf = [&](int twiceM) {
-        const auto i = static_cast<std::size_t>((twiceM + total) / 2);
-        return i < counts.size() ? static_cast<double>(counts[i]) : 0.0;
-    };
-    std::vector<double> dense(costs.size(), 0);
-    for (const GroupSpace& space : groupSpaces(system, group)) {
-        SpinCost& cost = at(space.twiceTotal);
-        const auto& irrep = group.irreps[static_cast<std::size_t>(space.irrep)];
-        const double n = space.states - space.above;
-        cost.build += groupBlockFlops(space, static_cast<std::size_t>(k), sites) / groupFlopRate;
-        const std::size_t i = static_cast<std::size_t>(&cost - costs.data());
-        if (dense.size() <= i) dense.resize(i + 1, 0);
-        dense[i] = std::max(dense[i], 8 * (space.states * space.above + 2 * space.states * n) +
-                                          k * space.states * (2.0 + sites) * 16 * irrep.dimension);
+    if (!whole) {
+        // And per total spin its setting up, some 0.3 ms as for the whole group's.
+        for (SpinCost& cost : costs) cost.build += 3e-4;
+        return costs;
     }
-    for (std::size_t i = 0; i < costs.size(); ++i) {
-        const double states = statesOf(costs[i].twiceTotal) + statesOf(costs[i].twiceTotal + 2);
-        costs[i].build += states * group.order() * sites * 2e-9;
-        costs[i].bytes += states * 40 + (i < dense.size() ? dense[i] : 0);
+    // Product states of the units with M = S and S + 1, their orbits and rows of H, then irrep by
+    // irrep the kernel of S+ class by class and H in it (group_blocks.h).
+    for (const GroupBuildCost& built :
+         groupBuildCosts(system, group, static_cast<std::size_t>(k), siteUnits)) {
+        SpinCost& cost = at(built.twiceTotal);
+        cost.build += built.seconds;
+        cost.bytes += built.bytes;
     }
     return costs;
 }
@@ -632,9 +622,10 @@ std::vector<SpinCost> spinCostsOf(const SpinSystem& system, const SplitGroup& gr
 // For every total spin, the whole group when its blocks are estimated faster to build and
 // diagonalise than those of the tree's subgroup.
 void chooseGroups(const SpinSystem& system, Plan& plan, double k) {
-    const std::vector<SpinCost> whole = spinCostsOf(system, *plan.whole, true, k, plan.scaled);
+    const std::vector<SpinCost> whole =
+        spinCostsOf(system, *plan.whole, true, k, plan.scaled, plan.siteUnits);
     std::vector<SpinCost> tree;
-    if (plan.group) tree = spinCostsOf(system, *plan.group, false, k, plan.scaled);
+    if (plan.group) tree = spinCostsOf(system, *plan.group, false, k, plan.scaled, false);
     for (const SpinCost& cost : whole) {
         bool faster = true;
         for (const SpinCost& other : tree)
@@ -652,7 +643,8 @@ std::vector<SpinCost> spinCosts(const SpinSystem& system, const Plan& plan, doub
     for (int whole = 0; whole < 2; ++whole) {
         const SplitGroup* group = whole ? plan.whole.get() : plan.group.get();
         if (group == nullptr) continue;
-        for (const SpinCost& cost : spinCostsOf(system, *group, whole != 0, k, plan.scaled))
+        for (const SpinCost& cost :
+             spinCostsOf(system, *group, whole != 0, k, plan.scaled, plan.siteUnits))
             if (plan.splitByWhole(cost.twiceTotal) == (whole != 0)) costs.push_back(cost);
     }
     return costs;
@@ -662,8 +654,9 @@ std::vector<SpinCost> spinCosts(const SpinSystem& system, const Plan& plan, doub
 
 Plan planSpectrum(const SpinSystem& system, Method method, int threads,
                   std::shared_ptr<const SplitGroup> group, const FtlmSettings& ftlm,
-                  std::shared_ptr<const SplitGroup> whole) {
+                  std::shared_ptr<const SplitGroup> whole, bool siteUnits) {
     Plan plan;
+    plan.siteUnits = siteUnits;
     plan.method = method == Method::Automatic ? Method::SBlocks : method;
     plan.threads = std::max(1, threads);
     plan.ftlm = ftlm;
@@ -682,6 +675,7 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
         if (byWhole) {
             plan.whole = std::move(whole);
             chooseGroups(system, plan, k);
+            plan.wholeUnits = siteUnits ? "single sites" : groupUnitsText(system, *plan.whole);
         }
     }
     const std::vector<BlockShape> shapes = blockShapes(system, plan);
@@ -745,8 +739,9 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
         for (std::size_t i = 0; i < bytes.size() && i < static_cast<std::size_t>(plan.threads); ++i)
             plan.bytes += bytes[i];
     }
-    // The program itself, and the levels with their slopes (kept twice while they are gathered).
-    plan.bytes += 16.0 * 1024 * 1024 + 2 * 8 * (3 + k) * levels;
+    // The program itself (some 9 MiB with its libraries, measured), and the levels with their
+    // slopes (kept twice while they are gathered).
+    plan.bytes += 10.0 * 1024 * 1024 + 2 * 8 * (3 + k) * levels;
     return plan;
 }
 
@@ -845,6 +840,14 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
         const CouplingTree tree =
             plan.group ? couplingTree(*plan.group, static_cast<int>(system.twiceSpin.size()))
                        : CouplingTree{};
+        // What the whole group's blocks of every total spin share, built once.
+        std::shared_ptr<const GroupBasis> basis;
+        if (std::any_of(blocks_.begin(), blocks_.end(),
+                        [](const auto& block) { return block->shape.whole; })) {
+            const auto started = std::chrono::steady_clock::now();
+            basis = groupBasis(system, plan.whole, plan.siteUnits);
+            countBuild(started);
+        }
         std::vector<std::vector<Block*>> bySpin;
         for (const auto& block : blocks_) {
             auto same = std::find_if(bySpin.begin(), bySpin.end(), [&](const auto& list) {
@@ -853,13 +856,24 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
             if (same == bySpin.end()) bySpin.push_back({block.get()});
             else same->push_back(block.get());
         }
-        parallelFor(static_cast<long>(bySpin.size()), threads_, stop_, [&](long i) {
-            const auto& list = bySpin[static_cast<std::size_t>(i)];
+        // A scaled spectrum's blocks are diagonalised once built, by whichever thread is free: a
+        // thread takes a block waiting for that before it builds the next total spin, and waits
+        // for the blocks of the total spins being built before it ends, so that the blocks of a
+        // large total spin are shared by all threads (the blocks of one hold much of the work).
+        struct Queue {
+            std::mutex mutex;
+            std::condition_variable changed;
+            std::vector<Block*> ready; // the largest last
+            std::size_t next = 0;      // the next total spin to build
+            int building = 0;
+            bool failed = false;
+        } queue;
+        auto build = [&](const std::vector<Block*>& list) {
             std::vector<std::vector<Eigen::MatrixXd>> matrices;
             const auto started = std::chrono::steady_clock::now();
             if (list[0]->shape.whole)
-                buildGroupBlocks(system, *plan.whole, jSlot, usedJ_.size(),
-                                 list[0]->shape.twiceLabel, matrices, stop_);
+                buildGroupBlocks(*basis, jSlot, usedJ_.size(), list[0]->shape.twiceLabel, matrices,
+                                 stop_);
             else
                 buildSplitBlocks(system, *plan.group, tree, jSlot, usedJ_.size(),
                                  list[0]->shape.twiceLabel, matrices, stop_);
@@ -870,7 +884,50 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
                     throw std::logic_error("a symmetry block does not have the size its "
                                            "characters give");
                 block->perJ = std::move(perJ);
-                if (plan_.scaled) diagonaliseOnce(*block);
+            }
+            const std::lock_guard lock(queue.mutex);
+            if (plan_.scaled) {
+                queue.ready.insert(queue.ready.end(), list.begin(), list.end());
+                std::sort(queue.ready.begin(), queue.ready.end(),
+                          [](Block* x, Block* y) { return x->shape.size < y->shape.size; });
+            }
+            --queue.building;
+            queue.changed.notify_all();
+        };
+        parallelFor(threads_, threads_, stop_, [&](long) {
+            for (;;) {
+                Block* block = nullptr;
+                const std::vector<Block*>* list = nullptr;
+                {
+                    std::unique_lock lock(queue.mutex);
+                    while (!block && !list) {
+                        if (queue.failed || stopRequested(stop_)) return;
+                        if (!queue.ready.empty()) {
+                            block = queue.ready.back();
+                            queue.ready.pop_back();
+                        } else if (queue.next < bySpin.size()) {
+                            list = &bySpin[queue.next++];
+                            ++queue.building;
+                        } else if (queue.building == 0) {
+                            return;
+                        } else {
+                            queue.changed.wait_for(lock, std::chrono::milliseconds(100));
+                        }
+                    }
+                }
+                try {
+                    if (block)
+                        diagonaliseOnce(*block);
+                    else
+                        build(*list);
+                } catch (...) {
+                    {
+                        const std::lock_guard lock(queue.mutex);
+                        queue.failed = true;
+                    }
+                    queue.changed.notify_all();
+                    throw;
+                }
             }
         });
         if (plan_.scaled) diagonalisations_ = 1;

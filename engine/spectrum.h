@@ -67,6 +67,11 @@ struct Plan {
     std::shared_ptr<const SplitGroup> group, whole;
     std::vector<char> wholeFor;
     bool treeUsed = false; // some blocks split by the tree's subgroup
+    // The whole group's blocks built on product states of single sites, the kernel of S+ from one
+    // QR factorisation of each whole (M = S, irrep) space (the earlier way, for comparison);
+    // otherwise on the composite units the group permutes (group_units.h), named here.
+    bool siteUnits = false;
+    std::string wholeUnits; // "9 units of 2 sites"
     FtlmSettings ftlm; // for Method::Ftlm
     // Blocks of the coupled or product basis keep their Hamiltonian per J sparse; with this,
     // as one dense matrix per J (the earlier way, for comparison in the benchmark).
@@ -95,10 +100,10 @@ std::vector<int> usedJValues(const SpinSystem& system);
 // Throws std::invalid_argument for a system outside the input's limits (sites, 2S). With a
 // group of order > 1, S blocks (and the automatic method) are split by it; given a subgroup
 // that keeps a coupling tree (splitGroup) and the whole group (wholeGroup), the blocks of each
-// total spin by the one estimated faster.
+// total spin by the one estimated faster. siteUnits: see Plan.
 Plan planSpectrum(const SpinSystem& system, Method method, int threads = 1,
                   std::shared_ptr<const SplitGroup> group = nullptr, const FtlmSettings& ftlm = {},
-                  std::shared_ptr<const SplitGroup> whole = nullptr);
+                  std::shared_ptr<const SplitGroup> whole = nullptr, bool siteUnits = false);
 
 // The threads corefit uses unless told otherwise: one per core.
 int defaultThreads();

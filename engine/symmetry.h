@@ -63,6 +63,8 @@ struct SplitGroup {
     };
     std::vector<Permutation> elements; // elements[0] is the identity
     std::vector<Irrep> irreps;
+    // Whole groups: products[a * order + b] is the index of elements[a] * elements[b].
+    std::vector<int> products;
     std::string name; // "cyclic 8 + reflections", "order 4", "none"
     bool wholeGroup = false;
     int order() const { return static_cast<int>(elements.size()); }

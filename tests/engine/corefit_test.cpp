@@ -236,7 +236,7 @@ TEST(Corefit, NamesTheSymmetryAndTheMethodItUsesAndFtlmItsError) {
     const std::string log = dir.read("corefit.log");
     EXPECT_NE(log.find("symmetry: order 10, cyclic 5 + reflections"), std::string::npos) << log;
     EXPECT_NE(exact.out.find("S blocks split by symmetry (the whole group, order 10, cyclic 5 + "
-                             "reflections)"),
+                             "reflections on 5 units of 2 sites"),
               std::string::npos)
         << exact.out;
     const double split = readOutput(dir)[6][1];

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <tuple>
 
 #include "group_blocks.h"
 #include "model.h"
@@ -181,6 +182,20 @@ TEST(Spectrum, PlanSizesOfStandardProblems) {
     EXPECT_EQ(planSpectrum(ring(16, 1), Method::SBlocks).largestBlock, 3640);
     EXPECT_EQ(planSpectrum(ring(8, 5), Method::SBlocks).largestBlock, 16576);
     EXPECT_EQ(planSpectrum(ring(20, 1), Method::MBlocks).largestBlock, 184756);
+    // The 18- and 20-site rings: their large total spins by the whole dihedral group on opposite
+    // sites joined in pairs (and those in pairs of pairs), not by the subgroup of order 4 (18
+    // sites, largest block 3050) or 8 (20 sites) that keeps a coupling tree.
+    for (const auto& [sites, largest, units] : {std::tuple{18, 742, "on 9 units of 2 sites"},
+                                                std::tuple{20, 2434, "on 5 units of 4 sites"}}) {
+        const SpinSystem system = ring(sites, 1);
+        const SiteSymmetry symmetry = findSymmetry(system);
+        const Plan plan =
+            planSpectrum(system, Method::SBlocks, 2,
+                         std::make_shared<const SplitGroup>(splitGroup(symmetry, sites)), {},
+                         std::make_shared<const SplitGroup>(wholeGroup(symmetry, sites)));
+        EXPECT_EQ(plan.largestBlock, largest);
+        EXPECT_NE(plan.describe().find(units), std::string::npos) << plan.describe();
+    }
     // Twenty S = 10 sites, the most the input allows: 21^20 states, beyond 64 bits. No count
     // wraps: one block per total spin 0 to 200, and an estimate far beyond any limit.
     const Plan largest = planSpectrum(ring(20, 20), Method::SBlocks);
@@ -240,8 +255,12 @@ TEST(Spectrum, SymmetryBlocksAgreeWithWholeSBlocks) {
 }
 
 // The whole symmetry group, every irreducible representation (odd orders, non-abelian groups,
-// 3-dimensional representations): against the full product basis where it is small, and against
-// the S blocks split by the subgroup of order 2^k.
+// 3-dimensional representations), on the composite units the group permutes (opposite sites of
+// the even rings, cube and octahedron paired, pairs of pairs on the 12-site ring, eight sites a
+// unit on the 16-site ring; single sites
+// where nothing pairs; stabilisers of cells with complex representations on the 6-site ring with
+// two J): against the full product basis where it is small, against the S blocks split by the
+// subgroup of order 2^k, and against the whole group on single sites.
 TEST(Spectrum, WholeGroupBlocksAgreeWithFullBasisAndSplitBlocks) {
     auto ring = [](std::vector<int> spins, int jValues) {
         SpinSystem system{spins, {}, jValues};
@@ -281,8 +300,13 @@ TEST(Spectrum, WholeGroupBlocksAgreeWithFullBasisAndSplitBlocks) {
          true,
          3},
         {{"ring 12 x 1/2", ring(std::vector<int>(12, 1), 1), {-10}}, false, 24},
+        {{"ring 14 x 1/2", ring(std::vector<int>(14, 1), 1), {-10}}, false, 28},
+        {{"ring 16 x 1/2: two units of 8 sites", ring(std::vector<int>(16, 1), 1), {-10}},
+         false,
+         32},
         {{"ring 6 x 5/2, J1/J2", ring({5, 5, 5, 5, 5, 5}, 2), {-10, -7}}, false, 6},
         {{"triangle 3 x 3/2", graph(3, 3, {{0, 1}, {1, 2}, {2, 0}}), {-13}}, true, 6},
+        {{"ring 4 x 5/2: one unit of 1296 states", ring({5, 5, 5, 5}, 1), {-9}}, true, 8},
         {{"tetrahedron 4 x 3/2",
           graph(4, 3, {{0, 1}, {0, 2}, {0, 3}, {1, 2}, {1, 3}, {2, 3}}),
           {5}},
@@ -317,11 +341,39 @@ TEST(Spectrum, WholeGroupBlocksAgreeWithFullBasisAndSplitBlocks) {
             mixed.wholeFor[label] = label % 4 < 2;
         Spectrum both(cluster.system, mixed, 2);
         expectSameSpectrum(both.levels(cluster.j, allSlopes), levels, cluster.j, 1e-10);
+        // The whole group on product states of single sites, each (M = S, irrep) space's kernel
+        // from one QR factorisation (the earlier way), against its composite units.
+        Spectrum single(cluster.system,
+                        planSpectrum(cluster.system, Method::SBlocks, 1, whole, {}, nullptr, true),
+                        2);
+        expectSameSpectrum(levels, single.levels(cluster.j, allSlopes), cluster.j, 1e-10);
         if (c.full) {
             Spectrum full(cluster.system, planSpectrum(cluster.system, Method::Full), 2);
             expectSameSpectrum(levels, full.levels(cluster.j, allSlopes), cluster.j, 1e-9);
         }
     }
+}
+
+// The blocks of every total spin are built side by side and diagonalised by whichever thread is
+// free: a stop asked for before is seen at once, without waiting for blocks that never come. A
+// group that does not keep the spins of the sites (that of a ring of equal spins, given with
+// alternating ones) is refused, not built on.
+TEST(Spectrum, WholeGroupBlocksStopOnRequestAndRefuseAGroupOfOtherSpins) {
+    SpinSystem ring{std::vector<int>(12, 1), {}, 1};
+    for (int i = 0; i < 12; ++i) ring.bonds.push_back({i, (i + 1) % 12, 0});
+    const SiteSymmetry symmetry = findSymmetry(ring);
+    const auto whole = std::make_shared<const SplitGroup>(wholeGroup(symmetry, 12));
+    const Plan plan = planSpectrum(ring, Method::SBlocks, 2, symmetryOf(ring), {}, whole);
+    ASSERT_NE(plan.describe().find("the whole group"), std::string::npos);
+    StopFlag stop{true};
+    EXPECT_THROW(Spectrum(ring, plan, 2, &stop), Interrupted);
+
+    SpinSystem mixed = ring;
+    for (std::size_t i = 1; i < 12; i += 2) mixed.twiceSpin[i] = 2;
+    Plan wrong = plan;
+    wrong.whole = whole;
+    wrong.wholeFor.assign(64, 1);
+    EXPECT_THROW(Spectrum(mixed, wrong, 2), std::invalid_argument);
 }
 
 // FTLM on clusters of 10 and 12 sites, its blocks above 100 states by random vectors: within

@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "group_blocks.h"
+#include "group_units.h"
 #include "symmetry.h"
 
 using namespace corefit;
@@ -148,6 +149,103 @@ TEST(Symmetry, GroupsOfStandardClusters) {
                 EXPECT_EQ(kids[0], tree.image[g][static_cast<std::size_t>(l)]);
                 EXPECT_EQ(kids[1], tree.image[g][static_cast<std::size_t>(r)]);
             }
+    }
+}
+
+// The composite units: which sites they join, and in every unit the spin operators of its sites
+// in its coupled basis, with the moves of the group. Every unit's total S+ and S_z must act on
+// its multiplets as a spin does (the kernel of S+ relies on it), every site's operators must be
+// those of a spin commuting with the other sites', and every element must carry the operators of
+// a site to those of its image: P s(a) P^T = s(g a), P the element's signed permutation of the
+// local states (the signs of swapped children).
+TEST(Symmetry, UnitsOfTheWholeGroupCarryTheSpinsOfTheirSites) {
+    using Dense = Eigen::MatrixXd;
+    SpinSystem cube{std::vector<int>(8, 1), {}, 1};
+    for (int a = 0; a < 8; ++a)
+        for (int bit : {1, 2, 4})
+            if ((a & bit) == 0) cube.bonds.push_back({a, a | bit, 0});
+    SpinSystem wheel = ring(5, 1, 1); // a pentagon around a spin 1
+    wheel.twiceSpin.push_back(2);
+    wheel.jCount = 2;
+    for (int i = 0; i < 5; ++i) wheel.bonds.push_back({i, 5, 1});
+    const struct {
+        const char* name;
+        SpinSystem system;
+        const char* units;
+    } cases[] = {
+        {"ring 12 x 1/2", ring(12, 1, 1), "3 units of 4 sites"},
+        {"ring 6 x 5/2, J1/J2", ring(6, 5, 2), "3 units of 2 sites"},
+        {"ring 10 x 3/2", ring(10, 3, 1), "5 units of 2 sites"},
+        {"cube", cube, "4 units of 2 sites"},
+        {"ring 9 x 1/2", ring(9, 1, 1), "9 units of 1 site"},
+        {"pentagon around a spin 1", wheel, "6 units of 1 site"},
+    };
+    // Where units would grow or their cells would be too many: pairs of pairs of S = 5/2 (1296
+    // states) are not paired again; 3 units of 4 sites of S = 3/2 have 44^3 cells, so single sites.
+    EXPECT_EQ(groupUnitsText(ring(8, 5, 1), wholeGroup(findSymmetry(ring(8, 5, 1)), 8)),
+              "2 units of 4 sites");
+    EXPECT_EQ(groupUnitsText(ring(12, 3, 1), wholeGroup(findSymmetry(ring(12, 3, 1)), 12)),
+              "12 units of 1 site");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const int sites = static_cast<int>(c.system.twiceSpin.size());
+        const SplitGroup group = wholeGroup(findSymmetry(c.system), sites);
+        EXPECT_EQ(groupUnitsText(c.system, group), c.units);
+        const GroupUnits units = groupUnits(c.system, group);
+        for (std::size_t u = 0; u < units.units.size(); ++u) {
+            const GroupUnits::Unit& unit = units.units[u];
+            const auto n = static_cast<Eigen::Index>(unit.states);
+            Dense totalZ = Dense::Zero(n, n), totalUp = Dense::Zero(n, n), ladder = totalUp;
+            for (int k = 0; k < unit.states; ++k) {
+                const auto i = static_cast<std::size_t>(k);
+                const double j = unit.twiceJ[static_cast<std::size_t>(unit.multiplet[i])] / 2.0,
+                             m = unit.twiceM[i] / 2.0;
+                if (m < j) ladder(k + 1, k) = std::sqrt(j * (j + 1) - m * (m + 1));
+            }
+            for (std::size_t p = 0; p < unit.sites.size(); ++p) {
+                ASSERT_EQ(units.unitOf[static_cast<std::size_t>(unit.sites[p])],
+                          static_cast<int>(u));
+                const Dense z(unit.sz[p]), up(unit.raise[p]);
+                const double s = c.system.twiceSpin[static_cast<std::size_t>(unit.sites[p])] / 2.0;
+                EXPECT_LT((z * up - up * z - up).norm(), 1e-12);
+                EXPECT_LT((z * z + 0.5 * (up * up.transpose() + up.transpose() * up) -
+                           s * (s + 1) * Dense::Identity(n, n))
+                              .norm(),
+                          1e-12);
+                for (std::size_t q = 0; q < p; ++q)
+                    EXPECT_LT((z * Dense(unit.raise[q]) - Dense(unit.raise[q]) * z).norm(), 1e-12);
+                totalZ += z;
+                totalUp += up;
+            }
+            Dense m = Dense::Zero(n, n);
+            for (int k = 0; k < unit.states; ++k)
+                m(k, k) = unit.twiceM[static_cast<std::size_t>(k)] / 2.0;
+            EXPECT_LT((totalZ - m).norm(), 1e-12);
+            EXPECT_LT((totalUp - ladder).norm(), 1e-12);
+            // Every element: the operators of each site go to those of its image.
+            for (std::size_t g = 0; g < group.elements.size(); ++g) {
+                const GroupUnits::Move& move = units.moves[g][u];
+                const GroupUnits::Unit& image = units.units[static_cast<std::size_t>(move.unit)];
+                ASSERT_EQ(image.states, unit.states);
+                Dense moved = Dense::Zero(n, n);
+                for (int k = 0; k < unit.states; ++k)
+                    moved(move.state[static_cast<std::size_t>(k)], k) =
+                        move.sign[static_cast<std::size_t>(k)];
+                for (std::size_t p = 0; p < unit.sites.size(); ++p) {
+                    const int site = group.elements[g][static_cast<std::size_t>(unit.sites[p])];
+                    ASSERT_EQ(units.unitOf[static_cast<std::size_t>(site)], move.unit);
+                    const auto q =
+                        static_cast<std::size_t>(units.place[static_cast<std::size_t>(site)]);
+                    EXPECT_LT(
+                        (moved * Dense(unit.sz[p]) * moved.transpose() - Dense(image.sz[q])).norm(),
+                        1e-12);
+                    EXPECT_LT(
+                        (moved * Dense(unit.raise[p]) * moved.transpose() - Dense(image.raise[q]))
+                            .norm(),
+                        1e-12);
+                }
+            }
+        }
     }
 }
 
