@@ -45,7 +45,8 @@ struct GroupBuildCost {
 std::vector<GroupBuildCost> groupBuildCosts(const SpinSystem& system, const SplitGroup& group,
                                             std::size_t slots, bool siteUnits = false);
 
-// "9 units of 2 sites", "5 units of 4 sites, 2 of 1 site": the units the blocks are built on.
+// "9 units of 2 sites", "1 unit of 4 sites, 2 units of 1 site": the units the blocks are built
+// on.
 std::string groupUnitsText(const SpinSystem& system, const SplitGroup& group);
 
 // What the whole group's blocks of every total spin share, built once per spectrum: the

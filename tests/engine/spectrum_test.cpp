@@ -195,6 +195,11 @@ TEST(Spectrum, PlanSizesOfStandardProblems) {
                          std::make_shared<const SplitGroup>(wholeGroup(symmetry, sites)));
         EXPECT_EQ(plan.largestBlock, largest);
         EXPECT_NE(plan.describe().find(units), std::string::npos) << plan.describe();
+        // The automatic choice keeps them exact: FTLM would have to be estimated more than
+        // twice as fast and the exact run longer than 10 s.
+        const double exact = estimatedSeconds(plan, 0),
+                     ftlm = estimatedSeconds(planSpectrum(system, Method::Ftlm, 2), 0);
+        EXPECT_FALSE(exact > 10 && exact > 2 * ftlm) << exact << " s against " << ftlm << " s";
     }
     // Twenty S = 10 sites, the most the input allows: 21^20 states, beyond 64 bits. No count
     // wraps: one block per total spin 0 to 200, and an estimate far beyond any limit.
