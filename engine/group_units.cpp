@@ -78,16 +78,7 @@ Forest pairedForest(const SpinSystem& system, const SplitGroup& group, bool pair
             bool paired = false;
             for (int y : orbit) {
                 if (y == x || !small(x, y)) continue;
-                std::map<int, int> partner;
-                bool ok = true;
-                for (std::size_t g = 0; g < count && ok; ++g) {
-                    const int a = imageOf(g, x), b = imageOf(g, y);
-                    for (auto [u, v] : {std::pair{a, b}, std::pair{b, a}}) {
-                        const auto [it, inserted] = partner.emplace(u, v);
-                        ok = ok && (inserted || it->second == v);
-                    }
-                }
-                if (!ok) continue;
+                if (!imagesArePairs(count, imageOf, x, y)) continue;
                 for (std::size_t g = 0; g < count; ++g) {
                     const int a = imageOf(g, x), b = imageOf(g, y);
                     if (done.count(a)) continue;

@@ -5,12 +5,28 @@
 
 #include <array>
 #include <cstddef>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "problem.h"
 
 namespace corefit {
+
+// Whether the images of the pair {x, y} under the `count` elements of a group (imageOf(g, site))
+// are pairs that never share a site with another image: then every image can be coupled first.
+template <typename Image>
+bool imagesArePairs(std::size_t count, const Image& imageOf, int x, int y) {
+    std::map<int, int> partner;
+    for (std::size_t g = 0; g < count; ++g) {
+        const int a = imageOf(g, x), b = imageOf(g, y);
+        for (const auto& [u, v] : {std::pair{a, b}, std::pair{b, a}}) {
+            const auto [it, inserted] = partner.emplace(u, v);
+            if (!inserted && it->second != v) return false;
+        }
+    }
+    return true;
+}
 
 // A permutation of sites: site i goes to p[i]. Composition (g * h)[i] = g[h[i]]: h acts first.
 using Permutation = std::vector<int>;
