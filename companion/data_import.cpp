@@ -24,14 +24,7 @@ std::vector<std::string_view> lines(std::string_view text) {
     return result;
 }
 
-std::string_view trimmed(std::string_view field) {
-    const std::size_t begin = field.find_first_not_of(" \t");
-    if (begin == std::string_view::npos) return {};
-    field = field.substr(begin, field.find_last_not_of(" \t") - begin + 1);
-    if (field.size() >= 2 && field.front() == '"' && field.back() == '"')
-        field = field.substr(1, field.size() - 2);
-    return field;
-}
+std::string_view trimmed(std::string_view field) { return corvane::trimmedField(field); }
 
 // A field with a comma and no point: the comma is a decimal comma.
 std::string decimalPoint(std::string field) {

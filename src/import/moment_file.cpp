@@ -31,14 +31,7 @@ std::vector<Line> linesOf(std::string_view text) {
     return result;
 }
 
-std::string_view trimmed(std::string_view field) {
-    const std::size_t begin = field.find_first_not_of(" \t");
-    if (begin == std::string_view::npos) return {};
-    field = field.substr(begin, field.find_last_not_of(" \t") - begin + 1);
-    if (field.size() >= 2 && field.front() == '"' && field.back() == '"')
-        field = field.substr(1, field.size() - 2);
-    return field;
-}
+std::string_view trimmed(std::string_view field) { return trimmedField(field); }
 
 bool isBlank(std::string_view line) { return trimmed(line).empty(); }
 

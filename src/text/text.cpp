@@ -194,4 +194,13 @@ std::string printableText(std::string_view text, std::size_t maxLength) {
     return out;
 }
 
+std::string_view trimmedField(std::string_view field) {
+    const std::size_t begin = field.find_first_not_of(" \t");
+    if (begin == std::string_view::npos) return {};
+    field = field.substr(begin, field.find_last_not_of(" \t") - begin + 1);
+    if (field.size() >= 2 && field.front() == '"' && field.back() == '"')
+        field = field.substr(1, field.size() - 2);
+    return field;
+}
+
 } // namespace corvane

@@ -27,6 +27,10 @@ bool isReal(const char* s);
 // A copy of text in which a..z become A..Z and every other character stays as it is.
 std::string upperCopy(std::string_view text);
 
+// A field of a data table without the blanks and tabs around it, and without the double quotes
+// that a spreadsheet puts around a text.
+std::string_view trimmedField(std::string_view field);
+
 // The decimal number at the start of text: leading blanks are skipped, reading stops at the
 // first character that cannot continue the number, and text without a number gives 0.
 // A real is [sign] digits [. digits] [e|E [sign] digits]; hexadecimal, "inf" and "nan" are
