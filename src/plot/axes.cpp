@@ -219,6 +219,14 @@ void layoutFrame() {
     l.belowPlot = l.panelBottom != 0 ? l.panelBottom : l.frameBottom;
 }
 
+LogFont uprightLabelFont(const TextCell& cell) {
+    LogFont font = plotSettings.labelFont;
+    font.lfHeight = cell.height;
+    font.lfWidth = cell.width;
+    font.lfEscapement = font.lfOrientation = 0;
+    return font;
+}
+
 TextCell plotTextCell(Surface& surface) {
     PlotSettings& s = plotSettings;
     const double p = plotLayout.printScale;

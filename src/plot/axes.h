@@ -58,6 +58,8 @@ struct TextCell {
     int width = 0, height = 0;
 };
 TextCell plotTextCell(Surface& surface);
+// The label font at the size of cell, upright: the font of horizontal text in the plot.
+LogFont uprightLabelFont(const TextCell& cell);
 
 // Draws the outer frame, the ticks on all four sides, the two axis titles and the numbers.
 // Expects layoutFrame() for the same surface. An axis whose range is empty or whose major step

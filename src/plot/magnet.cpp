@@ -164,11 +164,7 @@ void drawMagnetData(Surface& surface) {
     const Colour colour = colourOfRow(s.curves.experimentalColour);
     const int r = groupMarkerRadius();
     const TextCell cell = plotTextCell(surface);
-    LogFont font = s.labelFont;
-    font.lfHeight = cell.height;
-    font.lfWidth = cell.width;
-    font.lfEscapement = font.lfOrientation = 0;
-    const LogFont previousFont = surface.selectFont(font);
+    const LogFont previousFont = surface.selectFont(uprightLabelFont(cell));
     const Colour previousColour = surface.setTextColour(s.labelColour);
     const std::vector<MagnetGroup> groups = magnetGroups();
     std::vector<GroupLabel> labels;

@@ -81,11 +81,7 @@ void drawResidualPanel(Surface& surface) {
     surface.moveTo(l.frameLeft, middle);
     surface.lineTo(l.frameRight, middle);
     const TextCell cell = plotTextCell(surface);
-    LogFont font = s.labelFont;
-    font.lfHeight = cell.height;
-    font.lfWidth = cell.width;
-    font.lfEscapement = font.lfOrientation = 0;
-    const LogFont previousFont = surface.selectFont(font);
+    const LogFont previousFont = surface.selectFont(uprightLabelFont(cell));
     const Colour previousColour = surface.setTextColour(s.labelColour);
     if (largest > 0) {
         const int digits = readableDigits({-largest, 0, largest}, s.chiAxis.digits);

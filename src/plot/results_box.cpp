@@ -135,11 +135,7 @@ void drawResultsBox(Surface& surface) {
     const Pen previousPen = surface.selectPen({PenStyle::Solid, 1, black});
     const Brush previousBrush = surface.selectBrush({white});
     surface.rectangle(box.left, box.top, box.right, box.bottom);
-    LogFont font = s.labelFont;
-    font.lfHeight = cell.height;
-    font.lfWidth = cell.width;
-    font.lfEscapement = font.lfOrientation = 0;
-    const LogFont previousFont = surface.selectFont(font);
+    const LogFont previousFont = surface.selectFont(uprightLabelFont(cell));
     const Colour previousColour = surface.setTextColour(black);
     int y = box.top + pad;
     for (const Block& block : blocks) {
