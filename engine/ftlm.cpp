@@ -23,6 +23,25 @@ extern "C" void zheevd_(const char* jobz, const char* uplo, const int* n, std::c
                         const int* lda, double* w, std::complex<double>* work, const int* lwork,
                         double* rwork, const int* lrwork, int* iwork, const int* liwork, int* info);
 
+extern "C" {
+void dgemv_(const char* trans, const int* m, const int* n, const double* alpha, const double* a,
+            const int* lda, const double* x, const int* incx, const double* beta, double* y,
+            const int* incy);
+void zgemv_(const char* trans, const int* m, const int* n, const std::complex<double>* alpha,
+            const std::complex<double>* a, const int* lda, const std::complex<double>* x,
+            const int* incx, const std::complex<double>* beta, std::complex<double>* y,
+            const int* incy);
+void dstev_(const char* jobz, const int* n, double* d, double* e, double* z, const int* ldz,
+            double* work, int* info);
+void dgemm_(const char* transa, const char* transb, const int* m, const int* n, const int* k,
+            const double* alpha, const double* a, const int* lda, const double* b, const int* ldb,
+            const double* beta, double* c, const int* ldc);
+void zgemm_(const char* transa, const char* transb, const int* m, const int* n, const int* k,
+            const std::complex<double>* alpha, const std::complex<double>* a, const int* lda,
+            const std::complex<double>* b, const int* ldb, const std::complex<double>* beta,
+            std::complex<double>* c, const int* ldc);
+}
+
 namespace corefit {
 
 namespace {
@@ -31,6 +50,9 @@ using Index = Eigen::Index;
 using Complex = std::complex<double>;
 template <class S> using Vector = Eigen::Matrix<S, Eigen::Dynamic, 1>;
 template <class S> using Matrix = Eigen::Matrix<S, Eigen::Dynamic, Eigen::Dynamic>;
+// Several vectors side by side, the entries of one state together (so that a product reads each
+// element of H once for all of them).
+template <class S> using Rows = Eigen::Matrix<S, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
 __extension__ using Count = unsigned __int128;
 __extension__ using Signed = __int128;
 
@@ -197,6 +219,136 @@ struct SectorRows {
     }
 };
 
+// The product of a block with several vectors side by side (its rows, as SectorRows holds them),
+// the loop of FTLM's random vectors: y = H x, x and y with `width` entries per orbit. Built for
+// any x86-64 and, where the processor has them, for AVX2 and FMA, chosen when the program starts.
+template <class S> struct RowsProduct {
+    const long* rowStart;
+    const int* column;
+    const std::uint16_t* shift;
+    const double *value, *diagonal;
+    const S* phase;
+    const char* skip; // orbits without a state of the block's character (none: nullptr)
+};
+#if defined(__GNUC__) && defined(__x86_64__) && !defined(__clang__)
+#define COREFIT_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
+#else
+#define COREFIT_CLONES
+#endif
+// The bodies go into each clone whole (a call out of a clone would run the code for any x86-64).
+#if defined(__GNUC__)
+#define COREFIT_INLINE inline __attribute__((always_inline))
+#else
+#define COREFIT_INLINE inline
+#endif
+// W vectors (a constant, so that the sums stay in registers; 0: `width` of them).
+template <int W, class S>
+COREFIT_INLINE void applyRowsBody(const RowsProduct<S>& h, const S* x, S* y, Index n, Index width) {
+    constexpr Index most = 8;
+    const Index count = W > 0 ? W : width;
+    for (Index a = 0; a < n; ++a) {
+        S* out = y + a * count;
+        if (h.skip && h.skip[a]) {
+            std::fill(out, out + count, S(0));
+            continue;
+        }
+        const S* own = x + a * count;
+        S sum[most];
+        for (Index c = 0; c < count; ++c) sum[c] = h.diagonal[a] * own[c];
+        const long end = h.rowStart[a + 1];
+        for (long e = h.rowStart[a]; e < end; ++e) {
+            const S element = h.value[e] * h.phase[h.shift[e]];
+            const S* in = x + static_cast<Index>(h.column[e]) * count;
+            for (Index c = 0; c < count; ++c) sum[c] += element * in[c];
+        }
+        std::copy(sum, sum + count, out);
+    }
+}
+template <class S>
+COREFIT_INLINE void applyRowsBody(const RowsProduct<S>& h, const S* x, S* y, Index n, Index width) {
+    switch (width) {
+    case 1:
+        return applyRowsBody<1>(h, x, y, n, width);
+    case 2:
+        return applyRowsBody<2>(h, x, y, n, width);
+    case 3:
+        return applyRowsBody<3>(h, x, y, n, width);
+    case 4:
+        return applyRowsBody<4>(h, x, y, n, width);
+    case 5:
+        return applyRowsBody<5>(h, x, y, n, width);
+    case 6:
+        return applyRowsBody<6>(h, x, y, n, width);
+    case 7:
+        return applyRowsBody<7>(h, x, y, n, width);
+    case 8:
+        return applyRowsBody<8>(h, x, y, n, width);
+    default:
+        if (width > 8) throw std::logic_error("FTLM: more than 8 vectors side by side");
+        return applyRowsBody<0>(h, x, y, n, width);
+    }
+}
+COREFIT_CLONES void applyRows(const RowsProduct<double>& h, const double* x, double* y, Index n,
+                              Index width) {
+    applyRowsBody(h, x, y, n, width);
+}
+COREFIT_CLONES void applyRows(const RowsProduct<Complex>& h, const Complex* x, Complex* y, Index n,
+                              Index width) {
+    applyRowsBody(h, x, y, n, width);
+}
+
+// The passes of a Lanczos step over vectors side by side (n rows of `width`), in the same clones.
+template <class S>
+COREFIT_INLINE void dotsBody(const S* v, const S* w, Index n, Index width, double* dot) {
+    std::fill(dot, dot + width, 0.0);
+    for (Index a = 0; a < n; ++a)
+        for (Index c = 0; c < width; ++c)
+            dot[c] += std::real(std::conj(v[a * width + c]) * w[a * width + c]);
+}
+template <class S>
+COREFIT_INLINE void updateBody(const S* v, const S* previous, Index n, Index width,
+                               const double* alpha, const double* beta, S* w) {
+    for (Index a = 0; a < n; ++a)
+        for (Index c = 0; c < width; ++c) {
+            const Index i = a * width + c;
+            w[i] -= alpha[c] * v[i] + beta[c] * previous[i];
+        }
+}
+template <class S>
+COREFIT_INLINE void squaresBody(const S* w, Index n, Index width, double* square) {
+    std::fill(square, square + width, 0.0);
+    for (Index a = 0; a < n; ++a)
+        for (Index c = 0; c < width; ++c) square[c] += std::norm(w[a * width + c]);
+}
+template <class S>
+COREFIT_INLINE void nextBody(const S* w, const double* factor, Index n, Index width, S* v,
+                             S* previous) {
+    for (Index a = 0; a < n; ++a)
+        for (Index c = 0; c < width; ++c) {
+            const Index i = a * width + c;
+            v[i] = w[i] * factor[c];
+            if (factor[c] == 0) previous[i] = S(0);
+        }
+}
+#define COREFIT_LANCZOS_PASSES(S)                                                                  \
+    COREFIT_CLONES void lanczosDots(const S* v, const S* w, Index n, Index width, double* dot) {   \
+        dotsBody(v, w, n, width, dot);                                                             \
+    }                                                                                              \
+    COREFIT_CLONES void lanczosUpdate(const S* v, const S* previous, Index n, Index width,         \
+                                      const double* alpha, const double* beta, S* w) {             \
+        updateBody(v, previous, n, width, alpha, beta, w);                                         \
+    }                                                                                              \
+    COREFIT_CLONES void lanczosSquares(const S* w, Index n, Index width, double* square) {         \
+        squaresBody(w, n, width, square);                                                          \
+    }                                                                                              \
+    COREFIT_CLONES void lanczosNext(const S* w, const double* factor, Index n, Index width, S* v,  \
+                                    S* previous) {                                                 \
+        nextBody(w, factor, n, width, v, previous);                                                \
+    }
+COREFIT_LANCZOS_PASSES(double)
+COREFIT_LANCZOS_PASSES(Complex)
+#undef COREFIT_LANCZOS_PASSES
+
 // H on block k of a sector: vectors have one entry per orbit of the sector, zero at the orbits
 // that have no state of character k (whose length p has k p / m not whole).
 template <class S> struct BlockOperator {
@@ -205,6 +357,7 @@ template <class S> struct BlockOperator {
     Index dimension = 0;   // orbits with a state of character k
     std::vector<S> phase;  // e^(-2 pi i k l / m), per shift l
     std::vector<int> kept; // the orbits with a state of character k, ascending
+    std::vector<char> skip; // per orbit, 1 for those without (empty when there are none)
 
     BlockOperator(const SectorRows& sector, int character, int m)
         : rows(&sector), k(character), order(m) {
@@ -219,28 +372,32 @@ template <class S> struct BlockOperator {
         for (std::size_t a = 0; a < sector.period.size(); ++a)
             if (has(static_cast<Index>(a))) kept.push_back(static_cast<int>(a));
         dimension = static_cast<Index>(kept.size());
+        if (dimension != length())
+            for (Index a = 0; a < length(); ++a) skip.push_back(has(a) ? 0 : 1);
     }
     Index length() const { return static_cast<Index>(rows->period.size()); }
     bool has(Index a) const {
         return (static_cast<long>(k) * rows->period[static_cast<std::size_t>(a)]) % order == 0;
     }
     void apply(const Vector<S>& x, Vector<S>& y) const {
-        const Index n = length();
-        y.resize(n);
-        const bool all = dimension == n;
+        y.resize(length());
+        applyRows(product(), x.data(), y.data(), length(), 1);
+    }
+    RowsProduct<S> product() const {
         const SectorRows& h = *rows;
-        for (Index a = 0; a < n; ++a) {
-            if (!all && !has(a)) {
-                y[a] = S(0);
-                continue;
-            }
-            S sum = h.diagonalNow[a] * x[a];
-            const auto end = static_cast<std::size_t>(h.rowStart[static_cast<std::size_t>(a) + 1]);
-            for (auto e = static_cast<std::size_t>(h.rowStart[static_cast<std::size_t>(a)]);
-                 e < end; ++e)
-                sum += h.value[e] * phase[h.shift[e]] * x[h.column[e]];
-            y[a] = sum;
-        }
+        return {h.rowStart.data(),
+                h.column.data(),
+                h.shift.data(),
+                h.value.data(),
+                h.diagonalNow.data(),
+                phase.data(),
+                skip.empty() ? nullptr : skip.data()};
+    }
+    // The same for the columns of x side by side.
+    void apply(const Rows<S>& x, Rows<S>& y) const {
+        const Index n = length(), width = x.cols();
+        y.resize(n, width);
+        applyRows(product(), x.data(), y.data(), n, width);
     }
     // The block as a dense matrix on the orbits kept.
     Matrix<S> dense() const {
@@ -291,9 +448,72 @@ Vector<S> randomVector(const BlockOperator<S>& h, std::uint64_t seed, int twiceM
     return v;
 }
 
+// y = alpha op(A) x + beta y, A the first `columns` columns of `a` (op: the adjoint when
+// `adjoint`), by BLAS: the dense passes over the vectors of large blocks, where its kernels for the
+// machine at hand are several times faster than code built for any x86-64.
+template <class S>
+void gemv(bool adjoint, const Matrix<S>& a, Index columns, const S* x, S alpha, S beta, S* y) {
+    keepBlasOnOneThread();
+    const int m = static_cast<int>(a.rows()), n = static_cast<int>(columns), one = 1;
+    if (m == 0 || n == 0) {
+        for (Index i = 0; i < (adjoint ? columns : a.rows()); ++i) y[i] *= beta;
+        return;
+    }
+    const char trans = adjoint ? 'C' : 'N';
+    if constexpr (std::is_same_v<S, double>)
+        dgemv_(&trans, &m, &n, &alpha, a.data(), &m, x, &one, &beta, y, &one);
+    else
+        zgemv_(&trans, &m, &n, &alpha, a.data(), &m, x, &one, &beta, y, &one);
+}
+
+// The first `columns` columns of a times b (columns x p), by BLAS.
+template <class S> Matrix<S> times(const Matrix<S>& a, Index columns, const Matrix<S>& b) {
+    keepBlasOnOneThread();
+    Matrix<S> c = Matrix<S>::Zero(a.rows(), b.cols());
+    const int m = static_cast<int>(a.rows()), n = static_cast<int>(b.cols()),
+              k = static_cast<int>(columns), ldb = static_cast<int>(b.rows());
+    if (m == 0 || n == 0 || k == 0) return c;
+    const char none = 'N';
+    const S one(1), zero(0);
+    if constexpr (std::is_same_v<S, double>)
+        dgemm_(&none, &none, &m, &n, &k, &one, a.data(), &m, b.data(), &ldb, &zero, c.data(), &m);
+    else
+        zgemm_(&none, &none, &m, &n, &k, &one, a.data(), &m, b.data(), &ldb, &zero, c.data(), &m);
+    return c;
+}
+
+// v -= basis basis^H v, passes times.
 template <class S> void projectOut(const Matrix<S>& basis, Vector<S>& v, int passes = 2) {
     if (basis.cols() == 0) return;
-    for (int pass = 0; pass < passes; ++pass) v -= basis * (basis.adjoint() * v);
+    Vector<S> c = Vector<S>::Zero(basis.cols());
+    for (int pass = 0; pass < passes; ++pass) {
+        gemv(true, basis, basis.cols(), v.data(), S(1), S(0), c.data());
+        gemv(false, basis, basis.cols(), c.data(), S(-1), S(1), v.data());
+    }
+}
+// The same for every column of v. (v's entries lie as those of its transpose would in a matrix of
+// columns: c = basis^H v is BLAS's basis^H (v^T)^T, and v^T -= c^T basis^T.)
+template <class S> void projectOut(const Matrix<S>& basis, Rows<S>& v, int passes = 2) {
+    if (basis.cols() == 0 || v.size() == 0) return;
+    keepBlasOnOneThread();
+    const int n = static_cast<int>(basis.rows()), k = static_cast<int>(basis.cols()),
+              width = static_cast<int>(v.cols());
+    Matrix<S> c = Matrix<S>::Zero(k, width);
+    const S one(1), minus(-1), zero(0);
+    const char adjoint = 'C', transpose = 'T';
+    for (int pass = 0; pass < passes; ++pass) {
+        if constexpr (std::is_same_v<S, double>) {
+            dgemm_(&transpose, &transpose, &k, &width, &n, &one, basis.data(), &n, v.data(), &width,
+                   &zero, c.data(), &k);
+            dgemm_(&transpose, &transpose, &width, &n, &k, &minus, c.data(), &k, basis.data(), &n,
+                   &one, v.data(), &width);
+        } else {
+            zgemm_(&adjoint, &transpose, &k, &width, &n, &one, basis.data(), &n, v.data(), &width,
+                   &zero, c.data(), &k);
+            zgemm_(&transpose, &transpose, &width, &n, &k, &minus, c.data(), &k, basis.data(), &n,
+                   &one, v.data(), &width);
+        }
+    }
 }
 
 constexpr int lowestWidth = 24; // basis of the search for the lowest levels, at least
@@ -356,12 +576,13 @@ double explore(const BlockOperator<S>& h, Vector<S> v, int width, Found<S>& foun
         const Vector<S> near = basis.middleCols(local, j + 1 - local).adjoint() * w;
         w -= basis.middleCols(local, j + 1 - local) * near;
         c.tail(j + 1 - local) = near;
+        Vector<S> part = Vector<S>::Zero(j + 1);
         for (int pass = 0; pass < 2; ++pass) {
             const double before = w.norm();
-            const Vector<S> part = basis.leftCols(j + 1).adjoint() * w;
-            w -= basis.leftCols(j + 1) * part;
+            gemv(true, basis, j + 1, w.data(), S(1), S(0), part.data());
+            gemv(false, basis, j + 1, part.data(), S(-1), S(1), w.data());
             c += part;
-            if (found.vectors.cols() > 0) w -= found.vectors * (found.vectors.adjoint() * w);
+            projectOut(found.vectors, w, 1);
             if (w.norm() > 0.7 * before) break;
         }
         projected.col(j).head(j + 1) = c;
@@ -398,8 +619,9 @@ double explore(const BlockOperator<S>& h, Vector<S> v, int width, Found<S>& foun
             basis.col(size++) = w / residual;
             continue;
         }
+        const Matrix<S> taking = times(basis, size, Matrix<S>(ritz.eigenvectors().leftCols(taken)));
         for (Index k = 0; k < taken; ++k) {
-            Vector<S> x = basis.leftCols(size) * ritz.eigenvectors().col(k);
+            Vector<S> x = taking.col(k);
             projectOut(found.vectors, x);
             x.normalize();
             found.vectors.conservativeResize(length, found.vectors.cols() + 1);
@@ -412,7 +634,7 @@ double explore(const BlockOperator<S>& h, Vector<S> v, int width, Found<S>& foun
         const Index kept = std::min<Index>({size - taken, std::max(width / 2, 1), width - 1});
         if (kept <= 0) return std::nan("");
         const Matrix<S> restart =
-            basis.leftCols(size) * ritz.eigenvectors().middleCols(taken, kept);
+            times(basis, size, Matrix<S>(ritz.eigenvectors().middleCols(taken, kept)));
         basis.leftCols(kept) = restart;
         projected.setZero();
         projected.diagonal().head(kept) = theta.segment(taken, kept).template cast<S>();
@@ -437,9 +659,12 @@ template <class S> struct Lowest {
 // partner, or one lying lower), and returns the first above them; that check is repeated until
 // it takes nothing. The pairs are converged to near rounding, so the result does not depend
 // (beyond that) on the path the search took: it is smooth in the J values.
+// With a limit, only the levels up to it are wanted: fewer than `count` when the block has
+// fewer there, and none when its lowest lies above it.
 template <class S>
 Lowest<S> lowestLevels(const BlockOperator<S>& h, int count, std::uint64_t seed, int twiceM,
-                       const StopFlag* stop) {
+                       const StopFlag* stop,
+                       double limit = std::numeric_limits<double>::infinity()) {
     const Index n = h.dimension;
     count = static_cast<int>(std::min<Index>(count, n));
     Lowest<S> out;
@@ -451,19 +676,27 @@ Lowest<S> lowestLevels(const BlockOperator<S>& h, int count, std::uint64_t seed,
         const auto wanted = static_cast<std::size_t>(count);
         while (found.values.size() < wanted && found.vectors.cols() < n) {
             // (The first level it does not take may be a partner of one it took.)
-            explore(
-                h, randomVector(h, seed + 7777, twiceM, -1 - start++), width, found,
-                [&](double, Index before) {
-                    return found.values.size() + static_cast<std::size_t>(before) < wanted;
-                },
-                stop);
-        }
-        for (std::size_t before = 0; before != found.values.size() && found.vectors.cols() < n;) {
-            before = found.values.size();
-            const double limit = found.highestOf(count) + sameLevel * found.scale;
             const double above = explore(
                 h, randomVector(h, seed + 7777, twiceM, -1 - start++), width, found,
-                [&](double value, Index) { return value <= limit; }, stop);
+                [&](double value, Index before) {
+                    return found.values.size() + static_cast<std::size_t>(before) < wanted &&
+                           value <= limit;
+                },
+                stop);
+            if (above > limit) { // the levels up to the limit are all there
+                out.next = above;
+                count = static_cast<int>(found.values.size());
+                break;
+            }
+        }
+    }
+    if (count > 0) {
+        for (std::size_t before = 0; before != found.values.size() && found.vectors.cols() < n;) {
+            before = found.values.size();
+            const double highest = found.highestOf(count) + sameLevel * found.scale;
+            const double above = explore(
+                h, randomVector(h, seed + 7777, twiceM, -1 - start++), width, found,
+                [&](double value, Index) { return value <= highest; }, stop);
             if (!std::isnan(above)) out.next = std::min(out.next, above);
         }
     }
@@ -506,11 +739,12 @@ double exactShare(double e, double lowest, double next, double tolerance) {
 // group of levels that are one (degenerate); more only when the `wanted` lowest are all one.
 // The count is decided once, at the first J values of a fit.
 template <class S>
-Lowest<S> lowestAtAGap(const BlockOperator<S>& h, int wanted, std::uint64_t seed, int twiceM,
-                       const StopFlag* stop) {
+Lowest<S> lowestAtAGap(const BlockOperator<S>& h, int wanted, double limit, std::uint64_t seed,
+                       int twiceM, const StopFlag* stop) {
     const Index n = h.dimension;
     for (int count = wanted;;) {
-        Lowest<S> lowest = lowestLevels(h, count, seed, twiceM, stop);
+        Lowest<S> lowest = lowestLevels(h, count, seed, twiceM, stop, limit);
+        if (lowest.values.empty()) return lowest;
         const auto found = static_cast<int>(lowest.values.size());
         const double gap = sameLevel * lowest.scale;
         int cut = found;
@@ -535,6 +769,14 @@ Lowest<S> lowestAtAGap(const BlockOperator<S>& h, int wanted, std::uint64_t seed
 // residuals of up to 1e-10) brings the exact levels back, growing at most as the Lanczos
 // polynomial at them does, which over so few steps leaves them far below what counts.
 constexpr int keepApart = 8;
+
+// Random vectors of a block whose Lanczos runs go side by side (see randomParts), at most: the
+// vectors of a block are split into as few runs as that allows, of sizes as even as can be.
+constexpr std::size_t runsTogether = 8;
+std::size_t runSize(std::size_t vectors) {
+    const std::size_t runs = (vectors + runsTogether - 1) / runsTogether;
+    return (vectors + runs - 1) / std::max<std::size_t>(runs, 1);
+}
 
 // The processes of an MPI run (one without MPI, or when MPI is not initialised) and this one's
 // number.
@@ -626,6 +868,7 @@ struct FtlmSpectrum::Block {
     double weight = 1; // 2 for M > 0 (the block of -M repeats it), twice that for k and m - k
     Index n = 0;
     int exactCount = -1; // levels found exactly, decided at the first J values (-1: not yet)
+    double limit = std::numeric_limits<double>::infinity(); // of the levels found exactly
     bool whole = false;  // diagonalised whole
     double cost = 0;     // estimated seconds
     int process = 0;     // of an MPI run, the one that works on it
@@ -669,10 +912,10 @@ void exactPart(FtlmSpectrum::Block& block, const BlockOperator<S>& h, const Ftlm
         Matrix<S> matrix = h.dense();
         hermitianEigen(matrix, values, false);
     } else {
-        Lowest<S> lowest =
-            block.exactCount < 0
-                ? lowestAtAGap(h, settings.exactLevels, settings.seed, block.twiceM, stop)
-                : lowestLevels(h, block.exactCount, settings.seed, block.twiceM, stop);
+        Lowest<S> lowest = block.exactCount < 0 ? lowestAtAGap(h, settings.exactLevels, block.limit,
+                                                               settings.seed, block.twiceM, stop)
+                                                : lowestLevels(h, block.exactCount, settings.seed,
+                                                               block.twiceM, stop);
         block.exactCount = static_cast<int>(lowest.values.size());
         exact.values = Eigen::Map<Eigen::VectorXd>(lowest.values.data(), block.exactCount);
         exact.vectors = std::move(lowest.vectors);
@@ -695,64 +938,176 @@ void exactPart(FtlmSpectrum::Block& block, const BlockOperator<S>& h, const Ftlm
         part.weight[static_cast<std::size_t>(i)] *= exact.shares[i];
 }
 
-// The levels of random vector r of a block: the part of the exact levels they do not count
-// themselves, and the Ritz pairs of a Lanczos run from r orthogonal to them.
+// The Ritz values of a Lanczos run (the eigenvalues of its tridiagonal matrix: diagonal alpha,
+// off-diagonal beta) and the first component of each eigenvector, by LAPACK's implicit QL/QR
+// (dstev). (Eigen's tridiagonal QR failed to converge on some of these matrices, whose ghost
+// copies of converged levels make near-equal eigenvalues, and left them unsorted and wrong.)
+void ritzPairs(std::vector<double> alpha, std::vector<double> beta, std::vector<double>& values,
+               std::vector<double>& first) {
+    const int n = static_cast<int>(alpha.size());
+    values.clear();
+    first.clear();
+    if (n == 0) return;
+    std::vector<double> z(static_cast<std::size_t>(n) * static_cast<std::size_t>(n)),
+        work(static_cast<std::size_t>(std::max(1, 2 * n - 2)));
+    beta.resize(static_cast<std::size_t>(n)); // dstev's workspace holds n
+    const char jobz = 'V';
+    int info = 0;
+    dstev_(&jobz, &n, alpha.data(), beta.data(), z.data(), &n, work.data(), &info);
+    if (info != 0)
+        throw std::runtime_error("LAPACK dstev failed with info " + std::to_string(info) +
+                                 " on a Lanczos run of FTLM");
+    values = std::move(alpha);
+    for (std::size_t k = 0; k < values.size(); ++k) first.push_back(z[k * values.size()]);
+}
+
+// The levels of the random vectors `samples` of a block, one part each: the part of the exact
+// levels they do not count themselves, and the Ritz pairs of Lanczos runs from them orthogonal to
+// those. The runs go side by side, one product of H for all of them at each step; each run is
+// the same as it would be alone.
 template <class S>
-void randomPart(const FtlmSpectrum::Block& block, const BlockOperator<S>& h, const Exact<S>& exact,
-                int r, int vectors, const FtlmSettings& settings, Part& part) {
-    const Index n = h.dimension;
+void randomParts(const FtlmSpectrum::Block& block, const BlockOperator<S>& h, const Exact<S>& exact,
+                 const std::vector<int>& samples, int vectors, const FtlmSettings& settings,
+                 const std::vector<Part*>& parts) {
+    const Index n = h.dimension, length = h.length();
+    const auto width = static_cast<Index>(samples.size());
+    const auto columns = static_cast<std::size_t>(width);
     // With E[r r^H] = 1, r^H A r estimates the trace of A: the part of the exact levels that
     // they do not count themselves, and the rest of the trace from r orthogonal to them.
-    Vector<S> v = randomVector(h, settings.seed, block.twiceM, r), w;
-    const Vector<S> onExact = exact.vectors.adjoint() * v;
-    for (Index i = 0; i < onExact.size(); ++i) {
-        part.energy.push_back(exact.values[i]);
-        part.weight.push_back(block.weight * (1 - exact.shares[i]) * std::norm(onExact[i]) /
-                              vectors);
-        part.sample.push_back(r);
-    }
+    Rows<S> v(length, width), w(length, width);
+    for (Index c = 0; c < width; ++c)
+        v.col(c) =
+            randomVector(h, settings.seed, block.twiceM, samples[static_cast<std::size_t>(c)]);
+    const Matrix<S> onExact = exact.vectors.adjoint() * v;
+    for (std::size_t c = 0; c < columns; ++c)
+        for (Index i = 0; i < onExact.rows(); ++i) {
+            parts[c]->energy.push_back(exact.values[i]);
+            parts[c]->weight.push_back(block.weight * (1 - exact.shares[i]) *
+                                       std::norm(onExact(i, static_cast<Index>(c))) / vectors);
+            parts[c]->sample.push_back(samples[c]);
+        }
     projectOut(exact.vectors, v);
-    const double share = block.weight * v.squaredNorm() / vectors;
-    v.normalize();
+    std::vector<double> share(columns);
+    for (std::size_t c = 0; c < columns; ++c) {
+        const auto column = static_cast<Index>(c);
+        share[c] = block.weight * v.col(column).squaredNorm() / vectors;
+        v.col(column).normalize();
+    }
     if (exact.wholeValues.size() > 0) {
-        const Vector<S> overlap = exact.whole.adjoint() * h.compact(v);
-        for (Index k = 0; k < overlap.size(); ++k) {
-            part.energy.push_back(exact.wholeValues[k]);
-            part.weight.push_back(share * std::norm(overlap[k]));
-            part.sample.push_back(r);
+        for (std::size_t c = 0; c < columns; ++c) {
+            const Vector<S> overlap =
+                exact.whole.adjoint() * h.compact(v.col(static_cast<Index>(c)));
+            for (Index k = 0; k < overlap.size(); ++k) {
+                parts[c]->energy.push_back(exact.wholeValues[k]);
+                parts[c]->weight.push_back(share[c] * std::norm(overlap[k]));
+                parts[c]->sample.push_back(samples[c]);
+            }
         }
         return;
     }
     const int steps = static_cast<int>(std::min<Index>(settings.steps, n - exact.vectors.cols()));
-    Vector<S> previous = Vector<S>::Zero(v.size());
-    std::vector<double> alpha, beta;
-    double norm = 0, scale = 0;
+    Rows<S> previous = Rows<S>::Zero(length, width);
+    std::vector<std::vector<double>> alpha(columns), beta(columns);
+    std::vector<double> norm(columns, 0.0), scale(columns, 0.0), dot(columns), square(columns);
+    std::vector<char> active(columns, 1);
     for (int m = 0; m < steps; ++m) {
         h.apply(v, w);
-        alpha.push_back(std::real(v.dot(w)));
-        w -= alpha.back() * v + norm * previous;
+        // alpha = v^H w, then w -= alpha v + beta previous, column by column in one pass each.
+        lanczosDots(v.data(), w.data(), length, width, dot.data());
+        for (std::size_t c = 0; c < columns; ++c)
+            if (active[c]) alpha[c].push_back(dot[c]);
+        lanczosUpdate(v.data(), previous.data(), length, width, dot.data(), norm.data(), w.data());
         if ((m + 1) % keepApart == 0) {
             projectOut(exact.vectors, w, 1);
             projectOut(exact.vectors, v, 1);
         }
-        norm = w.norm();
-        scale = std::max({scale, std::abs(alpha.back()), norm});
-        if (m + 1 == steps || norm < 1e-12 * scale) break;
-        beta.push_back(norm);
+        lanczosSquares(w.data(), length, width, square.data());
+        bool any = false;
+        for (std::size_t c = 0; c < columns; ++c) {
+            norm[c] = std::sqrt(square[c]);
+            if (!active[c]) continue;
+            scale[c] = std::max({scale[c], std::abs(alpha[c].back()), norm[c]});
+            if (m + 1 == steps || norm[c] < 1e-12 * scale[c])
+                active[c] = 0; // this run ends: its columns are zero from now on
+            else
+                beta[c].push_back(norm[c]);
+            any = any || active[c];
+        }
+        if (!any) break;
         previous.swap(v);
-        v = w / norm;
+        for (std::size_t c = 0; c < columns; ++c) {
+            square[c] = active[c] ? 1 / norm[c] : 0.0;
+            if (!active[c]) norm[c] = 0;
+        }
+        // v = w / beta, and a run that ended keeps zeros.
+        lanczosNext(w.data(), square.data(), length, width, v.data(), previous.data());
     }
-    const auto m = static_cast<Index>(alpha.size());
-    Eigen::VectorXd d = Eigen::Map<Eigen::VectorXd>(alpha.data(), m);
-    Eigen::VectorXd e = Eigen::Map<Eigen::VectorXd>(beta.data(), m - 1);
-    Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> tri;
-    tri.computeFromTridiagonal(d, e, Eigen::ComputeEigenvectors);
-    for (Index k = 0; k < m; ++k) {
-        const double first = tri.eigenvectors()(0, k);
-        part.energy.push_back(tri.eigenvalues()[k]);
-        part.weight.push_back(share * first * first);
-        part.sample.push_back(r);
+    for (std::size_t c = 0; c < columns; ++c) {
+        std::vector<double> values, first;
+        ritzPairs(alpha[c], beta[c], values, first);
+        for (std::size_t k = 0; k < values.size(); ++k) {
+            parts[c]->energy.push_back(values[k]);
+            parts[c]->weight.push_back(share[c] * first[k] * first[k]);
+            parts[c]->sample.push_back(samples[c]);
+        }
     }
+}
+
+// The sketch of a block's spectrum that decides which of its levels are found exactly: the Ritz
+// pairs of a short Lanczos run from its first random vector, weighted as an estimate of the
+// block's trace (as one random vector alone would weigh them).
+constexpr int sketchSteps = 40;
+template <class S>
+void sketch(const FtlmSpectrum::Block& block, const BlockOperator<S>& h,
+            const FtlmSettings& settings, Part& part) {
+    Exact<S> none;
+    none.vectors.resize(h.length(), 0);
+    FtlmSettings brief = settings;
+    brief.steps = std::min(settings.steps, sketchSteps);
+    randomParts(block, h, none, {0}, 1, brief, {&part});
+}
+
+// A level counts where at some temperature of the data it holds more than this share of Z, or
+// of the sum of M^2 e^(-E/T) (chi T follows their ratio).
+constexpr double countingShare = 1e-3;
+
+// From the sketches of all blocks (M of block b: twiceM[b] / 2), the energy up to which the
+// levels of each block count: E0 + the largest T (ln(1/share) - ln z(T)) over the temperatures,
+// with z(T) the sketch's Z(T) e^(E0/T), and for M != 0 the same with M^2 / the sketch's sum of
+// M^2 e^(-(E - E0)/T). The temperatures: 64 from the lowest to the highest, evenly in ln T.
+std::vector<double> countingLimits(const std::vector<Part>& sketches,
+                                   const std::vector<int>& twiceM, double lowest, double highest) {
+    double e0 = std::numeric_limits<double>::infinity();
+    for (const Part& part : sketches)
+        for (double e : part.energy) e0 = std::min(e0, e);
+    constexpr int count = 64;
+    highest = std::max(highest, lowest);
+    std::vector<double> t(count), z(count, 0.0), m2(count, 0.0);
+    for (int i = 0; i < count; ++i)
+        t[static_cast<std::size_t>(i)] = lowest * std::pow(highest / lowest, i / (count - 1.0));
+    for (std::size_t b = 0; b < sketches.size(); ++b) {
+        const double moment = twiceM[b] * twiceM[b] / 4.0;
+        const Part& part = sketches[b];
+        for (std::size_t l = 0; l < part.energy.size(); ++l)
+            for (std::size_t i = 0; i < t.size(); ++i) {
+                const double f = part.weight[l] * std::exp(-(part.energy[l] - e0) / t[i]);
+                z[i] += f;
+                m2[i] += f * moment;
+            }
+    }
+    const double share = std::log(1 / countingShare);
+    std::vector<double> limits;
+    for (int twice : twiceM) {
+        const double moment = twice * twice / 4.0;
+        double limit = -std::numeric_limits<double>::infinity();
+        for (std::size_t i = 0; i < t.size(); ++i) {
+            if (z[i] > 0) limit = std::max(limit, t[i] * (share - std::log(z[i])));
+            if (moment > 0 && m2[i] > 0)
+                limit = std::max(limit, t[i] * (share + std::log(moment / m2[i])));
+        }
+        limits.push_back(e0 + limit);
+    }
+    return limits;
 }
 
 // The orbits of a sector and the rows of H on them.
@@ -975,6 +1330,32 @@ FtlmSpectrum::FtlmSpectrum(const SpinSystem& system, const FtlmSettings& setting
 
 FtlmSpectrum::~FtlmSpectrum() = default;
 
+void FtlmSpectrum::decideExactLevels(const std::vector<std::size_t>& mine) {
+    std::vector<Part> sketches(blocks_.size());
+    parallelFor(static_cast<long>(mine.size()), threads_, stop_, [&](long index) {
+        const std::size_t b = mine[static_cast<std::size_t>(index)];
+        const Block& block = *blocks_[b];
+        if (block.real)
+            sketch(block, *block.real, settings_, sketches[b]);
+        else
+            sketch(block, *block.complex, settings_, sketches[b]);
+    });
+    const int self = thisProcess();
+    shareParts(sketches, [&](std::size_t b) { return blocks_[b]->process == self; });
+    std::vector<int> twiceM;
+    for (const auto& block : blocks_) twiceM.push_back(block->twiceM);
+    const std::vector<double> limits =
+        countingLimits(sketches, twiceM, settings_.lowestTemperature, settings_.highestTemperature);
+    for (std::size_t b = 0; b < blocks_.size(); ++b) {
+        Block& block = *blocks_[b];
+        if (block.whole || block.exactCount >= 0) continue;
+        block.limit = limits[b];
+        const std::vector<double>& e = sketches[b].energy;
+        // The sketch's lowest Ritz value lies above the block's lowest level, by little.
+        if (!e.empty() && *std::min_element(e.begin(), e.end()) > limits[b]) block.exactCount = 0;
+    }
+}
+
 void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
     std::vector<double> j(std::max<std::size_t>(usedJ_.size(), 1), 0.0);
     for (std::size_t slot = 0; slot < usedJ_.size(); ++slot)
@@ -994,6 +1375,10 @@ void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
     std::vector<std::size_t> mine;
     for (std::size_t b : order)
         if (blocks_[b]->process == self) mine.push_back(b);
+    if (settings_.lowestTemperature > 0 &&
+        std::any_of(blocks_.begin(), blocks_.end(),
+                    [](const auto& block) { return block->exactCount < 0 && !block->whole; }))
+        decideExactLevels(mine);
     parallelFor(static_cast<long>(mine.size()), threads_, stop_, [&](long index) {
         const std::size_t b = mine[static_cast<std::size_t>(index)];
         Block& block = *blocks_[b];
@@ -1006,23 +1391,35 @@ void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
     for (std::size_t b : order)
         if (!blocks_[b]->whole)
             for (int r = 0; r < vectors; ++r) tasks.emplace_back(b, r);
-    std::vector<Part> randomParts(tasks.size());
-    std::vector<std::size_t> myTasks;
+    std::vector<Part> sampled(tasks.size());
+    // The vectors of a block go side by side, runSize of them at a time (a run: tasks[first..]).
+    const std::size_t together = runSize(static_cast<std::size_t>(vectors));
+    std::vector<std::size_t> runs;
     for (std::size_t t = 0; t < tasks.size(); ++t)
-        if (blocks_[tasks[t].first]->process == self) myTasks.push_back(t);
-    parallelFor(static_cast<long>(myTasks.size()), threads_, stop_, [&](long at) {
-        const std::size_t index = myTasks[static_cast<std::size_t>(at)];
-        const auto [b, r] = tasks[index];
+        if (blocks_[tasks[t].first]->process == self &&
+            (runs.empty() || tasks[runs.back()].first != tasks[t].first ||
+             t - runs.back() == together))
+            runs.push_back(t);
+    parallelFor(static_cast<long>(runs.size()), threads_, stop_, [&](long at) {
+        const std::size_t first = runs[static_cast<std::size_t>(at)];
+        const std::size_t b = tasks[first].first;
+        std::vector<int> samples;
+        std::vector<Part*> into;
+        for (std::size_t t = first;
+             t < tasks.size() && tasks[t].first == b && samples.size() < together; ++t) {
+            samples.push_back(tasks[t].second);
+            into.push_back(&sampled[t]);
+        }
         const Block& block = *blocks_[b];
-        Part& part = randomParts[index];
         if (block.real)
-            randomPart(block, *block.real, block.exactReal, r, vectors, settings_, part);
+            randomParts(block, *block.real, block.exactReal, samples, vectors, settings_, into);
         else
-            randomPart(block, *block.complex, block.exactComplex, r, vectors, settings_, part);
+            randomParts(block, *block.complex, block.exactComplex, samples, vectors, settings_,
+                        into);
     });
     // Every level with the M of its block.
     std::vector<Part> parts = std::move(exactParts);
-    for (Part& part : randomParts) parts.push_back(std::move(part));
+    for (Part& part : sampled) parts.push_back(std::move(part));
     shareParts(parts, [&](std::size_t p) {
         return blocks_[p < count ? p : tasks[p - count].first]->process == self;
     });

@@ -21,6 +21,14 @@
 // is summed over its eigenvectors instead. Each Ritz pair becomes a level of fractional weight
 // tagged with its random vector, so that the spread over the vectors gives the error of the
 // estimate.
+//
+// Which levels are found exactly is decided at the first J values, from the temperatures of the
+// data: a short Lanczos run from one random vector of every block sketches the spectrum (Z(T)
+// relative to the lowest level, and the sum of M^2 e^(-E/T) that chi follows), and a level
+// counts where at some temperature of the data it holds more than a thousandth of either (of the
+// second only in blocks of M != 0). A block keeps exact at most exactLevels of the levels that
+// count, and none when even its lowest does not: the levels of large M, and those far above the
+// lowest in a large cluster, are left to the random vectors, which carry them well there.
 #pragma once
 
 #include <cstdint>
@@ -38,11 +46,14 @@ struct Levels;
 struct FtlmSettings {
     int vectors = 20;        // random vectors per block
     int steps = 100;         // Lanczos steps per random vector
-    int exactLevels = 8;     // lowest levels of every block found exactly (fewer at a
-                             // degenerate group: see FtlmSpectrum)
+    int exactLevels = 8;     // lowest levels of a block found exactly, at most (fewer at a
+                             // degenerate group, or where they do not count: see FtlmSpectrum)
     long denseLimit = 2000;  // blocks up to this size are diagonalised whole
     std::uint64_t seed = 1;
     bool symmetry = true; // split the M sectors by a cyclic symmetry of the cluster
+    // The temperatures of the data (K; 0: not known). With them, a block's levels are found
+    // exactly only where they count at some temperature of the data (see FtlmSpectrum).
+    double lowestTemperature = 0, highestTemperature = 0;
 };
 
 // The blocks worked on (M >= 0, and with symmetry k <= m/2), their dimensions, the estimated
@@ -89,6 +100,10 @@ public:
     struct Sector;
 
 private:
+    // At the first J values: which levels of every block are found exactly (see above); mine:
+    // the blocks this process works on.
+    void decideExactLevels(const std::vector<std::size_t>& mine);
+
     SpinSystem system_;
     FtlmSettings settings_;
     int threads_;

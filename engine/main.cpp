@@ -88,6 +88,18 @@ void installStopHandlers() {
 }
 
 // How FTLM's M sectors are split: "M sectors split by the characters of (1 2 3 4 5 6), order 6".
+// FTLM finds levels exactly only where they count at the temperatures of the data.
+FtlmSettings withTemperatures(FtlmSettings settings, const Problem& problem) {
+    std::vector<double> t;
+    for (const Point& point : problem.points) t.push_back(point.temperature);
+    for (const MagnetisationPoint& point : problem.magnetisation) t.push_back(point.temperature);
+    if (!t.empty()) {
+        settings.lowestTemperature = *std::min_element(t.begin(), t.end());
+        settings.highestTemperature = *std::max_element(t.begin(), t.end());
+    }
+    return settings;
+}
+
 std::string ftlmSymmetryText(const SpinSystem& system, const FtlmSettings& settings) {
     const FtlmSizes sizes = ftlmSizes(system, settings.symmetry);
     std::string text = sizes.order > 1 ? "M sectors split by the characters of " + sizes.symmetry +
@@ -833,10 +845,11 @@ int run(const Options& options) {
                                    ? options.maxMemoryGiB * 1024 * 1024 * 1024
                                    : std::min(16.0 * 1024 * 1024 * 1024, 0.8 * physicalMemory());
     const int threads = options.threads > 0 ? options.threads : defaultThreads();
+    const FtlmSettings ftlmSettings = withTemperatures(options.ftlm, problem);
     auto planned = [&](Method kind) {
-        Plan plan = planSpectrum(system, kind, threads, group, options.ftlm, whole);
+        Plan plan = planSpectrum(system, kind, threads, group, ftlmSettings, whole);
         while (plan.bytes > memoryLimit && plan.threads > 1)
-            plan = planSpectrum(system, kind, plan.threads - 1, group, options.ftlm, whole);
+            plan = planSpectrum(system, kind, plan.threads - 1, group, ftlmSettings, whole);
         return plan;
     };
     int freeJ = 0;
@@ -971,7 +984,8 @@ int main(int argc, char** argv) {
                    "FTLM: Lanczos steps per random vector (default 100)")
         ->check(CLI::Range(10, 10000));
     app.add_option("--ftlm-exact", options.ftlm.exactLevels,
-                   "FTLM: lowest levels of every block found exactly (default 8)")
+                   "FTLM: lowest levels of a block found exactly, at most (default 8; only those "
+                   "that count at the temperatures of the data)")
         ->check(CLI::Range(0, 1000));
     app.add_option("--ftlm-error", options.ftlmError,
                    "FTLM: add random vectors until the relative standard error at every fitted "

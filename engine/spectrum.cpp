@@ -49,15 +49,10 @@ const char* methodName(Method method) {
 
 int blasThreads() { return openblas_get_num_threads(); }
 
-namespace {
-
-// Once, before the first LAPACK or BLAS call: OpenBLAS's own threads stay idle.
 void keepBlasOnOneThread() {
     static const bool once = (openblas_set_num_threads(1), true);
     (void)once;
 }
-
-} // namespace
 
 int defaultThreads() { return static_cast<int>(std::max(1u, std::thread::hardware_concurrency())); }
 

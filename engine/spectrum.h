@@ -162,5 +162,8 @@ void symmetricEigen(Eigen::MatrixXd& matrix, Eigen::VectorXd& values, bool vecto
 
 // How many threads OpenBLAS would use for one call (the engine keeps it at 1).
 int blasThreads();
+// Before the first BLAS or LAPACK call of a thread's work: OpenBLAS's own threads stay idle (the
+// engine runs its blocks side by side instead).
+void keepBlasOnOneThread();
 
 } // namespace corefit
