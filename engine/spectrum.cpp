@@ -693,9 +693,10 @@ Plan planSpectrum(const SpinSystem& system, Method method, int threads,
         levels += n;
         const double values = eigenSeconds(n, plan.method == Method::Full);
         // eigenvectors, then the slopes: one dense product per J, or a pass over the sparse
-        // entries per slice of eigenvectors
+        // entries per slice of eigenvectors (those of all J but one, whose slopes follow)
         const double withSlopes =
-            eigenSeconds(n, true) + (sparse ? 2e-9 * entries * n : k * 1.0e-10 * n * n * n);
+            eigenSeconds(n, true) +
+            (sparse ? 2e-9 * entries * n * (k > 1 ? (k - 1) / k : 1.0) : k * 1.0e-10 * n * n * n);
         spectrum += values;
         slopes += withSlopes;
         longest = std::max(longest, values);
@@ -767,6 +768,78 @@ void separateByM(Eigen::MatrixXd& vectors, const Eigen::VectorXd& values,
                 static_cast<int>(std::lround(2 * solver.eigenvalues()[k]));
         from = to;
     }
+}
+
+
+// Hellmann-Feynman slopes dE/dJ_k = <v|H_k|v> of `count` eigenvectors (the columns of `vectors`,
+// n rows each), levels from `from` on, from the sparse lower triangles H_k: the sum over their
+// entries h_ij of (2 - delta_ij) h_ij v_i v_j, for 64 vectors at a time, transposed so that their
+// i-th elements lie side by side.
+void addSlopes(const double* vectors, Index n, Index from, Index count,
+               const std::vector<Term>& terms, const std::vector<char>& wanted,
+               std::vector<Eigen::VectorXd>& slopes) {
+    constexpr Index width = 64;
+    Eigen::MatrixXd slice;
+    Eigen::ArrayXd sum;
+    for (Index part = 0; part < count; part += width) {
+        const Index w = std::min(width, count - part);
+        slice = Eigen::Map<const Eigen::MatrixXd>(vectors + part * n, n, w).transpose();
+        for (std::size_t slot = 0; slot < terms.size(); ++slot) {
+            if (!wanted[slot]) continue;
+            sum.setZero(w);
+            double* total = sum.data();
+            for (Index column = 0; column < n; ++column) {
+                const double* x = slice.data() + column * w;
+                for (Term::InnerIterator it(terms[slot], column); it; ++it) {
+                    const double* y = slice.data() + it.row() * w;
+                    const double h = it.row() == column ? it.value() : 2 * it.value();
+                    for (Index i = 0; i < w; ++i) total[i] += h * x[i] * y[i];
+                }
+            }
+            slopes[slot].segment(from + part, w) = sum.matrix();
+        }
+    }
+}
+
+
+// The J slopes of a block whose Hamiltonian per J is kept sparse, from its eigenvectors (the
+// columns of `vectors`) and levels. Hellmann-Feynman gives sum_k J_k dE/dJ_k = E, so one slope
+// follows from the others: when every J is wanted, that of the term with the most entries
+// (the long paths of a coupled basis fill theirs) is taken as (E - sum of the others) / J, where
+// its J is not small beside the others (a quarter of the largest at least), so that nothing
+// is lost to rounding.
+void sparseSlopes(const Eigen::MatrixXd& vectors, const Eigen::VectorXd& values,
+                  const std::vector<Term>& terms, const std::vector<double>& j,
+                  const std::vector<char>& wanted, std::vector<Eigen::VectorXd>& slopes) {
+    const Index n = values.size();
+    const std::size_t used = terms.size();
+    double largest = 0;
+    for (double value : j) largest = std::max(largest, std::abs(value));
+    std::size_t derived = used;
+    for (std::size_t slot = 0; slot < used; ++slot)
+        if (wanted[slot] && j[slot] != 0 && std::abs(j[slot]) >= 0.25 * largest &&
+            (derived == used || terms[slot].nonZeros() > terms[derived].nonZeros()))
+            derived = slot;
+    // By the sum, every other slope is needed: worth it when that costs fewer entries.
+    Index direct = 0, others = 0;
+    for (std::size_t slot = 0; slot < used; ++slot) {
+        if (wanted[slot]) direct += terms[slot].nonZeros();
+        if (slot != derived) others += terms[slot].nonZeros();
+    }
+    if (derived < used && others >= direct) derived = used;
+    std::vector<char> compute = wanted;
+    if (derived < used)
+        for (std::size_t slot = 0; slot < used; ++slot) compute[slot] = slot != derived;
+    for (std::size_t slot = 0; slot < used; ++slot)
+        if (compute[slot]) slopes[slot].resize(n);
+    addSlopes(vectors.data(), n, 0, n, terms, compute, slopes);
+    if (derived == used) return;
+    Eigen::VectorXd rest = values;
+    for (std::size_t slot = 0; slot < used; ++slot)
+        if (slot != derived) rest -= j[slot] * slopes[slot];
+    slopes[derived] = rest / j[derived];
+    for (std::size_t slot = 0; slot < used; ++slot)
+        if (!wanted[slot]) slopes[slot] = Eigen::VectorXd();
 }
 
 } // namespace
@@ -982,9 +1055,12 @@ void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
         if (used == 1 && wanted(0)) block.slopes[0] = block.unitValues;
         return;
     }
+    // The sum at these J values, its lower triangle (which is all the sparse terms hold).
     Eigen::MatrixXd matrix = Eigen::MatrixXd::Zero(n, n);
+    std::vector<double> jUsed(used);
     for (std::size_t slot = 0; slot < used; ++slot) {
         const double j = jKelvin[static_cast<std::size_t>(usedJ_[slot])];
+        jUsed[slot] = j;
         if (!block.perJ.empty()) {
             matrix += j * block.perJ[slot];
             continue;
@@ -994,40 +1070,16 @@ void Spectrum::diagonalise(Block& block, const std::vector<double>& jKelvin,
             for (Term::InnerIterator it(term, column); it; ++it)
                 matrix(it.row(), column) += j * it.value();
     }
-    bool anySlope = false;
-    for (std::size_t slot = 0; slot < used; ++slot) anySlope = anySlope || wanted(slot);
+    std::vector<char> want(used, 0);
+    for (std::size_t slot = 0; slot < used; ++slot) want[slot] = wanted(slot) ? 1 : 0;
+    const bool anySlope = std::any_of(want.begin(), want.end(), [](char w) { return w != 0; });
     const bool vectors = anySlope || plan_.method == Method::Full;
     symmetricEigen(matrix, block.values, vectors);
     if (plan_.method == Method::Full)
         separateByM(matrix, block.values, block.stateTwiceM, block.twiceM);
     if (!anySlope) return;
-    // Hellmann-Feynman: dE_n/dJ_k = <n| H_k |n> = sum_i U_in (H_k U)_in. With sparse H_k (its
-    // lower triangle): sum over its entries h_ij of (2 - delta_ij) h_ij U_in U_jn, for a slice of
-    // eigenvectors at a time, transposed so that the slice's U_i. lie side by side.
     if (block.perJ.empty()) {
-        constexpr Index width = 64;
-        Eigen::MatrixXd slice;
-        Eigen::ArrayXd sum;
-        for (std::size_t slot = 0; slot < used; ++slot)
-            if (wanted(slot)) block.slopes[slot].resize(n);
-        for (Index from = 0; from < n; from += width) {
-            const Index w = std::min(width, n - from);
-            slice = matrix.middleCols(from, w).transpose();
-            for (std::size_t slot = 0; slot < used; ++slot) {
-                if (!wanted(slot)) continue;
-                sum.setZero(w);
-                double* total = sum.data();
-                for (Index column = 0; column < n; ++column) {
-                    const double* x = slice.data() + column * w;
-                    for (Term::InnerIterator it(block.terms[slot], column); it; ++it) {
-                        const double* y = slice.data() + it.row() * w;
-                        const double h = it.row() == column ? it.value() : 2 * it.value();
-                        for (Index i = 0; i < w; ++i) total[i] += h * x[i] * y[i];
-                    }
-                }
-                block.slopes[slot].segment(from, w) = sum.matrix();
-            }
-        }
+        sparseSlopes(matrix, block.values, block.terms, jUsed, want, block.slopes);
         return;
     }
     Eigen::MatrixXd product(n, n);

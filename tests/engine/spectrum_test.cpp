@@ -144,6 +144,32 @@ TEST(Spectrum, KeepsTheLastSpectrum) {
     EXPECT_EQ(spectrum.diagonalisations(), 2);
 }
 
+// One slope of a sparse block may come from the others by sum_k J_k dE/dJ_k = E: asking for
+// any of the J, with one J zero or small, gives the slopes of dense products per J.
+TEST(Spectrum, SlopesOfAnyJAgreeWhicheverAreAskedFor) {
+    const Cluster cluster = clusters()[1];
+    for (const std::vector<double>& j :
+         {cluster.j, std::vector<double>{-10, 0, 7}, std::vector<double>{-10, 1e-3, 7}}) {
+        // Reference: the slopes from dense products per J, on the same eigenvectors.
+        Plan dense = planSpectrum(cluster.system, Method::SBlocks);
+        dense.denseTerms = true;
+        Spectrum reference(cluster.system, dense, 1);
+        const std::vector<std::vector<double>> alone = reference.levels(j, {true, true, true}).slope;
+        for (int mask = 1; mask < 8; ++mask) {
+            const std::vector<bool> asked{(mask & 1) != 0, (mask & 2) != 0, (mask & 4) != 0};
+            Spectrum spectrum(cluster.system, planSpectrum(cluster.system, Method::SBlocks), 1);
+            const Levels& levels = spectrum.levels(j, asked);
+            for (std::size_t k = 0; k < 3; ++k) {
+                ASSERT_EQ(levels.slope[k].size(), asked[k] ? alone[k].size() : 0U)
+                    << "mask " << mask << ", J" << k + 1;
+                for (std::size_t n = 0; n < levels.slope[k].size(); ++n)
+                    ASSERT_NEAR(levels.slope[k][n], alone[k][n], 1e-9 * (1 + std::abs(alone[k][n])))
+                        << "mask " << mask << ", J" << k + 1 << ", level " << n;
+            }
+        }
+    }
+}
+
 TEST(Spectrum, LeavesLapackOnOneThreadWhateverItsOwnThreads) {
     // OpenBLAS's threads wait for each other at every step of a dsyevd: next to other work on
     // the machine that made a spectrum many times slower than on one thread. Blocks run side by
