@@ -770,7 +770,6 @@ void separateByM(Eigen::MatrixXd& vectors, const Eigen::VectorXd& values,
     }
 }
 
-
 // Hellmann-Feynman slopes dE/dJ_k = <v|H_k|v> of `count` eigenvectors (the columns of `vectors`,
 // n rows each), levels from `from` on, from the sparse lower triangles H_k: the sum over their
 // entries h_ij of (2 - delta_ij) h_ij v_i v_j, for 64 vectors at a time, transposed so that their
@@ -800,7 +799,6 @@ void addSlopes(const double* vectors, Index n, Index from, Index count,
         }
     }
 }
-
 
 // The J slopes of a block whose Hamiltonian per J is kept sparse, from its eigenvectors (the
 // columns of `vectors`) and levels. Hellmann-Feynman gives sum_k J_k dE/dJ_k = E, so one slope
