@@ -65,4 +65,5 @@ fi
 if [ "$large" = "--large" ]; then
     ring fe10 10 5
     measure "10 x 5/2 new (4 vectors)" "$work/fe10" "$new" --method ftlm --ftlm-vectors 4
+    measure "10 x 5/2 new (5 vectors)" "$work/fe10" "$new" --method ftlm --ftlm-vectors 5
 fi

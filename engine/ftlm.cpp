@@ -1192,6 +1192,11 @@ void buildSector(const SpinSystem& system, const Cyclic& cyclic, const Coder& co
 
 } // namespace
 
+double ftlmSearchShare(const FtlmSettings& settings) {
+    // Measured on the rings of 18 and 20 x S=1/2 and 8 to 10 x S=5/2 from 2 to 300 K.
+    return settings.lowestTemperature > 0 ? 0.4 : 1.0;
+}
+
 FtlmBlockCost ftlmBlockCost(double n, double nonzeros, bool complex, const FtlmSettings& settings) {
     // Seconds on one core (AMD EPYC, 2026), from the parts of a spectrum measured apart: the
     // sparse product per element, a pass over a vector per entry, dsyevd per n^3 (zheevd four
@@ -1201,10 +1206,12 @@ FtlmBlockCost ftlmBlockCost(double n, double nonzeros, bool complex, const FtlmS
     const double factor = complex ? 3 : 1;
     const double product = factor * (nonzeros * 0.9e-9 + n * 3e-9);
     const double levels = std::min<double>(settings.exactLevels, n) + 2;
-    const double search = levels * 70 * (product + factor * n * 3e-9);
+    const double search = ftlmSearchShare(settings) * levels * 70 * (product + factor * n * 3e-9);
     const double steps = std::min<double>(settings.steps, n);
+    // The random vectors run side by side (several per pass over the rows): half the cost of
+    // one at a time.
     const double lanczos =
-        search + settings.vectors * (steps * product + 3e-9 * steps * steps * steps);
+        search + settings.vectors * (0.5 * steps * product + 3e-9 * steps * steps * steps);
     const double dense = (complex ? 4 : 1) * 7.5e-11 * n * n * n;
     FtlmBlockCost cost;
     cost.whole = n <= static_cast<double>(settings.denseLimit) && dense <= lanczos;

@@ -70,6 +70,10 @@ struct FtlmSizes {
 // before anything is built; exact as doubles up to 2^53.
 FtlmSizes ftlmSizes(const SpinSystem& system, bool symmetry = true);
 
+// How much of the search for exact levels a plan counts on: where the temperatures of the data
+// are known, only the blocks whose levels count there search (some 0.4 of the work on rings).
+double ftlmSearchShare(const FtlmSettings& settings);
+
 // The estimated cost of one block on one thread: seconds per spectrum, and whether it is
 // diagonalised whole (at most denseLimit states, and cheaper so than by Lanczos). n: its
 // dimension; nonzeros: of its rows; complex: a complex block.

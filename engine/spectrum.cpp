@@ -548,7 +548,7 @@ Plan planFtlm(const SpinSystem& system, Plan plan) {
             // found, on vectors of the sector's length.
             const double length = n * 1.1;
             const double width = std::max(24.0, 2.0 * f.exactLevels + 20);
-            stored += (f.exactLevels + 1) * length * scalar;
+            stored += ftlmSearchShare(f) * (f.exactLevels + 1) * length * scalar;
             working = std::max(working, (1.5 * width + f.exactLevels + 8) * length * scalar);
         }
         seconds += cost.seconds;
