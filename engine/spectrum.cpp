@@ -547,7 +547,7 @@ Plan planFtlm(const SpinSystem& system, Plan plan) {
             // search's basis, the Ritz vectors kept at a restart (half of it) and the levels
             // found, on vectors of the sector's length.
             const double length = n * 1.1;
-            const double width = std::max(24.0, 2.0 * f.exactLevels + 20);
+            const double width = std::max(16.0, f.exactLevels + 12.0);
             stored += ftlmSearchShare(f) * (f.exactLevels + 1) * length * scalar;
             working = std::max(working, (1.5 * width + f.exactLevels + 8) * length * scalar);
         }
