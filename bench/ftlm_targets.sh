@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # FTLM targets, whole corefit runs side by side in one session: the engine before the symmetry
 # blocks (PRESENT, a corefit built from an earlier commit) beside this one (NEW), alternately,
-# on the same input; wall and CPU seconds, peak memory and the largest standard error FTLM states.
+# on the same input; wall and CPU seconds, peak memory, the largest standard error FTLM states and
+# the run's own estimate of its time (the setup line "a fit takes about").
 #   bench/ftlm_targets.sh PRESENT NEW [MPI_NEW] [--large]
 # MPI_NEW: an MPI build of this corefit, for the run under mpirun -np 2 beside one process.
 # --large adds Fe10 (10 x S=5/2 ring, 6.0e7 states).
@@ -36,17 +37,19 @@ measure() {
     shift 2
     local start end
     start=$(date +%s.%N)
-    /usr/bin/time -f "%U %S %M" -o "$work/time" "$@" "$dir/input.txt" > /dev/null 2>&1 || true
+    /usr/bin/time -f "%U %S %M" -o "$work/time" "$@" "$dir/input.txt" > "$work/stdout" 2>&1 || true
     end=$(date +%s.%N)
-    local error
+    local error estimate
     error=$(tail -1 "$dir/output.txt" 2>/dev/null | sed -n 's/.*largest \([0-9.]* %\).*/\1/p')
+    estimate=$(sed -n 's/.*a fit takes about \([0-9.e+]*\) s.*/\1/p' "$work/stdout" | head -1)
     read -r user system kb < "$work/time"
-    printf '%-34s %9.1f %9.1f %8.2f %9s\n' "$label" "$(echo "$end - $start" | bc)" \
-        "$(echo "$user + $system" | bc)" "$(echo "$kb / 1048576" | bc -l)" "${error:--}"
+    printf '%-34s %9.1f %9.1f %8.2f %9s %7s\n' "$label" "$(echo "$end - $start" | bc)" \
+        "$(echo "$user + $system" | bc)" "$(echo "$kb / 1048576" | bc -l)" "${error:--}" \
+        "${estimate:--}"
 }
 
 printf '%s\n' "FTLM targets, $(date -u '+%Y-%m-%d %H:%M UTC'), $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | xargs), nproc $(nproc), load $(cut -d' ' -f1-3 /proc/loadavg)"
-printf '%-34s %9s %9s %8s %9s\n' run "wall s" "CPU s" "peak GiB" "std error"
+printf '%-34s %9s %9s %8s %9s %7s\n' run "wall s" "CPU s" "peak GiB" "std error" "est s"
 ring ring18 18 1
 ring ring20 20 1
 ring fe8 8 5

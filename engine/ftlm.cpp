@@ -4,6 +4,7 @@
 #include <cmath>
 #include <complex>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <limits>
 #include <numeric>
@@ -809,6 +810,14 @@ struct Part {
     std::vector<int> sample;
 };
 
+// What the sketches of all blocks say of the whole spectrum at the first J values, at 64
+// temperatures from the lowest of the data to the highest, evenly in ln T: Z(T) e^(E0/T) and
+// the sum of M^2 e^(-(E - E0)/T), with E0 the lowest Ritz value of all.
+struct Sketched {
+    double e0 = std::numeric_limits<double>::infinity();
+    std::vector<double> t, z, m2;
+};
+
 // Under MPI: every process sends the parts it worked on (own(p)) to all the others, so that
 // each has them all, the same as one process alone would.
 void shareParts(std::vector<Part>& parts, const std::function<bool(std::size_t)>& own) {
@@ -849,6 +858,17 @@ void shareParts(std::vector<Part>& parts, const std::function<bool(std::size_t)>
 #endif
 }
 
+// Under MPI: the largest of every entry over the processes.
+void shareLongest(std::vector<int>& values) {
+#ifdef COREFIT_MPI
+    if (processes() <= 1) return;
+    MPI_Allreduce(MPI_IN_PLACE, values.data(), static_cast<int>(values.size()), MPI_INT, MPI_MAX,
+                  MPI_COMM_WORLD);
+#else
+    (void)values;
+#endif
+}
+
 // What the random vectors of a block need of its exact part at the current J values.
 template <class S> struct Exact {
     Matrix<S> vectors;              // the exact levels' eigenvectors
@@ -859,6 +879,11 @@ template <class S> struct Exact {
 };
 
 } // namespace
+
+struct FtlmSpectrum::Sketch {
+    Sketched all;
+    bool stepsKept = false; // the blocks' steps are decided
+};
 
 struct FtlmSpectrum::Sector {
     int twiceM = 0;
@@ -872,6 +897,7 @@ struct FtlmSpectrum::Block {
     Index n = 0;
     int exactCount = -1; // levels found exactly, decided at the first J values (-1: not yet)
     double limit = std::numeric_limits<double>::infinity(); // of the levels found exactly
+    int steps = 0; // of its random vectors' Lanczos runs, decided at the first J values (0: all)
     bool whole = false;  // diagonalised whole
     double cost = 0;     // estimated seconds
     int process = 0;     // of an MPI run, the one that works on it
@@ -964,6 +990,51 @@ void ritzPairs(std::vector<double> alpha, std::vector<double> beta, std::vector<
     for (std::size_t k = 0; k < values.size(); ++k) first.push_back(z[k * values.size()]);
 }
 
+// At the first J values, a random vector's Lanczos run ends as soon as more steps would change
+// its sums little: every checkEvery steps from fewestSteps on, its Ritz pairs' sums of
+// e^(-(E - E0)/T) (and of M^2 times that) at the sketch's temperatures are compared with those
+// checkEvery steps before, and the run ends when no sum moved by more than stepsShare of the
+// whole spectrum's. (Once a run's Ritz values resolve e^(-E/T) over its spectrum, its Gauss
+// quadrature converges faster than exponentially; the ends of the blocks' runs are kept for the
+// whole fit, so that the estimate stays a smooth function of J.)
+constexpr int fewestSteps = 20, checkEvery = 10;
+constexpr double stepsShare = 1e-9;
+class Converging {
+public:
+    Converging(const Sketched* all, int twiceM, std::size_t columns) : all_(all) {
+        if (!all_) return;
+        const double moment = twiceM * twiceM / 4.0;
+        for (std::size_t i = 0; i < all_->t.size(); ++i)
+            allowed_.push_back(stepsShare * (moment > 0 ? std::min(all_->z[i], all_->m2[i] / moment)
+                                                        : all_->z[i]));
+        last_.assign(columns, {});
+    }
+    // Whether the run of column c, its weight share and its steps so far (alpha, beta), has
+    // converged.
+    bool done(std::size_t c, double share, const std::vector<double>& alpha,
+              const std::vector<double>& beta) {
+        const auto m = static_cast<int>(alpha.size());
+        if (!all_ || m < fewestSteps || m % checkEvery != 0) return false;
+        std::vector<double> values, first;
+        ritzPairs(alpha, {beta.begin(), beta.begin() + (m - 1)}, values, first);
+        std::vector<double> sums(all_->t.size(), 0.0);
+        for (std::size_t i = 0; i < sums.size(); ++i)
+            for (std::size_t k = 0; k < values.size(); ++k)
+                sums[i] +=
+                    share * first[k] * first[k] * std::exp(-(values[k] - all_->e0) / all_->t[i]);
+        bool moved = last_[c].empty();
+        for (std::size_t i = 0; i < sums.size() && !moved; ++i)
+            moved = !(std::abs(sums[i] - last_[c][i]) <= allowed_[i]);
+        last_[c] = std::move(sums);
+        return !moved;
+    }
+
+private:
+    const Sketched* all_;
+    std::vector<double> allowed_;
+    std::vector<std::vector<double>> last_;
+};
+
 // The levels of the random vectors `samples` of a block, one part each: the part of the exact
 // levels they do not count themselves, and the Ritz pairs of Lanczos runs from them orthogonal to
 // those. The runs go side by side, one product of H for all of them at each step; each run is
@@ -971,7 +1042,8 @@ void ritzPairs(std::vector<double> alpha, std::vector<double> beta, std::vector<
 template <class S>
 void randomParts(const FtlmSpectrum::Block& block, const BlockOperator<S>& h, const Exact<S>& exact,
                  const std::vector<int>& samples, int vectors, const FtlmSettings& settings,
-                 const std::vector<Part*>& parts) {
+                 const std::vector<Part*>& parts, const Sketched* converge = nullptr,
+                 int* used = nullptr) {
     const Index n = h.dimension, length = h.length();
     const auto width = static_cast<Index>(samples.size());
     const auto columns = static_cast<std::size_t>(width);
@@ -1008,11 +1080,13 @@ void randomParts(const FtlmSpectrum::Block& block, const BlockOperator<S>& h, co
         }
         return;
     }
-    const int steps = static_cast<int>(std::min<Index>(settings.steps, n - exact.vectors.cols()));
+    const int most = block.steps > 0 ? std::min(block.steps, settings.steps) : settings.steps;
+    const int steps = static_cast<int>(std::min<Index>(most, n - exact.vectors.cols()));
     Rows<S> previous = Rows<S>::Zero(length, width);
     std::vector<std::vector<double>> alpha(columns), beta(columns);
     std::vector<double> norm(columns, 0.0), scale(columns, 0.0), dot(columns), square(columns);
     std::vector<char> active(columns, 1);
+    Converging converging(converge, block.twiceM, columns);
     for (int m = 0; m < steps; ++m) {
         h.apply(v, w);
         // alpha = v^H w, then w -= alpha v + beta previous, column by column in one pass each.
@@ -1030,7 +1104,8 @@ void randomParts(const FtlmSpectrum::Block& block, const BlockOperator<S>& h, co
             norm[c] = std::sqrt(square[c]);
             if (!active[c]) continue;
             scale[c] = std::max({scale[c], std::abs(alpha[c].back()), norm[c]});
-            if (m + 1 == steps || norm[c] < 1e-12 * scale[c])
+            if (m + 1 == steps || norm[c] < 1e-12 * scale[c] ||
+                converging.done(c, share[c], alpha[c], beta[c]))
                 active[c] = 0; // this run ends: its columns are zero from now on
             else
                 beta[c].push_back(norm[c]);
@@ -1046,6 +1121,7 @@ void randomParts(const FtlmSpectrum::Block& block, const BlockOperator<S>& h, co
         lanczosNext(w.data(), square.data(), length, width, v.data(), previous.data());
     }
     for (std::size_t c = 0; c < columns; ++c) {
+        if (used) *used = std::max(*used, static_cast<int>(alpha[c].size()));
         std::vector<double> values, first;
         ritzPairs(alpha[c], beta[c], values, first);
         for (std::size_t k = 0; k < values.size(); ++k) {
@@ -1074,43 +1150,43 @@ void sketch(const FtlmSpectrum::Block& block, const BlockOperator<S>& h,
 // of the sum of M^2 e^(-E/T) (chi T follows their ratio).
 constexpr double countingShare = 1e-3;
 
-// From the sketches of all blocks (M of block b: twiceM[b] / 2), the energy up to which the
-// levels of each block count: E0 + the largest T (ln(1/share) - ln z(T)) over the temperatures,
-// with z(T) the sketch's Z(T) e^(E0/T), and for M != 0 the same with M^2 / the sketch's sum of
-// M^2 e^(-(E - E0)/T). The temperatures: 64 from the lowest to the highest, evenly in ln T.
-std::vector<double> countingLimits(const std::vector<Part>& sketches,
-                                   const std::vector<int>& twiceM, double lowest, double highest) {
-    double e0 = std::numeric_limits<double>::infinity();
+// The whole spectrum from the sketches of all blocks (M of block b: twiceM[b] / 2).
+Sketched sketched(const std::vector<Part>& sketches, const std::vector<int>& twiceM, double lowest,
+                  double highest) {
+    Sketched all;
     for (const Part& part : sketches)
-        for (double e : part.energy) e0 = std::min(e0, e);
+        for (double e : part.energy) all.e0 = std::min(all.e0, e);
     constexpr int count = 64;
     highest = std::max(highest, lowest);
-    std::vector<double> t(count), z(count, 0.0), m2(count, 0.0);
+    all.z.assign(count, 0.0);
+    all.m2.assign(count, 0.0);
     for (int i = 0; i < count; ++i)
-        t[static_cast<std::size_t>(i)] = lowest * std::pow(highest / lowest, i / (count - 1.0));
+        all.t.push_back(lowest * std::pow(highest / lowest, i / (count - 1.0)));
     for (std::size_t b = 0; b < sketches.size(); ++b) {
         const double moment = twiceM[b] * twiceM[b] / 4.0;
         const Part& part = sketches[b];
         for (std::size_t l = 0; l < part.energy.size(); ++l)
-            for (std::size_t i = 0; i < t.size(); ++i) {
-                const double f = part.weight[l] * std::exp(-(part.energy[l] - e0) / t[i]);
-                z[i] += f;
-                m2[i] += f * moment;
+            for (std::size_t i = 0; i < all.t.size(); ++i) {
+                const double f = part.weight[l] * std::exp(-(part.energy[l] - all.e0) / all.t[i]);
+                all.z[i] += f;
+                all.m2[i] += f * moment;
             }
     }
-    const double share = std::log(1 / countingShare);
-    std::vector<double> limits;
-    for (int twice : twiceM) {
-        const double moment = twice * twice / 4.0;
-        double limit = -std::numeric_limits<double>::infinity();
-        for (std::size_t i = 0; i < t.size(); ++i) {
-            if (z[i] > 0) limit = std::max(limit, t[i] * (share - std::log(z[i])));
-            if (moment > 0 && m2[i] > 0)
-                limit = std::max(limit, t[i] * (share + std::log(moment / m2[i])));
-        }
-        limits.push_back(e0 + limit);
+    return all;
+}
+
+// The energy up to which the levels of a block of M = twiceM / 2 count: E0 + the largest
+// T (ln(1/share) - ln z(T)) over the temperatures, with z(T) = Z(T) e^(E0/T), and for M != 0
+// the same with M^2 / the sum of M^2 e^(-(E - E0)/T).
+double countingLimit(const Sketched& all, int twiceM) {
+    const double share = std::log(1 / countingShare), moment = twiceM * twiceM / 4.0;
+    double limit = -std::numeric_limits<double>::infinity();
+    for (std::size_t i = 0; i < all.t.size(); ++i) {
+        if (all.z[i] > 0) limit = std::max(limit, all.t[i] * (share - std::log(all.z[i])));
+        if (moment > 0 && all.m2[i] > 0)
+            limit = std::max(limit, all.t[i] * (share + std::log(moment / all.m2[i])));
     }
-    return limits;
+    return all.e0 + limit;
 }
 
 // The orbits of a sector and the rows of H on them.
@@ -1210,7 +1286,12 @@ FtlmBlockCost ftlmBlockCost(double n, double nonzeros, bool complex, const FtlmS
     const double product = factor * (nonzeros * 0.9e-9 + n * 3e-9);
     const double levels = std::min<double>(settings.exactLevels, n) + 2;
     const double search = ftlmSearchShare(settings) * levels * 70 * (product + factor * n * 3e-9);
-    const double steps = std::min<double>(settings.steps, n);
+    // Where the temperatures of the data are known, the runs end where they converge: on rings
+    // of 18 and 20 x S=1/2 and 8 to 10 x S=5/2 from 2 to 300 K after 30 to 40 of 100 steps.
+    const double steps = std::min<double>(
+        n, settings.lowestTemperature > 0
+               ? std::max(0.35 * settings.steps, std::min(settings.steps, 20) + 0.0)
+               : settings.steps);
     // The random vectors run side by side (several per pass over the rows): half the cost of
     // one at a time.
     const double lanczos =
@@ -1354,16 +1435,42 @@ void FtlmSpectrum::decideExactLevels(const std::vector<std::size_t>& mine) {
     shareParts(sketches, [&](std::size_t b) { return blocks_[b]->process == self; });
     std::vector<int> twiceM;
     for (const auto& block : blocks_) twiceM.push_back(block->twiceM);
-    const std::vector<double> limits =
-        countingLimits(sketches, twiceM, settings_.lowestTemperature, settings_.highestTemperature);
+    sketch_ = std::make_unique<Sketch>();
+    sketch_->all =
+        sketched(sketches, twiceM, settings_.lowestTemperature, settings_.highestTemperature);
     for (std::size_t b = 0; b < blocks_.size(); ++b) {
         Block& block = *blocks_[b];
         if (block.whole || block.exactCount >= 0) continue;
-        block.limit = limits[b];
+        block.limit = countingLimit(sketch_->all, block.twiceM);
         const std::vector<double>& e = sketches[b].energy;
         // The sketch's lowest Ritz value lies above the block's lowest level, by little.
-        if (!e.empty() && *std::min_element(e.begin(), e.end()) > limits[b]) block.exactCount = 0;
+        if (!e.empty() && *std::min_element(e.begin(), e.end()) > block.limit) block.exactCount = 0;
     }
+}
+
+std::string FtlmSpectrum::summary() const {
+    if (!sketch_) return {};
+    int exactBlocks = 0, exactLevels = 0, runBlocks = 0, fewest = 0, most = 0;
+    for (const auto& block : blocks_) {
+        if (block->whole) continue;
+        if (block->exactCount > 0) ++exactBlocks, exactLevels += block->exactCount;
+        if (block->steps <= 0) continue;
+        fewest = runBlocks++ == 0 ? block->steps : std::min(fewest, block->steps);
+        most = std::max(most, block->steps);
+    }
+    char steps[40];
+    if (fewest == most)
+        std::snprintf(steps, sizeof steps, "%d", most);
+    else
+        std::snprintf(steps, sizeof steps, "%d to %d", fewest, most);
+    char text[300];
+    std::snprintf(text, sizeof text,
+                  "FTLM at the temperatures of the data (%.4g to %.4g K): exact levels in %d of "
+                  "%zu blocks (%d levels); the random vectors' Lanczos runs converged after %s "
+                  "steps, kept for the whole fit",
+                  settings_.lowestTemperature, settings_.highestTemperature, exactBlocks,
+                  blocks_.size(), exactLevels, runBlocks > 0 ? steps : "no");
+    return text;
 }
 
 void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
@@ -1410,6 +1517,9 @@ void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
             (runs.empty() || tasks[runs.back()].first != tasks[t].first ||
              t - runs.back() == together))
             runs.push_back(t);
+    // At the first J values with the data's temperatures, the runs end where they converge, and
+    // each block keeps the longest of its runs for later J values.
+    std::vector<int> used(runs.size(), 0);
     parallelFor(static_cast<long>(runs.size()), threads_, stop_, [&](long at) {
         const std::size_t first = runs[static_cast<std::size_t>(at)];
         const std::size_t b = tasks[first].first;
@@ -1421,18 +1531,36 @@ void FtlmSpectrum::levels(const std::vector<double>& jKelvin, Levels& out) {
             into.push_back(&sampled[t]);
         }
         const Block& block = *blocks_[b];
+        const Sketched* converge = sketch_ && !sketch_->stepsKept ? &sketch_->all : nullptr;
+        int* steps = &used[static_cast<std::size_t>(at)];
         if (block.real)
-            randomParts(block, *block.real, block.exactReal, samples, vectors, settings_, into);
+            randomParts(block, *block.real, block.exactReal, samples, vectors, settings_, into,
+                        converge, steps);
         else
             randomParts(block, *block.complex, block.exactComplex, samples, vectors, settings_,
-                        into);
+                        into, converge, steps);
     });
+    if (sketch_ && !sketch_->stepsKept) {
+        std::vector<int> longest(count, 0);
+        for (std::size_t at = 0; at < runs.size(); ++at) {
+            int& b = longest[tasks[runs[at]].first];
+            b = std::max(b, used[at]);
+        }
+        shareLongest(longest);
+        for (std::size_t b = 0; b < count; ++b) blocks_[b]->steps = longest[b];
+        sketch_->stepsKept = true;
+    }
     // Every level with the M of its block.
     std::vector<Part> parts = std::move(exactParts);
     for (Part& part : sampled) parts.push_back(std::move(part));
     shareParts(parts, [&](std::size_t p) {
         return blocks_[p < count ? p : tasks[p - count].first]->process == self;
     });
+    // Every process knows from now on how many levels of every block are exact (the same
+    // everywhere, so that all of them take the same paths at later J values).
+    for (std::size_t b = 0; b < count; ++b)
+        if (!blocks_[b]->whole && blocks_[b]->exactCount < 0)
+            blocks_[b]->exactCount = static_cast<int>(parts[b].energy.size());
     std::vector<double> twiceMOf;
     for (const auto& block : blocks_) twiceMOf.push_back(block->twiceM);
     for (std::size_t t = 0; t < tasks.size(); ++t)

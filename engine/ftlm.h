@@ -28,7 +28,10 @@
 // counts where at some temperature of the data it holds more than a thousandth of either (of the
 // second only in blocks of M != 0). A block keeps exact at most exactLevels of the levels that
 // count, and none when even its lowest does not: the levels of large M, and those far above the
-// lowest in a large cluster, are left to the random vectors, which carry them well there.
+// lowest in a large cluster, are left to the random vectors, which carry them well there. The
+// same sketch also ends the random vectors' Lanczos runs early at the first J values, where more
+// steps would change their sums at those temperatures by less than 1e-9 of the whole; each block
+// keeps the longest of its runs for later J values.
 #pragma once
 
 #include <cstdint>
@@ -45,7 +48,7 @@ struct Levels;
 
 struct FtlmSettings {
     int vectors = 20;        // random vectors per block
-    int steps = 100;         // Lanczos steps per random vector
+    int steps = 100;         // Lanczos steps per random vector, at most (see FtlmSpectrum)
     int exactLevels = 8;     // lowest levels of a block found exactly, at most (fewer at a
                              // degenerate group, or where they do not count: see FtlmSpectrum)
     long denseLimit = 2000;  // blocks up to this size are diagonalised whole
@@ -99,9 +102,13 @@ public:
     // Random vectors per block from now on: the first ones stay the same, more are added after
     // them (or the last ones dropped); the exact levels stay as they are.
     void setVectors(int vectors) { settings_.vectors = vectors; }
+    // After the first call with the data's temperatures: what it decided for the whole fit
+    // (blocks with exact levels, the steps of the Lanczos runs); empty without temperatures.
+    std::string summary() const;
 
     struct Block;
     struct Sector;
+    struct Sketch;
 
 private:
     // At the first J values: which levels of every block are found exactly (see above); mine:
@@ -115,6 +122,7 @@ private:
     std::vector<int> usedJ_;
     std::vector<std::unique_ptr<Sector>> sectors_;
     std::vector<std::unique_ptr<Block>> blocks_;
+    std::unique_ptr<Sketch> sketch_; // the whole spectrum sketched at the first J values
 };
 
 } // namespace corefit

@@ -672,6 +672,8 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
         outcome.chiDeviation = sets.chi;
         outcome.magnetisationDeviation = sets.magnetisation;
     }
+    if (plan.method == Method::Ftlm && !spectrum.ftlmSummary().empty())
+        log.line("%s", spectrum.ftlmSummary().c_str());
     if (plan.method == Method::Ftlm && !outcome.calculated.empty())
         outcome.note = ftlmErrorNote(problem, model, outcome, spectrum.plan().ftlm.vectors, log);
     if (result.correlation.size() > 0 &&
@@ -981,7 +983,8 @@ int main(int argc, char** argv) {
                    "FTLM: random vectors per block (default 20)")
         ->check(CLI::Range(2, 10000));
     app.add_option("--ftlm-steps", options.ftlm.steps,
-                   "FTLM: Lanczos steps per random vector (default 100)")
+                   "FTLM: Lanczos steps per random vector, at most (default 100; fewer where the "
+                   "temperatures of the data need fewer)")
         ->check(CLI::Range(10, 10000));
     app.add_option("--ftlm-exact", options.ftlm.exactLevels,
                    "FTLM: lowest levels of a block found exactly, at most (default 8; only those "

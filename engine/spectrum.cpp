@@ -1030,6 +1030,8 @@ Spectrum::Spectrum(const SpinSystem& system, const Plan& plan, int threads, cons
 
 Spectrum::~Spectrum() = default;
 
+std::string Spectrum::ftlmSummary() const { return ftlm_ ? ftlm_->summary() : std::string(); }
+
 void Spectrum::setFtlmVectors(int vectors) {
     if (!ftlm_) return;
     ftlm_->setVectors(vectors);

@@ -126,6 +126,8 @@ public:
 
     // FTLM: random vectors per block from now on (see FtlmSpectrum::setVectors).
     void setFtlmVectors(int vectors);
+    // FTLM: what the first spectrum decided for the whole fit (see FtlmSpectrum::summary).
+    std::string ftlmSummary() const;
 
     int diagonalisations() const { return diagonalisations_; }
     bool exactSlopes() const { return plan_.method != Method::Ftlm; }
