@@ -61,9 +61,9 @@ measure "20 x 1/2 new (20 vectors)" "$work/ring20" "$new" --method ftlm
 measure "20 x 1/2 new (4 vectors)" "$work/ring20" "$new" --method ftlm --ftlm-vectors 4
 measure "8 x 5/2 new (4 vectors)" "$work/fe8" "$new" --method ftlm --ftlm-vectors 4
 if [ -n "$mpi" ]; then
-    measure "20 x 1/2 new, 1 process, 1 thread" "$work/ring20" "$mpi" --method ftlm --ftlm-vectors 4 --threads 1
-    measure "20 x 1/2 new, 1 process, 2 threads" "$work/ring20" "$mpi" --method ftlm --ftlm-vectors 4
-    measure "20 x 1/2 new, mpirun -np 2" "$work/ring20" mpirun --allow-run-as-root -np 2 "$mpi" --method ftlm --ftlm-vectors 4 --threads 1
+    measure "20 x 1/2 new, 1 process, 1 thread" "$work/ring20" "$mpi" --method ftlm --threads 1
+    measure "20 x 1/2 new, 1 process, 2 threads" "$work/ring20" "$mpi" --method ftlm
+    measure "20 x 1/2 new, mpirun -np 2" "$work/ring20" mpirun --allow-run-as-root -np 2 "$mpi" --method ftlm --threads 1
 fi
 if [ "$large" = "--large" ]; then
     ring fe10 10 5

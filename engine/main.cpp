@@ -887,9 +887,7 @@ int run(const Options& options) {
     Plan plan = planned(method);
     std::string refusal = beyondLimits(plan);
     if (method == Method::Automatic) {
-        // By time: the exact spectrum unless FTLM (at its settings) is estimated more than twice
-        // as fast, the precision of the estimates, and the exact run takes more than 10 s; FTLM
-        // whenever the exact spectrum is beyond the limits.
+        // By time (ftlmFasterEnough), and FTLM whenever the exact spectrum is beyond the limits.
         const Plan ftlm = planned(Method::Ftlm);
         const std::string ftlmRefusal = beyondLimits(ftlm);
         const double exactSeconds = estimatedSeconds(plan, freeJ),
@@ -901,7 +899,7 @@ int run(const Options& options) {
                      refusal.c_str());
             plan = ftlm;
             refusal = ftlmRefusal;
-        } else if (ftlmRefusal.empty() && exactSeconds > 10 && exactSeconds > 2 * ftlmSeconds) {
+        } else if (ftlmRefusal.empty() && ftlmFasterEnough(exactSeconds, ftlmSeconds)) {
             log.line("finite-temperature Lanczos: estimated %.3g times faster than the exact "
                      "spectrum",
                      exactSeconds / ftlmSeconds);

@@ -1169,6 +1169,10 @@ double estimatedSeconds(const Plan& plan, int freeJ) {
                                           : 25 * plan.secondsPerSlopes);
 }
 
+bool ftlmFasterEnough(double exactSeconds, double ftlmSeconds) {
+    return exactSeconds > 60 && exactSeconds > 2 * ftlmSeconds;
+}
+
 std::vector<int> usedJValues(const SpinSystem& system) {
     std::vector<int> used;
     for (const Bond& bond : system.bonds)

@@ -94,6 +94,11 @@ struct Plan {
 // each of some 25 iterations (FTLM: one more spectrum per free J instead).
 double estimatedSeconds(const Plan& plan, int freeJ);
 
+// The automatic choice by time, where the exact spectrum is within the limits: FTLM only when
+// the exact run is estimated at more than a minute and FTLM more than twice as fast (the
+// estimates' precision). A shorter exact run is kept, as it has no sampling error.
+bool ftlmFasterEnough(double exactSeconds, double ftlmSeconds);
+
 // The J numbers the bonds use, ascending, each once.
 std::vector<int> usedJValues(const SpinSystem& system);
 
