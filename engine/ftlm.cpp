@@ -45,6 +45,18 @@ void zgemm_(const char* transa, const char* transb, const int* m, const int* n, 
 
 namespace corefit {
 
+// The processes of an MPI run (one without MPI, or when MPI is not initialised).
+int ftlmProcesses() {
+#ifdef COREFIT_MPI
+    int initialised = 0, size = 1;
+    MPI_Initialized(&initialised);
+    if (initialised) MPI_Comm_size(MPI_COMM_WORLD, &size);
+    return size;
+#else
+    return 1;
+#endif
+}
+
 namespace {
 
 using Index = Eigen::Index;
@@ -782,22 +794,10 @@ std::size_t runSize(std::size_t vectors) {
     return (vectors + runs - 1) / std::max<std::size_t>(runs, 1);
 }
 
-// The processes of an MPI run (one without MPI, or when MPI is not initialised) and this one's
-// number.
-int processes() {
-#ifdef COREFIT_MPI
-    int initialised = 0, size = 1;
-    MPI_Initialized(&initialised);
-    if (initialised) MPI_Comm_size(MPI_COMM_WORLD, &size);
-    return size;
-#else
-    return 1;
-#endif
-}
 int thisProcess() {
 #ifdef COREFIT_MPI
     int rank = 0;
-    if (processes() > 1) MPI_Comm_rank(MPI_COMM_WORLD, &rank);
+    if (ftlmProcesses() > 1) MPI_Comm_rank(MPI_COMM_WORLD, &rank);
     return rank;
 #else
     return 0;
@@ -822,7 +822,7 @@ struct Sketched {
 // each has them all, the same as one process alone would.
 void shareParts(std::vector<Part>& parts, const std::function<bool(std::size_t)>& own) {
 #ifdef COREFIT_MPI
-    const int size = processes();
+    const int size = ftlmProcesses();
     if (size <= 1) return;
     // Each part as its number, its length, then energies, weights and random vectors.
     std::vector<double> buffer;
@@ -861,7 +861,7 @@ void shareParts(std::vector<Part>& parts, const std::function<bool(std::size_t)>
 // Under MPI: the largest of every entry over the processes.
 void shareLongest(std::vector<int>& values) {
 #ifdef COREFIT_MPI
-    if (processes() <= 1) return;
+    if (ftlmProcesses() <= 1) return;
     MPI_Allreduce(MPI_IN_PLACE, values.data(), static_cast<int>(values.size()), MPI_INT, MPI_MAX,
                   MPI_COMM_WORLD);
 #else
@@ -1415,7 +1415,7 @@ FtlmSpectrum::FtlmSpectrum(const SpinSystem& system, const FtlmSettings& setting
     for (auto& block : blocks_) byCost.push_back(block.get());
     std::stable_sort(byCost.begin(), byCost.end(),
                      [](const Block* x, const Block* y) { return x->cost > y->cost; });
-    std::vector<double> load(static_cast<std::size_t>(processes()), 0.0);
+    std::vector<double> load(static_cast<std::size_t>(ftlmProcesses()), 0.0);
     for (Block* block : byCost) {
         const auto least = std::min_element(load.begin(), load.end()) - load.begin();
         block->process = static_cast<int>(least);

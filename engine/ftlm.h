@@ -77,6 +77,9 @@ FtlmSizes ftlmSizes(const SpinSystem& system, bool symmetry = true);
 // are known, only the blocks whose levels count there search (some 0.4 of the work on rings).
 double ftlmSearchShare(const FtlmSettings& settings);
 
+// The processes of an MPI run (1 without MPI): FTLM's blocks are split over them.
+int ftlmProcesses();
+
 // The estimated cost of one block on one thread: seconds per spectrum, and whether it is
 // diagonalised whole (at most denseLimit states, and cheaper so than by Lanczos). n: its
 // dimension; nonzeros: of its rows; complex: a complex block.

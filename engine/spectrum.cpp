@@ -554,7 +554,8 @@ Plan planFtlm(const SpinSystem& system, Plan plan) {
         seconds += cost.seconds;
         longest = std::max(longest, cost.seconds);
     }
-    plan.secondsPerSpectrum = std::max(seconds / plan.threads, longest);
+    // Under MPI every process takes whole blocks with its threads.
+    plan.secondsPerSpectrum = std::max(seconds / (plan.threads * ftlmProcesses()), longest);
     plan.secondsPerSlopes = plan.secondsPerSpectrum; // J slopes by differences: one more per J
     plan.bytes = 16.0 * 1024 * 1024 + stored + plan.threads * working;
     return plan;
