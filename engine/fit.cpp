@@ -289,14 +289,20 @@ private:
             report(iterations_, current_, accepted_.parameters);
             if (current_ == 0) return FitStatus::Converged;
 
-            // A step cut short by rejected trials can lower D only a little while the minimum
-            // is still far: then the small decrease has to be confirmed by the next step. A small
-            // decrease where the gradient is not small is a plateau or a curved valley: the search
-            // goes on, and gives up after plateauSteps such steps in a row.
+            // At the minimum, whatever the last decrease, where the Gauss-Newton step from the
+            // accepted point would change no parameter in its ninth digit and lower D by no more
+            // than the offset limit allows: near a D of 0 the decreases are rounding and say
+            // nothing. Otherwise a step cut short by rejected trials can lower D only a little
+            // while the minimum is still far: then the small decrease has to be confirmed by the
+            // next step. A small decrease where the gradient is not small is a plateau or a curved
+            // valley: the search goes on, and gives up after plateauSteps such steps in a row.
             const bool small = previous - current_ < options_.tolerance * previous;
             const bool clean = fdf.nevalf - trialsBefore == 1;
+            const GaussNewton step = gaussNewton(accepted_);
+            const bool offsetSmall = step.offset <= offsetLimit(options_.tolerance);
+            if (step.negligible && offsetSmall) return FitStatus::Converged;
             if (small && (clean || previousSmall)) {
-                if (atMinimum(accepted_)) return FitStatus::Converged;
+                if (step.negligible || offsetSmall) return FitStatus::Converged;
                 if (++flatSteps >= plateauSteps) return FitStatus::Plateau;
             } else if (!small) {
                 flatSteps = 0;

@@ -1,5 +1,9 @@
 #include <atomic>
 #include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
 #include <utility>
@@ -114,6 +118,35 @@ TEST(FitLeastSquares, RecoversAnExponentialDecayReportingEveryAcceptedStep) {
         EXPECT_EQ(rec.parameters.back(), result.parameters);
         EXPECT_EQ(d.back(), result.deviation);
     }
+}
+
+TEST(FitLeastSquares, EndsWhereDataWithoutNoiseLeaveOnlyRounding) {
+    // Calculated values written with eight digits, fitted by a model whose values carry rounding
+    // of its own that moves with the parameters: the decreases of D near its floor say nothing.
+    const Values truth{5.0, 0.4, 1.0};
+    CurveModel model = decay(truth, 0);
+    model.observed = model.observed.unaryExpr([](double v) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%.8g", v);
+        return std::strtod(text, nullptr);
+    });
+    const Curve exact = model.y;
+    model.y = [exact](double t, const Values& p, int k) {
+        const double v = exact(t, p, k);
+        if (k >= 0) return v;
+        // A hash of the parameters' bits and t: the rounding of a model, within 5e-14 of v.
+        const double mixed = p[0] + 3 * p[1] + 7 * p[2] + 13 * t;
+        std::uint64_t bits = 0;
+        std::memcpy(&bits, &mixed, sizeof bits);
+        bits *= 0x9e3779b97f4a7c15u;
+        bits ^= bits >> 29;
+        return v * (1 + 1e-13 * (static_cast<double>(bits >> 11) * 0x1p-53 - 0.5));
+    };
+    const FitResult result = fitLeastSquares(model, {{3, 0.5}, {1, 0.1}, {0, 0.5}}, {});
+    ASSERT_EQ(result.status, FitStatus::Converged) << result.message;
+    for (std::size_t k = 0; k < 3; ++k) EXPECT_NEAR(result.parameters[k], truth[k], 1e-6);
+    // No trials rejected one after another at the floor: about one evaluation per iteration.
+    EXPECT_LE(model.calls, result.iterations + 8) << result.iterations << " iterations";
 }
 
 TEST(FitLeastSquares, MatchesLinearRegressionWithAFixedParameterAndANegativeStep) {
