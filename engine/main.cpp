@@ -968,7 +968,8 @@ int main(int argc, char** argv) {
     app.add_option("-t,--threads", options.threads, "threads to use (default: all cores)")
         ->check(CLI::Range(1, 256));
     app.add_option("--method", options.method,
-                   "automatic (exact if within the limits, else ftlm), exact (S blocks split by "
+                   "automatic (by the estimates: exact, or ftlm when exact is beyond the limits or "
+                   "over a minute and more than twice as slow), exact (S blocks split by "
                    "symmetry; refused beyond the limits), ftlm (finite-temperature Lanczos), "
                    "s-blocks, m-blocks (total M blocks) or full (one dense matrix)")
         ->check(CLI::IsMember({"automatic", "exact", "ftlm", "s-blocks", "m-blocks", "full"}));
