@@ -1294,7 +1294,7 @@ FtlmBlockCost ftlmBlockCost(double n, double nonzeros, bool complex, const FtlmS
     // of 18 and 20 x S=1/2 and 8 to 10 x S=5/2 from 2 to 300 K after 30 to 40 of 100 steps.
     const double steps = std::min<double>(
         n, settings.lowestTemperature > 0
-               ? std::max(0.35 * settings.steps, std::min(settings.steps, 20) + 0.0)
+               ? std::max(0.35 * settings.steps, std::min<double>(settings.steps, 20))
                : settings.steps);
     // The random vectors run side by side (several per pass over the rows): half the cost of
     // one at a time.

@@ -74,7 +74,7 @@ struct FtlmSizes {
 FtlmSizes ftlmSizes(const SpinSystem& system, bool symmetry = true);
 
 // How much of the search for exact levels a plan counts on: where the temperatures of the data
-// are known, only the blocks whose levels count there search (some 0.4 of the work on rings).
+// are known, only the blocks whose levels count there search (0.1 to 0.5 of the work on rings).
 double ftlmSearchShare(const FtlmSettings& settings);
 
 // The processes of an MPI run (1 without MPI): FTLM's blocks are split over them.

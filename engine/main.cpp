@@ -105,12 +105,8 @@ std::string ftlmSymmetryText(const SpinSystem& system, const FtlmSettings& setti
     std::string text = sizes.order > 1 ? "M sectors split by the characters of " + sizes.symmetry +
                                              ", order " + std::to_string(sizes.order)
                                        : "M sectors not split by symmetry";
-#ifdef COREFIT_MPI
-    int processes = 1;
-    MPI_Comm_size(MPI_COMM_WORLD, &processes);
-    if (processes > 1)
+    if (const int processes = ftlmProcesses(); processes > 1)
         text += "; blocks split over " + std::to_string(processes) + " MPI processes";
-#endif
     return text;
 }
 
@@ -672,8 +668,8 @@ int fitAndWrite(const Options& options, Log& log, Run& run, const Problem& probl
         outcome.chiDeviation = sets.chi;
         outcome.magnetisationDeviation = sets.magnetisation;
     }
-    if (plan.method == Method::Ftlm && !spectrum.ftlmSummary().empty())
-        log.line("%s", spectrum.ftlmSummary().c_str());
+    if (const std::string decided = spectrum.ftlmSummary(); !decided.empty())
+        log.line("%s", decided.c_str());
     if (plan.method == Method::Ftlm && !outcome.calculated.empty())
         outcome.note = ftlmErrorNote(problem, model, outcome, spectrum.plan().ftlm.vectors, log);
     if (result.correlation.size() > 0 &&
